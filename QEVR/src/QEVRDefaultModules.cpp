@@ -1,0 +1,28 @@
+#include <QEVR/QEVR.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+using ModuleMaker = std::function<std::shared_ptr<QEVRModule>()>;
+
+// The built-in modules in dependency order: each one's start may rely on
+// every module before it. This list is the one place that grows with them.
+std::vector<ModuleMaker> defaultModuleMakers() { return {}; }
+
+}  // namespace
+
+void QEVRRegisterDefaultModules() {
+  // Serialises concurrent callers so that the check-then-register below
+  // cannot register a module twice.
+  static std::mutex registering;
+  std::lock_guard guard(registering);
+  QEVRModuleRegistry& registry = QEVRRuntimeStore::shared().moduleRegistry();
+  for (const ModuleMaker& make : defaultModuleMakers()) {
+    std::shared_ptr<QEVRModule> module = make();
+    if (!registry.contains(module->identifier())) registry.registerModule(std::move(module));
+  }
+}

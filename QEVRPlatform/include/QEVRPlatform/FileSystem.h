@@ -1,0 +1,110 @@
+// Files, as the rest of QEVR sees them.
+//
+// Modules never open a file themselves: they go through a FileSystem, which
+// they are given (or take the process default of). A FileSystemWrapper lets a
+// test fake override one operation, e.g. to fail fsync or run out of space.
+//
+// Errors: operations throw std::system_error carrying errno and the path.
+// Thread safety: the default implementation has no state and may be used from
+// any thread at once.
+#pragma once
+
+#include <QEVRPlatform/Export.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace qevr {
+
+class QEVR_API FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+
+  // The process default (POSIX on Linux and macOS). Lives forever.
+  static FileSystem& defaultFileSystem();
+
+  // The user's application-support directory: the override if one is set,
+  // else $XDG_DATA_HOME, else $HOME/.local/share (Linux), or
+  // ~/Library/Application Support (macOS). Absent when none can be found.
+  virtual std::optional<std::filesystem::path> applicationSupportDirectory();
+
+  virtual bool exists(const std::filesystem::path& path);
+  virtual bool isDirectory(const std::filesystem::path& path);
+
+  // Creates the directory and any missing parents. Existing ones are fine.
+  virtual void createDirectories(const std::filesystem::path& path);
+
+  // Reads a whole regular file. Fails with EFBIG, before reading, when the
+  // file is larger than `maxBytes`.
+  virtual std::vector<std::uint8_t> readFile(const std::filesystem::path& path,
+                                             std::uint64_t maxBytes);
+
+  // Replaces `path` with `bytes` in one step: the bytes go to a temporary
+  // file in the same directory (never with the target's extension), are
+  // flushed with fsync, and the temporary is renamed over the target. A
+  // reader sees the old file or the new one, never part of either. On
+  // failure the temporary is removed and the old file stays whole.
+  virtual void writeFileAtomically(const std::filesystem::path& path,
+                                   std::span<const std::uint8_t> bytes);
+
+  // The direct children of a directory, hidden ones included, in no order.
+  virtual std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& path);
+
+  // Every file and directory below `root`, recursively, without following
+  // symbolic links. Empty when `root` does not exist.
+  virtual std::vector<std::filesystem::path> walk(const std::filesystem::path& root);
+
+  // The logical size of a file or directory entry; absent if unreadable.
+  virtual std::optional<std::uint64_t> fileSize(const std::filesystem::path& path);
+
+  // Removes a file, or a directory with everything below it. A path that
+  // does not exist is an error (ENOENT).
+  virtual void removeItem(const std::filesystem::path& path);
+};
+
+// Forwards every call to another FileSystem; override what you need.
+class QEVR_API FileSystemWrapper : public FileSystem {
+ public:
+  explicit FileSystemWrapper(FileSystem& target) : base(target) {}
+
+  std::optional<std::filesystem::path> applicationSupportDirectory() override {
+    return base.applicationSupportDirectory();
+  }
+  bool exists(const std::filesystem::path& p) override { return base.exists(p); }
+  bool isDirectory(const std::filesystem::path& p) override { return base.isDirectory(p); }
+  void createDirectories(const std::filesystem::path& p) override { base.createDirectories(p); }
+  std::vector<std::uint8_t> readFile(const std::filesystem::path& p,
+                                     std::uint64_t maxBytes) override {
+    return base.readFile(p, maxBytes);
+  }
+  void writeFileAtomically(const std::filesystem::path& p,
+                           std::span<const std::uint8_t> bytes) override {
+    base.writeFileAtomically(p, bytes);
+  }
+  std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& p) override {
+    return base.listDirectory(p);
+  }
+  std::vector<std::filesystem::path> walk(const std::filesystem::path& p) override {
+    return base.walk(p);
+  }
+  std::optional<std::uint64_t> fileSize(const std::filesystem::path& p) override {
+    return base.fileSize(p);
+  }
+  void removeItem(const std::filesystem::path& p) override { base.removeItem(p); }
+
+ protected:
+  FileSystem& target() { return base; }
+
+ private:
+  FileSystem& base;
+};
+
+// Process-wide override of the application-support directory, for tools and
+// tests; absent restores the platform's answer. Thread-safe.
+QEVR_API void setApplicationSupportDirectoryOverride(std::optional<std::filesystem::path> dir);
+QEVR_API std::optional<std::filesystem::path> applicationSupportDirectoryOverride();
+
+}  // namespace qevr

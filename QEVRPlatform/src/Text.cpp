@@ -1,0 +1,409 @@
+#include <QEVRPlatform/Text.h>
+
+#include <unicode/brkiter.h>
+#include <unicode/bytestream.h>
+#include <unicode/casemap.h>
+#include <unicode/locid.h>
+#include <unicode/normalizer2.h>
+#include <unicode/regex.h>
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+#include <unicode/utext.h>
+#include <unicode/utypes.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+namespace qevr::text {
+namespace {
+
+constexpr char32_t kReplacementCharacter = 0xFFFD;
+
+struct Decoded {
+  char32_t codePoint;
+  std::size_t length;  // bytes consumed; for an ill-formed sequence, its maximal subpart
+  bool valid;
+};
+
+// Decodes the sequence starting at text[i] following the table of
+// well-formed UTF-8 byte sequences: the second byte's range depends on the
+// lead byte (it excludes overlong forms, surrogates and values above
+// U+10FFFF), later bytes are plain continuation bytes. When a byte does not
+// fit, everything before it is one maximal subpart.
+// REQUIRES: i < text.size().
+Decoded decodeAt(std::string_view text, std::size_t i) {
+  const auto lead = static_cast<unsigned char>(text[i]);
+  if (lead < 0x80) return {lead, 1, true};
+  std::size_t continuationBytes = 0;
+  char32_t codePoint = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    continuationBytes = 1;
+    codePoint = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    continuationBytes = 2;
+    codePoint = lead & 0x0F;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    continuationBytes = 3;
+    codePoint = lead & 0x07;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    return {kReplacementCharacter, 1, false};
+  }
+  for (std::size_t j = 1; j <= continuationBytes; ++j) {
+    if (i + j >= text.size()) return {kReplacementCharacter, j, false};
+    const auto byte = static_cast<unsigned char>(text[i + j]);
+    if (byte < low || byte > high) return {kReplacementCharacter, j, false};
+    codePoint = (codePoint << 6) | (byte & 0x3F);
+    low = 0x80;
+    high = 0xBF;
+  }
+  return {codePoint, continuationBytes + 1, true};
+}
+
+// Index of the first byte >= 0x80, or text.size(). Most host strings are
+// ASCII, so this runs eight bytes at a time.
+std::size_t firstNonAscii(std::string_view text) {
+  std::size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    if ((word & 0x8080808080808080ULL) != 0) break;
+  }
+  for (; i < text.size(); ++i) {
+    if (static_cast<unsigned char>(text[i]) >= 0x80) return i;
+  }
+  return i;
+}
+
+bool isAsciiWhitespaceOrNewline(unsigned char c) { return c == ' ' || (c >= 0x09 && c <= 0x0D); }
+
+// ICU takes 32-bit lengths.
+icu::StringPiece toPiece(std::string_view text) {
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+    throw std::length_error("qevr::text: string too long for ICU");
+  }
+  return {text.data(), static_cast<std::int32_t>(text.size())};
+}
+
+[[noreturn]] void throwIcuFailure(const char* what, UErrorCode status) {
+  if (status == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
+  throw std::runtime_error(std::string("qevr::text: ") + what + " failed: " + u_errorName(status));
+}
+
+// Holds the repaired copy of ill-formed input so that ICU sees valid UTF-8
+// and the caller can keep working with a view.
+class ValidText {
+ public:
+  explicit ValidText(std::string_view text) : view(text) {
+    if (!isValidUtf8(text)) {
+      repaired = repairUtf8(text);
+      view = repaired;
+    }
+  }
+  ValidText(const ValidText&) = delete;
+  ValidText& operator=(const ValidText&) = delete;
+  std::string_view get() const { return view; }
+
+ private:
+  std::string repaired;
+  std::string_view view;
+};
+
+// ---- Grapheme clusters ----
+
+// One character break iterator per thread: making one loads and compiles
+// ICU's rule tables (tens of microseconds), far more than iterating a name.
+// setText() rebinds it to each new string.
+icu::BreakIterator& threadBreakIterator() {
+  thread_local std::unique_ptr<icu::BreakIterator> iterator = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::BreakIterator> made(
+        icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+    if (U_FAILURE(status) || !made) throwIcuFailure("creating a character break iterator", status);
+    return made;
+  }();
+  return *iterator;
+}
+
+struct ClusterWalk {
+  std::size_t clusters = 0;
+  std::size_t bytes = 0;  // length of the prefix holding `clusters` clusters
+};
+
+// Walks at most `limit` clusters of `text` with ICU.
+ClusterWalk walkClustersWithIcu(std::string_view text, std::size_t limit) {
+  ClusterWalk walk;
+  if (text.empty() || limit == 0) return walk;
+  icu::BreakIterator& iterator = threadBreakIterator();
+  UErrorCode status = U_ZERO_ERROR;
+  UText utext = UTEXT_INITIALIZER;
+  utext_openUTF8(&utext, text.data(), static_cast<std::int64_t>(text.size()), &status);
+  iterator.setText(&utext, status);
+  // The iterator keeps its own shallow clone of `utext`, pointing at
+  // `text`; it is not used again before the next setText.
+  utext_close(&utext);
+  if (U_FAILURE(status)) throwIcuFailure("setting break iterator text", status);
+  iterator.first();
+  while (walk.clusters < limit) {
+    const std::int32_t next = iterator.next();
+    if (next == icu::BreakIterator::DONE) break;
+    ++walk.clusters;
+    walk.bytes = static_cast<std::size_t>(next);
+  }
+  return walk;
+}
+
+// Boundaries between two ASCII characters are certain, except between CR
+// and LF: combining marks, ZWJ and the other extenders only ever attach to
+// the character before them, and no ASCII character is a prefix or an
+// extended pictographic. So an ASCII run can be counted byte by byte, up to
+// its last character (which a following mark may still extend), and ICU
+// takes over from there.
+ClusterWalk walkClusters(std::string_view text, std::size_t limit) {
+  const std::size_t nonAscii = firstNonAscii(text);
+  std::size_t asciiEnd = text.size();
+  if (nonAscii < text.size()) {
+    asciiEnd = nonAscii > 0 ? nonAscii - 1 : 0;
+    if (asciiEnd > 0 && text[asciiEnd - 1] == '\r' && text[asciiEnd] == '\n') --asciiEnd;
+  }
+  ClusterWalk walk;
+  while (walk.bytes < asciiEnd) {
+    if (walk.clusters == limit) return walk;
+    const bool crlf =
+        text[walk.bytes] == '\r' && walk.bytes + 1 < text.size() && text[walk.bytes + 1] == '\n';
+    walk.bytes += crlf ? 2 : 1;
+    ++walk.clusters;
+  }
+  if (walk.bytes == text.size()) return walk;
+  const ClusterWalk rest = walkClustersWithIcu(text.substr(walk.bytes), limit - walk.clusters);
+  walk.clusters += rest.clusters;
+  walk.bytes += rest.bytes;
+  return walk;
+}
+
+}  // namespace
+
+bool isValidUtf8(std::string_view text) {
+  std::size_t i = firstNonAscii(text);
+  while (i < text.size()) {
+    if (static_cast<unsigned char>(text[i]) < 0x80) {
+      ++i;
+      continue;
+    }
+    const Decoded decoded = decodeAt(text, i);
+    if (!decoded.valid) return false;
+    i += decoded.length;
+  }
+  return true;
+}
+
+std::string repairUtf8(std::string_view text) {
+  std::size_t i = firstNonAscii(text);
+  std::string out(text.substr(0, i));
+  out.reserve(text.size());
+  while (i < text.size()) {
+    const Decoded decoded = decodeAt(text, i);
+    if (decoded.valid) {
+      out.append(text.substr(i, decoded.length));
+    } else {
+      appendUtf8(out, kReplacementCharacter);
+    }
+    i += decoded.length;
+  }
+  return out;
+}
+
+std::string normalizeNFC(std::string_view text) {
+  if (firstNonAscii(text) == text.size()) return std::string(text);
+  const ValidText valid(text);
+  UErrorCode status = U_ZERO_ERROR;
+  const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
+  if (U_FAILURE(status)) throwIcuFailure("loading NFC data", status);
+  const icu::StringPiece piece = toPiece(valid.get());
+  if (nfc->isNormalizedUTF8(piece, status) && U_SUCCESS(status)) return std::string(valid.get());
+  status = U_ZERO_ERROR;
+  std::string out;
+  out.reserve(valid.get().size());
+  icu::StringByteSink<std::string> sink(&out);
+  nfc->normalizeUTF8(0, piece, sink, nullptr, status);
+  if (U_FAILURE(status)) throwIcuFailure("NFC normalisation", status);
+  return out;
+}
+
+// normalizeNFC repairs ill-formed input before normalising, which is
+// exactly the boundary treatment.
+std::string hostText(std::string_view text) { return normalizeNFC(text); }
+
+bool isWhitespaceOrNewline(char32_t c) {
+  if (c < 0x80) return isAsciiWhitespaceOrNewline(static_cast<unsigned char>(c));
+  if (c == 0x85) return true;
+  if (c > 0x10FFFF) return false;
+  constexpr std::uint32_t kSeparators = U_GC_ZS_MASK | U_GC_ZL_MASK | U_GC_ZP_MASK;
+  return (U_GET_GC_MASK(static_cast<UChar32>(c)) & kSeparators) != 0;
+}
+
+std::string_view trim(std::string_view text) {
+  std::size_t begin = 0;
+  while (begin < text.size()) {
+    const auto byte = static_cast<unsigned char>(text[begin]);
+    if (byte < 0x80) {
+      if (!isAsciiWhitespaceOrNewline(byte)) break;
+      ++begin;
+      continue;
+    }
+    const Decoded decoded = decodeAt(text, begin);
+    if (!decoded.valid || !isWhitespaceOrNewline(decoded.codePoint)) break;
+    begin += decoded.length;
+  }
+  std::size_t end = text.size();
+  while (end > begin) {
+    const auto byte = static_cast<unsigned char>(text[end - 1]);
+    if (byte < 0x80) {
+      if (!isAsciiWhitespaceOrNewline(byte)) break;
+      --end;
+      continue;
+    }
+    // Step back to the lead byte of the last sequence (at most three
+    // continuation bytes), then check that it decodes to exactly the bytes
+    // up to `end`.
+    std::size_t start = end - 1;
+    while (start > begin && end - start < 4 && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80) {
+      --start;
+    }
+    const Decoded decoded = decodeAt(text, start);
+    if (!decoded.valid || start + decoded.length != end || !isWhitespaceOrNewline(decoded.codePoint)) {
+      break;
+    }
+    end = start;
+  }
+  return text.substr(begin, end - begin);
+}
+
+bool isBlank(std::string_view text) { return trim(text).empty(); }
+
+std::size_t graphemeCount(std::string_view text) {
+  return walkClusters(text, std::numeric_limits<std::size_t>::max()).clusters;
+}
+
+std::string_view graphemePrefix(std::string_view text, std::size_t maxClusters) {
+  return text.substr(0, walkClusters(text, maxClusters).bytes);
+}
+
+std::string lowercased(std::string_view text) {
+  if (firstNonAscii(text) == text.size()) {
+    std::string out(text);
+    for (char& c : out) {
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return out;
+  }
+  const ValidText valid(text);
+  UErrorCode status = U_ZERO_ERROR;
+  std::string out;
+  out.reserve(valid.get().size());
+  icu::StringByteSink<std::string> sink(&out);
+  // "" is the root locale; nullptr would mean the process default locale,
+  // which would bring in Turkish or Lithuanian rules on such systems.
+  icu::CaseMap::utf8ToLower("", 0, toPiece(valid.get()), sink, nullptr, status);
+  if (U_FAILURE(status)) throwIcuFailure("lower-casing", status);
+  return out;
+}
+
+bool isLetterOrNumber(char32_t c) {
+  if (c > 0x10FFFF) return false;
+  return (U_GET_GC_MASK(static_cast<UChar32>(c)) & (U_GC_L_MASK | U_GC_N_MASK)) != 0;
+}
+
+std::optional<char32_t> decodeNext(std::string_view text, std::size_t& position) {
+  if (position >= text.size()) return std::nullopt;
+  const Decoded decoded = decodeAt(text, position);
+  position += decoded.length;
+  return decoded.codePoint;
+}
+
+void appendUtf8(std::string& out, char32_t c) {
+  if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = kReplacementCharacter;
+  if (c < 0x80) {
+    out.push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else if (c < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  }
+}
+
+// ---- Regular expressions ----
+
+struct RegexReplacer::Impl {
+  std::string pattern;
+  // RegexPattern is immutable once compiled and documented as safe to share
+  // between threads; each replaceAll makes its own RegexMatcher.
+  std::unique_ptr<icu::RegexPattern> compiled;
+};
+
+RegexReplacer::RegexReplacer(std::shared_ptr<const Impl> implementation)
+    : impl(std::move(implementation)) {}
+
+RegexReplacer RegexReplacer::compile(std::string_view pattern, bool caseInsensitive) {
+  const icu::UnicodeString source = icu::UnicodeString::fromUTF8(toPiece(pattern));
+  UParseError parseError{};
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::RegexPattern> compiled(icu::RegexPattern::compile(
+      source, caseInsensitive ? UREGEX_CASE_INSENSITIVE : 0, parseError, status));
+  if (U_FAILURE(status) || !compiled) {
+    if (status == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
+    throw std::invalid_argument("Invalid regular expression \"" + std::string(pattern) +
+                                "\": " + u_errorName(status) + " at offset " +
+                                std::to_string(parseError.offset));
+  }
+  auto impl = std::make_shared<Impl>();
+  impl->pattern = std::string(pattern);
+  impl->compiled = std::move(compiled);
+  return RegexReplacer(std::move(impl));
+}
+
+std::string RegexReplacer::replaceAll(std::string_view input,
+                                      std::string_view replacementTemplate) const {
+  // ICU's matcher works on UTF-16; conversion replaces ill-formed UTF-8
+  // with U+FFFD, the same as repairUtf8.
+  const icu::UnicodeString source = icu::UnicodeString::fromUTF8(toPiece(input));
+  const icu::UnicodeString replacement =
+      icu::UnicodeString::fromUTF8(toPiece(replacementTemplate));
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::RegexMatcher> matcher(impl->compiled->matcher(source, status));
+  if (U_FAILURE(status) || !matcher) throwIcuFailure("creating a regex matcher", status);
+  const icu::UnicodeString result = matcher->replaceAll(replacement, status);
+  if (U_FAILURE(status)) {
+    if (status == U_INDEX_OUTOFBOUNDS_ERROR || status == U_REGEX_INVALID_CAPTURE_GROUP_NAME ||
+        status == U_ILLEGAL_ARGUMENT_ERROR) {
+      throw std::invalid_argument("Invalid replacement template \"" +
+                                  std::string(replacementTemplate) + "\" for \"" + impl->pattern +
+                                  "\": " + u_errorName(status));
+    }
+    throwIcuFailure("regex replacement", status);
+  }
+  std::string out;
+  result.toUTF8String(out);
+  return out;
+}
+
+const std::string& RegexReplacer::pattern() const { return impl->pattern; }
+
+}  // namespace qevr::text

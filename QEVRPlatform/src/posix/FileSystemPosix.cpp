@@ -1,0 +1,211 @@
+// The POSIX file system behind FileSystem::defaultFileSystem().
+#include <QEVRPlatform/FileSystem.h>
+#include <QEVRPlatform/ThreadAnnotations.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace qevr {
+namespace {
+
+[[noreturn]] void throwErrno(int error, const std::string& what, const fs::path& path) {
+  throw std::system_error(error, std::generic_category(), what + " " + path.string());
+}
+
+struct OverrideSlot {
+  Mutex lock;
+  std::optional<fs::path> directory QEVR_GUARDED_BY(lock);
+};
+
+OverrideSlot& overrideSlot() {
+  static OverrideSlot slot;
+  return slot;
+}
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int descriptor) : fd(descriptor) {}
+  ~FileDescriptor() {
+    if (fd >= 0) ::close(fd);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd; }
+  // Closes now and reports the error close(2) gives, which for some file
+  // systems is where a failed write first shows.
+  int close() {
+    int result = ::close(fd);
+    fd = -1;
+    return result;
+  }
+
+ private:
+  int fd;
+};
+
+// A name no loader will pick up: dot-prefixed and ending in ".tmp".
+fs::path temporarySibling(const fs::path& target) {
+  static std::atomic<std::uint64_t> counter{0};
+  thread_local std::mt19937_64 random{std::random_device{}()};
+  std::string name = "." + target.filename().string() + "." + std::to_string(::getpid()) + "." +
+                     std::to_string(counter.fetch_add(1, std::memory_order_relaxed)) + "." +
+                     std::to_string(random() & 0xFFFFFF) + ".tmp";
+  return target.parent_path() / name;
+}
+
+void writeAll(int fd, std::span<const std::uint8_t> bytes, const fs::path& path) {
+  const std::uint8_t* data = bytes.data();
+  size_t left = bytes.size();
+  while (left > 0) {
+    ssize_t written = ::write(fd, data, left);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      throwErrno(errno, "write", path);
+    }
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
+}
+
+void syncDirectory(const fs::path& dir) {
+  int fd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;  // Best effort: the rename itself already happened.
+  ::fsync(fd);
+  ::close(fd);
+}
+
+}  // namespace
+
+FileSystem& FileSystem::defaultFileSystem() {
+  static FileSystem* instance = new FileSystem;
+  return *instance;
+}
+
+void setApplicationSupportDirectoryOverride(std::optional<fs::path> dir) {
+  OverrideSlot& slot = overrideSlot();
+  MutexLock guard(slot.lock);
+  slot.directory = std::move(dir);
+}
+
+std::optional<fs::path> applicationSupportDirectoryOverride() {
+  OverrideSlot& slot = overrideSlot();
+  MutexLock guard(slot.lock);
+  return slot.directory;
+}
+
+std::optional<fs::path> FileSystem::applicationSupportDirectory() {
+  if (auto dir = applicationSupportDirectoryOverride()) return dir;
+#if defined(__APPLE__)
+  if (const char* home = std::getenv("HOME"); home && *home) {
+    return fs::path(home) / "Library" / "Application Support";
+  }
+#else
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data == '/') return fs::path(data);
+  if (const char* home = std::getenv("HOME"); home && *home) {
+    return fs::path(home) / ".local" / "share";
+  }
+#endif
+  return std::nullopt;
+}
+
+bool FileSystem::exists(const fs::path& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool FileSystem::isDirectory(const fs::path& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+void FileSystem::createDirectories(const fs::path& path) {
+  std::error_code error;
+  fs::create_directories(path, error);
+  if (error) throw std::system_error(error, "create directories " + path.string());
+}
+
+std::vector<std::uint8_t> FileSystem::readFile(const fs::path& path, std::uint64_t maxBytes) {
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) throwErrno(errno, "open", path);
+  struct stat st {};
+  if (::fstat(fd.get(), &st) != 0) throwErrno(errno, "stat", path);
+  if (!S_ISREG(st.st_mode)) throwErrno(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, "read", path);
+  if (static_cast<std::uint64_t>(st.st_size) > maxBytes) throwErrno(EFBIG, "read", path);
+  std::vector<std::uint8_t> bytes(static_cast<size_t>(st.st_size));
+  size_t filled = 0;
+  while (filled < bytes.size()) {
+    ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      throwErrno(errno, "read", path);
+    }
+    if (got == 0) break;  // Shrunk under us: return what is there.
+    filled += static_cast<size_t>(got);
+  }
+  bytes.resize(filled);
+  return bytes;
+}
+
+void FileSystem::writeFileAtomically(const fs::path& path, std::span<const std::uint8_t> bytes) {
+  const fs::path temporary = temporarySibling(path);
+  FileDescriptor fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (fd.get() < 0) throwErrno(errno, "create", temporary);
+  try {
+    writeAll(fd.get(), bytes, temporary);
+    if (::fsync(fd.get()) != 0) throwErrno(errno, "fsync", temporary);
+    if (fd.close() != 0) throwErrno(errno, "close", temporary);
+    if (::rename(temporary.c_str(), path.c_str()) != 0) throwErrno(errno, "rename", path);
+  } catch (...) {
+    ::unlink(temporary.c_str());
+    throw;
+  }
+  syncDirectory(path.parent_path());
+}
+
+std::vector<fs::path> FileSystem::listDirectory(const fs::path& path) {
+  std::error_code error;
+  std::vector<fs::path> children;
+  for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error)) {
+    children.push_back(it->path());
+  }
+  if (error) throw std::system_error(error, "list " + path.string());
+  return children;
+}
+
+std::vector<fs::path> FileSystem::walk(const fs::path& root) {
+  std::vector<fs::path> items;
+  std::error_code error;
+  fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, error);
+  for (fs::recursive_directory_iterator end; !error && it != end; it.increment(error)) {
+    items.push_back(it->path());
+  }
+  // An unreadable subtree ends the walk with what was found, like an
+  // enumerator without an error handler.
+  return items;
+}
+
+std::optional<std::uint64_t> FileSystem::fileSize(const fs::path& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
+  return static_cast<std::uint64_t>(st.st_size);
+}
+
+void FileSystem::removeItem(const fs::path& path) {
+  if (!exists(path)) throwErrno(ENOENT, "remove", path);
+  std::error_code error;
+  fs::remove_all(path, error);
+  if (error) throw std::system_error(error, "remove " + path.string());
+}
+
+}  // namespace qevr

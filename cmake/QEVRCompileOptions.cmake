@@ -1,0 +1,57 @@
+# Shared compile settings for every QEVR target.
+#
+# Scores and confidences are rounded to a few decimals, so a fused
+# multiply-add (the default on some targets) could round a half-way value
+# differently from one platform to the next: contraction is off everywhere.
+
+add_library(qevr_options INTERFACE)
+target_compile_options(qevr_options INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wshadow
+  -ffp-contract=off)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND QEVR_THREAD_SAFETY_ANALYSIS)
+  target_compile_options(qevr_options INTERFACE -Wthread-safety)
+endif()
+
+# Sanitizer selection, set by the presets: "address" (ASan+UBSan) or "thread".
+set(QEVR_SANITIZER "" CACHE STRING "Sanitizer build: address, thread or empty")
+if(QEVR_SANITIZER STREQUAL "address")
+  set(_qevr_san -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+elseif(QEVR_SANITIZER STREQUAL "thread")
+  set(_qevr_san -fsanitize=thread -fno-omit-frame-pointer)
+endif()
+if(_qevr_san)
+  add_compile_options(${_qevr_san})
+  add_link_options(${_qevr_san})
+endif()
+
+# With fuzzers on, every library gets coverage instrumentation so that the
+# fuzz targets are guided through the decoders, not only through their own
+# entry points.
+if(QEVR_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "QEVR_BUILD_FUZZERS needs clang (libFuzzer)")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+find_program(QEVR_CCACHE ccache)
+if(QEVR_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${QEVR_CCACHE}")
+  set(CMAKE_C_COMPILER_LAUNCHER "${QEVR_CCACHE}")
+endif()
+
+# qevr_module(<name> [DEPS ...]): one static library per module directory,
+# public headers under <dir>/include, sources and internal headers in <dir>/src.
+function(qevr_module name)
+  cmake_parse_arguments(M "" "" "DEPS;PRIVATE_DEPS" ${ARGN})
+  file(GLOB _srcs CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/src/*.cpp")
+  if(NOT _srcs)
+    message(STATUS "${name}: no sources yet, target skipped")
+    return()
+  endif()
+  add_library(${name} STATIC ${_srcs})
+  target_include_directories(${name}
+    PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include"
+    PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/src")
+  target_link_libraries(${name} PUBLIC ${M_DEPS} PRIVATE qevr_options ${M_PRIVATE_DEPS})
+endfunction()

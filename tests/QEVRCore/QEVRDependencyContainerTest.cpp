@@ -1,0 +1,62 @@
+#include <QEVRCore/QEVRDependencyContainer.h>
+#include <QEVRCore/QEVRLogger.h>
+#include <QEVRCore/QEVRModule.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Base {
+  virtual ~Base() = default;
+};
+struct Derived : Base {};
+
+TEST(DependencyContainerTest, DuplicateRegistrationKeepsTheFirstAndNamesTheType) {
+  QEVRDependencyContainer c;
+  auto first = std::make_shared<QEVRConfiguration>();
+  first->appId = "first";
+  c.register_<QEVRConfiguration>(first);
+  try {
+    c.register_<QEVRConfiguration>(std::make_shared<QEVRConfiguration>());
+    FAIL() << "duplicate accepted";
+  } catch (const QEVRDependencyError& e) {
+    EXPECT_EQ(e, QEVRDependencyError::duplicateRegistration("QEVRConfiguration"));
+  }
+  EXPECT_EQ(c.resolve<QEVRConfiguration>()->appId, "first");
+  c.removeAll();
+  EXPECT_NO_THROW(c.register_<QEVRConfiguration>(std::make_shared<QEVRConfiguration>()));
+}
+
+TEST(DependencyContainerTest, ResolveIsKeyedByTheStaticRegistrationType) {
+  QEVRDependencyContainer c;
+  auto object = std::make_shared<Derived>();
+  c.register_<Base>(object);
+  EXPECT_EQ(c.resolve<Base>(), object);
+  try {
+    c.resolve<Derived>();
+    FAIL() << "resolved under the dynamic type";
+  } catch (const QEVRDependencyError& e) {
+    EXPECT_EQ(e, QEVRDependencyError::missingDependency("Derived"));
+  }
+}
+
+TEST(DependencyContainerTest, StoreReplacesWithoutError) {
+  QEVRDependencyContainer c;
+  struct P : QEVRDiagnosticContextProviding {
+    QEVRDiagnosticContext currentContext() override { return {}; }
+  };
+  auto a = std::make_shared<P>(), b = std::make_shared<P>();
+  c.store<QEVRDiagnosticContextProviding>(a);
+  c.store<QEVRDiagnosticContextProviding>(b);
+  EXPECT_EQ(c.resolve<QEVRDiagnosticContextProviding>(), b);
+  EXPECT_EQ(c.count(), 1u);
+}
+
+TEST(DependencyContainerTest, PlainTypeNamesAreUnqualified) {
+  EXPECT_EQ(plainTypeName(typeid(QEVRLogger)), "QEVRLogger");
+  EXPECT_EQ(plainTypeName(typeid(QEVRDiagnosticContextProviding)),
+            "QEVRDiagnosticContextProviding");
+  EXPECT_EQ(plainTypeName(typeid(Derived)), "Derived");
+}
+
+}  // namespace

@@ -1,0 +1,90 @@
+#include <QEVRCore/QEVRLogger.h>
+#include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/Log.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using L = QEVRLogLevel;
+
+class CountingSink : public QEVRLogSink {
+ public:
+  void write(const QEVRLogRecord& record) override { records.push_back(record); }
+  std::vector<QEVRLogRecord> records;
+};
+
+struct FilterCase {
+  L minimum;
+  L record;
+  bool passes;
+};
+
+class LoggerFilterTest : public ::testing::TestWithParam<FilterCase> {};
+
+TEST_P(LoggerFilterTest, PassesRecordsAtOrAboveTheMinimum) {
+  auto sink = std::make_shared<CountingSink>();
+  QEVRLogger logger("QEVRCore", GetParam().minimum, sink);
+  logger.log(GetParam().record, "Lifecycle", "message");
+  EXPECT_EQ(sink->records.size(), GetParam().passes ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, LoggerFilterTest,
+                         ::testing::Values(FilterCase{L::warning, L::info, false},
+                                           FilterCase{L::warning, L::warning, true},
+                                           FilterCase{L::warning, L::error, true},
+                                           FilterCase{L::trace, L::trace, true},
+                                           FilterCase{L::info, L::debug, false},
+                                           FilterCase{L::critical, L::critical, true},
+                                           FilterCase{L::off, L::critical, false}));
+
+TEST(LoggerTest, RecordCarriesClockTimeSubsystemAndFormatsExactly) {
+  auto clock = std::make_shared<qevr::ManualClock>();
+  clock->set(QEVRDate::fromUnixSeconds(1769850300.75));  // 2026-01-31T09:05:00.75Z
+  qevr::setClock(clock);
+  auto sink = std::make_shared<CountingSink>();
+  QEVRLogger logger("QEVRCore", L::info, sink);
+  logger.log(L::info, "Lifecycle", "SDK started");
+  qevr::setClock(nullptr);
+  ASSERT_EQ(sink->records.size(), 1u);
+  EXPECT_EQ(sink->records[0].formattedLine(),
+            "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK started");
+  QEVRLogRecord warning = sink->records[0];
+  warning.level = L::warning;
+  EXPECT_EQ(warning.formattedLine(),
+            "2026-01-31T09:05:00Z [WARNING] [QEVRCore:Lifecycle] SDK started");
+}
+
+class TypeFilteringSink : public qevr::CapturingLogSink {
+ public:
+  bool isEnabled(std::string_view, std::string_view, qevr::LogType type) const override {
+    return type != qevr::LogType::debug;
+  }
+};
+
+TEST(OSLogSinkTest, MapsLevelsToPlatformTypesAndDropsDisabledOnes) {
+  auto capture = std::make_shared<TypeFilteringSink>();
+  qevr::ScopedLogSink scoped(capture);
+  QEVROSLogSink sink;
+  const std::pair<L, qevr::LogType> table[] = {
+      {L::trace, qevr::LogType::debug},    {L::debug, qevr::LogType::debug},
+      {L::info, qevr::LogType::info},      {L::warning, qevr::LogType::default_},
+      {L::error, qevr::LogType::error},    {L::critical, qevr::LogType::fault},
+      {L::off, qevr::LogType::default_},
+  };
+  std::vector<qevr::LogType> expected;
+  for (const auto& [level, type] : table) {
+    sink.write(QEVRLogRecord{QEVRDate{}, level, "QEVRCore", "Lifecycle", "m"});
+    if (type != qevr::LogType::debug) expected.push_back(type);
+  }
+  std::vector<qevr::LogType> got;
+  for (const auto& e : capture->entries()) {
+    got.push_back(e.type);
+    EXPECT_EQ(e.subsystem, "QEVRCore");
+    EXPECT_EQ(e.category, "Lifecycle");
+  }
+  EXPECT_EQ(got, expected);
+}
+
+}  // namespace

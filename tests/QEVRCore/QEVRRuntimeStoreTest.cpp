@@ -1,0 +1,323 @@
+#include <QEVRCore/QEVRFacade.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include "RecordingModule.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using S = QEVRLifecycleState;
+
+QEVRConfiguration configuration(QEVRLogLevel level = QEVRLogLevel::trace) {
+  QEVRConfiguration c;
+  c.appId = "com.example.tests";
+  c.environment = QEVREnvironment::development;
+  c.logLevel = level;
+  c.isBackgroundProcessingEnabled = true;
+  return c;
+}
+
+class RuntimeStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    clock->set(QEVRDate::fromUnixSeconds(1769850300));  // 2026-01-31T09:05:00Z
+    qevr::setClock(clock);
+    QEVR::shutdown();
+    store().moduleRegistry().removeAll();
+    store().logger().setMinimumLevel(QEVRLogLevel::trace);
+    logs->clear();
+  }
+  void TearDown() override {
+    QEVR::shutdown();
+    store().moduleRegistry().removeAll();
+    qevr::setClock(nullptr);
+  }
+
+  static QEVRRuntimeStore& store() { return QEVRRuntimeStore::shared(); }
+
+  std::shared_ptr<RecordingModule> addModule(const std::string& name) {
+    auto module = std::make_shared<RecordingModule>(name, journal);
+    store().moduleRegistry().registerModule(module);
+    return module;
+  }
+
+  std::vector<std::string> coreLines() const { return logs->texts("QEVRCore", "Lifecycle"); }
+
+  std::shared_ptr<qevr::ManualClock> clock = std::make_shared<qevr::ManualClock>();
+  std::shared_ptr<qevr::CapturingLogSink> logs = std::make_shared<qevr::CapturingLogSink>();
+  qevr::ScopedLogSink scopedSink{logs};
+  std::shared_ptr<Journal> journal = std::make_shared<Journal>();
+};
+
+TEST_F(RuntimeStoreTest, BlankAppIdIsRefusedBeforeAnythingChangesEvenWhileRunning) {
+  QEVRConfiguration blank = configuration();
+  blank.appId = " \n\t\u3000";
+  for (bool running : {false, true}) {
+    if (running) QEVR::start(configuration());
+    const S before = QEVR::lifecycleState();
+    logs->clear();
+    try {
+      QEVR::start(blank);
+      FAIL() << "blank appId accepted";
+    } catch (const QEVRError& e) {
+      EXPECT_EQ(e, QEVRError::invalidConfiguration("appId must not be empty."));
+      EXPECT_EQ(e.errorDescription(), "appId must not be empty.");
+    }
+    EXPECT_EQ(QEVR::lifecycleState(), before);
+    EXPECT_THAT(logs->entries(), IsEmpty());
+  }
+}
+
+TEST_F(RuntimeStoreTest, LifecycleDrivesModulesForwardAndShutdownBackward) {
+  addModule("a");
+  addModule("b");
+  QEVR::start(configuration());
+  EXPECT_TRUE(QEVR::isRunning());
+  QEVR::pause();
+  EXPECT_FALSE(QEVR::isRunning());
+  EXPECT_EQ(QEVR::lifecycleState(), S::paused);
+  QEVR::resume();
+  QEVR::pause();
+  QEVR::shutdown();  // accepted from paused
+  EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
+  EXPECT_THAT(journal->all(), ElementsAre("a.start", "b.start", "a.pause", "b.pause", "a.resume",
+                                          "b.resume", "a.pause", "b.pause", "b.shutdown",
+                                          "a.shutdown"));
+  EXPECT_THAT(coreLines(), ElementsAre("2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK started",
+                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
+                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK resumed",
+                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
+                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK shut down"));
+}
+
+TEST_F(RuntimeStoreTest, CallsThatDoNotApplyWarnAndChangeNothing) {
+  const S before = QEVR::lifecycleState();  // notStarted in a fresh process
+  QEVR::shutdown();
+  EXPECT_EQ(QEVR::lifecycleState(), before);
+  QEVR::start(configuration());
+  QEVRConfiguration second = configuration();
+  second.appId = "com.example.other";
+  QEVR::start(second);
+  ASSERT_TRUE(store().runtimeState().has_value());
+  EXPECT_EQ(store().runtimeState()->configuration.appId, "com.example.tests");
+  QEVR::resume();  // while running
+  QEVR::pause();
+  QEVR::pause();  // while paused
+  QEVR::shutdown();
+  QEVR::shutdown();
+  EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
+  const std::string prefix = "2026-01-31T09:05:00Z [WARNING] [QEVRCore:Lifecycle] ";
+  auto lines = coreLines();
+  EXPECT_THAT(lines, ElementsAre(prefix + "Shutdown ignored because SDK is not running",
+                                 ::testing::EndsWith("SDK started"),
+                                 prefix + "Start ignored because SDK is already active",
+                                 prefix + "Resume ignored because SDK is not paused",
+                                 ::testing::EndsWith("SDK paused"),
+                                 prefix + "Pause ignored because SDK is not running",
+                                 ::testing::EndsWith("SDK shut down"),
+                                 prefix + "Shutdown ignored because SDK is not running"));
+}
+
+struct LevelCase {
+  QEVRLogLevel minimum;
+  size_t infoLines;     // started, paused, shut down
+  size_t warningLines;  // the ignored pause
+};
+
+class RuntimeStoreLevelTest : public RuntimeStoreTest,
+                              public ::testing::WithParamInterface<LevelCase> {};
+
+TEST_P(RuntimeStoreLevelTest, LinesFollowTheConfiguredMinimumLevel) {
+  QEVR::start(configuration(GetParam().minimum));
+  QEVR::pause();
+  QEVR::pause();
+  QEVR::shutdown();
+  size_t info = 0, warning = 0;
+  for (const auto& line : coreLines()) {
+    info += line.find("[INFO]") != std::string::npos;
+    warning += line.find("[WARNING]") != std::string::npos;
+  }
+  EXPECT_EQ(info, GetParam().infoLines);
+  EXPECT_EQ(warning, GetParam().warningLines);
+  EXPECT_EQ(coreLines().size(), info + warning);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachLevel, RuntimeStoreLevelTest,
+                         ::testing::Values(LevelCase{QEVRLogLevel::trace, 3, 1},
+                                           LevelCase{QEVRLogLevel::debug, 3, 1},
+                                           LevelCase{QEVRLogLevel::info, 3, 1},
+                                           LevelCase{QEVRLogLevel::warning, 0, 1},
+                                           LevelCase{QEVRLogLevel::error, 0, 0},
+                                           LevelCase{QEVRLogLevel::critical, 0, 0},
+                                           LevelCase{QEVRLogLevel::off, 0, 0}));
+
+TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
+  addModule("first");
+  auto second = addModule("second");
+  addModule("third");
+  second->onStart = [](const QEVRModuleContext&) { throw std::runtime_error("second failed"); };
+  store().logger().setMinimumLevel(QEVRLogLevel::warning);
+
+  EXPECT_THROW(
+      {
+        try {
+          QEVR::start(configuration());
+        } catch (const std::runtime_error& e) {
+          EXPECT_STREQ(e.what(), "second failed");
+          throw;
+        }
+      },
+      std::runtime_error);
+  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "first.shutdown"));
+  EXPECT_EQ(QEVR::lifecycleState(), S::notStarted);
+  EXPECT_EQ(store().dependencyContainer().count(), 0u);
+  EXPECT_FALSE(store().runtimeState().has_value());
+  EXPECT_TRUE(store().backgroundWorker()->isShutDown());
+  EXPECT_THAT(coreLines(), IsEmpty());
+  // The logger keeps the level the failed start set.
+  EXPECT_EQ(store().logger().minimumLevel(), QEVRLogLevel::trace);
+
+  second->onStart = nullptr;
+  journal->clear();
+  QEVR::start(configuration());
+  EXPECT_TRUE(QEVR::isRunning());
+  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start"));
+}
+
+TEST_F(RuntimeStoreTest, RestartMakesANewWorkerAndRefillsTheContainer) {
+  auto module = addModule("m");
+  std::vector<size_t> entriesAtStart;
+  module->onStart = [&](const QEVRModuleContext&) {
+    entriesAtStart.push_back(store().dependencyContainer().count());
+    EXPECT_TRUE(QEVR::isRunning());  // running while the modules start
+  };
+  QEVR::start(configuration());
+  auto firstWorker = store().backgroundWorker();
+  QEVR::shutdown();
+  EXPECT_TRUE(firstWorker->isShutDown());
+  EXPECT_EQ(store().dependencyContainer().count(), 0u);
+
+  QEVR::start(configuration());
+  auto secondWorker = store().backgroundWorker();
+  EXPECT_NE(firstWorker, secondWorker);
+  EXPECT_FALSE(secondWorker->isShutDown());
+  EXPECT_EQ(entriesAtStart, (std::vector<size_t>{4, 4}));
+  EXPECT_NO_THROW(store().dependencyContainer().resolve<QEVRConfiguration>());
+  EXPECT_NO_THROW(store().dependencyContainer().resolve<QEVRLogger>());
+  EXPECT_NO_THROW(store().dependencyContainer().resolve<QEVRLifecycleCoordinator>());
+  EXPECT_EQ(store().dependencyContainer().resolve<QEVRBackgroundWorker>(), secondWorker);
+}
+
+TEST_F(RuntimeStoreTest, ModuleContextWorkRunsOnTheWorkerAndFallsBackAfterShutdown) {
+  auto module = addModule("m");
+  std::optional<QEVRModuleContext> kept;
+  module->onStart = [&](const QEVRModuleContext& context) { kept = context; };
+  QEVR::start(configuration());
+  ASSERT_TRUE(kept.has_value());
+
+  std::atomic<int> ran{0};
+  EXPECT_TRUE(kept->submitBackgroundWork([&](std::stop_token) { ++ran; }));
+  QEVR::shutdown();
+  // After shutdown the context's container is empty: the work still runs,
+  // untracked.
+  EXPECT_TRUE(kept->submitBackgroundWork([&](std::stop_token) { ++ran; }));
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
+  EXPECT_GE(ran.load(), 1);  // the first may have been cancelled by shutdown
+  EXPECT_EQ(kept->configuration().appId, "com.example.tests");
+}
+
+TEST_F(RuntimeStoreTest, DisabledBackgroundProcessingTurnsWorkAway) {
+  auto module = addModule("m");
+  bool accepted = true;
+  std::atomic<bool> ran{false};
+  module->onStart = [&](const QEVRModuleContext& context) {
+    accepted = context.submitBackgroundWork([&](std::stop_token) { ran = true; });
+  };
+  QEVRConfiguration c = configuration();
+  c.isBackgroundProcessingEnabled = false;
+  QEVR::start(c);
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
+  EXPECT_FALSE(accepted);
+  EXPECT_FALSE(ran.load());
+  EXPECT_EQ(store().backgroundWorker()->trackedTaskCount(), 0u);
+}
+
+TEST_F(RuntimeStoreTest, DiagnosticContextIsAbsentUntilAProviderAndTheLastOneWins) {
+  struct Fixed : QEVRDiagnosticContextProviding {
+    explicit Fixed(std::string s) : screen(std::move(s)) {}
+    QEVRDiagnosticContext currentContext() override { return {std::nullopt, screen}; }
+    std::string screen;
+  };
+  auto module = addModule("m");
+  std::vector<std::optional<QEVRDiagnosticContext>> seen;
+  module->onStart = [&](const QEVRModuleContext& context) {
+    seen.push_back(context.currentDiagnosticContext());
+    context.registerDiagnosticContextProvider(std::make_shared<Fixed>("Home"));
+    context.registerDiagnosticContextProvider(std::make_shared<Fixed>("Settings"));
+    seen.push_back(context.currentDiagnosticContext());
+  };
+  QEVR::start(configuration());
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_FALSE(seen[0].has_value());
+  ASSERT_TRUE(seen[1].has_value());
+  EXPECT_EQ(seen[1]->currentScreen, "Settings");
+}
+
+TEST_F(RuntimeStoreTest, EmptyRegistryGoesThroughTheWholeLifecycle) {
+  QEVR::start(configuration());
+  QEVR::pause();
+  QEVR::resume();
+  QEVR::shutdown();
+  EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
+}
+
+TEST_F(RuntimeStoreTest, ConcurrentFacadeCallsKeepTheStateMachineConsistent) {
+  addModule("a");
+  addModule("b");
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200 && !stop; ++i) {
+        switch ((i + t) % 4) {
+          case 0:
+            QEVR::start(configuration(QEVRLogLevel::off));
+            break;
+          case 1:
+            QEVR::pause();
+            break;
+          case 2:
+            QEVR::resume();
+            break;
+          case 3:
+            QEVR::shutdown();
+            break;
+        }
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  QEVR::shutdown();
+  EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
+  // Every start that reached the modules was matched by a shutdown.
+  int starts = 0, shutdowns = 0;
+  for (const auto& e : journal->all()) {
+    starts += e == "a.start";
+    shutdowns += e == "a.shutdown";
+  }
+  EXPECT_EQ(starts, shutdowns);
+}
+
+}  // namespace

@@ -1,0 +1,200 @@
+#include <QEVRPlatform/Date.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qevr {
+namespace {
+
+// 2026-01-31T09:05:00Z
+constexpr double kJanuary31UnixSeconds = 1769850300;
+
+TEST(DateTest, ReferenceDateIsTheStartOf2001) {
+  EXPECT_EQ(QEVRDate::fromUnixSeconds(978307200).secondsSinceReferenceDate, 0);
+  EXPECT_EQ(QEVRDate{}.unixSeconds(), 978307200);
+  EXPECT_EQ(QEVRDate{10}.addingSeconds(-2.5), QEVRDate{7.5});
+  EXPECT_LT(QEVRDate{1}, QEVRDate{2});
+}
+
+struct FormatCase {
+  const char* label;
+  QEVRDate date;
+  const char* text;
+};
+
+TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
+  const std::vector<FormatCase> cases = {
+      {"reference date", QEVRDate{0}, "2001-01-01T00:00:00Z"},
+      {"Unix epoch", QEVRDate::fromUnixSeconds(0), "1970-01-01T00:00:00Z"},
+      {"a log line's time", QEVRDate::fromUnixSeconds(kJanuary31UnixSeconds),
+       "2026-01-31T09:05:00Z"},
+      {"fraction dropped", QEVRDate::fromUnixSeconds(kJanuary31UnixSeconds + 0.999),
+       "2026-01-31T09:05:00Z"},
+      {"half a second before the reference date", QEVRDate{-0.5}, "2000-12-31T23:59:59Z"},
+      {"one and a half before", QEVRDate{-1.5}, "2000-12-31T23:59:58Z"},
+      {"one second before the epoch", QEVRDate::fromUnixSeconds(-1), "1969-12-31T23:59:59Z"},
+      {"leap day", QEVRDate::fromUnixSeconds(1709208000), "2024-02-29T12:00:00Z"},
+      {"last second of year 9999", QEVRDate::fromUnixSeconds(253402300799),
+       "9999-12-31T23:59:59Z"},
+      {"first second of year 0", QEVRDate::fromUnixSeconds(-62167219200), "0000-01-01T00:00:00Z"},
+  };
+  for (const FormatCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(formatISO8601(c.date), c.text);
+  }
+}
+
+TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
+  for (double seconds : {std::numeric_limits<double>::quiet_NaN(),
+                         std::numeric_limits<double>::infinity(),
+                         -std::numeric_limits<double>::infinity(), 253402300800.0,
+                         -62167219201.0, 1e300}) {
+    SCOPED_TRACE(seconds);
+    EXPECT_THROW(formatISO8601(QEVRDate::fromUnixSeconds(seconds)), std::out_of_range);
+  }
+}
+
+struct ParseCase {
+  const char* text;
+  double unixSeconds;
+};
+
+TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
+  const std::vector<ParseCase> cases = {
+      {"2026-01-31T09:05:00Z", kJanuary31UnixSeconds},
+      {"2026-01-31T10:05:00+01:00", kJanuary31UnixSeconds},
+      {"2026-01-31T04:35:00-04:30", kJanuary31UnixSeconds},
+      {"2026-01-31T09:05:00-00:00", kJanuary31UnixSeconds},
+      {"2026-02-01T09:04:00+23:59", kJanuary31UnixSeconds},
+      {"2000-02-29T00:00:00Z", 951782400},
+      {"1969-12-31T23:59:59Z", -1},
+      {"9999-12-31T23:59:59Z", 253402300799},
+  };
+  for (const ParseCase& c : cases) {
+    SCOPED_TRACE(c.text);
+    const std::optional<QEVRDate> date = parseISO8601(c.text);
+    ASSERT_TRUE(date.has_value());
+    EXPECT_EQ(date->unixSeconds(), c.unixSeconds);
+  }
+}
+
+TEST(ISO8601Test, ParseRefusesEveryOtherForm) {
+  for (const char* text : {
+           "",
+           "2026-01-31T09:05:00",            // no zone
+           "2026-01-31T09:05:00.5Z",         // fraction
+           "2026-01-31T09:05:00.000Z",       // fraction, even zero
+           "2026-01-31t09:05:00z",           // lower case
+           "2026-01-31T09:05:00z",
+           "2026-01-31 09:05:00Z",           // space for T
+           "20260131T090500Z",               // basic form
+           "2026-01-31T09:05Z",              // no seconds
+           "2026-01-31",                     // date only
+           "2026-W05-6T09:05:00Z",           // week date
+           "2026-031T09:05:00Z",             // ordinal date
+           "2026-1-31T09:05:00Z",            // one-digit month
+           "+2026-01-31T09:05:00Z",          // signed year
+           " 2026-01-31T09:05:00Z",          // leading space
+           "2026-01-31T09:05:00Z ",          // trailing space
+           "2026-01-31T09:05:00+0100",       // offset without colon
+           "2026-01-31T09:05:00+01",         // offset without minutes
+           "2026-01-31T09:05:00+24:00",      // offset hour out of range
+           "2026-01-31T09:05:00+01:60",      // offset minute out of range
+           "2026-01-31T09:05:00Z+01:00",     // both
+           "2026-13-01T00:00:00Z",           // month 13
+           "2026-00-10T00:00:00Z",           // month 0
+           "2026-01-00T00:00:00Z",           // day 0
+           "2026-04-31T00:00:00Z",           // April 31
+           "2026-02-29T00:00:00Z",           // not a leap year
+           "1900-02-29T00:00:00Z",           // century, not a leap year
+           "2026-01-31T24:00:00Z",           // hour 24
+           "2026-01-31T09:60:00Z",           // minute 60
+           "2026-01-31T09:05:60Z",           // leap second
+           "2026-01-3aT09:05:00Z",           // not a digit
+           "2026-01-31T09:05:\xD9\xA0Z",     // non-ASCII digit
+       }) {
+    SCOPED_TRACE(text);
+    EXPECT_FALSE(parseISO8601(text).has_value());
+  }
+}
+
+TEST(ISO8601Test, ParseOfFormatGivesTheWholeSecondBelow) {
+  for (double seconds : {0.0, 0.75, -0.25, 7.5e8, 1e9 + 0.999999}) {
+    SCOPED_TRACE(seconds);
+    const QEVRDate date{seconds};
+    const std::optional<QEVRDate> back = parseISO8601(formatISO8601(date));
+    ASSERT_TRUE(back.has_value());
+    EXPECT_EQ(back->unixSeconds(), std::floor(date.unixSeconds()));
+  }
+}
+
+// Every test that installs a clock restores the system clock.
+class ClockTest : public ::testing::Test {
+ protected:
+  void TearDown() override { setClock(nullptr); }
+};
+
+TEST_F(ClockTest, InstalledManualClockDrivesNow) {
+  auto clock = std::make_shared<ManualClock>(QEVRDate{100});
+  setClock(clock);
+  EXPECT_EQ(now(), QEVRDate{100});
+  clock->advance(2.5);
+  EXPECT_EQ(now(), QEVRDate{102.5});
+  clock->set(QEVRDate{-3});
+  EXPECT_EQ(now(), QEVRDate{-3});
+}
+
+TEST_F(ClockTest, NullptrRestoresTheSystemClock) {
+  setClock(std::make_shared<ManualClock>(QEVRDate{100}));
+  setClock(nullptr);
+  const QEVRDate before = systemClock().now();
+  const QEVRDate current = now();
+  const QEVRDate after = systemClock().now();
+  EXPECT_LE(before, current);
+  EXPECT_LE(current, after);
+  // The system clock is far from the manual clock's 2001 instant.
+  EXPECT_GT(current.secondsSinceReferenceDate, 7e8);
+}
+
+TEST_F(ClockTest, ManualClockAdvancesAtomicallyFromManyThreads) {
+  ManualClock clock;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&clock] {
+      for (int i = 0; i < 1000; ++i) clock.advance(0.5);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(clock.now(), QEVRDate{2000});
+}
+
+TEST_F(ClockTest, NowIsSafeWhileTheClockIsReplaced) {
+  std::vector<std::thread> readers;
+  std::vector<int> unexpected(3, 0);
+  for (std::size_t t = 0; t < unexpected.size(); ++t) {
+    readers.emplace_back([&, t] {
+      for (int i = 0; i < 2000; ++i) {
+        const double seconds = now().secondsSinceReferenceDate;
+        // Either a manual clock's 1 or 2, or the system clock.
+        if (seconds != 1 && seconds != 2 && seconds < 7e8) ++unexpected[t];
+      }
+    });
+  }
+  for (int i = 0; i < 500; ++i) {
+    setClock(std::make_shared<ManualClock>(QEVRDate{static_cast<double>(1 + i % 2)}));
+    if (i % 3 == 0) setClock(nullptr);
+  }
+  for (std::thread& reader : readers) reader.join();
+  for (int count : unexpected) EXPECT_EQ(count, 0);
+}
+
+}  // namespace
+}  // namespace qevr

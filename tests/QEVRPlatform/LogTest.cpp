@@ -1,0 +1,42 @@
+#include <QEVRPlatform/Log.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class OnlyErrors : public qevr::CapturingLogSink {
+ public:
+  bool isEnabled(std::string_view, std::string_view, qevr::LogType type) const override {
+    return type == qevr::LogType::error;
+  }
+};
+
+TEST(LogTest, ScopedSinkCapturesAndRestores) {
+  auto before = qevr::currentLogSink();
+  {
+    auto capture = std::make_shared<qevr::CapturingLogSink>();
+    qevr::ScopedLogSink scoped(capture);
+    qevr::platformLog("QEVMemory", "Pruning", qevr::LogType::info, "line one");
+    qevr::platformLog("QEVObserver", "Events", qevr::LogType::default_, "line two");
+    EXPECT_EQ(capture->texts(), (std::vector<std::string>{"line one", "line two"}));
+    EXPECT_EQ(capture->texts("QEVMemory", "Pruning"), (std::vector<std::string>{"line one"}));
+  }
+  EXPECT_EQ(qevr::currentLogSink(), before);
+}
+
+TEST(LogTest, DisabledTypesNeverReachTheSink) {
+  auto capture = std::make_shared<OnlyErrors>();
+  qevr::ScopedLogSink scoped(capture);
+  qevr::platformLog("s", "c", qevr::LogType::info, "dropped");
+  qevr::platformLog("s", "c", qevr::LogType::error, "kept");
+  EXPECT_EQ(capture->texts(), std::vector<std::string>{"kept"});
+}
+
+TEST(LogTest, NullSinkRestoresTheDefault) {
+  qevr::setLogSink(nullptr);
+  ASSERT_NE(qevr::currentLogSink(), nullptr);
+  // The default sink takes lines without openlog and without failing.
+  qevr::platformLog("QEVRTests", "Log", qevr::LogType::debug, "default sink line");
+}
+
+}  // namespace

@@ -1,0 +1,337 @@
+#include <QEVRPlatform/Text.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qevr::text {
+namespace {
+
+const std::string kFamily = "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";  // 7 code points
+const std::string kFrance = "\U0001F1EB\U0001F1F7";
+const std::string kGermany = "\U0001F1E9\U0001F1EA";
+const std::string kReplacement = "\uFFFD";
+
+std::string repeated(const std::string& piece, int count) {
+  std::string out;
+  for (int i = 0; i < count; ++i) out += piece;
+  return out;
+}
+
+// ---- UTF-8 ----
+
+struct Utf8Case {
+  const char* label;
+  std::string input;
+  std::string repaired;  // equal to input when the input is valid
+};
+
+TEST(Utf8Test, ValidatesAndRepairsWithOneReplacementPerMaximalSubpart) {
+  const std::vector<Utf8Case> cases = {
+      {"ascii", "plain", "plain"},
+      {"two-byte", "caf\u00E9", "caf\u00E9"},
+      {"four-byte", "a\U0001F600b", "a\U0001F600b"},
+      {"U+FFFD itself", kReplacement, kReplacement},
+      {"truncated two-byte at end", "ab\xC3", "ab" + kReplacement},
+      {"truncated four-byte before ASCII", "\xF0\x9F\x98" "A", kReplacement + "A"},
+      {"lone continuation", "a\x80z", "a" + kReplacement + "z"},
+      {"overlong slash", "\xC0\xAF", kReplacement + kReplacement},
+      {"overlong three-byte", "\xE0\x80\xAF", repeated(kReplacement, 3)},
+      {"surrogate", "\xED\xA0\x80", repeated(kReplacement, 3)},
+      {"above U+10FFFF", "\xF4\x90\x80\x80", repeated(kReplacement, 4)},
+      {"invalid lead bytes", "\xFE\xFF", kReplacement + kReplacement},
+      {"truncated three-byte then valid", "\xE2\x82" "\xE2\x82\xAC", kReplacement + "\u20AC"},
+      {"long ASCII run then bad byte", std::string(20, 'x') + "\xFF", std::string(20, 'x') + kReplacement},
+  };
+  for (const Utf8Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(isValidUtf8(c.input), c.input == c.repaired);
+    EXPECT_EQ(repairUtf8(c.input), c.repaired);
+    EXPECT_TRUE(isValidUtf8(repairUtf8(c.input)));
+  }
+}
+
+TEST(Utf8Test, DecodeNextWalksIllFormedInputToTheEnd) {
+  const std::string text = "a\xF0\x9F\x98\xC3\U0001F600";
+  std::size_t position = 0;
+  std::vector<char32_t> codePoints;
+  while (auto c = decodeNext(text, position)) codePoints.push_back(*c);
+  EXPECT_EQ(codePoints, (std::vector<char32_t>{U'a', 0xFFFD, 0xFFFD, 0x1F600}));
+  EXPECT_EQ(position, text.size());
+}
+
+TEST(Utf8Test, AppendUtf8WritesEachLengthAndReplacesSurrogates) {
+  std::string out;
+  for (char32_t c : {U'A', char32_t{0xE9}, char32_t{0x20AC}, char32_t{0x1F600}, char32_t{0xD800},
+                     char32_t{0x110000}}) {
+    appendUtf8(out, c);
+  }
+  EXPECT_EQ(out, "A\u00E9\u20AC\U0001F600" + kReplacement + kReplacement);
+}
+
+// ---- Normalisation ----
+
+struct NormalizationCase {
+  const char* label;
+  std::string input;
+  std::string nfc;
+};
+
+TEST(NormalizationTest, ComposesToNFCAndRepairsAtTheHostBoundary) {
+  const std::vector<NormalizationCase> cases = {
+      {"ascii", "Settings", "Settings"},
+      {"e + combining acute", "Cafe\u0301", "Caf\u00E9"},
+      {"A + ring", "A\u030A", "\u00C5"},
+      {"Hangul jamo", "\u1100\u1161\u11A8", "\uAC01"},
+      {"already NFC", "\u00C5ngstr\u00F6m", "\u00C5ngstr\u00F6m"},
+      {"marks reordered canonically", "a\u0323\u0302", "\u1EAD"},
+      {"emoji untouched", kFamily, kFamily},
+      {"ill-formed byte repaired", "e\u0301\xFF", "\u00E9" + kReplacement},
+  };
+  for (const NormalizationCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(normalizeNFC(c.input), c.nfc);
+    EXPECT_EQ(hostText(c.input), c.nfc);
+  }
+}
+
+TEST(NormalizationTest, CanonicallyEquivalentHostTextsBecomeByteEqual) {
+  // Precomposed, decomposed, and decomposed with the marks in the other order.
+  EXPECT_EQ(hostText("\u1EC7"), hostText("e\u0323\u0302"));
+  EXPECT_EQ(hostText("\u1EC7"), hostText("\u00EA\u0323"));
+  EXPECT_NE(hostText("\u00E9"), hostText("e"));
+}
+
+// ---- Trimming ----
+
+struct TrimCase {
+  const char* label;
+  std::string input;
+  std::string trimmed;
+};
+
+TEST(TrimTest, StripsSeparatorsAndControlWhitespaceFromBothEnds) {
+  const std::vector<TrimCase> cases = {
+      {"empty", "", ""},
+      {"ASCII spaces and controls", " \t\n\v\f\r checkout \r\n", "checkout"},
+      {"inner spaces kept", "  a  b  ", "a  b"},
+      {"ideographic space", "\u3000\u540D\u524D\u3000", "\u540D\u524D"},
+      {"line and paragraph separators", "\u2028home\u2029", "home"},
+      {"next line", "\u0085menu\u0085", "menu"},
+      {"no-break spaces", "\u00A0tab\u202F", "tab"},
+      {"ogham and en quad", "\u1680x\u2000", "x"},
+      {"zero width space is not whitespace", "\u200Bx\u200B", "\u200Bx\u200B"},
+      {"byte order mark is not whitespace", "\uFEFFx", "\uFEFFx"},
+      {"combining mark after a space stays", "x \u0301", "x \u0301"},
+      {"ill-formed byte stops the strip", " a\x80 ", "a\x80"},
+      {"lone lead byte at the end", " \xE3", "\xE3"},
+  };
+  for (const TrimCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(trim(c.input), c.trimmed);
+    EXPECT_EQ(isBlank(c.input), c.trimmed.empty());
+  }
+  EXPECT_TRUE(isBlank(" \u3000\u2028\u0085\u00A0\t"));
+  EXPECT_FALSE(isBlank(" \u200B "));
+}
+
+// ---- Grapheme clusters ----
+
+struct ClusterCase {
+  const char* label;
+  std::string text;
+  std::size_t clusters;
+};
+
+TEST(GraphemeTest, CountsExtendedGraphemeClusters) {
+  const std::vector<ClusterCase> cases = {
+      {"empty", "", 0},
+      {"ascii", "screen", 6},
+      {"CR LF is one", "\r\n", 1},
+      {"CR LF inside text", "a\r\nb", 3},
+      {"LF CR is two", "\n\r", 2},
+      {"decomposed e acute", "e\u0301", 1},
+      {"mark after an ASCII run", "ab\u0301c", 3},
+      {"mark after CR LF starts its own cluster", "ab\r\n\u0301", 4},
+      {"ZWJ attaches to ASCII", "x\u200D", 1},
+      {"family ZWJ sequence", kFamily, 1},
+      {"two flags", kFrance + kGermany, 2},
+      {"odd regional indicator", kFrance + "\U0001F1E9", 2},
+      {"skin tone modifier", "\U0001F44D\U0001F3FD", 1},
+      {"keycap", "#\uFE0F\u20E3", 1},
+      {"Hangul syllables", "\uD55C\uAD6D\uC5B4", 3},
+      {"Hangul jamo", "\u1100\u1161\u11A8", 1},
+      {"mixed", "Hi " + kFamily + "!", 5},
+      {"ill-formed bytes count one each", "a\xFF\xFE", 3},
+  };
+  for (const ClusterCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(graphemeCount(c.text), c.clusters);
+  }
+}
+
+struct PrefixCase {
+  const char* label;
+  std::string text;
+  std::size_t maxClusters;
+  std::string prefix;
+};
+
+TEST(GraphemeTest, PrefixNeverCutsACluster) {
+  const std::vector<PrefixCase> cases = {
+      {"zero", "abc", 0, ""},
+      {"ascii", "abc", 2, "ab"},
+      {"more than there is", "abc", 10, "abc"},
+      {"keeps CR LF whole", "a\r\nb", 2, "a\r\n"},
+      {"stops before CR LF", "a\r\nb", 1, "a"},
+      {"keeps a mark on the last ASCII letter", "ab\u0301c", 2, "ab\u0301"},
+      {"decomposed letter", "e\u0301x", 1, "e\u0301"},
+      {"first family only", kFamily + kFamily, 1, kFamily},
+      {"first flag only", kFrance + kGermany, 1, kFrance},
+  };
+  for (const PrefixCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(graphemePrefix(c.text, c.maxClusters), c.prefix);
+  }
+}
+
+TEST(GraphemeTest, NameLimitOf128CountsClustersNotBytesOrCodePoints) {
+  const std::string families128 = repeated(kFamily, 128);
+  const std::string families129 = repeated(kFamily, 129);
+  EXPECT_EQ(graphemeCount(families128), 128u);
+  EXPECT_EQ(graphemeCount(families129), 129u);
+  EXPECT_EQ(graphemePrefix(families129, 128), families128);
+
+  const std::string flags128 = repeated(kFrance, 64) + repeated(kGermany, 64);
+  EXPECT_EQ(graphemeCount(flags128), 128u);
+
+  const std::string asciiThenMark = std::string(127, 'a') + "e\u0301";
+  EXPECT_EQ(graphemeCount(asciiThenMark), 128u);
+  EXPECT_EQ(graphemePrefix(asciiThenMark + "z", 128), asciiThenMark);
+}
+
+TEST(GraphemeTest, ThreadsCountConcurrentlyWithTheirOwnIterators) {
+  const std::string text = repeated(kFamily + "ab\u0301" + kFrance, 20);
+  std::vector<std::thread> threads;
+  std::vector<std::size_t> results(4);
+  for (std::size_t t = 0; t < results.size(); ++t) {
+    threads.emplace_back([&, t] {
+      std::size_t total = 0;
+      for (int i = 0; i < 200; ++i) total += graphemeCount(text);
+      results[t] = total;
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (std::size_t total : results) EXPECT_EQ(total, 200u * 80u);
+}
+
+// ---- Case and character classes ----
+
+TEST(CaseTest, LowercasesWithTheRootLocaleFullMapping) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"CheckOut", "checkout"},
+      {"\u00C0\u00C9\u00CE", "\u00E0\u00E9\u00EE"},
+      {"I", "i"},                            // no Turkish dotless i
+      {"\u0130", "i\u0307"},                 // capital dotted I: full mapping, two code points
+      {"\u1E9E", "\u00DF"},                  // capital sharp s
+      {"\u039F\u0394\u039F\u03A3", "\u03BF\u03B4\u03BF\u03C2"},  // final sigma
+      {"\u0410\u0411\u0412", "\u0430\u0431\u0432"},
+      {kFamily, kFamily},
+      {"A\xFF", "a" + kReplacement},
+  };
+  for (const auto& [input, expected] : cases) {
+    SCOPED_TRACE(input);
+    EXPECT_EQ(lowercased(input), expected);
+  }
+}
+
+TEST(CharacterClassTest, LettersAndNumbersOfEveryScript) {
+  const std::vector<std::pair<char32_t, bool>> cases = {
+      {U'a', true},      {U'Z', true},      {U'7', true},       {0xE9, true},
+      {0x4E2D, true},    {0x0663, true},    {0x00BD, true},     {0x2167, true},
+      {U' ', false},     {U'_', false},     {U'-', false},      {0x0301, false},
+      {0x1F600, false},  {0x3000, false},   {0x110000, false},
+  };
+  for (const auto& [c, expected] : cases) {
+    SCOPED_TRACE(static_cast<std::uint32_t>(c));
+    EXPECT_EQ(isLetterOrNumber(c), expected);
+  }
+}
+
+// ---- Regular expressions ----
+
+constexpr const char* kEmailPattern = "[A-Z0-9._%+-]+@[A-Z0-9.-]+\\.[A-Z]{2,}";
+constexpr const char* kPhonePattern = "\\+?[0-9][0-9 .()\\-]{7,}[0-9]";
+constexpr const char* kSecretPattern =
+    "(?i)\\b(password|token|secret)\\b\\s*[:=]\\s*[^,;\\n]+";
+
+struct RegexCase {
+  const char* label;
+  const char* pattern;
+  bool caseInsensitive;
+  std::string input;
+  std::string replacement;
+  std::string expected;
+};
+
+TEST(RegexReplacerTest, ReplacesEveryMatchWithIcuSemantics) {
+  const std::vector<RegexCase> cases = {
+      {"e-mail, any case", kEmailPattern, true, "mail Bob.Smith@Example.COM now",
+       "[redacted]", "mail [redacted] now"},
+      {"e-mail needs the flag", kEmailPattern, false, "bob@example.com", "[redacted]",
+       "bob@example.com"},
+      {"two e-mails", kEmailPattern, true, "a@b.cc, c@d.ee", "[redacted]",
+       "[redacted], [redacted]"},
+      {"phone", kPhonePattern, false, "call +1 (555) 123-4567 today", "[redacted]",
+       "call [redacted] today"},
+      {"short number kept", kPhonePattern, false, "level 12345", "[redacted]", "level 12345"},
+      {"group reference keeps the found case", kSecretPattern, false,
+       "Password: hunter2, TOKEN=abc; x", "$1=[redacted]",
+       "Password=[redacted], TOKEN=[redacted]; x"},
+      {"word boundary", kSecretPattern, false, "mytoken=1", "$1=[redacted]", "mytoken=1"},
+      {"non-ASCII around a match", kEmailPattern, true, "\u540D\u524D a@b.cc \u540D",
+       "[redacted]", "\u540D\u524D [redacted] \u540D"},
+      {"dot matches a whole astral character", "^.$", false, "\U0001F600", "X", "X"},
+      {"escaped dollar is literal", "a", false, "cat", "\\$", "c$t"},
+      {"no match returns the input", "z", false, kFamily, "y", kFamily},
+  };
+  for (const RegexCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    const RegexReplacer replacer = RegexReplacer::compile(c.pattern, c.caseInsensitive);
+    EXPECT_EQ(replacer.replaceAll(c.input, c.replacement), c.expected);
+    EXPECT_EQ(replacer.pattern(), c.pattern);
+  }
+}
+
+TEST(RegexReplacerTest, RejectsBadPatternsAndTemplates) {
+  for (const char* pattern : {"(", "[a-", "a{2,1}", "\\"}) {
+    SCOPED_TRACE(pattern);
+    EXPECT_THROW(RegexReplacer::compile(pattern), std::invalid_argument);
+  }
+  const RegexReplacer replacer = RegexReplacer::compile("(a)");
+  EXPECT_THROW(replacer.replaceAll("a", "$2"), std::invalid_argument);
+  EXPECT_THROW(replacer.replaceAll("a", "${missing}"), std::invalid_argument);
+}
+
+TEST(RegexReplacerTest, OneCompiledPatternServesManyThreads) {
+  const RegexReplacer replacer = RegexReplacer::compile(kEmailPattern, true);
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (std::size_t t = 0; t < mismatches.size(); ++t) {
+    threads.emplace_back([&, t] {
+      const std::string input = "user" + std::to_string(t) + "@example.org wrote";
+      for (int i = 0; i < 200; ++i) {
+        if (replacer.replaceAll(input, "[redacted]") != "[redacted] wrote") ++mismatches[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (int count : mismatches) EXPECT_EQ(count, 0);
+}
+
+}  // namespace
+}  // namespace qevr::text

@@ -1,0 +1,48 @@
+// qevr: the command-line tool of the QEVR library.
+#include <QEVR/QEVR.h>
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "DemoCommand.h"
+#if __has_include("LzfseCommand.h")
+#include "LzfseCommand.h"
+#define QEVR_TOOL_HAS_LZFSE 1
+#endif
+
+namespace {
+
+void printUsage(std::ostream& out) {
+  out << "usage: qevr <command> [arguments]\n"
+         "  version                         print the library version\n"
+         "  demo [--log-level LEVEL]        run the system through a short scripted life\n"
+#ifdef QEVR_TOOL_HAS_LZFSE
+         "  lzfse compress|decompress [--block] IN OUT\n"
+         "                                  convert a file to or from the compressed format\n"
+#endif
+      ;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
+    printUsage(args.empty() ? std::cerr : std::cout);
+    return args.empty() ? 2 : 0;
+  }
+  const std::string command = args[0];
+  const std::vector<std::string> rest(args.begin() + 1, args.end());
+  if (command == "version") {
+    std::cout << QEVR::version << "\n";
+    return 0;
+  }
+  if (command == "demo") return runDemoCommand(rest, std::cout, std::cerr);
+#ifdef QEVR_TOOL_HAS_LZFSE
+  if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);
+#endif
+  std::cerr << "qevr: unknown command '" << command << "'\n";
+  printUsage(std::cerr);
+  return 2;
+}
