@@ -1,4 +1,5 @@
 #include <QEVR/QEVR.h>
+#include <QEVObserver/QEVObserverModule.h>
 
 #include <functional>
 #include <memory>
@@ -11,7 +12,12 @@ using ModuleMaker = std::function<std::shared_ptr<QEVRModule>()>;
 
 // The built-in modules in dependency order: each one's start may rely on
 // every module before it. This list is the one place that grows with them.
-std::vector<ModuleMaker> defaultModuleMakers() { return {}; }
+std::vector<ModuleMaker> defaultModuleMakers() {
+  return {
+      // First: memory's start registers a sink and needs a bound dispatcher.
+      QEVObserverIntegration::makeModule,
+  };
+}
 
 }  // namespace
 

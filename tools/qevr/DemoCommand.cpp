@@ -1,6 +1,7 @@
 #include "DemoCommand.h"
 
 #include <QEVR/QEVR.h>
+#include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
 
@@ -17,6 +18,22 @@ class PrintingLogSink final : public qevr::LogSink {
              std::string_view text) override {
     qevr::MutexLock guard(lock);
     out << "  log " << subsystem << "/" << category << ": " << text << "\n";
+  }
+
+ private:
+  qevr::Mutex lock;
+  std::ostream& out QEVR_GUARDED_BY(lock);
+};
+
+// Prints every event the observer dispatches.
+class PrintingEventSink final : public QEVObserverEventSink {
+ public:
+  explicit PrintingEventSink(std::ostream& stream) : out(stream) {}
+  void receive(const QEVObserverEvent& event) override {
+    qevr::json::Writer writer(qevr::json::DateStrategy::iso8601);
+    event.encode(writer);
+    qevr::MutexLock guard(lock);
+    out << "  event " << writer.take() << "\n";
   }
 
  private:
@@ -75,12 +92,34 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
     return 1;
   }
   printState(out, "start");
+
+  // A short scripted visit, seen through a sink of our own.
+  auto sink = std::make_shared<PrintingEventSink>(out);
+  const auto sinkId = QEVObserverIntegration::registerEventSink(sink);
+  out << "sink registered: " << (sinkId ? "yes" : "no") << "\n";
+  auto report = [&](std::string_view what, bool accepted) {
+    out << what << " -> " << (accepted ? "accepted" : "refused") << "\n";
+  };
+  report("screenView Home", QEVR::Observer::screenView("Home", {}));
+  report("buttonTap play", QEVR::Observer::buttonTap("play", "Play \u25B6", {{"slot", 2}}));
+  report("navigation Home -> Level 1",
+         QEVR::Observer::navigation("Home", "Level 1", {{"difficulty", "normal"}}));
+  report("gesture swipe", QEVR::Observer::gesture(QEVGestureType::swipe, "board", {}));
+  report("track level_completed (with a password key)",
+         QEVR::Observer::track("level_completed",
+                               {{"score", 1200}, {"accuracy", 0.875}, {"password", "hunter2"}}));
+  report("track with a blank name", QEVR::Observer::track("   ", {}));
   QEVR::pause();
   printState(out, "pause");
   QEVR::pause();
   printState(out, "pause again");
   QEVR::resume();
   printState(out, "resume");
+  QEVR::pause();
+  printState(out, "pause");
+  report("track while paused", QEVR::Observer::track("paused_event", {}));
+  QEVR::resume();
+  printState(out, "resume again");
   QEVR::shutdown();
   printState(out, "shutdown");
   QEVR::shutdown();

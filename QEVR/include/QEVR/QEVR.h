@@ -11,6 +11,8 @@
 #include <QEVRCore/QEVRFacade.h>
 #include <QEVRCore/QEVRModule.h>
 #include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVObserver/QEVObserverFacade.h>
+#include <QEVObserver/QEVObserverModule.h>
 #include <QEVRPlatform/Export.h>
 
 // Registers the built-in modules with the process registry, in dependency

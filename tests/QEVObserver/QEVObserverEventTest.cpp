@@ -1,0 +1,184 @@
+#include <QEVObserver/QEVObserverEvent.h>
+#include <QEVObserver/QEVObserverPrivacyOptions.h>
+#include <QEVRPlatform/Json.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using Type = QEVObserverEventType;
+using InputError = QEVObserverEventInputValidationError;
+
+QEVObserverEvent make(Type type, QEVObserverMetadata metadata,
+                      std::optional<std::string> componentId = std::nullopt,
+                      std::optional<std::string> screenName = std::nullopt) {
+  return QEVObserverEvent(QEVRUUID::random(), type, QEVRDate{1000}, std::nullopt,
+                          std::move(screenName), std::move(componentId), std::move(metadata));
+}
+
+std::string repeat(std::string_view unit, size_t n) {
+  std::string s;
+  for (size_t i = 0; i < n; ++i) s += unit;
+  return s;
+}
+
+TEST(ObserverEventTest, CustomEventsNeedANonBlankStringName) {
+  struct Case {
+    QEVObserverMetadata metadata;
+    bool valid;
+  };
+  const Case cases[] = {
+      {{{"name", "level_up"}}, true},
+      {{{"name", " \t"}}, false},
+      {{{"name", 7}}, false},
+      {{}, false},
+  };
+  for (const auto& c : cases) {
+    if (c.valid) {
+      EXPECT_NO_THROW(make(Type::custom, c.metadata));
+    } else {
+      EXPECT_THROW(make(Type::custom, c.metadata), QEVObserverEventValidationError);
+    }
+    // The other types have no condition.
+    EXPECT_NO_THROW(make(Type::buttonTap, c.metadata));
+  }
+  EXPECT_STREQ(QEVObserverEventValidationError().what(),
+               "Custom observer events require a non-empty name.");
+}
+
+TEST(ObserverEventTest, CustomMakerReplacesNameAndComponentIdIsNormalised) {
+  auto event = QEVObserverEvent::custom(" jump ", QEVRUUID::random(), QEVRDate{}, std::nullopt,
+                                        "  ", " \n", {{"name", "old"}});
+  EXPECT_EQ(*event.metadata().at("name").stringValue(), " jump ");  // stored untrimmed
+  EXPECT_FALSE(event.componentId().has_value());
+  EXPECT_EQ(event.screenName(), "  ");  // screen names are kept as given
+  EXPECT_THROW(QEVObserverEvent::custom("", QEVRUUID::random(), QEVRDate{}, std::nullopt,
+                                        std::nullopt, std::nullopt, {}),
+               QEVObserverEventValidationError);
+  EXPECT_EQ(make(Type::buttonTap, {}, "  play  ").componentId(), "play");
+}
+
+TEST(ObserverEventTest, JsonRoundTripsAndDecodingEnforcesTheRule) {
+  QEVObserverEvent event(QEVRUUID::random(), Type::navigation, QEVRDate{12.5}, QEVRUUID::random(),
+                         "A/B", std::nullopt,
+                         {{"s", "x/y"}, {"i", -3}, {"d", 0.25}, {"b", true}, {"t", QEVRDate{7}}});
+  qevr::json::Writer writer;
+  event.encode(writer);
+  const std::string json = writer.take();
+  EXPECT_NE(json.find(R"("screenName":"A\/B")"), std::string::npos);
+  EXPECT_EQ(json.find("componentId"), std::string::npos);
+  const qevr::json::Value parsed = qevr::json::parse(json);
+  EXPECT_EQ(QEVObserverEvent::decode(qevr::json::Decoder(parsed)), event);
+
+  const char* customWithoutName =
+      R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","type":"custom","timestamp":0,"metadata":{}})";
+  const qevr::json::Value bad = qevr::json::parse(customWithoutName);
+  EXPECT_THROW(QEVObserverEvent::decode(qevr::json::Decoder(bad)), QEVObserverEventValidationError);
+  const char* unknownValueType =
+      R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","type":"gesture","timestamp":0,)"
+      R"("metadata":{"k":{"type":"uuid","value":"x"}}})";
+  const qevr::json::Value worse = qevr::json::parse(unknownValueType);
+  EXPECT_THROW(QEVObserverEvent::decode(qevr::json::Decoder(worse)), qevr::json::DecodingError);
+}
+
+TEST(ObserverInputValidationTest, NamesAreTrimmedAndLimitedInCharacters) {
+  namespace v = QEVObserverInputValidation;
+  const std::string name128 = repeat("a", 128);
+  EXPECT_EQ(v::requiredName("  " + name128 + "\n"), name128);
+  EXPECT_THROW(v::requiredName(repeat("a", 129)), QEVObserverEventInputValidationError);
+}
+
+TEST(ObserverInputValidationTest, LimitsCountGraphemeClustersNotBytes) {
+  namespace v = QEVObserverInputValidation;
+  const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467";  // one cluster
+  EXPECT_NO_THROW(v::requiredName(repeat(family, 100)));
+  EXPECT_NO_THROW(v::requiredName(repeat("e\u0301", 128)));  // combining marks
+  EXPECT_THROW(v::requiredName(repeat("e\u0301", 129)), InputError);
+  EXPECT_THROW(v::requiredName(repeat("a", 129)), InputError);
+  EXPECT_THROW(v::requiredName(" \u3000\u2028 "), InputError);
+  EXPECT_EQ(v::optionalName("   "), std::nullopt);
+  EXPECT_THROW(v::optionalName(repeat("b", 129)), InputError);
+  // Invalid UTF-8 from the host is repaired, not refused.
+  EXPECT_EQ(v::requiredName("ok\xff"), "ok\uFFFD");
+}
+
+TEST(ObserverInputValidationTest, MetadataKeysAreCheckedAndTrimmed) {
+  namespace v = QEVObserverInputValidation;
+  auto clean = v::metadata({{" key ", 1}, {"s", "caf\x65\xcc\x81"}});
+  EXPECT_EQ(clean.count("key"), 1u);
+  EXPECT_EQ(*clean.at("s").stringValue(), "caf\u00e9");  // brought to NFC
+  try {
+    v::metadata({{" " + repeat("k", 129) + " ", 1}});
+    FAIL();
+  } catch (const InputError& e) {
+    EXPECT_EQ(e, InputError::metadataKeyTooLong(repeat("k", 129)));
+  }
+  try {
+    v::metadata({{"\t", 1}});
+    FAIL();
+  } catch (const InputError& e) {
+    EXPECT_EQ(e, InputError::emptyMetadataKey());
+  }
+}
+
+TEST(ObserverSanitizationTest, SensitiveKeysAreDroppedInAnyCaseAndPosition) {
+  auto event = make(Type::gesture, {{"Author", "a"},
+                                    {"smartphone", "b"},
+                                    {"accessTokens", "c"},
+                                    {"userEmail", "d"},
+                                    {"Auth_Code", "e"},
+                                    {"xSECRETx", "f"},
+                                    {"PassWord", "g"},
+                                    {" color ", "blue"},
+                                    {"Size", 3}});
+  auto clean = event.sanitized();
+  ASSERT_TRUE(clean.has_value());
+  QEVObserverMetadata expected{{"color", "blue"}, {"Size", 3}};
+  EXPECT_EQ(clean->metadata(), expected);
+}
+
+TEST(ObserverSanitizationTest, TextsAreBoundedTo1024Characters) {
+  const std::string emoji = "\U0001F1EB\U0001F1F7";  // a flag: one cluster, 8 bytes
+  auto event = make(Type::buttonTap,
+                    {{"long", repeat("x", 2000)}, {"flags", repeat(emoji, 2000)}, {"blank", "   "},
+                     {"n", 5}},
+                    repeat("c", 1500), std::string("  "));
+  auto clean = event.sanitized();
+  ASSERT_TRUE(clean.has_value());
+  EXPECT_EQ(clean->metadata().at("long").stringValue()->size(), 1024u);
+  EXPECT_EQ(*clean->metadata().at("flags").stringValue(), repeat(emoji, 1024));
+  EXPECT_EQ(*clean->metadata().at("blank").stringValue(), "");
+  EXPECT_EQ(*clean->metadata().at("n").intValue(), 5);
+  EXPECT_EQ(clean->componentId()->size(), 1024u);
+  EXPECT_FALSE(clean->screenName().has_value());  // blank screen: absent, not a failure
+}
+
+TEST(ObserverSanitizationTest, FailsOnlyForACustomEventLeftWithoutAName) {
+  auto custom = QEVObserverEvent::custom("x", QEVRUUID::random(), QEVRDate{}, std::nullopt,
+                                         std::nullopt, std::nullopt, {});
+  EXPECT_TRUE(custom.sanitized().has_value());
+  // " name " trims onto "name": whichever entry the map yields last wins, so
+  // the result is either refused or still carries a usable string name.
+  for (int i = 0; i < 20; ++i) {
+    auto colliding = make(Type::custom, {{"name", "a"}, {" name ", "   "}, {"name ", 3}});
+    auto clean = colliding.sanitized();
+    if (clean) {
+      const std::string* name = clean->metadata().at("name").stringValue();
+      ASSERT_NE(name, nullptr);
+      EXPECT_EQ(*name, "a");
+    }
+  }
+  EXPECT_TRUE(make(Type::sessionEnd, {{"name", 1}}).sanitized().has_value());
+}
+
+TEST(ObserverPrivacyOptionsTest, JsonNeedsAllSixFlags) {
+  QEVObserverPrivacyOptions options;
+  options.allowGestureTracking = false;
+  EXPECT_EQ(QEVObserverPrivacyOptions::fromJSON(options.toJSON()), options);
+  EXPECT_THROW(QEVObserverPrivacyOptions::fromJSON(R"({"allowScreenTracking":true})"),
+               qevr::json::DecodingError);
+}
+
+}  // namespace

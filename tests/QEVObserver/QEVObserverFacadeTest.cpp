@@ -1,0 +1,263 @@
+#include <QEVObserver/QEVObserverFacade.h>
+#include <QEVObserver/QEVObserverModule.h>
+#include <QEVRCore/QEVRFacade.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRPlatform/Log.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+using ::testing::ElementsAre;
+using Type = QEVObserverEventType;
+namespace Observer = QEVR::Observer;
+
+class CollectingSink : public QEVObserverEventSink {
+ public:
+  void receive(const QEVObserverEvent& event) override {
+    qevr::MutexLock guard(lock);
+    events.push_back(event);
+  }
+  std::vector<QEVObserverEvent> all() const {
+    qevr::MutexLock guard(lock);
+    return events;
+  }
+  std::vector<Type> types() const {
+    std::vector<Type> out;
+    for (const auto& e : all()) out.push_back(e.type());
+    return out;
+  }
+
+ private:
+  mutable qevr::Mutex lock;
+  std::vector<QEVObserverEvent> events QEVR_GUARDED_BY(lock);
+};
+
+class ObserverFacadeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QEVR::shutdown();
+    QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+    QEVRRuntimeStore::shared().moduleRegistry().registerModule(module);
+    Observer::configure(QEVObserverPrivacyOptions{});
+    logs->clear();
+  }
+  void TearDown() override {
+    QEVR::shutdown();
+    QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+    Observer::configure(QEVObserverPrivacyOptions{});
+  }
+
+  void start() {
+    QEVRConfiguration c;
+    c.appId = "com.example.observer-tests";
+    c.logLevel = QEVRLogLevel::off;
+    QEVR::start(c);
+  }
+
+  std::shared_ptr<CollectingSink> startWithSink() {
+    start();
+    auto sink = std::make_shared<CollectingSink>();
+    EXPECT_TRUE(QEVObserverIntegration::registerEventSink(sink).has_value());
+    return sink;
+  }
+
+  std::vector<std::string> lines() const { return logs->texts("QEVObserver", "Events"); }
+
+  std::shared_ptr<QEVObserverModule> module = std::make_shared<QEVObserverModule>();
+  std::shared_ptr<qevr::CapturingLogSink> logs = std::make_shared<qevr::CapturingLogSink>();
+  qevr::ScopedLogSink scoped{logs};
+};
+
+TEST_F(ObserverFacadeTest, RefusalsComeInPipelineOrder) {
+  // Before start: validation first, then the running check.
+  EXPECT_FALSE(Observer::track("  ", {}));
+  EXPECT_FALSE(Observer::track("jump", {}));
+  start();
+  QEVObserverPrivacyOptions off;
+  off.allowCustomEvents = false;
+  Observer::configure(off);
+  EXPECT_FALSE(Observer::track("", {}));
+  EXPECT_FALSE(Observer::track("jump", {}));
+  QEVR::pause();
+  EXPECT_FALSE(Observer::track("jump", {}));
+  EXPECT_THAT(lines(), ElementsAre("Custom event ignored because validation failed",
+                                   "Custom event ignored because QEVObserver is not running",
+                                   "Custom event ignored because validation failed",
+                                   "Custom event ignored because custom tracking is disabled",
+                                   "Custom event ignored because QEVObserver is not running"));
+  for (const auto& e : logs->entries()) {
+    if (e.subsystem == "QEVObserver") {
+      EXPECT_EQ(e.type, qevr::LogType::error);
+    }
+  }
+}
+
+TEST_F(ObserverFacadeTest, EachCallHasItsFlagAndItsLines) {
+  start();
+  Observer::configure(QEVObserverPrivacyOptions{false, false, false, false, true, true});
+  EXPECT_FALSE(Observer::screenView("A", {}));
+  EXPECT_FALSE(Observer::screenDisappear("A", {}));
+  EXPECT_FALSE(Observer::navigation(std::nullopt, "A", {}));
+  EXPECT_FALSE(Observer::buttonTap("b", std::nullopt, {}));
+  EXPECT_FALSE(Observer::gesture(QEVGestureType::pan, std::nullopt, {}));
+  EXPECT_FALSE(Observer::gesture(QEVGestureType::pan, " ", {}));  // blank id: an error
+  EXPECT_THAT(lines(), ElementsAre("Screen view ignored because screen tracking is disabled",
+                                   "Screen disappear ignored because screen tracking is disabled",
+                                   "Navigation ignored because screen tracking is disabled",
+                                   "Button tap ignored because component tracking is disabled",
+                                   "Gesture ignored because gesture tracking is disabled",
+                                   "Gesture ignored because validation failed"));
+}
+
+TEST_F(ObserverFacadeTest, EventsCarryTheSessionTheScreenAndSanitisedMetadata) {
+  auto sink = startWithSink();
+  const auto session = module->sessionTracker()->activeSession();
+  ASSERT_TRUE(session.has_value());
+  EXPECT_TRUE(Observer::screenView(" Home ", {}));
+  EXPECT_TRUE(Observer::buttonTap("play", "  ", {{"title", "mine"}}));
+  EXPECT_TRUE(Observer::track("score", {{"password", "x"}, {"points", 10}}));
+  auto events = sink->all();
+  ASSERT_EQ(events.size(), 3u);
+  for (const auto& e : events) EXPECT_EQ(e.sessionId(), session->id);
+  EXPECT_EQ(events[0].screenName(), "Home");
+  EXPECT_EQ(events[1].screenName(), "Home");  // filled from the screen tracker
+  EXPECT_EQ(*events[1].metadata().at("title").stringValue(), "mine");  // blank title: kept
+  EXPECT_EQ(events[2].metadata().count("password"), 0u);
+  EXPECT_EQ(*events[2].metadata().at("name").stringValue(), "score");
+  EXPECT_EQ(module->componentInteractionTracker()->lastInteraction(),
+            (QEVComponentInteractionTracker::Interaction{"play", "mine"}));
+}
+
+TEST_F(ObserverFacadeTest, TrackersFollowScreensNavigationAndGestures) {
+  start();
+  auto& screens = *module->screenTracker();
+  Observer::screenView("A", {});
+  Observer::screenDisappear("B", {});
+  EXPECT_EQ(screens.currentName(), "A");
+  Observer::screenDisappear("A", {});
+  EXPECT_FALSE(screens.currentName().has_value());
+  Observer::navigation(" ", "Settings", {{"from", "kept"}});
+  EXPECT_EQ(screens.currentName(), "Settings");
+  EXPECT_EQ(module->navigationTracker()->lastSource(), "kept");
+  Observer::navigation(std::nullopt, "Shop", {});
+  EXPECT_FALSE(module->navigationTracker()->lastSource().has_value());
+  EXPECT_EQ(module->navigationTracker()->lastDestination(), "Shop");
+  Observer::gesture(QEVGestureType::swipe, " board ", {});
+  EXPECT_EQ(module->gestureTracker()->lastGesture(),
+            (QEVGestureTracker::Gesture{QEVGestureType::swipe, "board"}));
+  QEVR::shutdown();
+  EXPECT_FALSE(screens.currentName().has_value());
+  EXPECT_FALSE(module->gestureTracker()->lastGesture().has_value());
+}
+
+TEST_F(ObserverFacadeTest, LateSinkSeesSessionEndButNotSessionStart) {
+  // A sink cannot exist before the first start: registration needs a bound
+  // dispatcher.
+  EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<CollectingSink>()));
+  auto sink = startWithSink();
+  QEVR::pause();
+  QEVR::shutdown();  // from paused: sessionEnd still goes out
+  EXPECT_THAT(sink->types(), ElementsAre(Type::sessionEnd));
+  const auto end = sink->all()[0];
+  EXPECT_TRUE(end.metadata().count("startedAt"));
+  EXPECT_TRUE(end.metadata().count("endedAt"));
+  EXPECT_TRUE(end.metadata().at("duration").doubleValue());
+  EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<CollectingSink>()));
+}
+
+TEST_F(ObserverFacadeTest, RestartOfTheSameModuleBeginsANewSession) {
+  auto sink = startWithSink();
+  const auto first = module->sessionTracker()->activeSession()->id;
+  QEVR::shutdown();
+  start();
+  const auto second = module->sessionTracker()->activeSession()->id;
+  EXPECT_NE(first, second);
+  EXPECT_EQ(module->dispatcher()->sinkCount(), 0u);  // sinks do not survive
+  auto again = std::make_shared<CollectingSink>();
+  QEVObserverIntegration::registerEventSink(again);
+  EXPECT_TRUE(Observer::track("after restart", {}));
+  ASSERT_EQ(again->all().size(), 1u);
+  EXPECT_EQ(again->all()[0].sessionId(), second);
+}
+
+TEST_F(ObserverFacadeTest, PrivacyOptionsSurviveStartAndShutdown) {
+  QEVObserverPrivacyOptions options;
+  options.allowGestureTracking = false;
+  Observer::configure(options);
+  start();
+  EXPECT_EQ(Observer::privacyOptions(), options);
+  QEVR::shutdown();
+  EXPECT_EQ(Observer::privacyOptions(), options);
+}
+
+TEST_F(ObserverFacadeTest, ViewAdaptersCheckTheirOwnFlagFirst) {
+  auto sink = startWithSink();
+  QEVObserverPrivacyOptions options;
+  options.allowSwiftUIHelpers = false;
+  Observer::configure(options);
+  QEVObserverViewHelpers::screenAppeared("Home");
+  EXPECT_TRUE(lines().empty());
+  options.allowSwiftUIHelpers = true;
+  options.allowScreenTracking = false;
+  Observer::configure(options);
+  QEVObserverViewHelpers::screenAppeared("Home");
+  QEVObserverViewHelpers::componentTapped("play", "Play");
+  EXPECT_THAT(lines(), ElementsAre("Screen view ignored because screen tracking is disabled"));
+  EXPECT_THAT(sink->types(), ElementsAre(Type::buttonTap));
+}
+
+// Eight host threads track while the system starts, pauses, resumes and
+// shuts down underneath them. Under TSan this checks the locking; the
+// assertions check that only running states accept events.
+TEST_F(ObserverFacadeTest, ConcurrentCallsDuringLifecycleChanges) {
+  logs->clear();
+  qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
+  std::atomic<bool> stop{false};
+  std::atomic<int> accepted{0};
+  std::vector<std::thread> hosts;
+  for (int t = 0; t < 8; ++t) {
+    hosts.emplace_back([&, t] {
+      while (!stop) {
+        bool ok = false;
+        switch (t % 4) {
+          case 0:
+            ok = Observer::track("tick", {{"n", t}});
+            break;
+          case 1:
+            ok = Observer::screenView("Screen", {});
+            break;
+          case 2:
+            ok = Observer::buttonTap("b", "t", {});
+            break;
+          case 3:
+            ok = Observer::gesture(QEVGestureType::tap, std::nullopt, {});
+            break;
+        }
+        accepted += ok;
+        if (t == 0) {
+          auto sink = std::make_shared<CollectingSink>();
+          if (auto id = QEVObserverIntegration::registerEventSink(sink)) {
+            QEVObserverIntegration::removeEventSink(*id);
+          }
+        }
+      }
+    });
+  }
+  for (int round = 0; round < 30; ++round) {
+    start();
+    QEVR::pause();
+    QEVR::resume();
+    QEVR::shutdown();
+  }
+  stop = true;
+  for (auto& h : hosts) h.join();
+  EXPECT_FALSE(Observer::track("after", {}));
+  EXPECT_EQ(module->dispatcher()->sinkCount(), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+#include <QEVObserver/QEVObserverEventDispatcher.h>
+#include <QEVObserver/QEVObserverTrackers.h>
+#include <QEVRPlatform/Json.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using State = QEVObserverEventDispatcher::State;
+
+TEST(SessionTrackerTest, StartIsIdempotentAndEndRecordsTheSession) {
+  QEVSessionTracker tracker;
+  EXPECT_FALSE(tracker.endSession(QEVRDate{5}).has_value());
+  EXPECT_EQ(tracker.currentState(), QEVSessionTracker::State::inactive);
+  const QEVRUUID first = QEVRUUID::random();
+  auto a = tracker.startSession(first, QEVRDate{10});
+  auto b = tracker.startSession(QEVRUUID::random(), QEVRDate{20});
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(b.id, first);
+  // An end before the start gives a zero duration, never a negative one.
+  auto ended = tracker.endSession(QEVRDate{4});
+  ASSERT_TRUE(ended.has_value());
+  EXPECT_EQ(ended->duration, 0.0);
+  EXPECT_EQ(tracker.currentState(), QEVSessionTracker::State::ended);
+  EXPECT_EQ(tracker.lastEndedSession(), ended);
+  auto next = tracker.startSession(QEVRUUID::random(), QEVRDate{30});
+  EXPECT_NE(next.id, first);
+  EXPECT_EQ(tracker.lastEndedSession(), ended);  // survives a new start
+}
+
+TEST(SessionTrackerTest, SessionJsonKeepsDurationAsRead) {
+  const char* json = R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","startedAt":3,"duration":9.5})";
+  const qevr::json::Value v = qevr::json::parse(json);
+  auto session = QEVObserverSession::decode(qevr::json::Decoder(v));
+  EXPECT_EQ(session.duration, 9.5);
+  EXPECT_FALSE(session.endedAt.has_value());
+  QEVObserverSession full(QEVRUUID::random(), QEVRDate{1}, QEVRDate{4});
+  qevr::json::Writer w;
+  full.encode(w);
+  const qevr::json::Value back = qevr::json::parse(w.take());
+  EXPECT_EQ(QEVObserverSession::decode(qevr::json::Decoder(back)), full);
+}
+
+TEST(DiagnosticProviderTest, ReportsScreenWithoutSession) {
+  auto sessions = std::make_shared<QEVSessionTracker>();
+  auto screens = std::make_shared<QEVScreenTracker>();
+  QEVObserverDiagnosticContextProvider provider(sessions, screens);
+  screens->setCurrentName("Home");
+  EXPECT_EQ(provider.currentContext(), (QEVRDiagnosticContext{std::nullopt, "Home"}));
+  auto s = sessions->startSession(QEVRUUID::random(), QEVRDate{});
+  EXPECT_EQ(provider.currentContext().sessionId, s.id);
+}
+
+TEST(GestureTypeTest, RawValuesRoundTrip) {
+  for (QEVGestureType t : allGestureTypes) EXPECT_EQ(gestureTypeFromRawValue(rawValueOf(t)), t);
+  EXPECT_FALSE(gestureTypeFromRawValue("Tap").has_value());
+}
+
+class CollectingSink : public QEVObserverEventSink {
+ public:
+  void receive(const QEVObserverEvent& event) override { events.push_back(event); }
+  std::vector<QEVObserverEvent> events;
+};
+
+QEVObserverEvent tap(std::optional<QEVRUUID> session = std::nullopt) {
+  return QEVObserverEvent(QEVRUUID::random(), QEVObserverEventType::buttonTap, QEVRDate{3},
+                          session, std::nullopt, "ok", {{"k", 1}});
+}
+
+TEST(DispatcherTest, SendsOnlyInAllowedStatesAndStampsTheSession) {
+  QEVObserverEventDispatcher dispatcher;
+  auto sink = std::make_shared<CollectingSink>();
+  dispatcher.addSink(QEVRUUID::random(), sink);
+  dispatcher.dispatch(tap(), {State::running});  // stopped: dropped
+  EXPECT_TRUE(sink->events.empty());
+
+  dispatcher.setState(State::running);
+  const QEVRUUID active = QEVRUUID::random();
+  dispatcher.setActiveSessionId(active);
+  const QEVObserverEvent unstamped = tap();
+  dispatcher.dispatch(unstamped, {State::running});
+  const QEVRUUID own = QEVRUUID::random();
+  dispatcher.dispatch(tap(own), {State::running});
+  ASSERT_EQ(sink->events.size(), 2u);
+  EXPECT_EQ(sink->events[0], unstamped.withSessionId(active));
+  EXPECT_EQ(sink->events[1].sessionId(), own);
+
+  dispatcher.pauseIfRunning();
+  dispatcher.dispatch(tap(), {State::running});
+  dispatcher.dispatch(tap(), {State::running, State::paused});
+  EXPECT_EQ(sink->events.size(), 3u);
+}
+
+TEST(DispatcherTest, ShutdownDropsSinksAndSessionAndARestartStartsEmpty) {
+  QEVObserverEventDispatcher dispatcher;
+  const QEVRUUID id = QEVRUUID::random();
+  dispatcher.addSink(id, std::make_shared<CollectingSink>());
+  dispatcher.removeSink(QEVRUUID::random());  // unknown: nothing happens
+  EXPECT_EQ(dispatcher.sinkCount(), 1u);
+  dispatcher.setActiveSessionId(QEVRUUID::random());
+  dispatcher.shutdown();
+  EXPECT_EQ(dispatcher.sinkCount(), 0u);
+  EXPECT_FALSE(dispatcher.activeSessionId().has_value());
+  dispatcher.setState(State::running);
+  EXPECT_EQ(dispatcher.sinkCount(), 0u);
+}
+
+TEST(DispatcherTest, ASinkMayRemoveItselfWhileBeingCalled) {
+  QEVObserverEventDispatcher dispatcher;
+  dispatcher.setState(State::running);
+  struct SelfRemoving : QEVObserverEventSink {
+    QEVObserverEventDispatcher* owner = nullptr;
+    QEVRUUID id;
+    int calls = 0;
+    void receive(const QEVObserverEvent&) override {
+      ++calls;
+      owner->removeSink(id);
+    }
+  };
+  auto sink = std::make_shared<SelfRemoving>();
+  sink->owner = &dispatcher;
+  sink->id = QEVRUUID::random();
+  dispatcher.addSink(sink->id, sink);
+  dispatcher.dispatch(tap(), {State::running});
+  dispatcher.dispatch(tap(), {State::running});
+  EXPECT_EQ(sink->calls, 1);
+}
+
+}  // namespace
