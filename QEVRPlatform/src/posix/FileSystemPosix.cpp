@@ -58,9 +58,15 @@ class FileDescriptor {
 fs::path temporarySibling(const fs::path& target) {
   static std::atomic<std::uint64_t> counter{0};
   thread_local std::mt19937_64 random{std::random_device{}()};
-  std::string name = "." + target.filename().string() + "." + std::to_string(::getpid()) + "." +
-                     std::to_string(counter.fetch_add(1, std::memory_order_relaxed)) + "." +
-                     std::to_string(random() & 0xFFFFFF) + ".tmp";
+  std::string name(".");
+  name.append(target.filename().string());
+  for (std::uint64_t part : {static_cast<std::uint64_t>(::getpid()),
+                             counter.fetch_add(1, std::memory_order_relaxed),
+                             static_cast<std::uint64_t>(random() & 0xFFFFFF)}) {
+    name.push_back('.');
+    name.append(std::to_string(part));
+  }
+  name.append(".tmp");
   return target.parent_path() / name;
 }
 
