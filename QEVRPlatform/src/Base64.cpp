@@ -11,8 +11,10 @@ constexpr std::uint8_t kInvalid = 0xFF;
 
 constexpr std::array<std::uint8_t, 256> makeDecodeTable() {
   std::array<std::uint8_t, 256> table{};
-  for (auto& entry : table) entry = kInvalid;
-  for (std::uint8_t i = 0; i < 64; ++i) table[static_cast<unsigned char>(kAlphabet[i])] = i;
+  for (auto& entry : table)
+    entry = kInvalid;
+  for (std::uint8_t i = 0; i < 64; ++i)
+    table[static_cast<unsigned char>(kAlphabet[i])] = i;
   return table;
 }
 
@@ -25,8 +27,8 @@ std::string base64Encode(std::span<const std::uint8_t> bytes) {
   out.reserve((bytes.size() + 2) / 3 * 4);
   std::size_t i = 0;
   for (; i + 3 <= bytes.size(); i += 3) {
-    const std::uint32_t group = std::uint32_t{bytes[i]} << 16 | std::uint32_t{bytes[i + 1]} << 8 |
-                                bytes[i + 2];
+    const std::uint32_t group =
+        std::uint32_t{bytes[i]} << 16 | std::uint32_t{bytes[i + 1]} << 8 | bytes[i + 2];
     out.push_back(kAlphabet[group >> 18]);
     out.push_back(kAlphabet[group >> 12 & 0x3F]);
     out.push_back(kAlphabet[group >> 6 & 0x3F]);

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <stdexcept>
 #include <utility>
 
@@ -35,9 +34,11 @@ struct ProcessClock {
   std::atomic<bool> hasCustomClock{false};
 };
 
+// Never destroyed, so that now() stays usable from other objects' static
+// destructors (a log line written at exit, say).
 ProcessClock& processClock() {
-  static ProcessClock clock;
-  return clock;
+  static ProcessClock* const clock = new ProcessClock;
+  return *clock;
 }
 
 // Unix seconds of 0000-01-01T00:00:00Z and of 10000-01-01T00:00:00Z,
@@ -67,8 +68,8 @@ std::optional<int> digits(std::string_view text, std::size_t position, std::size
 }  // namespace
 
 const Clock& systemClock() {
-  static const SystemClock clock;
-  return clock;
+  static const SystemClock* const clock = new SystemClock;  // never destroyed, as above
+  return *clock;
 }
 
 QEVRDate now() {
@@ -114,12 +115,22 @@ std::string formatISO8601(QEVRDate date) {
   }
   const std::chrono::year_month_day ymd{
       std::chrono::sys_days{std::chrono::days{static_cast<int>(dayNumber)}}};
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(ymd.year()),
-                static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
-                static_cast<int>(secondOfDay / 3600), static_cast<int>(secondOfDay / 60 % 60),
-                static_cast<int>(secondOfDay % 60));
-  return buffer;
+  // Written digit by digit: snprintf would cost more than everything else
+  // in a log line or a JSON date.
+  std::string text = "0000-00-00T00:00:00Z";
+  const auto put = [&text](std::size_t position, std::size_t width, int value) {
+    for (std::size_t i = width; i > 0; --i) {
+      text[position + i - 1] = static_cast<char>('0' + value % 10);
+      value /= 10;
+    }
+  };
+  put(0, 4, static_cast<int>(ymd.year()));
+  put(5, 2, static_cast<int>(static_cast<unsigned>(ymd.month())));
+  put(8, 2, static_cast<int>(static_cast<unsigned>(ymd.day())));
+  put(11, 2, static_cast<int>(secondOfDay / 3600));
+  put(14, 2, static_cast<int>(secondOfDay / 60 % 60));
+  put(17, 2, static_cast<int>(secondOfDay % 60));
+  return text;
 }
 
 std::optional<QEVRDate> parseISO8601(std::string_view text) {

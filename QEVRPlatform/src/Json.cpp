@@ -12,9 +12,11 @@
 namespace qevr::json {
 namespace {
 
-// Above this size a document gets a parser of its own, so that one large
-// file does not leave its buffers behind in the thread's reusable parser.
-constexpr std::size_t kReusableParserCapacityBytes = 1024 * 1024;
+// Documents up to this size use a parser kept per thread, which keeps its
+// buffers (over ten bytes per byte of capacity) between calls; larger
+// ones get a parser of their own, so that one large file leaves nothing
+// behind. Records and graphs are well below this size.
+constexpr std::size_t kReusableParserCapacityBytes = 64 * 1024;
 
 // Below this many members, a linear scan finds duplicate keys faster than
 // a hash map can be built.
@@ -72,7 +74,8 @@ Value convert(simdjson::dom::element element) {
       const simdjson::dom::array array = element.get_array().value_unsafe();
       Value::Array items;
       items.reserve(array.size());
-      for (const simdjson::dom::element item : array) items.push_back(convert(item));
+      for (const simdjson::dom::element item : array)
+        items.push_back(convert(item));
       return Value(std::move(items));
     }
     case element_type::OBJECT:
@@ -149,7 +152,9 @@ const Value* Value::find(std::string_view key) const {
   return nullptr;
 }
 
-bool operator==(const Value& a, const Value& b) { return a.data == b.data; }
+bool operator==(const Value& a, const Value& b) {
+  return a.data == b.data;
+}
 
 Value parse(std::string_view text) {
   if (text.size() > kMaxDocumentSizeBytes) {
@@ -204,8 +209,8 @@ void Decoder::fail(DecodingError::Kind kind, std::string debugDescription) const
 }
 
 void Decoder::failType(std::string_view expected) const {
-  const auto kind = current->isNull() ? DecodingError::Kind::valueNotFound
-                                      : DecodingError::Kind::typeMismatch;
+  const auto kind =
+      current->isNull() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch;
   fail(kind, "Expected " + std::string(expected) + " but found " +
                  std::string(typeDescription(*current)) + ".");
 }
@@ -243,7 +248,8 @@ std::vector<std::string> Decoder::keys() const {
   if (!isObject()) failType("an object");
   std::vector<std::string> names;
   names.reserve(current->object().size());
-  for (const Member& member : current->object()) names.push_back(member.key);
+  for (const Member& member : current->object())
+    names.push_back(member.key);
   return names;
 }
 
@@ -373,9 +379,9 @@ namespace detail {
 std::size_t keyedEnumCaseIndex(const Decoder& decoder, std::size_t caseCount,
                                const std::function<std::string_view(std::size_t)>& caseName) {
   if (!decoder.isObject()) {
-    decoder.fail(DecodingError::Kind::typeMismatch,
-                 "Expected an object but found " +
-                     std::string(typeDescription(decoder.value())) + ".");
+    decoder.fail(
+        DecodingError::Kind::typeMismatch,
+        "Expected an object but found " + std::string(typeDescription(decoder.value())) + ".");
   }
   std::optional<std::size_t> found;
   const Member* foundMember = nullptr;
@@ -396,9 +402,9 @@ std::size_t keyedEnumCaseIndex(const Decoder& decoder, std::size_t caseCount,
   if (foundMember->value.type() != Value::Type::object) {
     std::vector<std::string> payloadPath = decoder.codingPath();
     payloadPath.push_back(foundMember->key);
-    throw DecodingError(DecodingError::Kind::typeMismatch, std::move(payloadPath),
-                        "Expected an object but found " +
-                            std::string(typeDescription(foundMember->value)) + ".");
+    throw DecodingError(
+        DecodingError::Kind::typeMismatch, std::move(payloadPath),
+        "Expected an object but found " + std::string(typeDescription(foundMember->value)) + ".");
   }
   return *found;
 }

@@ -50,8 +50,7 @@ void appendEscaped(std::string& out, std::string_view text) {
       // Copy well-formed sequences as they are; the rest become U+FFFD.
       std::size_t next = i;
       const std::optional<char32_t> codePoint = text::decodeNext(text, next);
-      const bool wellFormed =
-          *codePoint != 0xFFFD || text.substr(i, next - i) == "\xEF\xBF\xBD";
+      const bool wellFormed = *codePoint != 0xFFFD || text.substr(i, next - i) == "\xEF\xBF\xBD";
       if (!wellFormed) {
         out.append(text.substr(runStart, i - runStart));
         text::appendUtf8(out, 0xFFFD);
@@ -105,7 +104,8 @@ void appendDouble(std::string& out, double number) {
   } else if (text[digits] == '+') {
     ++digits;
   }
-  while (digits + 1 < text.size() && text[digits] == '0') ++digits;
+  while (digits + 1 < text.size() && text[digits] == '0')
+    ++digits;
   out.append(text.substr(digits));
 }
 
@@ -204,7 +204,9 @@ void Writer::number(double number) {
   // Checked before beforeValue() so that the Writer's state is untouched.
   if (!std::isfinite(number)) {
     throw EncodingError(std::string("Unable to encode ") +
-                        (std::isnan(number) ? "NaN" : number > 0 ? "infinity" : "-infinity") +
+                        (std::isnan(number) ? "NaN"
+                         : number > 0       ? "infinity"
+                                            : "-infinity") +
                         ": JSON has no form for a number that is not finite.");
   }
   beforeValue();
@@ -218,7 +220,9 @@ void Writer::null() {
   afterValue();
 }
 
-void Writer::base64(std::span<const std::uint8_t> bytes) { string(base64Encode(bytes)); }
+void Writer::base64(std::span<const std::uint8_t> bytes) {
+  string(base64Encode(bytes));
+}
 
 void Writer::date(QEVRDate date) {
   if (dates == DateStrategy::secondsSinceReferenceDate) {
@@ -234,7 +238,9 @@ void Writer::date(QEVRDate date) {
   string(text);
 }
 
-void Writer::uuid(const QEVRUUID& uuid) { string(uuid.uuidString()); }
+void Writer::uuid(const QEVRUUID& uuid) {
+  string(uuid.uuidString());
+}
 
 void Writer::value(const Value& value) {
   switch (value.type()) {
@@ -258,7 +264,8 @@ void Writer::value(const Value& value) {
       return;
     case Value::Type::array:
       beginArray();
-      for (const Value& item : value.array()) this->value(item);
+      for (const Value& item : value.array())
+        this->value(item);
       endArray();
       return;
     case Value::Type::object:

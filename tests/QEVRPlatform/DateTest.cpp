@@ -42,8 +42,7 @@ TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
       {"one and a half before", QEVRDate{-1.5}, "2000-12-31T23:59:58Z"},
       {"one second before the epoch", QEVRDate::fromUnixSeconds(-1), "1969-12-31T23:59:59Z"},
       {"leap day", QEVRDate::fromUnixSeconds(1709208000), "2024-02-29T12:00:00Z"},
-      {"last second of year 9999", QEVRDate::fromUnixSeconds(253402300799),
-       "9999-12-31T23:59:59Z"},
+      {"last second of year 9999", QEVRDate::fromUnixSeconds(253402300799), "9999-12-31T23:59:59Z"},
       {"first second of year 0", QEVRDate::fromUnixSeconds(-62167219200), "0000-01-01T00:00:00Z"},
   };
   for (const FormatCase& c : cases) {
@@ -53,10 +52,9 @@ TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
 }
 
 TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
-  for (double seconds : {std::numeric_limits<double>::quiet_NaN(),
-                         std::numeric_limits<double>::infinity(),
-                         -std::numeric_limits<double>::infinity(), 253402300800.0,
-                         -62167219201.0, 1e300}) {
+  for (double seconds :
+       {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+        -std::numeric_limits<double>::infinity(), 253402300800.0, -62167219201.0, 1e300}) {
     SCOPED_TRACE(seconds);
     EXPECT_THROW(formatISO8601(QEVRDate::fromUnixSeconds(seconds)), std::out_of_range);
   }
@@ -89,37 +87,37 @@ TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
 TEST(ISO8601Test, ParseRefusesEveryOtherForm) {
   for (const char* text : {
            "",
-           "2026-01-31T09:05:00",            // no zone
-           "2026-01-31T09:05:00.5Z",         // fraction
-           "2026-01-31T09:05:00.000Z",       // fraction, even zero
-           "2026-01-31t09:05:00z",           // lower case
+           "2026-01-31T09:05:00",       // no zone
+           "2026-01-31T09:05:00.5Z",    // fraction
+           "2026-01-31T09:05:00.000Z",  // fraction, even zero
+           "2026-01-31t09:05:00z",      // lower case
            "2026-01-31T09:05:00z",
-           "2026-01-31 09:05:00Z",           // space for T
-           "20260131T090500Z",               // basic form
-           "2026-01-31T09:05Z",              // no seconds
-           "2026-01-31",                     // date only
-           "2026-W05-6T09:05:00Z",           // week date
-           "2026-031T09:05:00Z",             // ordinal date
-           "2026-1-31T09:05:00Z",            // one-digit month
-           "+2026-01-31T09:05:00Z",          // signed year
-           " 2026-01-31T09:05:00Z",          // leading space
-           "2026-01-31T09:05:00Z ",          // trailing space
-           "2026-01-31T09:05:00+0100",       // offset without colon
-           "2026-01-31T09:05:00+01",         // offset without minutes
-           "2026-01-31T09:05:00+24:00",      // offset hour out of range
-           "2026-01-31T09:05:00+01:60",      // offset minute out of range
-           "2026-01-31T09:05:00Z+01:00",     // both
-           "2026-13-01T00:00:00Z",           // month 13
-           "2026-00-10T00:00:00Z",           // month 0
-           "2026-01-00T00:00:00Z",           // day 0
-           "2026-04-31T00:00:00Z",           // April 31
-           "2026-02-29T00:00:00Z",           // not a leap year
-           "1900-02-29T00:00:00Z",           // century, not a leap year
-           "2026-01-31T24:00:00Z",           // hour 24
-           "2026-01-31T09:60:00Z",           // minute 60
-           "2026-01-31T09:05:60Z",           // leap second
-           "2026-01-3aT09:05:00Z",           // not a digit
-           "2026-01-31T09:05:\xD9\xA0Z",     // non-ASCII digit
+           "2026-01-31 09:05:00Z",        // space for T
+           "20260131T090500Z",            // basic form
+           "2026-01-31T09:05Z",           // no seconds
+           "2026-01-31",                  // date only
+           "2026-W05-6T09:05:00Z",        // week date
+           "2026-031T09:05:00Z",          // ordinal date
+           "2026-1-31T09:05:00Z",         // one-digit month
+           "+2026-01-31T09:05:00Z",       // signed year
+           " 2026-01-31T09:05:00Z",       // leading space
+           "2026-01-31T09:05:00Z ",       // trailing space
+           "2026-01-31T09:05:00+0100",    // offset without colon
+           "2026-01-31T09:05:00+01",      // offset without minutes
+           "2026-01-31T09:05:00+24:00",   // offset hour out of range
+           "2026-01-31T09:05:00+01:60",   // offset minute out of range
+           "2026-01-31T09:05:00Z+01:00",  // both
+           "2026-13-01T00:00:00Z",        // month 13
+           "2026-00-10T00:00:00Z",        // month 0
+           "2026-01-00T00:00:00Z",        // day 0
+           "2026-04-31T00:00:00Z",        // April 31
+           "2026-02-29T00:00:00Z",        // not a leap year
+           "1900-02-29T00:00:00Z",        // century, not a leap year
+           "2026-01-31T24:00:00Z",        // hour 24
+           "2026-01-31T09:60:00Z",        // minute 60
+           "2026-01-31T09:05:60Z",        // leap second
+           "2026-01-3aT09:05:00Z",        // not a digit
+           "2026-01-31T09:05:\xD9\xA0Z",  // non-ASCII digit
        }) {
     SCOPED_TRACE(text);
     EXPECT_FALSE(parseISO8601(text).has_value());
@@ -169,10 +167,12 @@ TEST_F(ClockTest, ManualClockAdvancesAtomicallyFromManyThreads) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&clock] {
-      for (int i = 0; i < 1000; ++i) clock.advance(0.5);
+      for (int i = 0; i < 1000; ++i)
+        clock.advance(0.5);
     });
   }
-  for (std::thread& thread : threads) thread.join();
+  for (std::thread& thread : threads)
+    thread.join();
   EXPECT_EQ(clock.now(), QEVRDate{2000});
 }
 
@@ -192,8 +192,10 @@ TEST_F(ClockTest, NowIsSafeWhileTheClockIsReplaced) {
     setClock(std::make_shared<ManualClock>(QEVRDate{static_cast<double>(1 + i % 2)}));
     if (i % 3 == 0) setClock(nullptr);
   }
-  for (std::thread& reader : readers) reader.join();
-  for (int count : unexpected) EXPECT_EQ(count, 0);
+  for (std::thread& reader : readers)
+    reader.join();
+  for (int count : unexpected)
+    EXPECT_EQ(count, 0);
 }
 
 }  // namespace

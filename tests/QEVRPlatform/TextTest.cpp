@@ -11,14 +11,16 @@
 namespace qevr::text {
 namespace {
 
-const std::string kFamily = "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";  // 7 code points
+const std::string kFamily =
+    "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";  // 7 code points
 const std::string kFrance = "\U0001F1EB\U0001F1F7";
 const std::string kGermany = "\U0001F1E9\U0001F1EA";
 const std::string kReplacement = "\uFFFD";
 
 std::string repeated(const std::string& piece, int count) {
   std::string out;
-  for (int i = 0; i < count; ++i) out += piece;
+  for (int i = 0; i < count; ++i)
+    out += piece;
   return out;
 }
 
@@ -37,15 +39,22 @@ TEST(Utf8Test, ValidatesAndRepairsWithOneReplacementPerMaximalSubpart) {
       {"four-byte", "a\U0001F600b", "a\U0001F600b"},
       {"U+FFFD itself", kReplacement, kReplacement},
       {"truncated two-byte at end", "ab\xC3", "ab" + kReplacement},
-      {"truncated four-byte before ASCII", "\xF0\x9F\x98" "A", kReplacement + "A"},
+      {"truncated four-byte before ASCII",
+       "\xF0\x9F\x98"
+       "A",
+       kReplacement + "A"},
       {"lone continuation", "a\x80z", "a" + kReplacement + "z"},
       {"overlong slash", "\xC0\xAF", kReplacement + kReplacement},
       {"overlong three-byte", "\xE0\x80\xAF", repeated(kReplacement, 3)},
       {"surrogate", "\xED\xA0\x80", repeated(kReplacement, 3)},
       {"above U+10FFFF", "\xF4\x90\x80\x80", repeated(kReplacement, 4)},
       {"invalid lead bytes", "\xFE\xFF", kReplacement + kReplacement},
-      {"truncated three-byte then valid", "\xE2\x82" "\xE2\x82\xAC", kReplacement + "\u20AC"},
-      {"long ASCII run then bad byte", std::string(20, 'x') + "\xFF", std::string(20, 'x') + kReplacement},
+      {"truncated three-byte then valid",
+       "\xE2\x82"
+       "\xE2\x82\xAC",
+       kReplacement + "\u20AC"},
+      {"long ASCII run then bad byte", std::string(20, 'x') + "\xFF",
+       std::string(20, 'x') + kReplacement},
   };
   for (const Utf8Case& c : cases) {
     SCOPED_TRACE(c.label);
@@ -59,7 +68,8 @@ TEST(Utf8Test, DecodeNextWalksIllFormedInputToTheEnd) {
   const std::string text = "a\xF0\x9F\x98\xC3\U0001F600";
   std::size_t position = 0;
   std::vector<char32_t> codePoints;
-  while (auto c = decodeNext(text, position)) codePoints.push_back(*c);
+  while (auto c = decodeNext(text, position))
+    codePoints.push_back(*c);
   EXPECT_EQ(codePoints, (std::vector<char32_t>{U'a', 0xFFFD, 0xFFFD, 0x1F600}));
   EXPECT_EQ(position, text.size());
 }
@@ -221,12 +231,15 @@ TEST(GraphemeTest, ThreadsCountConcurrentlyWithTheirOwnIterators) {
   for (std::size_t t = 0; t < results.size(); ++t) {
     threads.emplace_back([&, t] {
       std::size_t total = 0;
-      for (int i = 0; i < 200; ++i) total += graphemeCount(text);
+      for (int i = 0; i < 200; ++i)
+        total += graphemeCount(text);
       results[t] = total;
     });
   }
-  for (std::thread& thread : threads) thread.join();
-  for (std::size_t total : results) EXPECT_EQ(total, 200u * 80u);
+  for (std::thread& thread : threads)
+    thread.join();
+  for (std::size_t total : results)
+    EXPECT_EQ(total, 200u * 80u);
 }
 
 // ---- Case and character classes ----
@@ -235,9 +248,9 @@ TEST(CaseTest, LowercasesWithTheRootLocaleFullMapping) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"CheckOut", "checkout"},
       {"\u00C0\u00C9\u00CE", "\u00E0\u00E9\u00EE"},
-      {"I", "i"},                            // no Turkish dotless i
-      {"\u0130", "i\u0307"},                 // capital dotted I: full mapping, two code points
-      {"\u1E9E", "\u00DF"},                  // capital sharp s
+      {"I", "i"},             // no Turkish dotless i
+      {"\u0130", "i\u0307"},  // capital dotted I: full mapping, two code points
+      {"\u1E9E", "\u00DF"},   // capital sharp s
       {"\u039F\u0394\u039F\u03A3", "\u03BF\u03B4\u03BF\u03C2"},  // final sigma
       {"\u0410\u0411\u0412", "\u0430\u0431\u0432"},
       {kFamily, kFamily},
@@ -251,10 +264,9 @@ TEST(CaseTest, LowercasesWithTheRootLocaleFullMapping) {
 
 TEST(CharacterClassTest, LettersAndNumbersOfEveryScript) {
   const std::vector<std::pair<char32_t, bool>> cases = {
-      {U'a', true},      {U'Z', true},      {U'7', true},       {0xE9, true},
-      {0x4E2D, true},    {0x0663, true},    {0x00BD, true},     {0x2167, true},
-      {U' ', false},     {U'_', false},     {U'-', false},      {0x0301, false},
-      {0x1F600, false},  {0x3000, false},   {0x110000, false},
+      {U'a', true},   {U'Z', true},    {U'7', true},     {0xE9, true},    {0x4E2D, true},
+      {0x0663, true}, {0x00BD, true},  {0x2167, true},   {U' ', false},   {U'_', false},
+      {U'-', false},  {0x0301, false}, {0x1F600, false}, {0x3000, false}, {0x110000, false},
   };
   for (const auto& [c, expected] : cases) {
     SCOPED_TRACE(static_cast<std::uint32_t>(c));
@@ -266,8 +278,7 @@ TEST(CharacterClassTest, LettersAndNumbersOfEveryScript) {
 
 constexpr const char* kEmailPattern = "[A-Z0-9._%+-]+@[A-Z0-9.-]+\\.[A-Z]{2,}";
 constexpr const char* kPhonePattern = "\\+?[0-9][0-9 .()\\-]{7,}[0-9]";
-constexpr const char* kSecretPattern =
-    "(?i)\\b(password|token|secret)\\b\\s*[:=]\\s*[^,;\\n]+";
+constexpr const char* kSecretPattern = "(?i)\\b(password|token|secret)\\b\\s*[:=]\\s*[^,;\\n]+";
 
 struct RegexCase {
   const char* label;
@@ -280,8 +291,8 @@ struct RegexCase {
 
 TEST(RegexReplacerTest, ReplacesEveryMatchWithIcuSemantics) {
   const std::vector<RegexCase> cases = {
-      {"e-mail, any case", kEmailPattern, true, "mail Bob.Smith@Example.COM now",
-       "[redacted]", "mail [redacted] now"},
+      {"e-mail, any case", kEmailPattern, true, "mail Bob.Smith@Example.COM now", "[redacted]",
+       "mail [redacted] now"},
       {"e-mail needs the flag", kEmailPattern, false, "bob@example.com", "[redacted]",
        "bob@example.com"},
       {"two e-mails", kEmailPattern, true, "a@b.cc, c@d.ee", "[redacted]",
@@ -293,8 +304,8 @@ TEST(RegexReplacerTest, ReplacesEveryMatchWithIcuSemantics) {
        "Password: hunter2, TOKEN=abc; x", "$1=[redacted]",
        "Password=[redacted], TOKEN=[redacted]; x"},
       {"word boundary", kSecretPattern, false, "mytoken=1", "$1=[redacted]", "mytoken=1"},
-      {"non-ASCII around a match", kEmailPattern, true, "\u540D\u524D a@b.cc \u540D",
-       "[redacted]", "\u540D\u524D [redacted] \u540D"},
+      {"non-ASCII around a match", kEmailPattern, true, "\u540D\u524D a@b.cc \u540D", "[redacted]",
+       "\u540D\u524D [redacted] \u540D"},
       {"dot matches a whole astral character", "^.$", false, "\U0001F600", "X", "X"},
       {"escaped dollar is literal", "a", false, "cat", "\\$", "c$t"},
       {"no match returns the input", "z", false, kFamily, "y", kFamily},
@@ -329,8 +340,10 @@ TEST(RegexReplacerTest, OneCompiledPatternServesManyThreads) {
       }
     });
   }
-  for (std::thread& thread : threads) thread.join();
-  for (int count : mismatches) EXPECT_EQ(count, 0);
+  for (std::thread& thread : threads)
+    thread.join();
+  for (int count : mismatches)
+    EXPECT_EQ(count, 0);
 }
 
 }  // namespace

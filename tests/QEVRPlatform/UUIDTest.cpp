@@ -9,8 +9,8 @@
 
 namespace {
 
-const QEVRUUID kKnown{{0xE6, 0x21, 0xE1, 0xF8, 0xC3, 0x6C, 0x49, 0x5A, 0x93, 0xFC, 0x0C, 0x24,
-                       0x7A, 0x3E, 0x6E, 0x5F}};
+const QEVRUUID kKnown{{0xE6, 0x21, 0xE1, 0xF8, 0xC3, 0x6C, 0x49, 0x5A, 0x93, 0xFC, 0x0C, 0x24, 0x7A,
+                       0x3E, 0x6E, 0x5F}};
 
 TEST(UUIDTest, TextIsCanonicalUpperCase) {
   EXPECT_EQ(kKnown.uuidString(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
@@ -18,9 +18,9 @@ TEST(UUIDTest, TextIsCanonicalUpperCase) {
 }
 
 TEST(UUIDTest, ParseAcceptsEitherCase) {
-  for (const char* text : {"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",
-                           "e621e1f8-c36c-495a-93fc-0c247a3e6e5f",
-                           "e621E1f8-C36c-495A-93fC-0c247a3E6E5f"}) {
+  for (const char* text :
+       {"E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "e621e1f8-c36c-495a-93fc-0c247a3e6e5f",
+        "e621E1f8-C36c-495A-93fC-0c247a3E6E5f"}) {
     SCOPED_TRACE(text);
     const std::optional<QEVRUUID> parsed = QEVRUUID::parse(text);
     ASSERT_TRUE(parsed.has_value());
@@ -36,9 +36,9 @@ TEST(UUIDTest, ParseRefusesOtherForms) {
            "E621E1F8C36C495A93FC0C247A3E6E5F",        // no hyphens
            "{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}",  // braces
            "urn:uuid:E621E1F8-C36C-495A-93FC-0C247A3E6E5F",
-           "E621E1F8C-36C-495A-93FC-0C247A3E6E5F",    // hyphen moved
-           "E621E1F8-C36C-495A-93FC-0C247A3E6E5G",    // not hex
-           "E621E1F8-C36C-495A-93FC-0C247A3E6E5 ",    // space
+           "E621E1F8C-36C-495A-93FC-0C247A3E6E5F",  // hyphen moved
+           "E621E1F8-C36C-495A-93FC-0C247A3E6E5G",  // not hex
+           "E621E1F8-C36C-495A-93FC-0C247A3E6E5 ",  // space
            " E621E1F8-C36C-495A-93FC-0C247A3E6E5",
            "E621E1F8-C36C-495A-93FC+0C247A3E6E5F",
        }) {
@@ -67,8 +67,8 @@ TEST(UUIDTest, OrdersByBytesAndHashesEqualValuesAlike) {
   QEVRUUID high = kKnown;
   high.bytes[15] = 0x60;
   EXPECT_LT(low, high);
-  EXPECT_EQ(std::hash<QEVRUUID>{}(kKnown), std::hash<QEVRUUID>{}(*QEVRUUID::parse(
-                                               "e621e1f8-c36c-495a-93fc-0c247a3e6e5f")));
+  EXPECT_EQ(std::hash<QEVRUUID>{}(kKnown),
+            std::hash<QEVRUUID>{}(*QEVRUUID::parse("e621e1f8-c36c-495a-93fc-0c247a3e6e5f")));
   EXPECT_NE(std::hash<QEVRUUID>{}(low), std::hash<QEVRUUID>{}(high));
 }
 

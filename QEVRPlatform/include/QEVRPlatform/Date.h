@@ -65,7 +65,9 @@ class QEVR_API ManualClock : public Clock {
   explicit ManualClock(QEVRDate start = QEVRDate{}) : current(start.secondsSinceReferenceDate) {}
 
   QEVRDate now() const override { return QEVRDate{current.load(std::memory_order_relaxed)}; }
-  void set(QEVRDate date) { current.store(date.secondsSinceReferenceDate, std::memory_order_relaxed); }
+  void set(QEVRDate date) {
+    current.store(date.secondsSinceReferenceDate, std::memory_order_relaxed);
+  }
   void advance(double seconds) { current.fetch_add(seconds, std::memory_order_relaxed); }
 
  private:

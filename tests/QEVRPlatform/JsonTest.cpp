@@ -1,0 +1,547 @@
+#include <QEVRPlatform/Base64.h>
+#include <QEVRPlatform/Json.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qevr::json {
+
+// Failure messages show values as JSON (found by argument-dependent lookup).
+static void PrintTo(const Value& value, std::ostream* os) {
+  *os << serialize(value);
+}
+
+namespace {
+
+using Kind = DecodingError::Kind;
+using Path = std::vector<std::string>;
+
+// Runs `body` and returns the DecodingError it throws; fails the test if it
+// throws nothing.
+template <typename F>
+DecodingError decodingErrorOf(F&& body) {
+  try {
+    body();
+  } catch (const DecodingError& error) {
+    return error;
+  }
+  ADD_FAILURE() << "no DecodingError thrown";
+  return DecodingError(Kind::dataCorrupted, {}, "<none>");
+}
+
+std::uint64_t bitsOf(double number) {
+  std::uint64_t bits;
+  std::memcpy(&bits, &number, sizeof bits);
+  return bits;
+}
+
+// ---- Reading ----
+
+TEST(JsonParseTest, KeepsTheKindOfEachNumberAndDecodesEscapes) {
+  struct Case {
+    const char* text;
+    Value expected;
+  };
+  const std::vector<Case> cases = {
+      {"null", Value()},
+      {" true ", Value(true)},
+      {"123", Value(123)},
+      {"-9223372036854775808", Value(std::numeric_limits<std::int64_t>::min())},
+      {"9223372036854775808", Value(std::uint64_t{9223372036854775808ULL})},
+      {"18446744073709551615", Value(std::numeric_limits<std::uint64_t>::max())},
+      {"1.0", Value(1.0)},
+      {"1E2", Value(100.0)},
+      {R"("a\/b")", Value("a/b")},
+      {R"("a/b")", Value("a/b")},
+      {R"("\u00e9\n")", Value("\u00E9\n")},
+      {R"("\ud83d\ude00")", Value("\U0001F600")},
+      {"\"\U0001F600\"", Value("\U0001F600")},
+      {R"("a\u0000b")", Value(std::string("a\0b", 3))},
+      {"[1, [], {}]", Value(Value::Array{Value(1), Value(Value::Array{}), Value(Value::Object{})})},
+      {R"({"b":1,"a":2})", Value(Value::Object{{"b", Value(1)}, {"a", Value(2)}})},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(parse(c.text), c.expected);
+  }
+}
+
+TEST(JsonParseTest, RefusesWhatIsNotJsonAsDataCorrupted) {
+  const std::vector<std::string> cases = {
+      "",
+      "   ",
+      "{",
+      "[1,]",
+      R"({"a":1,})",
+      R"({"a" 1})",
+      "01",
+      "tru",
+      "NaN",
+      "'a'",
+      R"({"a":1} x)",
+      "1 2",
+      "\"\xFF\"",
+      R"("\ud800")",
+      R"("\x")",
+      "\"a\nb\"",
+      "1e400",
+      "18446744073709551616",
+      "-9223372036854775809",
+      std::string(kMaxNestingDepth + 1, '[') + std::string(kMaxNestingDepth + 1, ']'),
+  };
+  for (const std::string& text : cases) {
+    SCOPED_TRACE(text.substr(0, 40));
+    const DecodingError error = decodingErrorOf([&] { parse(text); });
+    EXPECT_EQ(error.kind(), Kind::dataCorrupted);
+    EXPECT_TRUE(error.codingPath().empty());
+  }
+}
+
+TEST(JsonParseTest, AcceptsNestingUpToTheLimit) {
+  const std::string deepest =
+      std::string(kMaxNestingDepth, '[') + std::string(kMaxNestingDepth, ']');
+  const Value value = parse(deepest);
+  std::size_t depth = 1;
+  for (const Value* level = &value; !level->array().empty(); level = &level->array()[0])
+    ++depth;
+  EXPECT_EQ(depth, kMaxNestingDepth);
+}
+
+TEST(JsonParseTest, RefusesDocumentsOverTheSizeLimitBeforeParsing) {
+  const std::string huge(kMaxDocumentSizeBytes + 1, ' ');
+  const DecodingError error = decodingErrorOf([&] { parse(huge); });
+  EXPECT_EQ(error.kind(), Kind::dataCorrupted);
+  EXPECT_NE(error.debugDescription().find("longer than"), std::string::npos);
+}
+
+TEST(JsonParseTest, LargeDocumentsParseWithTheirOwnParser) {
+  std::string text = "[";
+  for (int i = 0; i < 200000; ++i)
+    text += (i ? ",\"item\"" : "\"item\"");
+  text += "]";
+  ASSERT_GT(text.size(), 1024u * 1024u);  // above the size kept in the per-thread parser
+  EXPECT_EQ(parse(text).array().size(), 200000u);
+  EXPECT_EQ(parse("[1]").array().size(), 1u);  // the thread's reusable parser still works
+}
+
+TEST(JsonParseTest, DuplicateKeysKeepTheFirstPlaceAndTheLastValue) {
+  const Value small = parse(R"({"a":1,"b":2,"a":3})");
+  EXPECT_EQ(small, Value(Value::Object{{"a", Value(3)}, {"b", Value(2)}}));
+
+  // Past the linear scan: enough members that a hash map finds the repeat.
+  std::string text = "{";
+  for (int i = 0; i < 40; ++i)
+    text += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ",";
+  text += R"("k7":"again"})";
+  const Value large = parse(text);
+  ASSERT_EQ(large.object().size(), 40u);
+  EXPECT_EQ(large.object()[7].key, "k7");
+  EXPECT_EQ(large.object()[7].value, Value("again"));
+}
+
+// ---- Decoder ----
+
+class DecoderTest : public ::testing::Test {
+ protected:
+  const Value document = parse(R"({
+    "items": [{"name": "a"}, {"name": 5}],
+    "count": 1.5, "whole": 1.0, "negativeZero": -0, "big": 1e30, "negative": -1,
+    "maxUnsigned": 18446744073709551615, "maxSigned": 9223372036854775807,
+    "flag": null, "object": {}, "ok": true, "title": "x",
+    "bytes": "Zm9v", "badBytes": "Zm9", "id": "e621e1f8-c36c-495a-93fc-0c247a3e6e5f"
+  })");
+  const Decoder root{document};
+};
+
+TEST_F(DecoderTest, ReadsValuesThatFit) {
+  EXPECT_EQ(root["items"].at(0)["name"].asString(), "a");
+  EXPECT_EQ(root["whole"].asInt64(), 1);
+  EXPECT_EQ(root["whole"].asUInt64(), 1u);
+  EXPECT_EQ(root["negativeZero"].asInt64(), 0);
+  EXPECT_EQ(root["maxUnsigned"].asUInt64(), std::numeric_limits<std::uint64_t>::max());
+  EXPECT_EQ(root["maxSigned"].asInt64(), std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(root["negative"].asDouble(), -1.0);
+  EXPECT_EQ(root["maxUnsigned"].asDouble(), 18446744073709551615.0);
+  EXPECT_EQ(root["count"].asDouble(), 1.5);
+  EXPECT_TRUE(root["ok"].asBool());
+  EXPECT_EQ(root["bytes"].asBase64Bytes(), (std::vector<std::uint8_t>{'f', 'o', 'o'}));
+  EXPECT_EQ(root["id"].asUUID().uuidString(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+  EXPECT_EQ(root["items"].size(), 2u);
+  EXPECT_EQ(root["items"].at(1).codingPath(), (Path{"items", "Index 1"}));
+}
+
+TEST_F(DecoderTest, NullAndAbsentKeysReadAsAbsentWhenOptional) {
+  EXPECT_FALSE(root.optional("flag").has_value());
+  EXPECT_FALSE(root.optional("missing").has_value());
+  ASSERT_TRUE(root.optional("title").has_value());
+  EXPECT_EQ(root.optional("title")->codingPath(), Path{"title"});
+  EXPECT_FALSE(root.contains("flag"));
+  EXPECT_FALSE(root.contains("missing"));
+  EXPECT_TRUE(root.contains("object"));
+  EXPECT_EQ(root["items"].at(0).keys(), Path{"name"});
+}
+
+TEST_F(DecoderTest, FailuresCarryKindAndCodingPath) {
+  struct Case {
+    const char* label;
+    std::function<void()> decode;
+    Kind kind;
+    Path path;
+  };
+  const std::vector<Case> cases = {
+      {"wrong type deep inside",
+       [&] { root["items"].at(1)["name"].asString(); },
+       Kind::typeMismatch,
+       {"items", "Index 1", "name"}},
+      {"missing key", [&] { root["missing"]; }, Kind::keyNotFound, {"missing"}},
+      {"null for a required key", [&] { root["flag"]; }, Kind::valueNotFound, {"flag"}},
+      {"null converted", [&] { Decoder(Value()).asString(); }, Kind::valueNotFound, {}},
+      {"fraction as integer", [&] { root["count"].asInt64(); }, Kind::dataCorrupted, {"count"}},
+      {"1e30 as integer", [&] { root["big"].asInt64(); }, Kind::dataCorrupted, {"big"}},
+      {"2^64-1 as signed",
+       [&] { root["maxUnsigned"].asInt64(); },
+       Kind::dataCorrupted,
+       {"maxUnsigned"}},
+      {"negative as unsigned",
+       [&] { root["negative"].asUInt64(); },
+       Kind::dataCorrupted,
+       {"negative"}},
+      {"string as number", [&] { root["title"].asDouble(); }, Kind::typeMismatch, {"title"}},
+      {"number as bool", [&] { root["whole"].asBool(); }, Kind::typeMismatch, {"whole"}},
+      {"key of an array", [&] { root["items"]["name"]; }, Kind::typeMismatch, {"items"}},
+      {"index of an object", [&] { root["object"].at(0); }, Kind::typeMismatch, {"object"}},
+      {"index past the end",
+       [&] { root["items"].at(2); },
+       Kind::valueNotFound,
+       {"items", "Index 2"}},
+      {"bad Base64", [&] { root["badBytes"].asBase64Bytes(); }, Kind::dataCorrupted, {"badBytes"}},
+      {"bad UUID", [&] { root["title"].asUUID(); }, Kind::dataCorrupted, {"title"}},
+      {"explicit fail",
+       [&] { root["object"].fail(Kind::dataCorrupted, "custom"); },
+       Kind::dataCorrupted,
+       {"object"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    const DecodingError error = decodingErrorOf(c.decode);
+    EXPECT_EQ(error.kind(), c.kind);
+    EXPECT_EQ(error.codingPath(), c.path);
+  }
+}
+
+TEST_F(DecoderTest, DescriptionsNameWhatWasExpectedAndFound) {
+  const DecodingError mismatch = decodingErrorOf([&] { root["items"].at(1)["name"].asString(); });
+  EXPECT_EQ(mismatch.debugDescription(), "Expected a string but found a number.");
+  EXPECT_STREQ(mismatch.what(), "Expected a string but found a number. (path: items.Index 1.name)");
+
+  const DecodingError missing = decodingErrorOf([&] { root["missing"]; });
+  EXPECT_EQ(missing.debugDescription(), "No value associated with key \"missing\".");
+
+  const DecodingError fraction = decodingErrorOf([&] { root["count"].asInt64(); });
+  EXPECT_EQ(fraction.debugDescription(), "The number 1.5 does not fit in a 64-bit signed integer.");
+}
+
+// ---- Keyed enum form ----
+
+enum class Environment { development, staging, production };
+
+constexpr std::array<std::pair<std::string_view, Environment>, 3> kEnvironments{{
+    {"development", Environment::development},
+    {"staging", Environment::staging},
+    {"production", Environment::production},
+}};
+
+Environment decodeEnvironmentField(const std::string& text) {
+  const Value value = parse(text);
+  return decodeKeyedEnum<Environment>(Decoder(value)["environment"], kEnvironments);
+}
+
+TEST(KeyedEnumTest, DecodesTheOneRecognisedKey) {
+  const std::vector<std::pair<std::string, Environment>> cases = {
+      {R"({"environment":{"production":{}}})", Environment::production},
+      {R"({"environment":{"production":{},"note":1}})", Environment::production},
+      {R"({"environment":{"note":1,"staging":{}}})", Environment::staging},
+      {R"({"environment":{"development":{"ignored":[1]}}})", Environment::development},
+      {R"({"environment":{"production":{},"production":{}}})", Environment::production},
+  };
+  for (const auto& [text, expected] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(decodeEnvironmentField(text), expected);
+  }
+}
+
+TEST(KeyedEnumTest, RefusesAnythingButOneRecognisedKeyOverAnObject) {
+  constexpr const char* kCount = "Invalid number of keys found, expected one.";
+  struct Case {
+    std::string text;
+    Path path;
+    std::string description;
+  };
+  const std::vector<Case> cases = {
+      {R"({"environment":{"production":{},"staging":{}}})", {"environment"}, kCount},
+      {R"({"environment":{}})", {"environment"}, kCount},
+      {R"({"environment":{"note":{}}})", {"environment"}, kCount},
+      {R"({"environment":{"production":1}})",
+       {"environment", "production"},
+       "Expected an object but found a number."},
+      {R"({"environment":{"production":null}})",
+       {"environment", "production"},
+       "Expected an object but found null."},
+      {R"({"environment":"production"})",
+       {"environment"},
+       "Expected an object but found a string."},
+      {R"({"environment":["production"]})",
+       {"environment"},
+       "Expected an object but found an array."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const DecodingError error = decodingErrorOf([&] { decodeEnvironmentField(c.text); });
+    EXPECT_EQ(error.kind(), Kind::typeMismatch);
+    EXPECT_EQ(error.codingPath(), c.path);
+    EXPECT_EQ(error.debugDescription(), c.description);
+  }
+}
+
+TEST(KeyedEnumTest, EncodesTheCaseOverAnEmptyObject) {
+  Writer writer;
+  encodeKeyedEnum(writer, "staging");
+  const std::string text = writer.take();
+  EXPECT_EQ(text, R"({"staging":{}})");
+  EXPECT_EQ(decodeKeyedEnum<Environment>(Decoder(parse(text)), kEnvironments),
+            Environment::staging);
+}
+
+// ---- Writing ----
+
+TEST(JsonWriterTest, EscapesAsAStandardEncoderDoes) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"plain", R"("plain")"},
+      {"a\"b\\c", R"("a\"b\\c")"},
+      {"path/to/file", R"("path\/to\/file")"},
+      {"\b\f\n\r\t", R"("\b\f\n\r\t")"},
+      {std::string("\0\x01\x1F\x7F", 4), "\"\\u0000\\u0001\\u001f\x7F\""},
+      {"caf\u00E9 \U0001F600 \u2028", "\"caf\u00E9 \U0001F600 \u2028\""},
+      {"a\xFF"
+       "b",
+       "\"a\uFFFD"
+       "b\""},
+      {"\xF0\x9F\x98", "\"\uFFFD\""},
+      {"\uFFFD", "\"\uFFFD\""},
+  };
+  for (const auto& [input, expected] : cases) {
+    SCOPED_TRACE(expected);
+    Writer writer;
+    writer.string(input);
+    const std::string text = writer.take();
+    EXPECT_EQ(text, expected);
+    EXPECT_NO_THROW(parse(text));
+  }
+}
+
+TEST(JsonWriterTest, WritesShortestRoundTripDoubles) {
+  const std::vector<std::pair<double, std::string>> cases = {
+      {1.0, "1"},
+      {-2.0, "-2"},
+      {0.1, "0.1"},
+      {1.5, "1.5"},
+      {0.30000000000000004, "0.30000000000000004"},
+      {-0.0, "-0"},
+      {1e-7, "1e-7"},
+      {1e20, "1e20"},
+      {123456789012345670000.0, "1.2345678901234567e20"},
+      {9007199254740992.0, "9.007199254740992e15"},
+      {9007199254740991.0, "9007199254740991"},
+      {5e-324, "5e-324"},
+      {1.7976931348623157e308, "1.7976931348623157e308"},
+      {1769850300.25, "1769850300.25"},
+  };
+  for (const auto& [number, expected] : cases) {
+    SCOPED_TRACE(expected);
+    Writer writer;
+    writer.number(number);
+    const std::string text = writer.take();
+    EXPECT_EQ(text, expected);
+    const double back = Decoder(parse(text)).asDouble();
+    if (number != 0) {
+      EXPECT_EQ(bitsOf(back), bitsOf(number));
+    }
+  }
+}
+
+TEST(JsonWriterTest, RefusesNonFiniteNumbers) {
+  for (double number :
+       {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+        -std::numeric_limits<double>::infinity()}) {
+    SCOPED_TRACE(number);
+    Writer writer;
+    writer.beginArray();
+    EXPECT_THROW(writer.number(number), EncodingError);
+    Writer dates;
+    EXPECT_THROW(dates.date(QEVRDate{number}), EncodingError);
+  }
+  Writer iso(DateStrategy::iso8601);
+  EXPECT_THROW(iso.date(QEVRDate::fromUnixSeconds(1e15)), EncodingError);
+}
+
+TEST(JsonWriterTest, PlacesCommasAndColonsInNestedContainers) {
+  Writer writer;
+  writer.beginObject();
+  writer.key("a");
+  writer.beginArray();
+  writer.integer(-1);
+  writer.unsignedInteger(std::numeric_limits<std::uint64_t>::max());
+  writer.boolean(true);
+  writer.null();
+  writer.beginObject();
+  writer.endObject();
+  writer.endArray();
+  writer.key("b");
+  writer.string("x");
+  writer.key("c");
+  writer.beginArray();
+  writer.endArray();
+  writer.endObject();
+  EXPECT_EQ(writer.take(), R"({"a":[-1,18446744073709551615,true,null,{}],"b":"x","c":[]})");
+  // take() leaves the writer ready for the next document.
+  writer.integer(7);
+  EXPECT_EQ(writer.take(), "7");
+}
+
+TEST(JsonWriterTest, RefusesCallsOutOfSequence) {
+  const std::vector<std::pair<const char*, std::function<void(Writer&)>>> cases = {
+      {"value where a key is due",
+       [](Writer& w) {
+         w.beginObject();
+         w.integer(1);
+       }},
+      {"key in an array",
+       [](Writer& w) {
+         w.beginArray();
+         w.key("a");
+       }},
+      {"two keys",
+       [](Writer& w) {
+         w.beginObject();
+         w.key("a");
+         w.key("b");
+       }},
+      {"endArray closing an object",
+       [](Writer& w) {
+         w.beginObject();
+         w.endArray();
+       }},
+      {"endObject after a bare key",
+       [](Writer& w) {
+         w.beginObject();
+         w.key("a");
+         w.endObject();
+       }},
+      {"second top-level value",
+       [](Writer& w) {
+         w.integer(1);
+         w.integer(2);
+       }},
+      {"take of an open array",
+       [](Writer& w) {
+         w.beginArray();
+         w.take();
+       }},
+      {"take of nothing", [](Writer& w) { w.take(); }},
+  };
+  for (const auto& [label, misuse] : cases) {
+    SCOPED_TRACE(label);
+    Writer writer;
+    EXPECT_THROW(misuse(writer), std::logic_error);
+  }
+}
+
+TEST(JsonWriterTest, DatesFollowTheStrategy) {
+  const QEVRDate date = QEVRDate::fromUnixSeconds(1769850300.75);
+
+  Writer iso(DateStrategy::iso8601);
+  iso.date(date);
+  const std::string isoText = iso.take();
+  EXPECT_EQ(isoText, R"("2026-01-31T09:05:00Z")");
+  const Value isoValue = parse(isoText);
+  EXPECT_EQ(Decoder(isoValue, DateStrategy::iso8601).asDate(),
+            QEVRDate::fromUnixSeconds(1769850300));
+
+  Writer seconds;
+  seconds.date(date);
+  const std::string secondsText = seconds.take();
+  EXPECT_EQ(secondsText, "791543100.75");
+  EXPECT_EQ(Decoder(parse(secondsText)).asDate(), date);
+
+  // A decoder passes its strategy to the values below it.
+  const Value record = parse(R"({"at":["2026-01-31T09:05:00.5Z"]})");
+  const DecodingError error =
+      decodingErrorOf([&] { Decoder(record, DateStrategy::iso8601)["at"].at(0).asDate(); });
+  EXPECT_EQ(error.kind(), Kind::dataCorrupted);
+  EXPECT_EQ(error.codingPath(), (Path{"at", "Index 0"}));
+}
+
+TEST(JsonWriterTest, ReparsedOutputWritesTheSameText) {
+  const std::string text =
+      R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","url":"a\/b","n":[0,-1,2.5,1e-7,)"
+      R"(18446744073709551615],"o":{"k":null,"t":false,"s":"\u00e9\ud83d\ude00"}})";
+  const std::string once = serialize(parse(text));
+  EXPECT_EQ(serialize(parse(once)), once);
+  EXPECT_EQ(
+      once,
+      "{\"id\":\"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\",\"url\":\"a\\/b\",\"n\":[0,-1,2.5,"
+      "1e-7,18446744073709551615],\"o\":{\"k\":null,\"t\":false,\"s\":\"\u00E9\U0001F600\"}}");
+}
+
+// ---- Base64 ----
+
+TEST(Base64Test, EncodesWithPaddingAndDecodesBack) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", ""},
+      {"f", "Zg=="},
+      {"fo", "Zm8="},
+      {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="},
+      {"fooba", "Zm9vYmE="},
+      {"foobar", "Zm9vYmFy"},
+      {"\xFB\xFF", "+/8="},
+      {std::string("\0\0\0", 3), "AAAA"},
+  };
+  for (const auto& [raw, encoded] : cases) {
+    SCOPED_TRACE(encoded);
+    const std::vector<std::uint8_t> bytes(raw.begin(), raw.end());
+    EXPECT_EQ(base64Encode(bytes), encoded);
+    EXPECT_EQ(base64Decode(encoded), bytes);
+  }
+}
+
+TEST(Base64Test, DecodeRefusesNonCanonicalText) {
+  for (const char* text : {"Zg", "Zg=", "Zg==Zg==", "Z===", "====", "Zh==", "Zm9=", "Zm9 v",
+                           "Zm9v\n", "Zm-v", "Zm_v", "Zm9v=", "Zm9\xC3\xA9"}) {
+    SCOPED_TRACE(text);
+    EXPECT_FALSE(base64Decode(text).has_value());
+  }
+}
+
+TEST(Base64Test, BytesInJsonEscapeTheSlash) {
+  const std::vector<std::uint8_t> bytes = {0xFB, 0xFF, 0xBF};
+  Writer writer;
+  writer.base64(bytes);
+  const std::string text = writer.take();
+  EXPECT_EQ(text, R"("+\/+\/")");
+  EXPECT_EQ(Decoder(parse(text)).asBase64Bytes(), bytes);
+}
+
+}  // namespace
+}  // namespace qevr::json
