@@ -1,0 +1,226 @@
+#include <QEVRLZFSE/Decoder.h>
+#include <QEVRLZFSE/Encoder.h>
+
+#include "LzfseTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qevr::lzfse {
+namespace {
+
+using testing::blockKinds;
+using testing::Bytes;
+using testing::randomBytes;
+using testing::readVector;
+using testing::textBytes;
+
+void expectRoundTrip(const Bytes& input, const std::string& label) {
+  const Bytes stream = encode(input);
+  ASSERT_GE(stream.size(), 12u) << label;
+  EXPECT_LE(stream.size(), maxEncodedSize(input.size())) << label;
+  Bytes out;
+  ASSERT_EQ(decode(stream, input.size(), out), DecodeStatus::ok) << label;
+  ASSERT_TRUE(out == input) << label;
+}
+
+// Inputs by name and size; the sizes cover the switch points of the block
+// kinds (8 and 4096 bytes) and the split into several LZFSE blocks.
+struct RoundTripCase {
+  const char* kind;
+  std::function<Bytes(std::size_t)> make;
+};
+
+std::vector<RoundTripCase> roundTripKinds() {
+  return {
+      {"random", [](std::size_t n) { return randomBytes(n, static_cast<std::uint32_t>(n)); }},
+      {"text", [](std::size_t n) { return textBytes(n, static_cast<std::uint32_t>(n)); }},
+      {"zeros", [](std::size_t n) { return Bytes(n, 0); }},
+      {"period3",
+       [](std::size_t n) {
+         Bytes b(n);
+         for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<std::uint8_t>("abc"[i % 3]);
+         return b;
+       }},
+      {"mostlyRandom",  // random with repeats at every distance up to the window
+       [](std::size_t n) {
+         Bytes b = randomBytes(n, 7);
+         for (std::size_t i = 64; i + 32 < n; i += 97) {
+           const std::size_t back = 1 + (i * 7919) % std::min<std::size_t>(i, 300000);
+           for (std::size_t k = 0; k < 24; ++k) b[i + k] = b[i + k - back];
+         }
+         return b;
+       }},
+  };
+}
+
+TEST(EncoderTest, RoundTripsInputsOfManySizes) {
+  const std::size_t sizes[] = {0,    1,    2,    3,    4,     5,     7,     8,     9,      15,
+                               16,   17,   20,   21,   64,    100,   271,   272,   1000,   1535,
+                               1536, 4095, 4096, 4097, 10000, 39984, 40000, 65536, 300000, 1000000};
+  for (const RoundTripCase& c : roundTripKinds()) {
+    for (std::size_t n : sizes) expectRoundTrip(c.make(n), std::string(c.kind) + "/" + std::to_string(n));
+  }
+}
+
+TEST(EncoderTest, RoundTripsSeveralMegabytes) {
+  Bytes big = textBytes(3 << 20, 11);
+  const Bytes noise = randomBytes(1 << 20, 12);
+  big.insert(big.begin() + (1 << 20), noise.begin(), noise.end());
+  expectRoundTrip(big, "4 MiB text with noise");
+}
+
+TEST(EncoderTest, RoundTripsEveryVectorInput) {
+  for (const char* name :
+       {"empty-0", "byte-1", "text-7", "text-8", "text-9", "text-dozens", "bvxn-floor-below",
+        "bvxn-floor", "text-4095", "text-4096", "text-4097", "rand-4095", "rand-4096",
+        "rand-small", "mixed-1mb", "rand-large", "rep-byte", "rep-pattern", "rep-byte-small",
+        "rep-chunk", "multiblock-below", "multiblock-min", "concat-mixed-blocks"}) {
+    expectRoundTrip(readVector(std::string(name) + ".bin"), name);
+  }
+}
+
+// Which block kinds the encoder picks.
+struct BlockKindCase {
+  const char* name;
+  Bytes input;
+  std::vector<std::string> kinds;
+
+  friend void PrintTo(const BlockKindCase& c, std::ostream* os) { *os << c.name; }
+};
+
+std::vector<BlockKindCase> blockKindCases() {
+  const Bytes text = readVector("text-4097.bin");
+  auto prefix = [&](std::size_t n) { return Bytes(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(n)); };
+  return {
+      {"Empty", {}, {"bvx-", "bvx$"}},
+      {"SevenBytesOfRepeats", Bytes(7, 'a'), {"bvx-", "bvx$"}},
+      {"EightBytesOfText", prefix(8), {"bvx-", "bvx$"}},
+      {"TwentyOneRepeats", Bytes(21, 'a'), {"bvxn", "bvx$"}},
+      {"Text4095", prefix(4095), {"bvxn", "bvx$"}},
+      {"Text4096", prefix(4096), {"bvx2", "bvx$"}},
+      {"Text4097", prefix(4097), {"bvx2", "bvx$"}},
+      {"Random4095", randomBytes(4095, 1), {"bvx-", "bvx$"}},
+      {"Random4096", randomBytes(4096, 1), {"bvx-", "bvx$"}},
+      {"MultiblockBelow", readVector("multiblock-below.bin"), {"bvx2", "bvx$"}},
+      {"MultiblockMin", readVector("multiblock-min.bin"), {"bvx2", "bvx2", "bvx$"}},
+      {"MixedMegabyte", readVector("mixed-1mb.bin"), {"bvx2", "bvx2", "bvx2", "bvx2", "bvx2", "bvx$"}},
+  };
+}
+
+class BlockKindTest : public ::testing::TestWithParam<BlockKindCase> {};
+
+TEST_P(BlockKindTest, PicksTheExpectedBlocks) {
+  const Bytes stream = encode(GetParam().input);
+  EXPECT_EQ(blockKinds(stream), GetParam().kinds);
+  Bytes out;
+  ASSERT_EQ(decode(stream, GetParam().input.size(), out), DecodeStatus::ok);
+  EXPECT_TRUE(out == GetParam().input);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, BlockKindTest, ::testing::ValuesIn(blockKindCases()),
+                         [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
+
+// Compression of event-chunk JSON against the reference encoder's output
+// size (the .lzfse next to each input): at most 2% larger.
+class ChunkRatioTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ChunkRatioTest, IsWithinTwoPercentOfTheReference) {
+  const Bytes plain = readVector(std::string(GetParam()) + ".bin");
+  const std::size_t reference = readVector(std::string(GetParam()) + ".lzfse").size();
+  ASSERT_GT(reference, 0u);
+  const Bytes stream = encode(plain);
+  EXPECT_LE(static_cast<double>(stream.size()), 1.02 * static_cast<double>(reference))
+      << "ours " << stream.size() << ", reference " << reference;
+  Bytes out;
+  ASSERT_EQ(decode(stream, plain.size(), out), DecodeStatus::ok);
+  EXPECT_TRUE(out == plain);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ChunkVectors, ChunkRatioTest,
+    ::testing::Values("chunk-100-ascii", "chunk-100-unicode", "chunk-100-custom-heavy",
+                      "chunk-100-screens-light", "chunk-100-taps-gestures", "chunk-100-game",
+                      "chunk-100-long-strings", "chunk-100-two-sessions", "chunk-partial-small",
+                      "chunk-partial-tiny", "chunk-partial-single", "mixed-1mb", "rep-chunk"),
+    [](const auto& paramInfo) {
+      std::string name = paramInfo.param;
+      std::replace(name.begin(), name.end(), '-', '_');
+      return name;
+    });
+
+// A destination too small for the stream makes the call fail without
+// touching a byte past its end; one just large enough succeeds.
+TEST(EncoderTest, FailsCleanlyWhenTheDestinationIsShort) {
+  Encoder encoder;
+  for (const Bytes& input : {readVector("chunk-100-ascii.bin"), readVector("text-4095.bin"),
+                             readVector("multiblock-min.bin"), randomBytes(5000, 3), Bytes(5, 'x')}) {
+    const Bytes full = encoder.encode(input);
+    for (std::size_t cap : {std::size_t{0}, std::size_t{4}, std::size_t{11}, full.size() / 2,
+                            full.size() - 1, full.size()}) {
+      Bytes buffer(cap + 64, 0xEE);
+      const std::size_t n = encoder.encodeBuffer(input, std::span(buffer).first(cap));
+      EXPECT_TRUE(std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(cap), buffer.end(),
+                              [](std::uint8_t b) { return b == 0xEE; }))
+          << "wrote past capacity " << cap;
+      if (n == 0) {
+        EXPECT_LT(cap, full.size());
+        continue;
+      }
+      // A smaller destination may still take a different, valid stream
+      // (uncompressed blocks instead of compressed ones).
+      EXPECT_LE(n, cap);
+      Bytes out;
+      ASSERT_EQ(decode(std::span(buffer).first(n), input.size(), out), DecodeStatus::ok);
+      EXPECT_TRUE(out == input);
+    }
+    Bytes exact(full.size());
+    EXPECT_EQ(encoder.encodeBuffer(input, exact), full.size());
+  }
+}
+
+TEST(EncoderTest, OutputDependsOnlyOnTheInput) {
+  const Bytes a = readVector("chunk-100-game.bin");
+  const Bytes b = readVector("chunk-100-ascii.bin");
+  const Bytes small = readVector("chunk-partial-tiny.bin");
+  Encoder fresh1, fresh2, used;
+  used.encode(b);
+  used.encode(small);
+  EXPECT_TRUE(used.encode(a) == fresh1.encode(a));
+  used.encode(a);
+  EXPECT_TRUE(used.encode(small) == fresh2.encode(small));
+}
+
+// Stream properties that a stricter decoder than ours relies on: L/M/D
+// payloads of at least 8 bytes and the per-block limits.
+TEST(EncoderTest, BlocksStayWithinTheFormatLimits) {
+  const Bytes stream = encode(readVector("mixed-1mb.bin"));
+  std::size_t pos = 0;
+  int blocks = 0;
+  while (testing::magicAt(stream, pos) == 0x32787662u) {
+    auto field = [&](std::size_t word, unsigned bit, unsigned width) {
+      std::uint64_t w = 0;
+      for (int i = 7; i >= 0; --i) w = (w << 8) | stream[pos + word + static_cast<std::size_t>(i)];
+      return (w >> bit) & ((std::uint64_t{1} << width) - 1);
+    };
+    const auto literals = field(8, 0, 20);
+    const auto matches = field(8, 40, 20);
+    const auto lmdBytes = field(16, 40, 20);
+    EXPECT_LE(literals, 40000u);
+    EXPECT_EQ(literals % 4, 0u);
+    EXPECT_LE(matches, 10000u);
+    EXPECT_GE(lmdBytes, 8u);
+    pos += field(24, 0, 32) + field(8, 20, 20) + lmdBytes;
+    ++blocks;
+  }
+  EXPECT_GE(blocks, 2);
+  EXPECT_EQ(testing::magicAt(stream, pos), 0x24787662u);
+  EXPECT_EQ(pos + 4, stream.size());
+}
+
+}  // namespace
+}  // namespace qevr::lzfse

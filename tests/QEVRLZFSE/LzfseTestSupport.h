@@ -1,0 +1,89 @@
+// Shared helpers of the codec tests: the checked-in vectors and inputs.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace qevr::lzfse::testing {
+
+using Bytes = std::vector<std::uint8_t>;
+
+inline std::filesystem::path vectorPath(const std::string& file) {
+  return std::filesystem::path(QEVR_TEST_DATA_DIR) / "lzfse" / file;
+}
+
+// Reads a checked-in file; an unreadable one yields an empty vector, which
+// the tests then report as a mismatch.
+inline Bytes readVector(const std::string& file) {
+  std::ifstream in(vectorPath(file), std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline Bytes randomBytes(std::size_t n, std::uint32_t seed) {
+  std::mt19937 rng(seed);
+  Bytes out(n);
+  for (auto& b : out) b = static_cast<std::uint8_t>(rng());
+  return out;
+}
+
+// Text-like bytes: words from a small vocabulary with numbers, so that the
+// match finder finds short and medium matches at many distances.
+inline Bytes textBytes(std::size_t n, std::uint32_t seed) {
+  static const char* const words[] = {"event", "screen", "tap",  "session", "\"id\":", "{",
+                                      "}",     ",",      " ",    "value",   "name",   "timestamp",
+                                      "gesture", "swipe", "\\/", "2024-05-01T12:00:00Z"};
+  std::mt19937 rng(seed);
+  Bytes out;
+  out.reserve(n + 32);
+  while (out.size() < n) {
+    const std::string w = words[rng() % std::size(words)];
+    out.insert(out.end(), w.begin(), w.end());
+    if (rng() % 4 == 0) {
+      const std::string num = std::to_string(rng() % 100000);
+      out.insert(out.end(), num.begin(), num.end());
+    }
+  }
+  out.resize(n);
+  return out;
+}
+
+inline std::uint32_t magicAt(const Bytes& stream, std::size_t offset) {
+  return static_cast<std::uint32_t>(stream[offset]) | (std::uint32_t{stream[offset + 1]} << 8) |
+         (std::uint32_t{stream[offset + 2]} << 16) | (std::uint32_t{stream[offset + 3]} << 24);
+}
+
+// The block magics of a well-formed stream, in order, as text ("bvx2").
+inline std::vector<std::string> blockKinds(const Bytes& s) {
+  std::vector<std::string> kinds;
+  std::size_t pos = 0;
+  while (pos + 4 <= s.size()) {
+    kinds.emplace_back(reinterpret_cast<const char*>(s.data() + pos), 4);
+    const char kind = static_cast<char>(s[pos + 3]);
+    auto u32 = [&](std::size_t off) { return static_cast<std::size_t>(magicAt(s, pos + off)); };
+    if (kind == '$') break;
+    if (kind == '-') {
+      pos += 8 + u32(4);
+    } else if (kind == 'n') {
+      pos += 12 + u32(8);
+    } else if (kind == '2') {
+      std::uint64_t w0 = 0, w1 = 0;
+      for (int i = 7; i >= 0; --i) {
+        w0 = (w0 << 8) | s[pos + 8 + i];
+        w1 = (w1 << 8) | s[pos + 16 + i];
+      }
+      pos += u32(24) + ((w0 >> 20) & 0xFFFFF) + ((w1 >> 40) & 0xFFFFF);
+    } else if (kind == '1') {
+      pos += 772 + u32(20) + u32(24);
+    } else {
+      break;
+    }
+  }
+  return kinds;
+}
+
+}  // namespace qevr::lzfse::testing
