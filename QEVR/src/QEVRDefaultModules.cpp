@@ -1,4 +1,5 @@
 #include <QEVR/QEVR.h>
+#include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverModule.h>
 
 #include <functional>
@@ -16,6 +17,8 @@ std::vector<ModuleMaker> defaultModuleMakers() {
   return {
       // First: memory's start registers a sink and needs a bound dispatcher.
       QEVObserverIntegration::makeModule,
+      // Second: registers its sink with the observer.
+      QEVMemoryIntegration::makeModule,
   };
 }
 

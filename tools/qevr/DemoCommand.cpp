@@ -1,5 +1,8 @@
 #include "DemoCommand.h"
 
+#include "SimulatedUser.h"
+#include "ToolSupport.h"
+
 #include <QEVR/QEVR.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
@@ -57,8 +60,11 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
   configuration.isBackgroundProcessingEnabled = true;
   configuration.isFallbackRecommendationsEnabled = true;
 
+  std::optional<std::filesystem::path> dataDir;
   for (size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--log-level" && i + 1 < args.size()) {
+    if (args[i] == "--data-dir" && i + 1 < args.size()) {
+      dataDir = args[++i];
+    } else if (args[i] == "--log-level" && i + 1 < args.size()) {
       bool found = false;
       for (auto level : {QEVRLogLevel::trace, QEVRLogLevel::debug, QEVRLogLevel::info,
                          QEVRLogLevel::warning, QEVRLogLevel::error, QEVRLogLevel::critical,
@@ -79,8 +85,17 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
     }
   }
 
+  // Never the user's real application-support directory unless asked.
+  if (!dataDir) dataDir = makeTemporaryDirectory("qevr-demo");
+  if (!dataDir) {
+    err << "qevr demo: cannot create a temporary directory\n";
+    return 1;
+  }
+  qevr::setApplicationSupportDirectoryOverride(*dataDir);
+
   qevr::ScopedLogSink logs(std::make_shared<PrintingLogSink>(out));
   QEVRRegisterDefaultModules();
+  out << "data directory " << dataDir->string() << "\n";
 
   out << "QEVR " << QEVR::version << " demo\n";
   out << "configuration " << configuration.toJSON() << "\n";
@@ -125,8 +140,29 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
   QEVR::shutdown();
   printState(out, "shutdown again");
 
-  if (!qevr::waitForBackgroundIdle(std::chrono::seconds(30))) {
-    err << "qevr demo: background work did not finish within 30 s\n";
+  // Three more visits of a simulated user, one session each.
+  {
+    qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
+    SimulatedUser user(2026);
+    for (int session = 0; session < 3; ++session) {
+      QEVR::start(configuration);
+      const auto accepted = user.visit(150);
+      QEVR::shutdown();
+      out << "simulated session " << session + 1 << ": " << accepted << " of 150 calls accepted\n";
+    }
+  }
+
+  if (!qevr::waitForBackgroundIdle(std::chrono::seconds(60))) {
+    err << "qevr demo: background work did not finish within 60 s\n";
+    return 1;
+  }
+  try {
+    const QEVMemoryStats stats = QEVR::Memory::memoryStats();
+    out << "memoryStats " << toIsoJSON(stats) << "\n";
+    const QEVMemoryIntelligenceSnapshot snapshot = QEVR::Memory::intelligenceSnapshot();
+    out << "intelligenceSnapshot " << toIsoJSON(snapshot) << "\n";
+  } catch (const std::exception& e) {
+    err << "qevr demo: reading memory failed: " << e.what() << "\n";
     return 1;
   }
   out << "done\n";

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "DemoCommand.h"
+#include "SimulateCommand.h"
 #if __has_include("LzfseCommand.h")
 #include "LzfseCommand.h"
 #define QEVR_TOOL_HAS_LZFSE 1
@@ -16,7 +17,10 @@ namespace {
 void printUsage(std::ostream& out) {
   out << "usage: qevr <command> [arguments]\n"
          "  version                         print the library version\n"
-         "  demo [--log-level LEVEL]        run the system through a short scripted life\n"
+         "  demo [--data-dir DIR] [--log-level LEVEL]\n"
+         "                                  run the system through a short scripted life\n"
+         "  simulate --data-dir DIR --events N [--seed S]\n"
+         "                                  drive a simulated user as fast as possible\n"
 #ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
          "                                  convert a file to or from the compressed format\n"
@@ -39,6 +43,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command == "demo") return runDemoCommand(rest, std::cout, std::cerr);
+  if (command == "simulate") return runSimulateCommand(rest, std::cout, std::cerr);
 #ifdef QEVR_TOOL_HAS_LZFSE
   if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);
 #endif

@@ -11,6 +11,7 @@
 #include <QEVRCore/QEVRFacade.h>
 #include <QEVRCore/QEVRModule.h>
 #include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverFacade.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRPlatform/Export.h>

@@ -1,0 +1,105 @@
+// The head of the memory pipeline: numbering events and gathering them into
+// chunks that are saved in the background.
+#pragma once
+
+#include <QEVMemory/QEVMemoryEvent.h>
+#include <QEVMemory/QEVMemoryOptions.h>
+#include <QEVMemory/QEVMemoryPruner.h>
+#include <QEVMemory/QEVMemoryStore.h>
+#include <QEVObserver/QEVObserverEvent.h>
+#include <QEVRPlatform/Export.h>
+#include <QEVRPlatform/ThreadAnnotations.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+// Converts observer events and numbers them from 1, one process-lifetime
+// counter per module. Thread-safe.
+class QEVR_API QEVMemoryEventStore {
+ public:
+  // The converted event with the next sequence number.
+  std::optional<QEVMemoryEvent> record(const QEVObserverEvent& event);
+  std::uint64_t nextSequenceNumber() const;
+
+ private:
+  mutable qevr::Mutex lock;
+  std::uint64_t next QEVR_GUARDED_BY(lock) = 1;
+};
+
+// Gathers events into an open chunk, closes it at 100 events or at a
+// sessionEnd, and saves closed chunks on background tasks, each save
+// followed by a pruning run.
+//
+// Thread safety: `lock` guards the open chunk and `isShutdown`; it is never
+// held while a task starts or a save runs. Pruning runs that have not
+// started yet are merged (they would all see the same files), so however
+// fast chunks arrive at most one run waits. When more than
+// maxPendingSaves saves are in flight, the next save runs on the caller's
+// thread instead: memory stays bounded and no chunk is dropped.
+class QEVR_API QEVMemoryChunkWriter {
+ public:
+  using OptionsProvider = std::function<QEVMemoryOptions()>;
+
+  static constexpr std::int64_t defaultMaxEventsPerChunk = 100;
+  static constexpr std::int64_t currentSchemaVersion = 1;
+  static constexpr int maxPendingSaves = 16;
+
+  QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> store, std::int64_t maxEventsPerChunk,
+                       std::int64_t schemaVersion, std::shared_ptr<const QEVMemoryPruner> pruner,
+                       OptionsProvider optionsProvider);
+
+  // Adds the event to the open chunk (opening one if needed). Returns the
+  // chunk it closed, if any. Refused after shutdown.
+  std::optional<QEVMemoryEventChunk> append(QEVMemoryEvent event);
+  // Closes the open chunk at `closedAt`; nothing if none is open.
+  std::optional<QEVMemoryEventChunk> closeActiveChunk(QEVRDate closedAt);
+  // Marks the writer shut down and closes its open chunk at `now`; nothing
+  // the second time.
+  std::optional<QEVMemoryEventChunk> shutdown(QEVRDate now);
+  // Accepts events again, for a module that starts anew.
+  void reopen();
+  bool isShutDown() const;
+
+  // Saves `chunk` on a background task, then prunes. Does nothing for no
+  // chunk. Save and pruning errors are dropped.
+  void enqueueSave(std::optional<QEVMemoryEventChunk> chunk);
+
+  // Saves in flight (started, not finished).
+  int pendingSaves() const { return shared->inFlight.load(std::memory_order_acquire); }
+
+ private:
+  std::optional<QEVMemoryEventChunk> closeLocked(QEVRDate closedAt) QEVR_REQUIRES(lock);
+
+  // Constant after construction.
+  const std::shared_ptr<QEVMemoryStore> store;
+  const std::int64_t maxEventsPerChunk;
+  const std::int64_t schemaVersion;
+  const std::shared_ptr<const QEVMemoryPruner> pruner;
+  const OptionsProvider optionsProvider;
+
+  mutable qevr::Mutex lock;
+  std::optional<QEVRUUID> activeChunkId QEVR_GUARDED_BY(lock);
+  std::optional<QEVRUUID> activeSessionId QEVR_GUARDED_BY(lock);
+  std::optional<QEVRDate> activeCreatedAt QEVR_GUARDED_BY(lock);
+  std::vector<QEVMemoryEvent> activeEvents QEVR_GUARDED_BY(lock);
+  bool isShutdown QEVR_GUARDED_BY(lock) = false;
+
+  // Shared with the background tasks, which may outlive the writer.
+  struct Shared : std::enable_shared_from_this<Shared> {
+    // True while a pruning run is queued and has not started; a run clears
+    // it as it starts, so a chunk saved during a run queues one more.
+    std::atomic<bool> pruneQueued{false};
+    std::atomic<int> inFlight{0};
+    std::shared_ptr<QEVMemoryStore> store;
+    std::shared_ptr<const QEVMemoryPruner> pruner;
+    OptionsProvider optionsProvider;
+
+    void saveThenPrune(const QEVMemoryEventChunk& chunk);
+    void schedulePrune();
+  };
+  const std::shared_ptr<Shared> shared;
+};

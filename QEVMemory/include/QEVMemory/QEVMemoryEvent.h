@@ -1,0 +1,121 @@
+// What memory keeps of an observer event, and the chunk of events that is
+// the unit written to disk.
+#pragma once
+
+#include <QEVObserver/QEVObserverEvent.h>
+#include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/Export.h>
+#include <QEVRPlatform/UUID.h>
+
+#include <concepts>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <variant>
+#include <vector>
+
+namespace qevr::json {
+class Decoder;
+class Writer;
+}  // namespace qevr::json
+
+// The same eight cases, in the same order, as QEVObserverEventType.
+enum class QEVMemoryEventType {
+  screenView,
+  screenDisappear,
+  navigation,
+  gesture,
+  buttonTap,
+  sessionStart,
+  sessionEnd,
+  custom
+};
+
+QEVR_API std::string_view rawValueOf(QEVMemoryEventType type);
+QEVR_API std::optional<QEVMemoryEventType> memoryEventTypeFromRawValue(std::string_view raw);
+
+// A tagged metadata value: string, int (64-bit), double, bool or date.
+class QEVR_API QEVMemoryMetadataValue {
+ public:
+  enum class Kind { string, int_, double_, bool_, date };
+
+  QEVMemoryMetadataValue(std::string value) : payload(std::move(value)) {}    // NOLINT
+  QEVMemoryMetadataValue(const char* value) : payload(std::string(value)) {}  // NOLINT
+  template <std::integral T>
+    requires(!std::same_as<T, bool>)
+  QEVMemoryMetadataValue(T value) : payload(static_cast<std::int64_t>(value)) {}  // NOLINT
+  QEVMemoryMetadataValue(double value) : payload(value) {}                          // NOLINT
+  QEVMemoryMetadataValue(bool value) : payload(value) {}                            // NOLINT
+  QEVMemoryMetadataValue(QEVRDate value) : payload(value) {}                        // NOLINT
+
+  Kind kind() const { return static_cast<Kind>(payload.index()); }
+  const std::string* stringValue() const { return std::get_if<std::string>(&payload); }
+  const std::int64_t* intValue() const { return std::get_if<std::int64_t>(&payload); }
+  const double* doubleValue() const { return std::get_if<double>(&payload); }
+  const bool* boolValue() const { return std::get_if<bool>(&payload); }
+  const QEVRDate* dateValue() const { return std::get_if<QEVRDate>(&payload); }
+
+  bool operator==(const QEVMemoryMetadataValue&) const = default;
+
+  // {"type":"string"|"int"|"double"|"bool"|"date","value":...}; an unknown
+  // type or a value of the wrong kind fails decoding. A non-finite double
+  // cannot be encoded (qevr::json::EncodingError).
+  void encode(qevr::json::Writer& writer) const;
+  static QEVMemoryMetadataValue decode(const qevr::json::Decoder& decoder);
+
+ private:
+  std::variant<std::string, std::int64_t, double, bool, QEVRDate> payload;
+};
+
+using QEVMemoryMetadata = std::unordered_map<std::string, QEVMemoryMetadataValue>;
+
+struct QEVR_API QEVMemoryEvent {
+  QEVRUUID id;
+  QEVMemoryEventType type = QEVMemoryEventType::custom;
+  QEVRDate timestamp;
+  std::optional<QEVRUUID> sessionId;
+  std::optional<std::string> screenName;
+  std::optional<std::string> componentId;
+  QEVMemoryMetadata metadata;
+  std::uint64_t sequenceNumber = 0;  // from 1; 0 is never valid
+
+  bool operator==(const QEVMemoryEvent&) const = default;
+
+  // Converts an observer event: labels normalised (trimmed, blank -> absent,
+  // 128 characters), metadata filtered once more (sensitive keys dropped,
+  // strings trimmed and cut to 1024 characters). Absent for sequence 0.
+  static std::optional<QEVMemoryEvent> from(const QEVObserverEvent& event,
+                                            std::uint64_t sequenceNumber);
+
+  void encode(qevr::json::Writer& writer) const;
+  static QEVMemoryEvent decode(const qevr::json::Decoder& decoder);
+};
+
+// Trimmed; blank -> absent; at most 128 characters.
+QEVR_API std::optional<std::string> normalisedLabel(const std::optional<std::string>& text);
+// Keys trimmed (blank dropped), sensitive keys dropped, string values
+// trimmed and cut to 1024 characters; other values copied.
+QEVR_API QEVMemoryMetadata sanitisedMetadata(const QEVObserverMetadata& metadata);
+
+struct QEVR_API QEVMemoryEventChunk {
+  QEVRUUID id;
+  std::optional<QEVRUUID> sessionId;  // the first event's session
+  QEVRDate createdAt;
+  std::optional<QEVRDate> closedAt;
+  std::vector<QEVMemoryEvent> events;
+  std::int64_t eventCount = 0;
+  std::int64_t schemaVersion = 1;
+
+  bool operator==(const QEVMemoryEventChunk&) const = default;
+
+  void encode(qevr::json::Writer& writer) const;
+  static QEVMemoryEventChunk decode(const qevr::json::Decoder& decoder);
+
+  // The on-disk JSON: compact, ISO 8601 whole-second dates, "\/" escaped,
+  // absent keys omitted. Throws qevr::json::EncodingError (non-finite
+  // double) / qevr::json::DecodingError.
+  std::string toJSON() const;
+  static QEVMemoryEventChunk fromJSON(std::string_view json);
+};

@@ -1,0 +1,128 @@
+// Memory as a module of the core and a sink of the observer, the runtime
+// that holds its options, and the QEVR::Memory facade.
+#pragma once
+
+#include <QEVMemory/QEVMemoryChunkWriter.h>
+#include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
+#include <QEVMemory/QEVMemoryOptions.h>
+#include <QEVMemory/QEVMemoryPipeline.h>
+#include <QEVMemory/QEVMemoryPruner.h>
+#include <QEVMemory/QEVMemoryStore.h>
+#include <QEVObserver/QEVObserverEventDispatcher.h>
+#include <QEVRCore/QEVRModule.h>
+#include <QEVRPlatform/Export.h>
+#include <QEVRPlatform/ThreadAnnotations.h>
+
+#include <future>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <stop_token>
+
+class QEVR_API QEVMemoryModuleError : public std::runtime_error {
+ public:
+  enum class Case { observerUnavailable };
+  QEVMemoryModuleError() : std::runtime_error("observerUnavailable") {}
+  Case kind() const { return Case::observerUnavailable; }
+  bool operator==(const QEVMemoryModuleError&) const { return true; }
+};
+
+// Process-wide: the active options and the facade's store override.
+// Thread safety: `lock` guards both fields and is held only to read or
+// write them.
+class QEVR_API QEVMemoryRuntime {
+ public:
+  static QEVMemoryRuntime& shared();
+
+  QEVMemoryOptions activeOptions() const;
+  void setActiveOptions(const QEVMemoryOptions& options);
+  // When set, the facade uses this store instead of building one. For tools
+  // and tests; nullptr clears it.
+  void setDiagnosticsStoreOverride(std::shared_ptr<QEVMemoryStore> store);
+  std::shared_ptr<QEVMemoryStore> diagnosticsStoreOverride() const;
+
+ private:
+  QEVMemoryRuntime() = default;
+  mutable qevr::Mutex lock;
+  QEVMemoryOptions options QEVR_GUARDED_BY(lock);
+  std::shared_ptr<QEVMemoryStore> storeOverride QEVR_GUARDED_BY(lock);
+};
+
+// "com.qevr.memory". Registers itself as an observer sink at start and
+// passes every event into a pipeline made anew at each start.
+//
+// Thread safety: `lock` guards the mutable fields only; it is never held
+// while calling the observer, the pipeline or the store.
+class QEVR_API QEVMemoryModule : public QEVRModule,
+                                 public QEVObserverEventSink,
+                                 public std::enable_shared_from_this<QEVMemoryModule> {
+ public:
+  // With `memoryStore`, `chunkWriter` and `pruner` all null the module builds
+  // its default stack on the default root; if there is no application-
+  // support directory it runs in memory-only mode (graphs, no disk).
+  QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore,
+                  std::shared_ptr<QEVMemoryStore> memoryStore,
+                  std::shared_ptr<QEVMemoryChunkWriter> chunkWriter,
+                  std::shared_ptr<const QEVMemoryPruner> pruner);
+
+  std::string identifier() const override { return "com.qevr.memory"; }
+  // Fails with QEVMemoryModuleError when no observer module runs.
+  void start(const QEVRModuleContext& context) override;
+  void pause() override;
+  void resume() override;
+  void shutdown() override;
+
+  // Events arriving while stopped or paused are dropped, not queued.
+  void receive(const QEVObserverEvent& event) override;
+
+  bool isMemoryOnly() const { return memoryStore == nullptr; }
+  const std::shared_ptr<QEVMemoryEventStore>& eventStore() const { return events; }
+
+ private:
+  struct Stack {
+    std::shared_ptr<QEVMemoryStore> store;
+    std::shared_ptr<QEVMemoryChunkWriter> writer;
+    std::shared_ptr<const QEVMemoryPruner> pruner;
+  };
+  static Stack defaultStack();
+  QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack);
+
+  // Constant after construction.
+  const std::shared_ptr<QEVMemoryEventStore> events;
+  const std::shared_ptr<QEVMemoryStore> memoryStore;
+  const std::shared_ptr<QEVMemoryChunkWriter> chunkWriter;
+  const std::shared_ptr<const QEVMemoryPruner> pruner;
+
+  mutable qevr::Mutex lock;
+  std::shared_ptr<QEVMemoryPipeline> pipeline QEVR_GUARDED_BY(lock);
+  std::optional<QEVRUUID> sinkIdentifier QEVR_GUARDED_BY(lock);
+  bool isStarted QEVR_GUARDED_BY(lock) = false;
+  bool isPaused QEVR_GUARDED_BY(lock) = false;
+};
+
+namespace QEVMemoryIntegration {
+// A new module with a new event store and the default stack.
+QEVR_API std::shared_ptr<QEVRModule> makeModule();
+// The store the facade and the default stack use: the file store on the
+// default root with the LZFSE engine. Throws
+// QEVFileMemoryStoreError::applicationSupportUnavailable.
+QEVR_API std::shared_ptr<QEVFileMemoryStore> makeDefaultStore();
+}  // namespace QEVMemoryIntegration
+
+// The public face of memory. Works whether or not the module runs: each
+// disk operation uses the override store or builds one of its own. Each
+// asynchronous operation comes blocking (with a stop token) and as ...Async.
+namespace QEVR::Memory {
+QEVR_API QEVMemoryOptions options();
+// Takes effect at the next pruning run; starts none.
+QEVR_API void configure(const QEVMemoryOptions& options);
+
+QEVR_API QEVMemoryStats memoryStats(std::stop_token stop = {});
+QEVR_API std::future<QEVMemoryStats> memoryStatsAsync();
+// Erases everything on disk (not what a running pipeline holds in memory)
+// and logs "Cleared local QEVMemory storage".
+QEVR_API void clearMemory(std::stop_token stop = {});
+QEVR_API std::future<void> clearMemoryAsync();
+QEVR_API QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop = {});
+QEVR_API std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync();
+}  // namespace QEVR::Memory

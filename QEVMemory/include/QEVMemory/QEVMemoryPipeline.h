@@ -1,0 +1,83 @@
+// The road of every observer event through memory: number it, add it to the
+// open chunk, fold it into the session graph and, at a session's end, into
+// the user graph. All in memory on the delivering thread; disk work leaves
+// as background jobs.
+#pragma once
+
+#include <QEVMemory/QEVMemoryChunkWriter.h>
+#include <QEVMemory/QEVMemoryStore.h>
+#include <QEVMemory/QEVSessionGraph.h>
+#include <QEVMemory/QEVUserGraph.h>
+#include <QEVRCore/QEVRModule.h>
+#include <QEVRPlatform/Export.h>
+#include <QEVRPlatform/ThreadAnnotations.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+
+// Runs graph jobs on the system's background worker when it takes them, and
+// on a plain utility task otherwise, so a refused job runs anyway. A job the
+// worker accepted but dropped unrun (its shutdown cancelled it before it
+// started) also falls back to a plain task: each job runs exactly once.
+// When more than maxPendingJobs are in flight, a job runs on the caller's
+// thread instead, so a burst of short sessions cannot queue without bound.
+class QEVR_API QEVMemoryDiskScheduler {
+ public:
+  using BackgroundSubmit = std::function<bool(QEVRBackgroundOperation)>;
+  using Job = std::function<void()>;
+  static constexpr int maxPendingJobs = 16;
+
+  explicit QEVMemoryDiskScheduler(BackgroundSubmit backgroundSubmit);
+
+  // Returns at once (unless the caller has to run the job, see above).
+  void schedule(Job job);
+  int pendingJobs() const { return inFlight->load(std::memory_order_acquire); }
+
+ private:
+  const BackgroundSubmit backgroundSubmit;  // may be empty
+  const std::shared_ptr<std::atomic<int>> inFlight = std::make_shared<std::atomic<int>>(0);
+};
+
+class QEVR_API QEVMemoryPipeline {
+ public:
+  struct CompletedSession {
+    QEVSessionGraph sessionGraph;
+    QEVUserGraph userGraph;  // the aggregate right after this session
+  };
+
+  // `chunkWriter` and `store` are both null in memory-only mode.
+  QEVMemoryPipeline(std::shared_ptr<QEVMemoryEventStore> eventStore,
+                    std::shared_ptr<QEVMemoryChunkWriter> chunkWriter,
+                    std::shared_ptr<QEVMemoryStore> store,
+                    QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit);
+
+  // Takes `lock` for the whole event, so events are handled one at a time
+  // in the order callers get it. Returns the session a sessionEnd completed.
+  std::optional<CompletedSession> handle(const QEVObserverEvent& event) QEVR_EXCLUDES(lock);
+  // Schedules the session graph, then the user graph, to be written.
+  // Call without `lock`; returns at once.
+  void persist(std::optional<CompletedSession> completed);
+  // Completes the open session (if it saw any event), closes the open chunk
+  // and starts their saves. Does not wait. Harmless the second time.
+  void shutdown() QEVR_EXCLUDES(lock);
+
+  bool isShutDown() const;
+
+ private:
+  CompletedSession completeSessionLocked(const QEVSessionGraph& graph) QEVR_REQUIRES(lock);
+
+  // Constant after construction.
+  const std::shared_ptr<QEVMemoryEventStore> eventStore;
+  const std::shared_ptr<QEVMemoryChunkWriter> chunkWriter;
+  const std::shared_ptr<QEVMemoryStore> store;
+  QEVMemoryDiskScheduler diskScheduler;
+  const std::unique_ptr<QEVUserGraphBuilder> userGraphBuilder;
+
+  // Lock order: this lock, then one of the event store, the chunk writer or
+  // a graph builder at a time, never two of those together.
+  mutable qevr::Mutex lock;
+  std::unique_ptr<QEVSessionGraphBuilder> sessionGraphBuilder QEVR_GUARDED_BY(lock);
+  bool isShutdown QEVR_GUARDED_BY(lock) = false;
+};

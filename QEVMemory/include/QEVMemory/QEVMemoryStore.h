@@ -1,0 +1,111 @@
+// Where memory's chunks and graphs live: a small tree of JSON files.
+//
+//   <root>/events/<UUID>.json    one envelope per closed chunk
+//   <root>/sessions/<UUID>.json  one session graph
+//   <root>/user/graph.json       the user graph
+//
+// <root> defaults to <application support>/QEVR/Memory. Every file is
+// written atomically, whole; the layout is shared with QEVMemoryPruner.
+#pragma once
+
+#include <QEVMemory/QEVCompressionEngine.h>
+#include <QEVMemory/QEVMemoryEvent.h>
+#include <QEVMemory/QEVSessionGraph.h>
+#include <QEVMemory/QEVUserGraph.h>
+#include <QEVRPlatform/Export.h>
+#include <QEVRPlatform/FileSystem.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <stop_token>
+#include <vector>
+
+// The store contract. Each operation blocks the caller until its file work,
+// done on a utility-priority background task, has finished; failures are
+// passed on unchanged (std::system_error for files, qevr::json errors for
+// encoding and decoding, QEVCompressionError for damaged blocks), and a stop
+// requested on `stop` before the work starts throws QEVRCancellationError.
+class QEVR_API QEVMemoryStore {
+ public:
+  virtual ~QEVMemoryStore() = default;
+  virtual void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop = {}) = 0;
+  // Every "*.json" in events/, by file name; the first bad file fails all.
+  virtual std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token stop = {}) = 0;
+  // Fails with QEVFileMemoryStoreError::sessionGraphMissingIdentifier when
+  // the graph has no sessionId.
+  virtual void saveSessionGraph(const QEVSessionGraph& graph, std::stop_token stop = {}) = 0;
+  virtual std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token stop = {}) = 0;
+  virtual void saveUserGraph(const QEVUserGraph& graph, std::stop_token stop = {}) = 0;
+  virtual std::optional<QEVUserGraph> loadUserGraph(std::stop_token stop = {}) = 0;
+  // Logical sizes of everything below the root; never fails (0 if absent).
+  virtual std::uint64_t estimatedDiskUsageBytes(std::stop_token stop = {}) = 0;
+  // Removes the root with everything below it; nothing if it is absent.
+  virtual void clearAll(std::stop_token stop = {}) = 0;
+};
+
+class QEVR_API QEVFileMemoryStoreError : public std::runtime_error {
+ public:
+  enum class Case { applicationSupportUnavailable, sessionGraphMissingIdentifier };
+  explicit QEVFileMemoryStoreError(Case c)
+      : std::runtime_error(c == Case::applicationSupportUnavailable ? "applicationSupportUnavailable"
+                                                                    : "sessionGraphMissingIdentifier"),
+        errorCase(c) {}
+  Case kind() const { return errorCase; }
+  bool operator==(const QEVFileMemoryStoreError& other) const { return errorCase == other.errorCase; }
+
+ private:
+  Case errorCase;
+};
+
+// The envelope of a chunk file. All three keys required.
+struct QEVR_API QEVStoredEventChunk {
+  QEVCompressionType compressionType = QEVCompressionType::none;
+  std::int64_t uncompressedByteCount = 0;  // written always, read by nothing
+  std::vector<std::uint8_t> payload;       // Base64 in JSON
+
+  bool operator==(const QEVStoredEventChunk&) const = default;
+  std::string toJSON() const;
+  static QEVStoredEventChunk fromJSON(std::string_view json);
+};
+
+// The largest file a load reads; anything bigger is refused before reading.
+inline constexpr std::uint64_t kQEVMemoryMaxFileBytes = 96ull * 1024 * 1024;
+
+// The default root: <application support>/QEVR/Memory, or absent when the
+// platform has no application-support directory.
+QEVR_API std::optional<std::filesystem::path> defaultMemoryRootDirectory(qevr::FileSystem& files);
+
+class QEVR_API QEVFileMemoryStore : public QEVMemoryStore {
+ public:
+  // Touches no file. With `rootDirectory` absent the default root is used;
+  // throws QEVFileMemoryStoreError::applicationSupportUnavailable if there is
+  // none. `files` must outlive the store.
+  QEVFileMemoryStore(std::optional<std::filesystem::path> rootDirectory, qevr::FileSystem& files,
+                     std::shared_ptr<const QEVCompressionEngine> compressionEngine);
+
+  const std::filesystem::path& rootDirectory() const { return root; }
+
+  void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop = {}) override;
+  std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token stop = {}) override;
+  void saveSessionGraph(const QEVSessionGraph& graph, std::stop_token stop = {}) override;
+  std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token stop = {}) override;
+  void saveUserGraph(const QEVUserGraph& graph, std::stop_token stop = {}) override;
+  std::optional<QEVUserGraph> loadUserGraph(std::stop_token stop = {}) override;
+  std::uint64_t estimatedDiskUsageBytes(std::stop_token stop = {}) override;
+  void clearAll(std::stop_token stop = {}) override;
+
+ private:
+  // Constant after construction: the store has no mutable state.
+  const std::filesystem::path root;
+  qevr::FileSystem& files;
+  const std::shared_ptr<const QEVCompressionEngine> engine;
+};
+
+// Decodes one chunk file's bytes: envelope, then (for "lzfse") the block,
+// then the chunk. Shared by the store and the pruner. Throws as the store's
+// loads do.
+QEVR_API QEVMemoryEventChunk decodeStoredChunkFile(std::string_view fileBytes,
+                                                   const QEVCompressionEngine& engine);

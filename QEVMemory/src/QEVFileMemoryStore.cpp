@@ -1,0 +1,249 @@
+#include <QEVMemory/QEVMemoryStore.h>
+
+#include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <algorithm>
+#include <exception>
+#include <span>
+#include <string>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+using qevr::json::Decoder;
+using qevr::json::DecodingError;
+using qevr::json::Writer;
+
+namespace {
+
+constexpr const char* kEventsDirectory = "events";
+constexpr const char* kSessionsDirectory = "sessions";
+constexpr const char* kUserDirectory = "user";
+constexpr const char* kUserGraphFile = "graph.json";
+
+std::string_view asText(const std::vector<std::uint8_t>& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+fs::path fileNameFor(const QEVRUUID& id) { return id.uuidString() + ".json"; }
+
+// Stands in for a missing engine: chunks are then written as plain JSON,
+// and a compressed chunk file cannot be read.
+class NoCompressionEngine final : public QEVCompressionEngine {
+ public:
+  QEVCompressionType compressionType() const override { return QEVCompressionType::none; }
+  std::vector<std::uint8_t> compress(const std::vector<std::uint8_t>&) const override {
+    throw QEVCompressionError::unsupported();
+  }
+  std::vector<std::uint8_t> decompress(const std::vector<std::uint8_t>&) const override {
+    throw QEVCompressionError::unsupported();
+  }
+};
+
+// Runs `body` on a fresh utility-priority task and hands back its result or
+// rethrows its error. The caller's stop is honoured only before the file
+// work begins: a half-done save or load is never abandoned, and the files
+// are consistent at every step anyway.
+template <typename F>
+auto runFileWork(const std::stop_token& stop, F&& body) {
+  return qevr::detachTask(qevr::TaskPriority::utility,
+                          [&stop, &body](std::stop_token) {
+                            qevr::checkCancellation(stop);
+                            return body();
+                          })
+      .value();
+}
+
+// The "*.json" children of `directory`, sorted by file name; none when the
+// directory is absent. The extension test is case-sensitive, so "X.JSON"
+// and the writer's ".tmp" temporaries are left alone.
+std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
+  if (!files.exists(directory)) return {};
+  std::vector<fs::path> found = files.listDirectory(directory);
+  std::erase_if(found, [](const fs::path& p) { return p.extension() != ".json"; });
+  std::sort(found.begin(), found.end(), [](const fs::path& a, const fs::path& b) {
+    return a.filename().native() < b.filename().native();
+  });
+  return found;
+}
+
+void writeJSON(qevr::FileSystem& files, const fs::path& target, std::string_view json) {
+  files.writeFileAtomically(target, bytesOf(json));
+}
+
+}  // namespace
+
+std::string QEVStoredEventChunk::toJSON() const {
+  Writer writer(qevr::json::DateStrategy::iso8601);
+  writer.beginObject();
+  writer.key("compressionType");
+  writer.string(textOf(compressionType));
+  writer.key("uncompressedByteCount");
+  writer.integer(uncompressedByteCount);
+  writer.key("payload");
+  writer.base64(payload);
+  writer.endObject();
+  return writer.take();
+}
+
+QEVStoredEventChunk QEVStoredEventChunk::fromJSON(std::string_view json) {
+  const qevr::json::Value root = qevr::json::parse(json);
+  const Decoder decoder(root, qevr::json::DateStrategy::iso8601);
+  QEVStoredEventChunk envelope;
+  const Decoder type = decoder["compressionType"];
+  const auto known = compressionTypeFromText(type.asString());
+  if (!known) type.fail(DecodingError::Kind::dataCorrupted, "Unknown compression type.");
+  envelope.compressionType = *known;
+  envelope.uncompressedByteCount = decoder["uncompressedByteCount"].asInt64();
+  envelope.payload = decoder["payload"].asBase64Bytes();
+  return envelope;
+}
+
+QEVMemoryEventChunk decodeStoredChunkFile(std::string_view fileBytes,
+                                          const QEVCompressionEngine& engine) {
+  QEVStoredEventChunk envelope = QEVStoredEventChunk::fromJSON(fileBytes);
+  if (envelope.compressionType == QEVCompressionType::lzfse) {
+    // The length inside the block is the one that counts; the envelope's
+    // uncompressedByteCount is informational and may disagree.
+    const std::vector<std::uint8_t> json = engine.decompress(envelope.payload);
+    return QEVMemoryEventChunk::fromJSON(asText(json));
+  }
+  return QEVMemoryEventChunk::fromJSON(asText(envelope.payload));
+}
+
+std::optional<fs::path> defaultMemoryRootDirectory(qevr::FileSystem& files) {
+  std::optional<fs::path> support = files.applicationSupportDirectory();
+  if (!support) return std::nullopt;
+  return *support / "QEVR" / "Memory";
+}
+
+namespace {
+
+fs::path resolveRoot(std::optional<fs::path> rootDirectory, qevr::FileSystem& files) {
+  if (rootDirectory) return std::move(*rootDirectory);
+  std::optional<fs::path> fallback = defaultMemoryRootDirectory(files);
+  if (!fallback) {
+    throw QEVFileMemoryStoreError(QEVFileMemoryStoreError::Case::applicationSupportUnavailable);
+  }
+  return std::move(*fallback);
+}
+
+}  // namespace
+
+QEVFileMemoryStore::QEVFileMemoryStore(std::optional<fs::path> rootDirectory,
+                                       qevr::FileSystem& fileSystem,
+                                       std::shared_ptr<const QEVCompressionEngine> compressionEngine)
+    : root(resolveRoot(std::move(rootDirectory), fileSystem)),
+      files(fileSystem),
+      engine(compressionEngine ? std::move(compressionEngine)
+                               : std::make_shared<const NoCompressionEngine>()) {}
+
+void QEVFileMemoryStore::saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop) {
+  runFileWork(stop, [&] {
+    const fs::path target = root / kEventsDirectory / fileNameFor(chunk.id);
+    files.createDirectories(target.parent_path());
+
+    const std::string raw = chunk.toJSON();
+    const auto rawLength = static_cast<std::int64_t>(raw.size());
+    QEVStoredEventChunk envelope{QEVCompressionType::none, 0, {}};
+
+    std::optional<std::vector<std::uint8_t>> compressed;
+    if (engine->compressionType() != QEVCompressionType::none) {
+      // A chunk that cannot be compressed is still worth keeping: any
+      // failure here just means it goes to disk as plain JSON.
+      try {
+        compressed = engine->compress(std::vector<std::uint8_t>(raw.begin(), raw.end()));
+      } catch (const std::exception&) {
+        compressed.reset();
+      }
+    }
+    if (compressed && compressed->size() < raw.size()) {
+      envelope.compressionType = engine->compressionType();
+      envelope.payload = std::move(*compressed);
+    } else {
+      envelope.payload.assign(raw.begin(), raw.end());
+    }
+    writeJSON(files, target, envelope.toJSON());
+  });
+}
+
+std::vector<QEVMemoryEventChunk> QEVFileMemoryStore::loadEventChunks(std::stop_token stop) {
+  return runFileWork(stop, [&] {
+    std::vector<QEVMemoryEventChunk> chunks;
+    for (const fs::path& file : jsonFilesIn(files, root / kEventsDirectory)) {
+      const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+      chunks.push_back(decodeStoredChunkFile(asText(bytes), *engine));
+    }
+    return chunks;
+  });
+}
+
+void QEVFileMemoryStore::saveSessionGraph(const QEVSessionGraph& graph, std::stop_token stop) {
+  runFileWork(stop, [&] {
+    if (!graph.sessionId) {
+      throw QEVFileMemoryStoreError(QEVFileMemoryStoreError::Case::sessionGraphMissingIdentifier);
+    }
+    const fs::path target = root / kSessionsDirectory / fileNameFor(*graph.sessionId);
+    files.createDirectories(target.parent_path());
+    writeJSON(files, target, graph.toJSON());
+  });
+}
+
+std::vector<QEVSessionGraph> QEVFileMemoryStore::loadSessionGraphs(std::stop_token stop) {
+  return runFileWork(stop, [&] {
+    std::vector<QEVSessionGraph> graphs;
+    for (const fs::path& file : jsonFilesIn(files, root / kSessionsDirectory)) {
+      const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+      graphs.push_back(QEVSessionGraph::fromJSON(asText(bytes)));
+    }
+    return graphs;
+  });
+}
+
+void QEVFileMemoryStore::saveUserGraph(const QEVUserGraph& graph, std::stop_token stop) {
+  runFileWork(stop, [&] {
+    const fs::path target = root / kUserDirectory / kUserGraphFile;
+    files.createDirectories(target.parent_path());
+    writeJSON(files, target, graph.toJSON());
+  });
+}
+
+std::optional<QEVUserGraph> QEVFileMemoryStore::loadUserGraph(std::stop_token stop) {
+  return runFileWork(stop, [&]() -> std::optional<QEVUserGraph> {
+    const fs::path file = root / kUserDirectory / kUserGraphFile;
+    if (!files.exists(file)) return std::nullopt;
+    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    return QEVUserGraph::fromJSON(asText(bytes));
+  });
+}
+
+std::uint64_t QEVFileMemoryStore::estimatedDiskUsageBytes(std::stop_token stop) {
+  return runFileWork(stop, [&]() -> std::uint64_t {
+    // An estimate, never an error: what cannot be walked or sized is left
+    // out. Everything below the root counts, known files or not, and
+    // directories with whatever size the file system gives them.
+    std::vector<fs::path> items;
+    try {
+      items = files.walk(root);
+    } catch (const std::exception&) {
+      return 0;
+    }
+    std::uint64_t total = 0;
+    for (const fs::path& item : items) {
+      const std::optional<std::uint64_t> size = files.fileSize(item);
+      if (size) total += *size;
+    }
+    return total;
+  });
+}
+
+void QEVFileMemoryStore::clearAll(std::stop_token stop) {
+  runFileWork(stop, [&] {
+    if (files.exists(root)) files.removeItem(root);
+  });
+}

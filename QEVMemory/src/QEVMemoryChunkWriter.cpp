@@ -1,0 +1,130 @@
+#include <QEVMemory/QEVMemoryChunkWriter.h>
+
+#include <QEVRPlatform/Tasks.h>
+
+std::optional<QEVMemoryEvent> QEVMemoryEventStore::record(const QEVObserverEvent& event) {
+  qevr::MutexLock guard(lock);
+  auto converted = QEVMemoryEvent::from(event, next);
+  if (converted) ++next;
+  return converted;
+}
+
+std::uint64_t QEVMemoryEventStore::nextSequenceNumber() const {
+  qevr::MutexLock guard(lock);
+  return next;
+}
+
+QEVMemoryChunkWriter::QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> chunkStore,
+                                           std::int64_t maxEvents, std::int64_t version,
+                                           std::shared_ptr<const QEVMemoryPruner> chunkPruner,
+                                           OptionsProvider options)
+    : store(std::move(chunkStore)),
+      maxEventsPerChunk(maxEvents),
+      schemaVersion(version),
+      pruner(std::move(chunkPruner)),
+      optionsProvider(std::move(options)),
+      shared(std::make_shared<Shared>()) {
+  shared->store = store;
+  shared->pruner = pruner;
+  shared->optionsProvider = optionsProvider;
+}
+
+std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::append(QEVMemoryEvent event) {
+  qevr::MutexLock guard(lock);
+  if (isShutdown) return std::nullopt;
+  if (!activeChunkId) {
+    activeChunkId = QEVRUUID::random();
+    activeSessionId = event.sessionId;
+    activeCreatedAt = event.timestamp;
+  }
+  const bool endsSession = event.type == QEVMemoryEventType::sessionEnd;
+  const QEVRDate timestamp = event.timestamp;
+  activeEvents.push_back(std::move(event));
+  if (static_cast<std::int64_t>(activeEvents.size()) >= maxEventsPerChunk || endsSession) {
+    return closeLocked(timestamp);
+  }
+  return std::nullopt;
+}
+
+std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::closeActiveChunk(QEVRDate closedAt) {
+  qevr::MutexLock guard(lock);
+  return closeLocked(closedAt);
+}
+
+std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::closeLocked(QEVRDate closedAt) {
+  std::optional<QEVMemoryEventChunk> chunk;
+  if (activeChunkId && activeCreatedAt && !activeEvents.empty()) {
+    chunk.emplace();
+    chunk->id = *activeChunkId;
+    chunk->sessionId = activeSessionId;
+    chunk->createdAt = *activeCreatedAt;
+    chunk->closedAt = closedAt;
+    chunk->eventCount = static_cast<std::int64_t>(activeEvents.size());
+    chunk->schemaVersion = schemaVersion;
+    chunk->events.reserve(activeEvents.size());
+    for (auto& e : activeEvents) chunk->events.push_back(std::move(e));
+  }
+  activeChunkId.reset();
+  activeSessionId.reset();
+  activeCreatedAt.reset();
+  activeEvents.clear();  // keeps its storage for the next chunk
+  return chunk;
+}
+
+std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::shutdown(QEVRDate now) {
+  qevr::MutexLock guard(lock);
+  if (isShutdown) return std::nullopt;
+  isShutdown = true;
+  return closeLocked(now);
+}
+
+void QEVMemoryChunkWriter::reopen() {
+  qevr::MutexLock guard(lock);
+  isShutdown = false;
+}
+
+bool QEVMemoryChunkWriter::isShutDown() const {
+  qevr::MutexLock guard(lock);
+  return isShutdown;
+}
+
+void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk) {
+  if (!chunk) return;
+  if (shared->inFlight.fetch_add(1, std::memory_order_acq_rel) >= maxPendingSaves) {
+    // The disk is behind: save here, which paces the host to the disk
+    // instead of queueing chunks without bound.
+    shared->saveThenPrune(*chunk);
+    shared->inFlight.fetch_sub(1, std::memory_order_acq_rel);
+    return;
+  }
+  // The task holds the shared state, never the writer, which may be gone
+  // before its saves finish.
+  qevr::detachTask(qevr::TaskPriority::utility,
+                   [state = shared, saved = std::move(*chunk)](std::stop_token) {
+                     state->saveThenPrune(saved);
+                     state->inFlight.fetch_sub(1, std::memory_order_acq_rel);
+                   });
+}
+
+void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk) {
+  try {
+    store->saveEventChunk(chunk);
+  } catch (...) {
+    return;  // The chunk is lost; there is no retry and no pruning.
+  }
+  schedulePrune();
+}
+
+void QEVMemoryChunkWriter::Shared::schedulePrune() {
+  if (!pruner) return;
+  if (pruneQueued.exchange(true, std::memory_order_acq_rel)) return;  // merged with the queued run
+  qevr::detachTask(qevr::TaskPriority::utility, [state = shared_from_this()](std::stop_token stop) {
+    // Cleared as the run starts: a chunk saved from now on queues the next.
+    state->pruneQueued.store(false, std::memory_order_release);
+    try {
+      state->pruner->prune(state->optionsProvider(), stop);
+    } catch (...) {
+      // A failed or refused run is dropped.
+    }
+  });
+}

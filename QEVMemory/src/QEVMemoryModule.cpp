@@ -1,0 +1,249 @@
+#include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVMemory/QEVMemoryModule.h>
+
+#include <QEVObserver/QEVObserverModule.h>
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <algorithm>
+
+QEVMemoryRuntime& QEVMemoryRuntime::shared() {
+  // Leaked on purpose: background tasks read the options during exit.
+  static QEVMemoryRuntime* runtime = new QEVMemoryRuntime;
+  return *runtime;
+}
+
+QEVMemoryOptions QEVMemoryRuntime::activeOptions() const {
+  qevr::MutexLock guard(lock);
+  return options;
+}
+
+void QEVMemoryRuntime::setActiveOptions(const QEVMemoryOptions& newOptions) {
+  qevr::MutexLock guard(lock);
+  options = newOptions;
+}
+
+void QEVMemoryRuntime::setDiagnosticsStoreOverride(std::shared_ptr<QEVMemoryStore> store) {
+  std::shared_ptr<QEVMemoryStore> old;
+  qevr::MutexLock guard(lock);
+  old = std::exchange(storeOverride, std::move(store));
+}
+
+std::shared_ptr<QEVMemoryStore> QEVMemoryRuntime::diagnosticsStoreOverride() const {
+  qevr::MutexLock guard(lock);
+  return storeOverride;
+}
+
+namespace QEVMemoryIntegration {
+
+std::shared_ptr<QEVFileMemoryStore> makeDefaultStore() {
+  return std::make_shared<QEVFileMemoryStore>(std::nullopt,
+                                              qevr::FileSystem::defaultFileSystem(),
+                                              std::make_shared<QEVLZFSECompressionEngine>());
+}
+
+std::shared_ptr<QEVRModule> makeModule() {
+  return std::make_shared<QEVMemoryModule>(std::make_shared<QEVMemoryEventStore>(), nullptr,
+                                           nullptr, nullptr);
+}
+
+}  // namespace QEVMemoryIntegration
+
+QEVMemoryModule::Stack QEVMemoryModule::defaultStack() {
+  std::shared_ptr<QEVFileMemoryStore> store;
+  try {
+    store = QEVMemoryIntegration::makeDefaultStore();
+  } catch (const QEVFileMemoryStoreError&) {
+    return {};  // memory-only mode, silently
+  }
+  auto pruner = std::make_shared<const QEVMemoryPruner>(store->rootDirectory(),
+                                                        qevr::FileSystem::defaultFileSystem());
+  auto writer = std::make_shared<QEVMemoryChunkWriter>(
+      store, QEVMemoryChunkWriter::defaultMaxEventsPerChunk,
+      QEVMemoryChunkWriter::currentSchemaVersion, pruner,
+      [] { return QEVMemoryRuntime::shared().activeOptions(); });
+  return {store, writer, pruner};
+}
+
+QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore,
+                                 std::shared_ptr<QEVMemoryStore> givenStore,
+                                 std::shared_ptr<QEVMemoryChunkWriter> givenWriter,
+                                 std::shared_ptr<const QEVMemoryPruner> givenPruner)
+    : QEVMemoryModule(std::move(eventStore),
+                      givenStore || givenWriter || givenPruner
+                          ? Stack{std::move(givenStore), std::move(givenWriter), std::move(givenPruner)}
+                          : defaultStack()) {}
+
+QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack)
+    : events(std::move(eventStore)),
+      memoryStore(std::move(stack.store)),
+      chunkWriter(std::move(stack.writer)),
+      pruner(std::move(stack.pruner)) {}
+
+void QEVMemoryModule::start(const QEVRModuleContext& context) {
+  {
+    qevr::MutexLock guard(lock);
+    if (isStarted) return;
+    isStarted = true;
+    isPaused = false;
+    // The writer was shut down with the previous pipeline; a restarted
+    // module saves chunks exactly as after its first start.
+    if (chunkWriter) chunkWriter->reopen();
+    pipeline = std::make_shared<QEVMemoryPipeline>(
+        events, chunkWriter, memoryStore,
+        [context](QEVRBackgroundOperation operation) {
+          return context.submitBackgroundWork(std::move(operation));
+        });
+  }
+  std::optional<QEVRUUID> id = QEVObserverIntegration::registerEventSink(shared_from_this());
+  if (!id) {
+    qevr::MutexLock guard(lock);
+    isStarted = false;
+    throw QEVMemoryModuleError();
+  }
+  {
+    qevr::MutexLock guard(lock);
+    sinkIdentifier = id;
+  }
+  if (pruner) {
+    qevr::detachTask(qevr::TaskPriority::utility, [runner = pruner](std::stop_token stop) {
+      try {
+        runner->prune(QEVMemoryRuntime::shared().activeOptions(), stop);
+      } catch (...) {
+        // Dropped, like every background failure.
+      }
+    });
+  }
+}
+
+void QEVMemoryModule::pause() {
+  qevr::MutexLock guard(lock);
+  if (isStarted) isPaused = true;
+}
+
+void QEVMemoryModule::resume() {
+  qevr::MutexLock guard(lock);
+  if (isStarted) isPaused = false;
+}
+
+void QEVMemoryModule::shutdown() {
+  std::optional<QEVRUUID> id;
+  std::shared_ptr<QEVMemoryPipeline> current;
+  {
+    qevr::MutexLock guard(lock);
+    id = std::exchange(sinkIdentifier, std::nullopt);
+    current = pipeline;
+    isStarted = false;
+    isPaused = false;
+  }
+  if (id) QEVObserverIntegration::removeEventSink(*id);
+  if (current) current->shutdown();
+}
+
+void QEVMemoryModule::receive(const QEVObserverEvent& event) {
+  std::shared_ptr<QEVMemoryPipeline> current;
+  {
+    qevr::MutexLock guard(lock);
+    if (!isStarted || isPaused) return;
+    current = pipeline;
+  }
+  if (!current) return;
+  current->persist(current->handle(event));
+}
+
+namespace {
+
+std::shared_ptr<QEVMemoryStore> resolveStore() {
+  if (auto store = QEVMemoryRuntime::shared().diagnosticsStoreOverride()) return store;
+  return QEVMemoryIntegration::makeDefaultStore();
+}
+
+template <typename F>
+auto runAsync(F body) {
+  using R = decltype(body(std::stop_token{}));
+  auto promise = std::make_shared<std::promise<R>>();
+  auto future = promise->get_future();
+  qevr::detachTask(qevr::TaskPriority::utility, [promise, body = std::move(body)](std::stop_token stop) {
+    try {
+      if constexpr (std::is_void_v<R>) {
+        body(stop);
+        promise->set_value();
+      } else {
+        promise->set_value(body(stop));
+      }
+    } catch (...) {
+      promise->set_exception(std::current_exception());
+    }
+  });
+  return future;
+}
+
+}  // namespace
+
+namespace QEVR::Memory {
+
+QEVMemoryOptions options() { return QEVMemoryRuntime::shared().activeOptions(); }
+
+void configure(const QEVMemoryOptions& newOptions) {
+  QEVMemoryRuntime::shared().setActiveOptions(newOptions);
+}
+
+QEVMemoryStats memoryStats(std::stop_token stop) {
+  std::shared_ptr<QEVMemoryStore> store = resolveStore();
+  auto chunks = qevr::childTask(qevr::TaskPriority::utility, stop,
+                                [store](std::stop_token s) { return store->loadEventChunks(s); });
+  auto sessions = qevr::childTask(qevr::TaskPriority::utility, stop,
+                                  [store](std::stop_token s) { return store->loadSessionGraphs(s); });
+  auto user = qevr::childTask(qevr::TaskPriority::utility, stop,
+                              [store](std::stop_token s) { return store->loadUserGraph(s); });
+  auto usage = qevr::childTask(qevr::TaskPriority::utility, stop, [store](std::stop_token s) {
+    return store->estimatedDiskUsageBytes(s);
+  });
+  chunks.wait();
+  sessions.wait();
+  user.wait();
+  usage.wait();
+
+  QEVMemoryStats stats;
+  const std::vector<QEVMemoryEventChunk> loaded = chunks.value();
+  stats.eventChunkCount = static_cast<std::int64_t>(loaded.size());
+  stats.sessionGraphCount = static_cast<std::int64_t>(sessions.value().size());
+  stats.hasUserGraph = user.value().has_value();
+  stats.estimatedDiskUsageBytes = usage.value();
+  for (const QEVMemoryEventChunk& chunk : loaded) {
+    for (const QEVMemoryEvent& event : chunk.events) {
+      if (!stats.oldestEventDate || event.timestamp < *stats.oldestEventDate) {
+        stats.oldestEventDate = event.timestamp;
+      }
+      if (!stats.newestEventDate || event.timestamp > *stats.newestEventDate) {
+        stats.newestEventDate = event.timestamp;
+      }
+    }
+  }
+  return stats;
+}
+
+std::future<QEVMemoryStats> memoryStatsAsync() {
+  return runAsync([](std::stop_token stop) { return memoryStats(stop); });
+}
+
+void clearMemory(std::stop_token stop) {
+  resolveStore()->clearAll(stop);
+  qevr::platformLog("QEVMemory", "Diagnostics", qevr::LogType::info,
+                    "Cleared local QEVMemory storage");
+}
+
+std::future<void> clearMemoryAsync() {
+  return runAsync([](std::stop_token stop) { clearMemory(stop); });
+}
+
+QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) {
+  std::shared_ptr<QEVMemoryStore> store = resolveStore();
+  return ::intelligenceSnapshot(*store, stop);
+}
+
+std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync() {
+  return runAsync([](std::stop_token stop) { return intelligenceSnapshot(stop); });
+}
+
+}  // namespace QEVR::Memory

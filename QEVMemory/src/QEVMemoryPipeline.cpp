@@ -1,0 +1,127 @@
+#include <QEVMemory/QEVMemoryPipeline.h>
+
+#include <QEVRPlatform/Tasks.h>
+
+QEVMemoryDiskScheduler::QEVMemoryDiskScheduler(BackgroundSubmit submit)
+    : backgroundSubmit(std::move(submit)) {}
+
+namespace {
+
+// Runs a job once, whichever of its holders gets there first: the worker's
+// operation, or the operation's destruction when the worker dropped it
+// without running it.
+struct OnceJob {
+  std::atomic<bool> claimed{false};
+  QEVMemoryDiskScheduler::Job job;
+  std::shared_ptr<std::atomic<int>> inFlight;
+
+  void run() {
+    if (claimed.exchange(true, std::memory_order_acq_rel)) return;
+    try {
+      job();
+    } catch (...) {
+      // Save errors are dropped.
+    }
+    inFlight->fetch_sub(1, std::memory_order_acq_rel);
+  }
+  void runOnPool(std::shared_ptr<OnceJob> self) {
+    if (claimed.load(std::memory_order_acquire)) return;
+    qevr::detachTask(qevr::TaskPriority::utility, [self](std::stop_token) { self->run(); });
+  }
+};
+
+// Destroyed with the worker's operation; falls back if it never ran.
+struct FallbackGuard {
+  std::shared_ptr<OnceJob> once;
+  ~FallbackGuard() { once->runOnPool(once); }
+};
+
+}  // namespace
+
+void QEVMemoryDiskScheduler::schedule(Job job) {
+  auto once = std::make_shared<OnceJob>();
+  once->job = std::move(job);
+  once->inFlight = inFlight;
+  if (inFlight->fetch_add(1, std::memory_order_acq_rel) >= maxPendingJobs) {
+    once->run();  // the disk is behind: pace the caller
+    return;
+  }
+  bool accepted = false;
+  if (backgroundSubmit) {
+    // The operation is the only holder of the guard: when the worker is done
+    // with it, run or not, the guard goes and falls back if needed.
+    auto guard = std::make_shared<FallbackGuard>(FallbackGuard{once});
+    accepted = backgroundSubmit([guard](std::stop_token) { guard->once->run(); });
+  }
+  // A refused job runs anyway. (Only an unclaimed job runs, so a guard that
+  // already fell back makes this a no-op.)
+  if (!accepted) once->runOnPool(once);
+}
+
+QEVMemoryPipeline::QEVMemoryPipeline(std::shared_ptr<QEVMemoryEventStore> events,
+                                     std::shared_ptr<QEVMemoryChunkWriter> writer,
+                                     std::shared_ptr<QEVMemoryStore> memoryStore,
+                                     QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit)
+    : eventStore(std::move(events)),
+      chunkWriter(std::move(writer)),
+      store(std::move(memoryStore)),
+      diskScheduler(std::move(backgroundSubmit)),
+      userGraphBuilder(std::make_unique<QEVUserGraphBuilder>(QEVRUUID::random(), qevr::now())),
+      sessionGraphBuilder(std::make_unique<QEVSessionGraphBuilder>()) {}
+
+std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
+    const QEVObserverEvent& event) {
+  qevr::MutexLock guard(lock);
+  if (isShutdown) return std::nullopt;
+  std::optional<QEVMemoryEvent> recorded = eventStore->record(event);
+  if (!recorded) return std::nullopt;
+  const bool endsSession = recorded->type == QEVMemoryEventType::sessionEnd;
+  sessionGraphBuilder->ingest(*recorded);
+  if (chunkWriter) {
+    // Starting the save task under our lock is fine: it does not wait.
+    chunkWriter->enqueueSave(chunkWriter->append(std::move(*recorded)));
+  }
+  if (!endsSession) return std::nullopt;
+  return completeSessionLocked(sessionGraphBuilder->build());
+}
+
+QEVMemoryPipeline::CompletedSession QEVMemoryPipeline::completeSessionLocked(
+    const QEVSessionGraph& graph) {
+  userGraphBuilder->merge(graph);
+  CompletedSession completed{graph, userGraphBuilder->build()};
+  sessionGraphBuilder = std::make_unique<QEVSessionGraphBuilder>();
+  return completed;
+}
+
+void QEVMemoryPipeline::persist(std::optional<CompletedSession> completed) {
+  if (!completed || !store) return;
+  diskScheduler.schedule([memoryStore = store, done = std::move(*completed)] {
+    // The session graph first; the user graph whether or not that failed.
+    try {
+      memoryStore->saveSessionGraph(done.sessionGraph);
+    } catch (...) {
+    }
+    try {
+      memoryStore->saveUserGraph(done.userGraph);
+    } catch (...) {
+    }
+  });
+}
+
+void QEVMemoryPipeline::shutdown() {
+  std::optional<CompletedSession> completed;
+  {
+    qevr::MutexLock guard(lock);
+    if (isShutdown) return;
+    isShutdown = true;
+    QEVSessionGraph graph = sessionGraphBuilder->build();
+    if (graph.eventCount > 0) completed = completeSessionLocked(graph);
+  }
+  persist(std::move(completed));
+  if (chunkWriter) chunkWriter->enqueueSave(chunkWriter->shutdown(qevr::now()));
+}
+
+bool QEVMemoryPipeline::isShutDown() const {
+  qevr::MutexLock guard(lock);
+  return isShutdown;
+}

@@ -1,0 +1,166 @@
+#include <QEVMemory/QEVMemoryPruner.h>
+
+#include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVMemory/QEVMemoryStore.h>
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <algorithm>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Candidate = QEVMemoryPruner::PruningCandidate;
+
+constexpr double kSecondsPerDay = 86'400;
+constexpr std::uint64_t kBytesPerMB = 1'048'576;
+// 0001-01-01T00:00:00Z: the date of a session graph that knows neither its
+// start nor its end, so that such a graph is the first to go.
+constexpr QEVRDate kDistantPast{-63'114'076'800.0};
+
+std::string_view asText(const std::vector<std::uint8_t>& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::int64_t atLeastZero(std::int64_t value) { return std::max<std::int64_t>(value, 0); }
+
+std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
+  return b > std::numeric_limits<std::uint64_t>::max() - a
+             ? std::numeric_limits<std::uint64_t>::max()
+             : a + b;
+}
+
+// The "*.json" children of `directory` in listing order; none when it is
+// absent. Sub-directories' contents are never looked at.
+std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
+  if (!files.exists(directory)) return {};
+  std::vector<fs::path> found = files.listDirectory(directory);
+  std::erase_if(found, [](const fs::path& p) { return p.extension() != ".json"; });
+  return found;
+}
+
+// Reads every chunk and session graph to learn its date. Any file that does
+// not decode ends the run here, before a single file has been removed.
+std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& root,
+                                      const std::stop_token& stop) {
+  // The block format of a chunk file carries its own length, so any LZFSE
+  // engine with the standard limit reads what the store wrote.
+  const QEVLZFSECompressionEngine engine;
+  std::vector<Candidate> all;
+  for (const fs::path& file : jsonFilesIn(files, root / "events")) {
+    qevr::checkCancellation(stop);
+    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    const QEVMemoryEventChunk chunk = decodeStoredChunkFile(asText(bytes), engine);
+    all.push_back({file, Candidate::Kind::event, chunk.closedAt.value_or(chunk.createdAt),
+                   files.fileSize(file).value_or(0)});
+  }
+  for (const fs::path& file : jsonFilesIn(files, root / "sessions")) {
+    qevr::checkCancellation(stop);
+    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    const QEVSessionGraph graph = QEVSessionGraph::fromJSON(asText(bytes));
+    all.push_back({file, Candidate::Kind::session,
+                   graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast)),
+                   files.fileSize(file).value_or(0)});
+  }
+  return all;
+}
+
+// The three passes, each adding to `marked` (parallel to `all`). The sorts
+// are stable so that ties keep the order of `all`: chunks before sessions,
+// then listing order.
+std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
+                                  const QEVMemoryOptions& options, QEVRDate now) {
+  std::vector<bool> marked(all.size(), false);
+
+  // Age: strictly older than the cutoff. A chunk exactly as old as allowed
+  // stays.
+  const QEVRDate cutoff =
+      now.addingSeconds(-static_cast<double>(atLeastZero(options.maxEventAgeDays)) * kSecondsPerDay);
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (all[i].date < cutoff) marked[i] = true;
+  }
+
+  // Count: the newest sessions keep their places, including sessions the
+  // age pass has already marked.
+  std::vector<std::size_t> sessions;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (all[i].kind == Candidate::Kind::session) sessions.push_back(i);
+  }
+  std::stable_sort(sessions.begin(), sessions.end(),
+                   [&](std::size_t a, std::size_t b) { return all[a].date > all[b].date; });
+  const auto keep = static_cast<std::uint64_t>(atLeastZero(options.maxSessionCount));
+  for (std::size_t rank = 0; rank < sessions.size(); ++rank) {
+    if (rank >= keep) marked[sessions[rank]] = true;
+  }
+
+  // Disk: oldest first, chunks and sessions competing by date alone, until
+  // what is left fits. A budget past 64 bits is no limit at all.
+  const std::int64_t megabytes = atLeastZero(options.maxDiskUsageMB);
+  if (static_cast<std::uint64_t>(megabytes) >
+      std::numeric_limits<std::uint64_t>::max() / kBytesPerMB) {
+    return marked;
+  }
+  const std::uint64_t budget = static_cast<std::uint64_t>(megabytes) * kBytesPerMB;
+  std::vector<std::size_t> remaining;
+  std::uint64_t total = 0;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (marked[i]) continue;
+    remaining.push_back(i);
+    total = saturatingAdd(total, all[i].byteCount);
+  }
+  std::stable_sort(remaining.begin(), remaining.end(),
+                   [&](std::size_t a, std::size_t b) { return all[a].date < all[b].date; });
+  for (std::size_t index : remaining) {
+    if (total <= budget) break;
+    marked[index] = true;
+    total -= std::min(total, all[index].byteCount);
+  }
+  return marked;
+}
+
+}  // namespace
+
+QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileSystem)
+    : root(std::move(rootDirectory)), files(fileSystem) {}
+
+QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
+                                               std::stop_token stop) const {
+  if (!options.pruningEnabled) return {};
+
+  const QEVMemoryPruningSummary summary =
+      qevr::detachTask(qevr::TaskPriority::utility, [&](std::stop_token) {
+        qevr::checkCancellation(stop);
+        const QEVRDate now = qevr::now();
+        const std::vector<Candidate> all = listCandidates(files, root, stop);
+        const std::vector<bool> marked = markForDeletion(all, options, now);
+
+        // Runs may overlap, so a marked file can already be gone; that is
+        // not an error and not a deletion of ours. A failed removal ends the
+        // run with what was removed so far left removed.
+        QEVMemoryPruningSummary result;
+        for (std::size_t i = 0; i < all.size(); ++i) {
+          if (!marked[i]) continue;
+          const fs::path& file = all[i].url;
+          if (!files.exists(file)) continue;
+          const std::uint64_t size = files.fileSize(file).value_or(0);
+          files.removeItem(file);
+          result.freedBytes = saturatingAdd(result.freedBytes, size);
+          const fs::path directory = file.parent_path().filename();
+          if (directory == "events") ++result.deletedEventChunks;
+          if (directory == "sessions") ++result.deletedSessionGraphs;
+        }
+        return result;
+      }).value();
+
+  qevr::platformLog("QEVMemory", "Pruning", qevr::LogType::info,
+                    "Pruned " + std::to_string(summary.deletedEventChunks) +
+                        " event chunks and " + std::to_string(summary.deletedSessionGraphs) +
+                        " session graphs, freed " + std::to_string(summary.freedBytes) +
+                        " bytes");
+  return summary;
+}

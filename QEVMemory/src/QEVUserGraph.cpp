@@ -1,0 +1,142 @@
+#include <QEVMemory/QEVUserGraph.h>
+
+#include <QEVRPlatform/Json.h>
+
+#include <cstdint>
+
+using qevr::json::Decoder;
+using qevr::json::Writer;
+
+namespace {
+
+using Counts = std::unordered_map<std::string, std::int64_t>;
+
+void writeCounts(Writer& writer, const Counts& counts) {
+  writer.beginObject();
+  for (const auto& [name, count] : counts) {
+    writer.key(name);
+    writer.integer(count);
+  }
+  writer.endObject();
+}
+
+// Sums saturate instead of overflowing. Graphs made by the session builder
+// never come near the limit, but merge() takes any graph, and a count that
+// sticks at the maximum is better than undefined behaviour.
+void addTo(std::int64_t& total, std::int64_t amount) {
+  if (__builtin_add_overflow(total, amount, &total)) {
+    total = amount < 0 ? INT64_MIN : INT64_MAX;
+  }
+}
+
+Counts readCounts(const Decoder& decoder) {
+  Counts counts;
+  for (const auto& [name, value] : decoder.members()) counts.insert_or_assign(name, value.asInt64());
+  return counts;
+}
+
+}  // namespace
+
+void QEVUserGraph::encode(Writer& writer) const {
+  writer.beginObject();
+  writer.key("userId");
+  writer.uuid(userId);
+  writer.key("createdAt");
+  writer.date(createdAt);
+  writer.key("updatedAt");
+  writer.date(updatedAt);
+  writer.key("totalSessions");
+  writer.integer(totalSessions);
+  writer.key("totalEvents");
+  writer.integer(totalEvents);
+  writer.key("frequentlyVisitedScreens");
+  writeCounts(writer, frequentlyVisitedScreens);
+  writer.key("frequentComponents");
+  writeCounts(writer, frequentComponents);
+  writer.key("frequentCustomEvents");
+  writeCounts(writer, frequentCustomEvents);
+  if (averageSessionDuration) {
+    writer.key("averageSessionDuration");
+    writer.number(*averageSessionDuration);
+  }
+  if (lastSeenAt) {
+    writer.key("lastSeenAt");
+    writer.date(*lastSeenAt);
+  }
+  writer.endObject();
+}
+
+QEVUserGraph QEVUserGraph::decode(const Decoder& decoder) {
+  QEVUserGraph graph;
+  graph.userId = decoder["userId"].asUUID();
+  graph.createdAt = decoder["createdAt"].asDate();
+  graph.updatedAt = decoder["updatedAt"].asDate();
+  graph.totalSessions = decoder["totalSessions"].asInt64();
+  graph.totalEvents = decoder["totalEvents"].asInt64();
+  graph.frequentlyVisitedScreens = readCounts(decoder["frequentlyVisitedScreens"]);
+  graph.frequentComponents = readCounts(decoder["frequentComponents"]);
+  graph.frequentCustomEvents = readCounts(decoder["frequentCustomEvents"]);
+  if (auto d = decoder.optional("averageSessionDuration")) graph.averageSessionDuration = d->asDouble();
+  if (auto d = decoder.optional("lastSeenAt")) graph.lastSeenAt = d->asDate();
+  return graph;
+}
+
+std::string QEVUserGraph::toJSON() const {
+  Writer writer(qevr::json::DateStrategy::iso8601);
+  encode(writer);
+  return writer.take();
+}
+
+QEVUserGraph QEVUserGraph::fromJSON(std::string_view json) {
+  const qevr::json::Value root = qevr::json::parse(json);
+  return decode(Decoder(root, qevr::json::DateStrategy::iso8601));
+}
+
+QEVUserGraphBuilder::QEVUserGraphBuilder(QEVRUUID id, QEVRDate created)
+    : userId(id), createdAt(created), updatedAt(created) {}
+
+void QEVUserGraphBuilder::merge(const QEVSessionGraph& session) {
+  qevr::MutexLock guard(lock);
+  // Every session counts in full, whatever its dates: a session that
+  // finishes late (or carries an old clock) still adds its counts. Only the
+  // two dates below look at time, and they only move forward.
+  addTo(totalSessions, 1);
+  addTo(totalEvents, session.eventCount);
+  for (const std::string& screen : session.screenSequence) addTo(frequentlyVisitedScreens[screen], 1);
+  // A component's screen does not matter across sessions.
+  for (const QEVComponentInteractionSummary& summary : session.componentInteractions) {
+    std::int64_t& total = frequentComponents[summary.componentId];
+    addTo(total, summary.tapCount);
+    addTo(total, summary.gestureCount);
+  }
+  for (const auto& [name, count] : session.customEventCounts) addTo(frequentCustomEvents[name], count);
+  if (session.duration) {
+    totalSessionDuration += *session.duration;
+    ++sessionsWithDuration;
+  }
+
+  const std::optional<QEVRDate> seen = session.endedAt ? session.endedAt : session.startedAt;
+  if (!seen) return;
+  if (!lastSeenAt || *seen > *lastSeenAt) lastSeenAt = seen;
+  // Taken from the sessions, not the clock, so that a graph says when its
+  // newest data is from; a session dated before createdAt leaves it alone.
+  if (*seen > updatedAt) updatedAt = *seen;
+}
+
+QEVUserGraph QEVUserGraphBuilder::build() const {
+  qevr::MutexLock guard(lock);
+  QEVUserGraph graph;
+  graph.userId = userId;
+  graph.createdAt = createdAt;
+  graph.updatedAt = updatedAt;
+  graph.totalSessions = totalSessions;
+  graph.totalEvents = totalEvents;
+  graph.frequentlyVisitedScreens = frequentlyVisitedScreens;
+  graph.frequentComponents = frequentComponents;
+  graph.frequentCustomEvents = frequentCustomEvents;
+  if (sessionsWithDuration > 0) {
+    graph.averageSessionDuration = totalSessionDuration / static_cast<double>(sessionsWithDuration);
+  }
+  graph.lastSeenAt = lastSeenAt;
+  return graph;
+}

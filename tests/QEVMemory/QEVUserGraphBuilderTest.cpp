@@ -1,0 +1,150 @@
+#include <QEVMemory/QEVUserGraph.h>
+#include <QEVRPlatform/Json.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Counts = std::unordered_map<std::string, std::int64_t>;
+
+const QEVRUUID kUserId = QEVRUUID::parse("9F8E7D6C-5B4A-4392-8170-6F5E4D3C2B1A").value();
+constexpr QEVRDate kCreatedAt{1000};
+
+QEVSessionGraph session(std::optional<double> startedAt, std::optional<double> endedAt) {
+  QEVSessionGraph graph;
+  if (startedAt) graph.startedAt = QEVRDate{*startedAt};
+  if (endedAt) graph.endedAt = QEVRDate{*endedAt};
+  if (startedAt && endedAt) graph.duration = *endedAt - *startedAt;
+  return graph;
+}
+
+TEST(UserGraphBuilderTest, EmptyBuilderBuildsZeroTotalsDatedAtCreation) {
+  const QEVUserGraph graph = QEVUserGraphBuilder(kUserId, kCreatedAt).build();
+  QEVUserGraph expected;
+  expected.userId = kUserId;
+  expected.createdAt = kCreatedAt;
+  expected.updatedAt = kCreatedAt;
+  EXPECT_EQ(graph, expected);
+}
+
+TEST(UserGraphBuilderTest, CountsAddUpAcrossSessions) {
+  QEVSessionGraph first;
+  first.eventCount = 9;
+  first.screenSequence = {"Home", "Shop", "Home", "Home"};
+  first.componentInteractions = {{"buy", "Shop", 2, 3}, {"buy", "Home", 1, 0}, {"zoom", {}, 0, 4}};
+  first.customEventCounts = {{"jump", 2}};
+  QEVSessionGraph second;
+  second.eventCount = 3;
+  second.screenSequence = {"Shop"};
+  second.componentInteractions = {{"buy", std::nullopt, 1, 1}};
+  second.customEventCounts = {{"jump", 5}, {"duck", 1}};
+
+  QEVUserGraphBuilder builder(kUserId, kCreatedAt);
+  builder.merge(first);
+  builder.merge(second);
+  builder.merge(QEVSessionGraph{});
+  const QEVUserGraph graph = builder.build();
+  EXPECT_EQ(graph.totalSessions, 3);
+  EXPECT_EQ(graph.totalEvents, 12);
+  EXPECT_EQ(graph.frequentlyVisitedScreens, (Counts{{"Home", 3}, {"Shop", 2}}));
+  EXPECT_EQ(graph.frequentComponents, (Counts{{"buy", 8}, {"zoom", 4}}));
+  EXPECT_EQ(graph.frequentCustomEvents, (Counts{{"jump", 7}, {"duck", 1}}));
+}
+
+TEST(UserGraphBuilderTest, AverageCountsOnlySessionsWithADuration) {
+  struct Case {
+    std::vector<QEVSessionGraph> sessions;
+    std::optional<double> average;
+  };
+  const Case cases[] = {
+      {{session(0, 10), session(100, 120), session(5, std::nullopt)}, 15.0},
+      {{session(std::nullopt, 50)}, std::nullopt},
+      {{session(50, 40), session(0, 30)}, 10.0},  // a negative duration counts as it is
+  };
+  for (const Case& c : cases) {
+    QEVUserGraphBuilder builder(kUserId, kCreatedAt);
+    for (const QEVSessionGraph& s : c.sessions) builder.merge(s);
+    const QEVUserGraph graph = builder.build();
+    EXPECT_EQ(graph.averageSessionDuration, c.average);
+    EXPECT_EQ(graph.totalSessions, static_cast<std::int64_t>(c.sessions.size()));
+  }
+}
+
+TEST(UserGraphBuilderTest, LastSeenAndUpdatedOnlyMoveForward) {
+  struct Case {
+    const char* name;
+    std::vector<QEVSessionGraph> sessions;
+    std::optional<QEVRDate> lastSeenAt;
+    QEVRDate updatedAt;
+  };
+  const Case cases[] = {
+      {"ended wins over started", {session(1500, 1800)}, QEVRDate{1800}, QEVRDate{1800}},
+      {"started when not ended", {session(1500, std::nullopt)}, QEVRDate{1500}, QEVRDate{1500}},
+      {"no dates", {session(std::nullopt, std::nullopt)}, std::nullopt, kCreatedAt},
+      {"older session later", {session(1500, 2000), session(1100, 1200)}, QEVRDate{2000},
+       QEVRDate{2000}},
+      {"before creation", {session(100, 200)}, QEVRDate{200}, kCreatedAt},
+      {"before creation, then older", {session(100, 200), session(std::nullopt, 150)},
+       QEVRDate{200}, kCreatedAt},
+      {"undated after dated", {session(1500, 1600), session(std::nullopt, std::nullopt)},
+       QEVRDate{1600}, QEVRDate{1600}},
+  };
+  for (const Case& c : cases) {
+    QEVUserGraphBuilder builder(kUserId, kCreatedAt);
+    for (const QEVSessionGraph& s : c.sessions) builder.merge(s);
+    const QEVUserGraph graph = builder.build();
+    EXPECT_EQ(graph.lastSeenAt, c.lastSeenAt) << c.name;
+    EXPECT_EQ(graph.updatedAt, c.updatedAt) << c.name;
+    EXPECT_EQ(graph.createdAt, kCreatedAt) << c.name;
+    // Every session counts, however old.
+    EXPECT_EQ(graph.totalSessions, static_cast<std::int64_t>(c.sessions.size())) << c.name;
+  }
+}
+
+TEST(UserGraphBuilderTest, SumsSaturateInsteadOfOverflowing) {
+  QEVSessionGraph huge;
+  huge.eventCount = std::numeric_limits<std::int64_t>::max();
+  huge.componentInteractions = {{"x", std::nullopt, std::numeric_limits<std::int64_t>::max(), 1}};
+  QEVUserGraphBuilder builder(kUserId, kCreatedAt);
+  builder.merge(huge);
+  builder.merge(huge);
+  const QEVUserGraph graph = builder.build();
+  EXPECT_EQ(graph.totalEvents, std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(graph.frequentComponents.at("x"), std::numeric_limits<std::int64_t>::max());
+}
+
+TEST(UserGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
+  QEVUserGraphBuilder builder(kUserId, kCreatedAt);
+  QEVSessionGraph s = session(1500, 1510.5);
+  s.screenSequence = {"a/b"};
+  builder.merge(s);
+  QEVUserGraph graph = builder.build();
+  const std::string json = graph.toJSON();
+  EXPECT_NE(json.find(R"("userId":"9F8E7D6C-5B4A-4392-8170-6F5E4D3C2B1A")"), std::string::npos);
+  EXPECT_NE(json.find(R"("createdAt":"2001-01-01T00:16:40Z")"), std::string::npos) << json;
+  EXPECT_NE(json.find(R"("frequentlyVisitedScreens":{"a\/b":1})"), std::string::npos) << json;
+  EXPECT_NE(json.find(R"("averageSessionDuration":10.5)"), std::string::npos) << json;
+  graph.updatedAt = graph.updatedAt.addingSeconds(-0.5);  // whole seconds on disk
+  graph.lastSeenAt = graph.updatedAt;
+  EXPECT_EQ(QEVUserGraph::fromJSON(json), graph);
+
+  const std::string empty = QEVUserGraphBuilder(kUserId, kCreatedAt).build().toJSON();
+  EXPECT_EQ(empty.find("averageSessionDuration"), std::string::npos) << empty;
+  EXPECT_EQ(empty.find("lastSeenAt"), std::string::npos) << empty;
+  const qevr::json::Value emptyRoot = qevr::json::parse(empty);
+  for (const qevr::json::Member& member : emptyRoot.object()) {
+    qevr::json::Value root = emptyRoot;
+    std::erase_if(root.object(), [&](const qevr::json::Member& m) { return m.key == member.key; });
+    EXPECT_THROW(QEVUserGraph::fromJSON(qevr::json::serialize(root)), qevr::json::DecodingError)
+        << member.key;
+  }
+  graph.averageSessionDuration = std::nan("");
+  EXPECT_THROW(graph.toJSON(), qevr::json::EncodingError);
+}
+
+}  // namespace

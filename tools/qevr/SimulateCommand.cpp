@@ -1,0 +1,92 @@
+#include "SimulateCommand.h"
+
+#include <QEVR/QEVR.h>
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <charconv>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <random>
+
+#include "SimulatedUser.h"
+
+namespace {
+
+// Drops every line: the simulation measures the system, not the log.
+class SilentLogSink final : public qevr::LogSink {
+ public:
+  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override {
+    return false;
+  }
+  void write(std::string_view, std::string_view, qevr::LogType, std::string_view) override {}
+};
+
+std::optional<std::uint64_t> parseCount(const std::string& text) {
+  std::uint64_t value = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+}  // namespace
+
+int runSimulateCommand(const std::vector<std::string>& args, std::ostream& out,
+                       std::ostream& err) {
+  std::optional<std::filesystem::path> dataDir;
+  std::optional<std::uint64_t> events, seed = 1;
+  for (size_t i = 0; i + 1 < args.size(); i += 2) {
+    if (args[i] == "--data-dir") {
+      dataDir = args[i + 1];
+    } else if (args[i] == "--events") {
+      events = parseCount(args[i + 1]);
+    } else if (args[i] == "--seed") {
+      seed = parseCount(args[i + 1]);
+    } else {
+      events.reset();
+      break;
+    }
+  }
+  if (!dataDir || !events || !seed || args.size() % 2 != 0) {
+    err << "usage: qevr simulate --data-dir DIR --events N [--seed S]\n";
+    return 2;
+  }
+  std::error_code error;
+  std::filesystem::create_directories(*dataDir, error);
+  if (error) {
+    err << "qevr simulate: cannot create " << dataDir->string() << ": " << error.message() << "\n";
+    return 1;
+  }
+  qevr::setApplicationSupportDirectoryOverride(*dataDir);
+  qevr::ScopedLogSink silent(std::make_shared<SilentLogSink>());
+  QEVRRegisterDefaultModules();
+
+  QEVRConfiguration configuration;
+  configuration.appId = "com.example.qevr-simulate";
+  configuration.logLevel = QEVRLogLevel::off;
+  configuration.isBackgroundProcessingEnabled = true;
+
+  SimulatedUser user(*seed);
+  std::mt19937_64 lengths(*seed ^ 0x5EED);
+  std::uint64_t done = 0, accepted = 0, sessions = 0;
+  const auto began = std::chrono::steady_clock::now();
+  while (done < *events) {
+    const std::uint64_t length = std::min<std::uint64_t>(*events - done, 50 + lengths() % 400);
+    QEVR::start(configuration);
+    accepted += user.visit(length);
+    QEVR::shutdown();
+    done += length;
+    ++sessions;
+  }
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  if (!qevr::waitForBackgroundIdle(std::chrono::minutes(10))) {
+    err << "qevr simulate: background work did not finish within 10 minutes\n";
+    return 1;
+  }
+  out << "simulated " << done << " calls (" << accepted << " accepted) in " << sessions
+      << " sessions, " << seconds << " s on the host thread\n";
+  return 0;
+}
