@@ -1,0 +1,273 @@
+#include <QEVMemory/QEVMemoryModule.h>
+#include <QEVObserver/QEVObserverFacade.h>
+#include <QEVObserver/QEVObserverModule.h>
+#include <QEVRCore/QEVRFacade.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+
+#include "MemoryTestSupport.h"
+
+namespace {
+
+constexpr auto kIdle = std::chrono::seconds(60);
+namespace Observer = QEVR::Observer;
+namespace Memory = QEVR::Memory;
+
+class MemoryModuleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QEVR::shutdown();
+    registry().removeAll();
+    qevr::setApplicationSupportDirectoryOverride(dir.path);
+    Memory::configure(QEVMemoryOptions{});
+    // Made after the override, so that its store lies in the test's directory.
+    memory = std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule());
+  }
+  void TearDown() override {
+    QEVR::shutdown();
+    ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+    registry().removeAll();
+    qevr::setApplicationSupportDirectoryOverride(std::nullopt);
+    QEVMemoryRuntime::shared().setDiagnosticsStoreOverride(nullptr);
+    Memory::configure(QEVMemoryOptions{});
+  }
+
+  static QEVRModuleRegistry& registry() { return QEVRRuntimeStore::shared().moduleRegistry(); }
+
+  void registerBoth() {
+    registry().registerModule(QEVObserverIntegration::makeModule());
+    registry().registerModule(memory);
+  }
+
+  static void start() {
+    QEVRConfiguration c;
+    c.appId = "com.example.memory-tests";
+    c.logLevel = QEVRLogLevel::off;
+    c.isBackgroundProcessingEnabled = true;
+    QEVR::start(c);
+  }
+
+  std::filesystem::path root() const { return dir.path / "QEVR" / "Memory"; }
+
+  TemporaryDirectory dir;
+  std::shared_ptr<qevr::CapturingLogSink> logs = std::make_shared<qevr::CapturingLogSink>();
+  qevr::ScopedLogSink scoped{logs};
+  std::shared_ptr<QEVMemoryModule> memory;
+};
+
+TEST_F(MemoryModuleTest, EventsTravelFromTheObserverToDiskAndBackAsASnapshot) {
+  registerBoth();
+  start();
+  ASSERT_FALSE(memory->isMemoryOnly());
+  Observer::screenView("Home", {});
+  for (int i = 0; i < 99; ++i) Observer::buttonTap("play", std::nullopt, {{"n", i}});
+  // 100 events: one chunk is closed and saved while the session goes on.
+  Observer::navigation("Home", "Settings/Profile", {});
+  Observer::track("level_completed", {{"password", "x"}, {"score", 3}});
+  QEVR::shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+
+  const QEVMemoryStats stats = Memory::memoryStats();
+  EXPECT_EQ(stats.eventChunkCount, 2);  // the full one, and the one closed at shutdown
+  EXPECT_TRUE(stats.hasUserGraph);
+  EXPECT_GT(stats.estimatedDiskUsageBytes, 0u);
+  ASSERT_TRUE(stats.oldestEventDate.has_value());
+
+  auto store = makeStore(root());
+  const auto chunks = store->loadEventChunks();
+  size_t total = 0;
+  for (const auto& chunk : chunks) {
+    total += chunk.events.size();
+    for (const auto& event : chunk.events) EXPECT_EQ(event.metadata.count("password"), 0u);
+  }
+  EXPECT_EQ(total, 102u);
+
+  // The files themselves follow the on-disk rules.
+  for (const auto& entry : std::filesystem::directory_iterator(root() / "events")) {
+    std::ifstream in(entry.path());
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(entry.path().extension(), ".json");
+    const auto envelope = QEVStoredEventChunk::fromJSON(text);
+    EXPECT_EQ(envelope.compressionType, QEVCompressionType::lzfse);  // chunks compress well
+  }
+
+  const auto snapshot = Memory::intelligenceSnapshot();
+  EXPECT_EQ(snapshot.totalSessions, 1);
+  EXPECT_EQ(snapshot.totalEvents, 102);
+  EXPECT_EQ(snapshot.frequentComponents.at("play"), 99);
+  EXPECT_EQ(snapshot.frequentCustomEvents.at("level_completed"), 1);
+  EXPECT_EQ(snapshot.frequentlyVisitedScreens.at("Home"), 1);
+}
+
+TEST_F(MemoryModuleTest, PausedEventsLeaveNoTraceAndUseNoNumbers) {
+  registerBoth();
+  start();
+  Observer::track("before", {});
+  const auto next = memory->eventStore()->nextSequenceNumber();
+  QEVR::pause();
+  memory->receive(observerEvent(QEVObserverEventType::custom, qevr::now(), std::nullopt));
+  EXPECT_EQ(memory->eventStore()->nextSequenceNumber(), next);
+  QEVR::resume();
+  Observer::track("after", {});
+  EXPECT_EQ(memory->eventStore()->nextSequenceNumber(), next + 1);
+}
+
+TEST_F(MemoryModuleTest, ARestartedModuleSavesLikeAfterItsFirstStart) {
+  registerBoth();
+  for (int round = 0; round < 2; ++round) {
+    start();
+    Observer::track("round", {{"r", round}});
+    QEVR::shutdown();
+    ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  }
+  EXPECT_EQ(Memory::memoryStats().eventChunkCount, 2);
+  // Numbers go on rising across the restart: one module, one counter.
+  EXPECT_EQ(memory->eventStore()->nextSequenceNumber(), 3u);
+}
+
+TEST_F(MemoryModuleTest, StartWithoutAnObserverFailsAndALaterStartSucceeds) {
+  registry().registerModule(memory);
+  EXPECT_THROW(start(), QEVMemoryModuleError);
+  EXPECT_EQ(QEVR::lifecycleState(), QEVRLifecycleState::notStarted);
+  registry().removeAll();
+  registerBoth();
+  EXPECT_NO_THROW(start());
+  EXPECT_TRUE(QEVR::isRunning());
+}
+
+TEST_F(MemoryModuleTest, DamagedFilesFailLoadsUntilClearMemory) {
+  registerBoth();
+  start();
+  Observer::track("x", {});
+  QEVR::shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  const auto bad = root() / "events" / "00000000-0000-4000-8000-000000000000.json";
+  std::ofstream(bad) << R"({"compressionType":"lzfse","uncompressedByteCount":3,"payload":"AAAA"})";
+  EXPECT_ANY_THROW(Memory::memoryStats());
+  EXPECT_TRUE(std::filesystem::exists(bad));  // nothing is repaired or removed
+  logs->clear();
+  Memory::clearMemory();
+  EXPECT_THAT(logs->texts("QEVMemory", "Diagnostics"),
+              ::testing::ElementsAre("Cleared local QEVMemory storage"));
+  const QEVMemoryStats empty = Memory::memoryStats();
+  EXPECT_EQ(empty, QEVMemoryStats{});
+  EXPECT_EQ(Memory::memoryStatsAsync().get(), QEVMemoryStats{});
+}
+
+TEST_F(MemoryModuleTest, WithoutApplicationSupportTheModuleKeepsToMemory) {
+  qevr::setApplicationSupportDirectoryOverride(std::nullopt);
+  const char* home = std::getenv("HOME");
+  const char* data = std::getenv("XDG_DATA_HOME");
+  const std::string savedHome = home ? home : "", savedData = data ? data : "";
+  ::unsetenv("HOME");
+  ::unsetenv("XDG_DATA_HOME");
+  auto isolated = std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule());
+  bool statsFailed = false;
+  try {
+    Memory::memoryStats();
+  } catch (const QEVFileMemoryStoreError& e) {
+    statsFailed = e.kind() == QEVFileMemoryStoreError::Case::applicationSupportUnavailable;
+  }
+  if (home) ::setenv("HOME", savedHome.c_str(), 1);
+  if (data) ::setenv("XDG_DATA_HOME", savedData.c_str(), 1);
+  EXPECT_TRUE(isolated->isMemoryOnly());
+  EXPECT_TRUE(statsFailed);
+
+  registry().registerModule(QEVObserverIntegration::makeModule());
+  registry().registerModule(isolated);
+  start();
+  EXPECT_TRUE(Observer::track("kept in memory", {}));
+  EXPECT_EQ(isolated->eventStore()->nextSequenceNumber(), 2u);
+}
+
+TEST_F(MemoryModuleTest, OptionsClampAndApplyToTheNextRun) {
+  EXPECT_EQ(Memory::options(), (QEVMemoryOptions{25, 30, 100, true}));
+  const QEVMemoryOptions clamped(-5, -1, -1, true);
+  EXPECT_EQ(clamped, (QEVMemoryOptions{0, 0, 0, true}));
+  Memory::configure(clamped);
+  EXPECT_EQ(Memory::options(), clamped);
+}
+
+// Snapshot rules over a store written directly.
+class SnapshotTest : public ::testing::Test {
+ protected:
+  QEVSessionGraph session(double started, std::vector<std::string> screens,
+                          std::vector<QEVNavigationEdge> edges = {}) {
+    QEVSessionGraph g;
+    g.sessionId = QEVRUUID::random();
+    g.startedAt = QEVRDate{started};
+    g.endedAt = QEVRDate{started + 10};
+    g.eventCount = 3;
+    g.screenSequence = std::move(screens);
+    g.navigationEdges = std::move(edges);
+    return g;
+  }
+  TemporaryDirectory dir;
+  std::shared_ptr<QEVFileMemoryStore> store = makeStore(dir.path);
+};
+
+TEST_F(SnapshotTest, EmptyStoreGivesAnEmptySnapshot) {
+  EXPECT_EQ(intelligenceSnapshot(*store), QEVMemoryIntelligenceSnapshot{});
+}
+
+TEST_F(SnapshotTest, RecentFieldsUseTheFiveLatestSessionsAndRedact) {
+  const QEVNavigationEdge edge{std::nullopt, "Shop", 1};
+  for (int i = 0; i < 7; ++i) {
+    auto e = edge;
+    e.count = i;
+    store->saveSessionGraph(session(100.0 * i, {"S" + std::to_string(i), "  "}, {e}));
+  }
+  store->saveSessionGraph(session(1e6, {"mail me: ann@example.com", "+1 (555) 123-4567"},
+                                  {{"a@b.io", "Home", 2}}));
+  QEVSessionGraph undated = session(0, {"Old"});
+  undated.startedAt.reset();
+  undated.endedAt.reset();
+  store->saveSessionGraph(undated);
+
+  const auto snapshot = intelligenceSnapshot(*store);
+  EXPECT_EQ(snapshot.totalSessions, 9);  // no user graph: count the files
+  EXPECT_EQ(snapshot.totalEvents, 27);
+  EXPECT_THAT(snapshot.recentScreenSequences,
+              ::testing::ElementsAre("mail me: [redacted] > [redacted]", "S6", "S5", "S4", "S3"));
+  // Sessions 6, 5, 4, 3 carry counts 6 + 5 + 4 + 3 on the same edge.
+  EXPECT_EQ(snapshot.recentNavigationPatterns.at("unknown->Shop"), 18);
+  EXPECT_EQ(snapshot.recentNavigationPatterns.at("[redacted]->Home"), 2);
+  EXPECT_EQ(snapshot.timeWindowStart, QEVRDate{0});
+  EXPECT_EQ(snapshot.timeWindowEnd, QEVRDate{1e6 + 10});
+}
+
+TEST_F(SnapshotTest, UserGraphProvidesTotalsAndRedactedMaps) {
+  store->saveSessionGraph(session(50, {"A"}));
+  QEVUserGraph user;
+  user.userId = QEVRUUID::random();
+  user.createdAt = QEVRDate{60};
+  user.updatedAt = QEVRDate{60};
+  user.totalSessions = 1;
+  user.totalEvents = 4;
+  user.frequentlyVisitedScreens = {{"+44 20 7946 0958", 2}, {"555 987 6543", 5}, {" Home ", 1}};
+  store->saveUserGraph(user);
+  const auto snapshot = intelligenceSnapshot(*store);
+  EXPECT_EQ(snapshot.totalSessions, 1);
+  EXPECT_EQ(snapshot.frequentlyVisitedScreens.size(), 2u);  // the two numbers collide
+  EXPECT_EQ(snapshot.frequentlyVisitedScreens.count("[redacted]"), 1u);
+  EXPECT_EQ(snapshot.frequentlyVisitedScreens.at("Home"), 1);
+  EXPECT_EQ(snapshot.timeWindowStart, QEVRDate{60});
+  EXPECT_EQ(snapshot.timeWindowEnd, QEVRDate{60});  // lastSeenAt absent: from the sessions
+}
+
+TEST(RedactionTest, EmailsAndPhoneNumbersBecomeRedacted) {
+  EXPECT_EQ(redactedSnapshotText("  Contact BOB@Example.ORG now "), "Contact [redacted] now");
+  EXPECT_EQ(redactedSnapshotText("call +1 555 123 4567"), "call [redacted]");
+  EXPECT_EQ(redactedSnapshotText("Level 12"), "Level 12");
+  EXPECT_EQ(redactedSnapshotText("1234567"), "1234567");  // too short for a number
+}
+
+}  // namespace

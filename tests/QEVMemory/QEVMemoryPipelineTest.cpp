@@ -1,0 +1,197 @@
+#include <QEVMemory/QEVMemoryChunkWriter.h>
+#include <QEVMemory/QEVMemoryPipeline.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+
+#include "MemoryTestSupport.h"
+
+namespace {
+
+using Type = QEVObserverEventType;
+constexpr auto kIdle = std::chrono::seconds(60);
+
+// A store that records what it is asked to save and can be told to fail.
+class RecordingStore : public QEVMemoryStore {
+ public:
+  void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token) override {
+    qevr::MutexLock guard(lock);
+    if (failChunks) throw std::runtime_error("disk full");
+    chunks.push_back(chunk);
+  }
+  std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token) override { return {}; }
+  void saveSessionGraph(const QEVSessionGraph& graph, std::stop_token) override {
+    if (!graph.sessionId) {
+      throw QEVFileMemoryStoreError(QEVFileMemoryStoreError::Case::sessionGraphMissingIdentifier);
+    }
+    qevr::MutexLock guard(lock);
+    sessions.push_back(graph);
+  }
+  std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token) override { return {}; }
+  void saveUserGraph(const QEVUserGraph& graph, std::stop_token) override {
+    qevr::MutexLock guard(lock);
+    users.push_back(graph);
+  }
+  std::optional<QEVUserGraph> loadUserGraph(std::stop_token) override { return std::nullopt; }
+  std::uint64_t estimatedDiskUsageBytes(std::stop_token) override { return 0; }
+  void clearAll(std::stop_token) override {}
+
+  qevr::Mutex lock;
+  bool failChunks QEVR_GUARDED_BY(lock) = false;
+  std::vector<QEVMemoryEventChunk> chunks QEVR_GUARDED_BY(lock);
+  std::vector<QEVSessionGraph> sessions QEVR_GUARDED_BY(lock);
+  std::vector<QEVUserGraph> users QEVR_GUARDED_BY(lock);
+};
+
+QEVMemoryEvent memoryEvent(QEVMemoryEventType type, double at, std::uint64_t sequence) {
+  QEVMemoryEvent e;
+  e.id = QEVRUUID::random();
+  e.type = type;
+  e.timestamp = QEVRDate{at};
+  e.sequenceNumber = sequence;
+  return e;
+}
+
+TEST(ChunkWriterTest, ClosesAtTheLimitAndAtSessionEnd) {
+  QEVMemoryChunkWriter writer(std::make_shared<RecordingStore>(), 100, 1, nullptr, nullptr);
+  for (int i = 1; i <= 99; ++i) {
+    EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::gesture, i, i)).has_value());
+  }
+  auto full = writer.append(memoryEvent(QEVMemoryEventType::gesture, 100, 100));
+  ASSERT_TRUE(full.has_value());
+  EXPECT_EQ(full->eventCount, 100);
+  EXPECT_EQ(full->events.size(), 100u);
+  EXPECT_EQ(full->createdAt, QEVRDate{1});
+  EXPECT_EQ(full->closedAt, QEVRDate{100});  // the closing event's time
+  EXPECT_EQ(full->events.front().sequenceNumber, 1u);
+  EXPECT_EQ(full->schemaVersion, 1);
+
+  auto lone = writer.append(memoryEvent(QEVMemoryEventType::sessionEnd, 200, 101));
+  ASSERT_TRUE(lone.has_value());
+  EXPECT_NE(lone->id, full->id);
+  EXPECT_EQ(lone->eventCount, 1);
+  EXPECT_EQ(lone->createdAt, lone->closedAt);
+  EXPECT_FALSE(writer.closeActiveChunk(QEVRDate{300}).has_value());
+}
+
+TEST(ChunkWriterTest, ShutdownClosesOnceRefusesEventsAndReopenRestores) {
+  QEVMemoryChunkWriter writer(std::make_shared<RecordingStore>(), 100, 1, nullptr, nullptr);
+  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 1, 1));
+  auto closed = writer.shutdown(QEVRDate{50});
+  ASSERT_TRUE(closed.has_value());
+  EXPECT_EQ(closed->closedAt, QEVRDate{50});
+  EXPECT_FALSE(writer.shutdown(QEVRDate{60}).has_value());
+  EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 2, 2)).has_value());
+  EXPECT_FALSE(writer.closeActiveChunk(QEVRDate{70}).has_value());
+  writer.reopen();
+  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 3, 3));
+  EXPECT_TRUE(writer.closeActiveChunk(QEVRDate{80}).has_value());
+}
+
+TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
+  auto store = std::make_shared<RecordingStore>();
+  QEVMemoryChunkWriter writer(store, 1, 1, nullptr, nullptr);
+  for (int i = 1; i <= 500; ++i) {
+    writer.enqueueSave(writer.append(memoryEvent(QEVMemoryEventType::gesture, i, i)));
+    EXPECT_LE(writer.pendingSaves(), QEVMemoryChunkWriter::maxPendingSaves);
+  }
+  writer.enqueueSave(std::nullopt);  // no chunk: no task
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  qevr::MutexLock guard(store->lock);
+  EXPECT_EQ(store->chunks.size(), 500u);
+}
+
+TEST(EventStoreTest, NumbersWithoutGapsFromOne) {
+  QEVMemoryEventStore events;
+  for (std::uint64_t i = 1; i <= 3; ++i) {
+    auto recorded = events.record(observerEvent(Type::screenView, QEVRDate{}, std::nullopt));
+    ASSERT_TRUE(recorded.has_value());
+    EXPECT_EQ(recorded->sequenceNumber, i);
+  }
+}
+
+class PipelineTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<RecordingStore> store = std::make_shared<RecordingStore>();
+  std::shared_ptr<QEVMemoryEventStore> events = std::make_shared<QEVMemoryEventStore>();
+  std::shared_ptr<QEVMemoryChunkWriter> writer =
+      std::make_shared<QEVMemoryChunkWriter>(store, 100, 1, nullptr, nullptr);
+};
+
+TEST_F(PipelineTest, SessionEndCompletesTheSessionIntoTheUserGraph) {
+  std::atomic<int> submitted{0};
+  QEVMemoryPipeline pipeline(events, writer, store, [&](QEVRBackgroundOperation op) {
+    ++submitted;
+    qevr::detachTask(qevr::TaskPriority::utility, [op](std::stop_token s) { op(s); });
+    return true;
+  });
+  const QEVRUUID session = QEVRUUID::random();
+  EXPECT_FALSE(pipeline.handle(observerEvent(Type::screenView, QEVRDate{10}, session, {}, "Home")));
+  auto completed = pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{70}, session));
+  ASSERT_TRUE(completed.has_value());
+  EXPECT_EQ(completed->sessionGraph.eventCount, 2);  // the sessionEnd is counted
+  EXPECT_EQ(completed->sessionGraph.endedAt, QEVRDate{70});
+  EXPECT_EQ(completed->userGraph.totalSessions, 1);
+  pipeline.persist(completed);
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  EXPECT_EQ(submitted.load(), 1);
+  qevr::MutexLock guard(store->lock);
+  EXPECT_EQ(store->sessions.size(), 1u);
+  EXPECT_EQ(store->users.size(), 1u);
+  EXPECT_EQ(store->chunks.size(), 1u);  // closed by the sessionEnd
+}
+
+TEST_F(PipelineTest, RefusedAndDroppedWorkerJobsRunAnyway) {
+  // Refused outright, and accepted but dropped unrun (a worker shut down).
+  for (bool accept : {false, true}) {
+    QEVMemoryPipeline pipeline(events, writer, store, [accept](QEVRBackgroundOperation op) {
+      op = nullptr;  // never runs
+      return accept;
+    });
+    const QEVRUUID session = QEVRUUID::random();
+    pipeline.persist(pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{1}, session)));
+  }
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  qevr::MutexLock guard(store->lock);
+  EXPECT_EQ(store->sessions.size(), 2u);
+  EXPECT_EQ(store->users.size(), 2u);
+}
+
+TEST_F(PipelineTest, ShutdownCompletesTheOpenSessionOnceAndThenIgnoresEvents) {
+  QEVMemoryPipeline pipeline(events, writer, store, nullptr);
+  // No sessionId: the session graph can't be saved, the user graph still is.
+  pipeline.handle(observerEvent(Type::buttonTap, QEVRDate{5}, std::nullopt, {}, "S", "b"));
+  const auto next = events->nextSequenceNumber();
+  pipeline.shutdown();
+  pipeline.shutdown();
+  EXPECT_FALSE(pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{6}, std::nullopt)));
+  EXPECT_EQ(events->nextSequenceNumber(), next);  // no number used after shutdown
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  qevr::MutexLock guard(store->lock);
+  EXPECT_EQ(store->sessions.size(), 0u);
+  ASSERT_EQ(store->users.size(), 1u);
+  EXPECT_EQ(store->users[0].totalEvents, 1);
+  EXPECT_EQ(store->chunks.size(), 1u);
+}
+
+TEST_F(PipelineTest, EmptySessionAtShutdownWritesNoGraphs) {
+  QEVMemoryPipeline pipeline(events, writer, store, nullptr);
+  pipeline.shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  qevr::MutexLock guard(store->lock);
+  EXPECT_TRUE(store->users.empty());
+  EXPECT_TRUE(store->chunks.empty());
+}
+
+TEST_F(PipelineTest, MemoryOnlyPipelineStillCompletesSessions) {
+  QEVMemoryPipeline pipeline(events, nullptr, nullptr, nullptr);
+  auto completed = pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{1}, QEVRUUID::random()));
+  ASSERT_TRUE(completed.has_value());
+  pipeline.persist(completed);  // nowhere to write: nothing happens
+  EXPECT_EQ(completed->userGraph.totalEvents, 1);
+}
+
+}  // namespace
