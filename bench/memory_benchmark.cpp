@@ -1,0 +1,164 @@
+// Memory's cost to the host: QEVR::Observer::track into the memory module
+// with disk on (per-call latency percentiles), the snapshot over 100 session
+// graphs, and resident memory as the event count grows.
+//
+// The resident-memory case tracks ten million events and takes minutes; it
+// runs only with QEVR_BENCH_LONG=1 in the environment.
+#include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVMemory/QEVMemoryModule.h>
+#include <QEVObserver/QEVObserverFacade.h>
+#include <QEVObserver/QEVObserverModule.h>
+#include <QEVRCore/QEVRFacade.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRPlatform/FileSystem.h>
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <benchmark/benchmark.h>
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class SilentSink final : public qevr::LogSink {
+ public:
+  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override {
+    return false;
+  }
+  void write(std::string_view, std::string_view, qevr::LogType, std::string_view) override {}
+};
+
+fs::path temporaryDirectory() {
+  std::string pattern = (fs::temp_directory_path() / "qevr-bench-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) return {};
+  return pattern;
+}
+
+// A started system with observer and memory on a fresh data directory.
+class RunningSystem {
+ public:
+  RunningSystem() : silent(std::make_shared<SilentSink>()), dir(temporaryDirectory()) {
+    qevr::setApplicationSupportDirectoryOverride(dir);
+    auto& registry = QEVRRuntimeStore::shared().moduleRegistry();
+    registry.removeAll();
+    registry.registerModule(QEVObserverIntegration::makeModule());
+    registry.registerModule(QEVMemoryIntegration::makeModule());
+    QEVRConfiguration c;
+    c.appId = "bench";
+    c.logLevel = QEVRLogLevel::off;
+    c.isBackgroundProcessingEnabled = true;
+    QEVR::start(c);
+  }
+  ~RunningSystem() {
+    QEVR::shutdown();
+    qevr::waitForBackgroundIdle(std::chrono::minutes(10));
+    QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+    qevr::setApplicationSupportDirectoryOverride(std::nullopt);
+    std::error_code ignored;
+    fs::remove_all(dir, ignored);
+  }
+
+ private:
+  qevr::ScopedLogSink silent;
+  fs::path dir;
+};
+
+const QEVObserverMetadata kMetadata{{"score", 1200}, {"accuracy", 0.875}, {"mode", "arcade"}};
+
+void BM_TrackIntoMemoryWithDisk(benchmark::State& state) {
+  RunningSystem system;
+  std::vector<double> nanos;
+  nanos.reserve(1 << 20);
+  for (auto _ : state) {
+    const auto begin = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(QEVR::Observer::track("level_completed1", kMetadata));
+    const auto end = std::chrono::steady_clock::now();
+    if (nanos.size() < nanos.capacity()) {
+      nanos.push_back(std::chrono::duration<double, std::nano>(end - begin).count());
+    }
+  }
+  if (nanos.empty()) return;
+  std::sort(nanos.begin(), nanos.end());
+  state.counters["median_ns"] = nanos[nanos.size() / 2];
+  state.counters["p99_ns"] = nanos[nanos.size() * 99 / 100];
+  state.counters["events_per_s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_TrackIntoMemoryWithDisk)->UseRealTime();
+
+void BM_IntelligenceSnapshot100Sessions(benchmark::State& state) {
+  const fs::path dir = temporaryDirectory();
+  QEVFileMemoryStore store(dir, qevr::FileSystem::defaultFileSystem(),
+                           std::make_shared<QEVLZFSECompressionEngine>());
+  for (int i = 0; i < 100; ++i) {
+    QEVSessionGraph g;
+    g.sessionId = QEVRUUID::random();
+    g.startedAt = QEVRDate{1000.0 * i};
+    g.endedAt = QEVRDate{1000.0 * i + 300};
+    g.eventCount = 250;
+    for (int s = 0; s < 40; ++s) g.screenSequence.push_back("Screen " + std::to_string(s % 12));
+    for (int e = 0; e < 12; ++e) {
+      g.navigationEdges.push_back({"Screen " + std::to_string(e), "Screen " + std::to_string(e + 1), e + 1});
+    }
+    for (int c = 0; c < 10; ++c) {
+      g.componentInteractions.push_back({"button_" + std::to_string(c), "Screen 1", c, 1});
+    }
+    g.customEventCounts = {{"level_completed", 3}, {"item_bought", 1}};
+    store.saveSessionGraph(g);
+  }
+  for (auto _ : state) benchmark::DoNotOptimize(intelligenceSnapshot(store));
+  std::error_code ignored;
+  fs::remove_all(dir, ignored);
+}
+BENCHMARK(BM_IntelligenceSnapshot100Sessions)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+double residentMegabytes() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
+  }
+  return 0;
+}
+
+void BM_ResidentMemoryGrowth(benchmark::State& state) {
+  const char* enabled = std::getenv("QEVR_BENCH_LONG");
+  if (!enabled || std::string(enabled) != "1") {
+    state.SkipWithError("set QEVR_BENCH_LONG=1 to run (ten million events)");
+    for (auto _ : state) {
+    }
+    return;
+  }
+  for (auto _ : state) {
+    RunningSystem system;
+    auto track = [](std::int64_t count) {
+      for (std::int64_t i = 0; i < count; ++i) {
+        QEVR::Observer::track("level_completed1", kMetadata);
+      }
+    };
+    track(100'000);
+    qevr::waitForBackgroundIdle(std::chrono::minutes(10));
+    const double after100k = residentMegabytes();
+    track(10'000'000 - 100'000);
+    qevr::waitForBackgroundIdle(std::chrono::minutes(30));
+    const double after10m = residentMegabytes();
+    state.counters["rss_100k_MB"] = after100k;
+    state.counters["rss_10M_MB"] = after10m;
+    state.counters["growth_MB"] = after10m - after100k;
+  }
+}
+BENCHMARK(BM_ResidentMemoryGrowth)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
