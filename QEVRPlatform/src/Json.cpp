@@ -161,6 +161,8 @@ Value parse(std::string_view text) {
     throwCorrupted("the document is longer than " + std::to_string(kMaxDocumentSizeBytes) +
                    " bytes.");
   }
+  // An empty view may carry a null pointer, which simdjson would copy from.
+  if (text.empty()) throwCorrupted("the document is empty.");
   thread_local simdjson::dom::parser reusable = makeParser(4096);
   std::optional<simdjson::dom::parser> large;
   simdjson::dom::parser* parser = &reusable;

@@ -106,6 +106,8 @@ TEST(JsonParseTest, RefusesWhatIsNotJsonAsDataCorrupted) {
     EXPECT_EQ(error.kind(), Kind::dataCorrupted);
     EXPECT_TRUE(error.codingPath().empty());
   }
+  // An empty view with a null pointer, as an empty file's bytes give.
+  EXPECT_EQ(decodingErrorOf([] { parse(std::string_view()); }).kind(), Kind::dataCorrupted);
 }
 
 TEST(JsonParseTest, AcceptsNestingUpToTheLimit) {
