@@ -60,7 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   QEVSessionGraphBuilder builder;
-  for (const QEVMemoryEvent& event : chunk.events) builder.ingest(event);
+  for (const QEVMemoryEvent& event : chunk.events)
+    builder.ingest(event);
   const QEVSessionGraph graph = builder.build();
   check(graph.eventCount == static_cast<std::int64_t>(chunk.events.size()));
   check(std::is_sorted(graph.navigationEdges.begin(), graph.navigationEdges.end(), edgeLess));

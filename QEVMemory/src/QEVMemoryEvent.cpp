@@ -22,8 +22,7 @@ constexpr std::array<std::string_view, 8> kTypeRawValues = {
     "buttonTap",  "sessionStart",    "sessionEnd", "custom"};
 
 // Indexed by QEVMemoryMetadataValue::Kind.
-constexpr std::array<std::string_view, 5> kValueTypes = {"string", "int", "double", "bool",
-                                                         "date"};
+constexpr std::array<std::string_view, 5> kValueTypes = {"string", "int", "double", "bool", "date"};
 
 QEVMemoryEventType memoryTypeOf(QEVObserverEventType type) {
   switch (type) {
@@ -240,7 +239,8 @@ void QEVMemoryEventChunk::encode(Writer& writer) const {
   }
   writer.key("events");
   writer.beginArray();
-  for (const QEVMemoryEvent& event : events) event.encode(writer);
+  for (const QEVMemoryEvent& event : events)
+    event.encode(writer);
   writer.endArray();
   writer.key("eventCount");
   writer.integer(eventCount);

@@ -11,15 +11,14 @@ using qevr::json::Writer;
 
 namespace {
 
-// Graphs sort texts by code point. std::string compares through
-// char_traits<char>, which orders bytes as unsigned char, and UTF-8 byte
-// order is code point order; the explicit view comparison keeps that
-// independent of whether plain char is signed.
+// Graphs sort texts by code point. Texts are UTF-8 in NFC, whose byte order,
+// taken as unsigned, is code point order. std::string's operator< gives the
+// same through char_traits<char>; the comparison is spelled out so that the
+// rule stands here rather than in a library guarantee.
 bool textLess(std::string_view a, std::string_view b) {
-  return std::lexicographical_compare(
-      a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return static_cast<unsigned char>(x) < static_cast<unsigned char>(y);
-      });
+  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    return static_cast<unsigned char>(x) < static_cast<unsigned char>(y);
+  });
 }
 
 // An absent text sorts as the empty text.
@@ -57,7 +56,8 @@ void writeCounts(Writer& writer, const std::unordered_map<std::string, std::int6
 
 std::unordered_map<std::string, std::int64_t> readCounts(const Decoder& decoder) {
   std::unordered_map<std::string, std::int64_t> counts;
-  for (const auto& [name, value] : decoder.members()) counts.insert_or_assign(name, value.asInt64());
+  for (const auto& [name, value] : decoder.members())
+    counts.insert_or_assign(name, value.asInt64());
   return counts;
 }
 
@@ -130,11 +130,13 @@ void QEVSessionGraph::encode(Writer& writer) const {
   writer.integer(eventCount);
   writer.key("screenSequence");
   writer.beginArray();
-  for (const std::string& screen : screenSequence) writer.string(screen);
+  for (const std::string& screen : screenSequence)
+    writer.string(screen);
   writer.endArray();
   writer.key("navigationEdges");
   writer.beginArray();
-  for (const QEVNavigationEdge& edge : navigationEdges) encodeEdge(writer, edge);
+  for (const QEVNavigationEdge& edge : navigationEdges)
+    encodeEdge(writer, edge);
   writer.endArray();
   writer.key("componentInteractions");
   writer.beginArray();
@@ -160,12 +162,14 @@ QEVSessionGraph QEVSessionGraph::decode(const Decoder& decoder) {
   const Decoder screens = decoder["screenSequence"];
   const std::size_t screenCount = arraySize(screens);
   graph.screenSequence.reserve(screenCount);
-  for (std::size_t i = 0; i < screenCount; ++i) graph.screenSequence.push_back(screens.at(i).asString());
+  for (std::size_t i = 0; i < screenCount; ++i)
+    graph.screenSequence.push_back(screens.at(i).asString());
 
   const Decoder edges = decoder["navigationEdges"];
   const std::size_t edgeCount = arraySize(edges);
   graph.navigationEdges.reserve(edgeCount);
-  for (std::size_t i = 0; i < edgeCount; ++i) graph.navigationEdges.push_back(decodeEdge(edges.at(i)));
+  for (std::size_t i = 0; i < edgeCount; ++i)
+    graph.navigationEdges.push_back(decodeEdge(edges.at(i)));
 
   const Decoder components = decoder["componentInteractions"];
   const std::size_t componentCount = arraySize(components);
@@ -267,17 +271,17 @@ QEVSessionGraph QEVSessionGraphBuilder::build() const {
 
   graph.componentInteractions.reserve(componentInteractionCounts.size());
   for (const auto& [key, counts] : componentInteractionCounts) {
-    graph.componentInteractions.push_back(
-        QEVComponentInteractionSummary{key.second, key.first, counts.tapCount, counts.gestureCount});
+    graph.componentInteractions.push_back(QEVComponentInteractionSummary{
+        key.second, key.first, counts.tapCount, counts.gestureCount});
   }
-  std::stable_sort(graph.componentInteractions.begin(), graph.componentInteractions.end(),
-                   [](const QEVComponentInteractionSummary& a,
-                      const QEVComponentInteractionSummary& b) {
-                     const std::string_view aScreen = orEmpty(a.screenName);
-                     const std::string_view bScreen = orEmpty(b.screenName);
-                     if (aScreen != bScreen) return textLess(aScreen, bScreen);
-                     return textLess(a.componentId, b.componentId);
-                   });
+  std::stable_sort(
+      graph.componentInteractions.begin(), graph.componentInteractions.end(),
+      [](const QEVComponentInteractionSummary& a, const QEVComponentInteractionSummary& b) {
+        const std::string_view aScreen = orEmpty(a.screenName);
+        const std::string_view bScreen = orEmpty(b.screenName);
+        if (aScreen != bScreen) return textLess(aScreen, bScreen);
+        return textLess(a.componentId, b.componentId);
+      });
 
   graph.customEventCounts = customEventCounts;
   return graph;

@@ -31,7 +31,8 @@ void addTo(std::int64_t& total, std::int64_t amount) {
 
 Counts readCounts(const Decoder& decoder) {
   Counts counts;
-  for (const auto& [name, value] : decoder.members()) counts.insert_or_assign(name, value.asInt64());
+  for (const auto& [name, value] : decoder.members())
+    counts.insert_or_assign(name, value.asInt64());
   return counts;
 }
 
@@ -76,7 +77,8 @@ QEVUserGraph QEVUserGraph::decode(const Decoder& decoder) {
   graph.frequentlyVisitedScreens = readCounts(decoder["frequentlyVisitedScreens"]);
   graph.frequentComponents = readCounts(decoder["frequentComponents"]);
   graph.frequentCustomEvents = readCounts(decoder["frequentCustomEvents"]);
-  if (auto d = decoder.optional("averageSessionDuration")) graph.averageSessionDuration = d->asDouble();
+  if (auto d = decoder.optional("averageSessionDuration"))
+    graph.averageSessionDuration = d->asDouble();
   if (auto d = decoder.optional("lastSeenAt")) graph.lastSeenAt = d->asDate();
   return graph;
 }
@@ -102,14 +104,16 @@ void QEVUserGraphBuilder::merge(const QEVSessionGraph& session) {
   // two dates below look at time, and they only move forward.
   addTo(totalSessions, 1);
   addTo(totalEvents, session.eventCount);
-  for (const std::string& screen : session.screenSequence) addTo(frequentlyVisitedScreens[screen], 1);
+  for (const std::string& screen : session.screenSequence)
+    addTo(frequentlyVisitedScreens[screen], 1);
   // A component's screen does not matter across sessions.
   for (const QEVComponentInteractionSummary& summary : session.componentInteractions) {
     std::int64_t& total = frequentComponents[summary.componentId];
     addTo(total, summary.tapCount);
     addTo(total, summary.gestureCount);
   }
-  for (const auto& [name, count] : session.customEventCounts) addTo(frequentCustomEvents[name], count);
+  for (const auto& [name, count] : session.customEventCounts)
+    addTo(frequentCustomEvents[name], count);
   if (session.duration) {
     totalSessionDuration += *session.duration;
     ++sessionsWithDuration;

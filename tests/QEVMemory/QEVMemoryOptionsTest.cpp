@@ -11,6 +11,10 @@ namespace {
 
 using qevr::json::DecodingError;
 
+std::string replaced(std::string json, std::string_view from, std::string_view to) {
+  return json.replace(json.find(from), from.size(), to);
+}
+
 TEST(MemoryOptionsTest, ConstructorRaisesNegativeLimitsToZero) {
   struct Case {
     std::int64_t disk, age, sessions;
@@ -29,19 +33,15 @@ TEST(MemoryOptionsTest, ConstructorRaisesNegativeLimitsToZero) {
     const QEVMemoryOptions options(c.disk, c.age, c.sessions, true);
     EXPECT_EQ(options, c.expected) << c.disk << " " << c.age << " " << c.sessions;
   }
-  const QEVMemoryOptions defaults;
-  EXPECT_EQ(defaults.maxDiskUsageMB, 25);
-  EXPECT_EQ(defaults.maxEventAgeDays, 30);
-  EXPECT_EQ(defaults.maxSessionCount, 100);
-  EXPECT_TRUE(defaults.pruningEnabled);
   EXPECT_EQ(QEVMemoryOptions(-5, -5, -5, false), QEVMemoryOptions(0, 0, 0, false));
 }
 
 TEST(MemoryOptionsTest, JsonKeepsNumbersAsTheyStandAndNeedsAllKeys) {
   const QEVMemoryOptions options(7, 0, 3, false);
   const std::string json = options.toJSON();
-  EXPECT_EQ(json,
-            R"({"maxDiskUsageMB":7,"maxEventAgeDays":0,"maxSessionCount":3,"pruningEnabled":false})");
+  EXPECT_EQ(
+      json,
+      R"({"maxDiskUsageMB":7,"maxEventAgeDays":0,"maxSessionCount":3,"pruningEnabled":false})");
   EXPECT_EQ(QEVMemoryOptions::fromJSON(json), options);
 
   const QEVMemoryOptions negative = QEVMemoryOptions::fromJSON(
@@ -49,7 +49,8 @@ TEST(MemoryOptionsTest, JsonKeepsNumbersAsTheyStandAndNeedsAllKeys) {
   EXPECT_EQ(negative.maxDiskUsageMB, -3);
   EXPECT_EQ(negative.maxSessionCount, -1);
 
-  for (const char* key : {"maxDiskUsageMB", "maxEventAgeDays", "maxSessionCount", "pruningEnabled"}) {
+  for (const char* key :
+       {"maxDiskUsageMB", "maxEventAgeDays", "maxSessionCount", "pruningEnabled"}) {
     qevr::json::Value root = qevr::json::parse(json);
     std::erase_if(root.object(), [key](const qevr::json::Member& m) { return m.key == key; });
     try {
@@ -60,12 +61,8 @@ TEST(MemoryOptionsTest, JsonKeepsNumbersAsTheyStandAndNeedsAllKeys) {
       EXPECT_EQ(error.codingPath(), std::vector<std::string>{key});
     }
   }
-  EXPECT_THROW(QEVMemoryOptions::fromJSON(
-                   R"({"maxDiskUsageMB":2.5,"maxEventAgeDays":1,"maxSessionCount":1,"pruningEnabled":true})"),
-               DecodingError);
-  EXPECT_THROW(QEVMemoryOptions::fromJSON(
-                   R"({"maxDiskUsageMB":1,"maxEventAgeDays":1,"maxSessionCount":1,"pruningEnabled":1})"),
-               DecodingError);
+  EXPECT_THROW(QEVMemoryOptions::fromJSON(replaced(json, "7", "2.5")), DecodingError);
+  EXPECT_THROW(QEVMemoryOptions::fromJSON(replaced(json, "false", "0")), DecodingError);
 }
 
 TEST(MemoryStatsTest, JsonRoundTripsWithIsoDatesAndOmittedOptionals) {

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <limits>
 #include <string>
 #include <thread>
@@ -15,72 +14,40 @@ using Type = QEVMemoryEventType;
 using Edge = QEVNavigationEdge;
 using Summary = QEVComponentInteractionSummary;
 
-struct EventSpec {
-  EventSpec(Type t, std::optional<std::string> screen = {},  // NOLINT: braced lists in tables
-            std::optional<std::string> component = {}, QEVMemoryMetadata entries = {},
-            double time = 0, std::optional<QEVRUUID> session = {})
-      : type(t),
-        screenName(std::move(screen)),
-        componentId(std::move(component)),
-        metadata(std::move(entries)),
-        timestamp(time),
-        sessionId(session) {}
-
-  Type type;
-  std::optional<std::string> screenName;
-  std::optional<std::string> componentId;
-  QEVMemoryMetadata metadata;
-  double timestamp;
-  std::optional<QEVRUUID> sessionId;
-};
-
-QEVMemoryEvent make(EventSpec spec) {
-  static std::atomic<std::uint64_t> sequence{0};
-  QEVMemoryEvent event;
-  event.id = QEVRUUID::random();
-  event.type = spec.type;
-  event.timestamp = QEVRDate{spec.timestamp};
-  event.sessionId = spec.sessionId;
-  event.screenName = std::move(spec.screenName);
-  event.componentId = std::move(spec.componentId);
-  event.metadata = std::move(spec.metadata);
-  event.sequenceNumber = ++sequence;
-  return event;
+QEVMemoryEvent ev(Type type, std::optional<std::string> screenName = {},
+                  std::optional<std::string> componentId = {}, QEVMemoryMetadata metadata = {},
+                  double timestamp = 0, std::optional<QEVRUUID> sessionId = {}) {
+  return QEVMemoryEvent{QEVRUUID::random(),    type,
+                        QEVRDate{timestamp},   sessionId,
+                        std::move(screenName), std::move(componentId),
+                        std::move(metadata),   1};
 }
 
-QEVSessionGraph buildFrom(const std::vector<EventSpec>& specs) {
+QEVSessionGraph buildFrom(const std::vector<QEVMemoryEvent>& events) {
   QEVSessionGraphBuilder builder;
-  for (const EventSpec& spec : specs) builder.ingest(make(spec));
+  for (const QEVMemoryEvent& event : events)
+    builder.ingest(event);
   return builder.build();
 }
 
-TEST(SessionGraphBuilderTest, EmptyBuilderBuildsAnEmptyGraph) {
-  EXPECT_EQ(QEVSessionGraphBuilder().build(), QEVSessionGraph{});
-}
-
-TEST(SessionGraphBuilderTest, FirstPresentSessionIdSticks) {
-  const QEVRUUID first = QEVRUUID::random(), second = QEVRUUID::random();
-  const QEVSessionGraph graph = buildFrom({{Type::screenDisappear},
-                                          {Type::screenDisappear, {}, {}, {}, 0, first},
-                                          {Type::screenDisappear, {}, {}, {}, 0, second}});
-  EXPECT_EQ(graph.sessionId, first);
-  EXPECT_EQ(graph.eventCount, 3);
-}
-
 TEST(SessionGraphBuilderTest, EventTypesFeedTheirOwnFields) {
+  EXPECT_EQ(QEVSessionGraphBuilder().build(), QEVSessionGraph{});
+
+  const QEVRUUID first = QEVRUUID::random();
   const QEVSessionGraph graph = buildFrom({
-      {Type::screenView, "Home"},
-      {Type::screenView},  // no screen name: counted, not appended
-      {Type::screenView, "Shop"},
-      {Type::screenView, "Home"},
-      {Type::screenDisappear, "Home", "x"},
-      {Type::custom, "Home", "x", {{"name", "jump"}}},
-      {Type::custom, {}, {}, {{"name", "jump"}}},
-      {Type::custom, {}, {}, {{"name", 3}}},
-      {Type::custom},
-      {Type::gesture, "Home"},  // no component: nothing to count on
-      {Type::buttonTap, "Home", "x", {{"to", "Shop"}}},
+      ev(Type::screenView, "Home"),                // no session yet: the first present one sticks
+      ev(Type::screenView, {}, {}, {}, 0, first),  // no screen name: counted only
+      ev(Type::screenView, "Shop", {}, {}, 0, QEVRUUID::random()),
+      ev(Type::screenView, "Home"),
+      ev(Type::screenDisappear, "Home", "x"),
+      ev(Type::custom, "Home", "x", {{"name", "jump"}}),
+      ev(Type::custom, {}, {}, {{"name", "jump"}}),
+      ev(Type::custom, {}, {}, {{"name", 3}}),
+      ev(Type::custom),
+      ev(Type::gesture, "Home"),  // no component: nothing to count on
+      ev(Type::buttonTap, "Home", "x", {{"to", "Shop"}}),
   });
+  EXPECT_EQ(graph.sessionId, first);
   EXPECT_EQ(graph.eventCount, 11);
   EXPECT_EQ(graph.screenSequence, (std::vector<std::string>{"Home", "Shop", "Home"}));
   EXPECT_EQ(graph.customEventCounts, (std::unordered_map<std::string, std::int64_t>{{"jump", 2}}));
@@ -90,21 +57,24 @@ TEST(SessionGraphBuilderTest, EventTypesFeedTheirOwnFields) {
 }
 
 TEST(SessionGraphBuilderTest, SessionDatesPreferDateMetadataAndLaterEventsWin) {
-  const QEVRDate metaStart{500};
   struct Case {
-    std::vector<EventSpec> events;
+    std::vector<QEVMemoryEvent> events;
     std::optional<QEVRDate> startedAt, endedAt;
     std::optional<double> duration;
   };
   const Case cases[] = {
-      {{{Type::sessionEnd, {}, {}, {}, 70}}, std::nullopt, QEVRDate{70}, std::nullopt},
-      {{{Type::sessionStart, {}, {}, {{"startedAt", metaStart}}, 10},
-        {Type::sessionEnd, {}, {}, {{"endedAt", "yesterday"}}, 530}},
-       metaStart, QEVRDate{530}, 30.0},
-      {{{Type::sessionStart, {}, {}, {}, 10},
-        {Type::sessionStart, {}, {}, {{"startedAt", 1.0}}, 20},
-        {Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{15}}}, 99}},
-       QEVRDate{20}, QEVRDate{15}, -5.0},  // not clamped
+      {{ev(Type::sessionEnd, {}, {}, {}, 70)}, std::nullopt, QEVRDate{70}, std::nullopt},
+      {{ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{500}}}, 10),
+        ev(Type::sessionEnd, {}, {}, {{"endedAt", "yesterday"}}, 530)},
+       QEVRDate{500},
+       QEVRDate{530},
+       30.0},
+      {{ev(Type::sessionStart, {}, {}, {}, 10),
+        ev(Type::sessionStart, {}, {}, {{"startedAt", 1.0}}, 20),
+        ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{15}}}, 99)},
+       QEVRDate{20},
+       QEVRDate{15},
+       -5.0},  // not clamped
   };
   for (const Case& c : cases) {
     const QEVSessionGraph graph = buildFrom(c.events);
@@ -114,29 +84,31 @@ TEST(SessionGraphBuilderTest, SessionDatesPreferDateMetadataAndLaterEventsWin) {
   }
 }
 
-TEST(SessionGraphBuilderTest, NavigationEdgesTakeToAndFromOnlyFromTheirOwnEvent) {
+TEST(SessionGraphBuilderTest, EdgesComeOnlyFromNavigationEventsOwnFields) {
   const QEVSessionGraph graph = buildFrom({
-      {Type::navigation, "Cart", {}, {{"to", "Pay"}, {"from", "Cart"}}},
-      {Type::navigation, "Pay", {}, {{"from", "Cart"}}},          // to from screenName
-      {Type::navigation, "Pay", {}, {{"to", 7}, {"from", true}}},  // wrong kinds ignored
-      {Type::navigation, {}, {}, {{"from", "Cart"}}},              // nowhere to go
-      {Type::screenView, "Home"},
-      {Type::screenView, "Shop"},  // screen changes alone make no edge
+      ev(Type::navigation, "Cart", {}, {{"to", "Pay"}, {"from", "Cart"}}),
+      ev(Type::navigation, "Pay", {}, {{"from", "Cart"}}),           // to from screenName
+      ev(Type::navigation, "Pay", {}, {{"to", 7}, {"from", true}}),  // wrong kinds ignored
+      ev(Type::navigation, {}, {}, {{"from", "Cart"}}),              // nowhere to go
+      ev(Type::screenView, "Home"),
+      ev(Type::screenView, "Shop"),  // screen changes alone make no edge
   });
-  EXPECT_EQ(graph.navigationEdges, (std::vector<Edge>{{std::nullopt, "Pay", 1}, {"Cart", "Pay", 2}}));
+  EXPECT_EQ(graph.navigationEdges,
+            (std::vector<Edge>{{std::nullopt, "Pay", 1}, {"Cart", "Pay", 2}}));
 }
 
-// An absent origin or screen sorts as the empty text, not before it; texts
-// sort by code point, without case folding.
+// An absent text sorts as the empty text, not before it (where the two
+// otherwise tie, absent comes first); texts sort by code point, so "Z" <
+// "z" < "é".
 TEST(SessionGraphBuilderTest, EdgesSortByFromAsEmptyTextThenTo) {
   auto nav = [](std::optional<std::string> from, std::string to) {
     QEVMemoryMetadata metadata{{"to", std::move(to)}};
     if (from) metadata.emplace("from", std::move(*from));
-    return EventSpec{Type::navigation, {}, {}, std::move(metadata)};
+    return ev(Type::navigation, {}, {}, std::move(metadata));
   };
-  const QEVSessionGraph graph = buildFrom({nav("\u00e9", "a"), nav("z", "a"), nav("Z", "a"),
-                                           nav(std::nullopt, "b"), nav("", "a"), nav("", "b"),
-                                           nav(std::nullopt, "a"), nav("", "a")});
+  const QEVSessionGraph graph =
+      buildFrom({nav("\u00e9", "a"), nav("z", "a"), nav("Z", "a"), nav(std::nullopt, "b"),
+                 nav("", "a"), nav("", "b"), nav(std::nullopt, "a"), nav("", "a")});
   EXPECT_EQ(graph.navigationEdges, (std::vector<Edge>{{std::nullopt, "a", 1},
                                                       {"", "a", 2},
                                                       {std::nullopt, "b", 1},
@@ -147,31 +119,27 @@ TEST(SessionGraphBuilderTest, EdgesSortByFromAsEmptyTextThenTo) {
 }
 
 TEST(SessionGraphBuilderTest, ComponentsCountPerScreenAndSortByScreenThenId) {
-  const QEVSessionGraph graph = buildFrom({
-      {Type::buttonTap, "Shop", "buy"},
-      {Type::buttonTap, "Home", "buy"},
-      {Type::gesture, "Home", "buy", {{"kind", "swipe"}}},
-      {Type::gesture, "Home", "buy", {{"kind", "pinch"}}},
-      {Type::buttonTap, {}, "buy"},
-      {Type::buttonTap, {}, "zoom"},
-      {Type::buttonTap, "", "add"},
-      {Type::buttonTap, "\u00c5", "a"},
-  });
-  EXPECT_EQ(graph.componentInteractions, (std::vector<Summary>{{"add", "", 1, 0},
-                                                               {"buy", std::nullopt, 1, 0},
-                                                               {"zoom", std::nullopt, 1, 0},
-                                                               {"buy", "Home", 1, 2},
-                                                               {"buy", "Shop", 1, 0},
-                                                               {"a", "\u00c5", 1, 0}}));
-}
-
-TEST(SessionGraphBuilderTest, BuildLeavesTheBuilderAsItIs) {
   QEVSessionGraphBuilder builder;
-  builder.ingest(make({Type::buttonTap, "Home", "x"}));
-  const QEVSessionGraph first = builder.build();
-  EXPECT_EQ(builder.build(), first);
-  builder.ingest(make({Type::buttonTap, "Home", "x"}));
-  EXPECT_EQ(builder.build().componentInteractions, (std::vector<Summary>{{"x", "Home", 2, 0}}));
+  for (const QEVMemoryEvent& event : {
+           ev(Type::buttonTap, "Shop", "buy"),
+           ev(Type::buttonTap, "Home", "buy"),
+           ev(Type::gesture, "Home", "buy", {{"kind", "swipe"}}),
+           ev(Type::gesture, "Home", "buy", {{"kind", "pinch"}}),
+           ev(Type::buttonTap, {}, "buy"),
+           ev(Type::buttonTap, {}, "zoom"),
+           ev(Type::buttonTap, "", "add"),
+           ev(Type::buttonTap, "\u00c5", "a"),
+       }) {
+    builder.ingest(event);
+  }
+  const std::vector<Summary> expected{
+      {"add", "", 1, 0},     {"buy", std::nullopt, 1, 0}, {"zoom", std::nullopt, 1, 0},
+      {"buy", "Home", 1, 2}, {"buy", "Shop", 1, 0},       {"a", "\u00c5", 1, 0}};
+  EXPECT_EQ(builder.build().componentInteractions, expected);
+  // build() leaves the builder as it was; it goes on counting.
+  EXPECT_EQ(builder.build().componentInteractions, expected);
+  builder.ingest(ev(Type::buttonTap, "", "add"));
+  EXPECT_EQ(builder.build().componentInteractions.front(), (Summary{"add", "", 2, 0}));
 }
 
 TEST(SessionGraphBuilderTest, ConcurrentIngestLosesNothing) {
@@ -180,14 +148,14 @@ TEST(SessionGraphBuilderTest, ConcurrentIngestLosesNothing) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&builder, t] {
-      const std::string screen = "S" + std::to_string(t);
       for (int i = 0; i < kEventsPerThread; ++i) {
-        builder.ingest(make({Type::buttonTap, screen, "x"}));
+        builder.ingest(ev(Type::buttonTap, "S" + std::to_string(t), "x"));
         if (i % 100 == 0) builder.build();
       }
     });
   }
-  for (std::thread& thread : threads) thread.join();
+  for (std::thread& thread : threads)
+    thread.join();
   const QEVSessionGraph graph = builder.build();
   EXPECT_EQ(graph.eventCount, kThreads * kEventsPerThread);
   ASSERT_EQ(graph.componentInteractions.size(), static_cast<std::size_t>(kThreads));
@@ -198,34 +166,26 @@ TEST(SessionGraphBuilderTest, ConcurrentIngestLosesNothing) {
 
 TEST(SessionGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
   QEVSessionGraph graph = buildFrom({
-      {Type::sessionStart, {}, {}, {}, 100, QEVRUUID::random()},
-      {Type::screenView, "A/B"},
-      {Type::navigation, {}, {}, {{"to", "B"}}},
-      {Type::buttonTap, {}, "x"},
-      {Type::custom, {}, {}, {{"name", "n"}}},
-      {Type::sessionEnd, {}, {}, {}, 160.5},
+      ev(Type::sessionStart, {}, {}, {}, 100, QEVRUUID::random()),
+      ev(Type::screenView, "A/B"),
+      ev(Type::navigation, {}, {}, {{"to", "B"}}),
+      ev(Type::buttonTap, {}, "x"),
+      ev(Type::custom, {}, {}, {{"name", "n"}}),
+      ev(Type::sessionEnd, {}, {}, {}, 160.5),
   });
   const std::string json = graph.toJSON();
-  EXPECT_NE(json.find(R"("screenSequence":["A\/B"])"), std::string::npos) << json;
-  EXPECT_NE(json.find(R"("startedAt":"2001-01-01T00:01:40Z")"), std::string::npos) << json;
-  EXPECT_NE(json.find(R"("duration":60.5)"), std::string::npos) << json;
-  EXPECT_NE(json.find(R"({"to":"B","count":1})"), std::string::npos) << json;
-  EXPECT_NE(json.find(R"({"componentId":"x","tapCount":1,"gestureCount":0})"), std::string::npos)
-      << json;
-  const QEVSessionGraph read = QEVSessionGraph::fromJSON(json);
+  for (const char* part :
+       {R"("screenSequence":["A\/B"])", R"("startedAt":"2001-01-01T00:01:40Z")",
+        R"("duration":60.5)", R"({"to":"B","count":1})",
+        R"({"componentId":"x","tapCount":1,"gestureCount":0})", R"("customEventCounts":{"n":1})"}) {
+    EXPECT_NE(json.find(part), std::string::npos) << part << " not in " << json;
+  }
   graph.endedAt = QEVRDate{160};  // whole seconds on disk
-  EXPECT_EQ(read, graph);
+  EXPECT_EQ(QEVSessionGraph::fromJSON(json), graph);
 
   const std::string empty = QEVSessionGraph{}.toJSON();
-  EXPECT_EQ(empty,
-            R"({"eventCount":0,"screenSequence":[],"navigationEdges":[],)"
-            R"("componentInteractions":[],"customEventCounts":{}})");
-  EXPECT_EQ(QEVSessionGraph::fromJSON(
-                R"({"sessionId":null,"duration":null,"eventCount":0,"screenSequence":[],)"
-                R"("navigationEdges":[{"from":null,"to":"x","count":1}],)"
-                R"("componentInteractions":[],"customEventCounts":{},"extra":1})")
-                .navigationEdges,
-            (std::vector<Edge>{{std::nullopt, "x", 1}}));
+  EXPECT_EQ(empty, R"({"eventCount":0,"screenSequence":[],"navigationEdges":[],)"
+                   R"("componentInteractions":[],"customEventCounts":{}})");
   for (const char* key : {"eventCount", "screenSequence", "navigationEdges",
                           "componentInteractions", "customEventCounts"}) {
     qevr::json::Value root = qevr::json::parse(empty);
@@ -233,6 +193,12 @@ TEST(SessionGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
     EXPECT_THROW(QEVSessionGraph::fromJSON(qevr::json::serialize(root)), qevr::json::DecodingError)
         << key;
   }
+  EXPECT_EQ(QEVSessionGraph::fromJSON(
+                R"({"sessionId":null,"eventCount":0,"screenSequence":[],"navigationEdges":)"
+                R"([{"from":null,"to":"x","count":1}],"componentInteractions":[],)"
+                R"("customEventCounts":{},"extra":1})")
+                .navigationEdges,
+            (std::vector<Edge>{{std::nullopt, "x", 1}}));
   graph.duration = std::numeric_limits<double>::infinity();
   EXPECT_THROW(graph.toJSON(), qevr::json::EncodingError);
 }

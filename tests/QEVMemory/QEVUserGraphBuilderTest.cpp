@@ -23,16 +23,7 @@ QEVSessionGraph session(std::optional<double> startedAt, std::optional<double> e
   return graph;
 }
 
-TEST(UserGraphBuilderTest, EmptyBuilderBuildsZeroTotalsDatedAtCreation) {
-  const QEVUserGraph graph = QEVUserGraphBuilder(kUserId, kCreatedAt).build();
-  QEVUserGraph expected;
-  expected.userId = kUserId;
-  expected.createdAt = kCreatedAt;
-  expected.updatedAt = kCreatedAt;
-  EXPECT_EQ(graph, expected);
-}
-
-TEST(UserGraphBuilderTest, CountsAddUpAcrossSessions) {
+TEST(UserGraphBuilderTest, StartsEmptyAndCountsAddUpAcrossSessions) {
   QEVSessionGraph first;
   first.eventCount = 9;
   first.screenSequence = {"Home", "Shop", "Home", "Home"};
@@ -45,6 +36,11 @@ TEST(UserGraphBuilderTest, CountsAddUpAcrossSessions) {
   second.customEventCounts = {{"jump", 5}, {"duck", 1}};
 
   QEVUserGraphBuilder builder(kUserId, kCreatedAt);
+  QEVUserGraph expectedEmpty;
+  expectedEmpty.userId = kUserId;
+  expectedEmpty.createdAt = kCreatedAt;
+  expectedEmpty.updatedAt = kCreatedAt;
+  EXPECT_EQ(builder.build(), expectedEmpty);
   builder.merge(first);
   builder.merge(second);
   builder.merge(QEVSessionGraph{});
@@ -68,7 +64,8 @@ TEST(UserGraphBuilderTest, AverageCountsOnlySessionsWithADuration) {
   };
   for (const Case& c : cases) {
     QEVUserGraphBuilder builder(kUserId, kCreatedAt);
-    for (const QEVSessionGraph& s : c.sessions) builder.merge(s);
+    for (const QEVSessionGraph& s : c.sessions)
+      builder.merge(s);
     const QEVUserGraph graph = builder.build();
     EXPECT_EQ(graph.averageSessionDuration, c.average);
     EXPECT_EQ(graph.totalSessions, static_cast<std::int64_t>(c.sessions.size()));
@@ -86,17 +83,24 @@ TEST(UserGraphBuilderTest, LastSeenAndUpdatedOnlyMoveForward) {
       {"ended wins over started", {session(1500, 1800)}, QEVRDate{1800}, QEVRDate{1800}},
       {"started when not ended", {session(1500, std::nullopt)}, QEVRDate{1500}, QEVRDate{1500}},
       {"no dates", {session(std::nullopt, std::nullopt)}, std::nullopt, kCreatedAt},
-      {"older session later", {session(1500, 2000), session(1100, 1200)}, QEVRDate{2000},
+      {"older session later",
+       {session(1500, 2000), session(1100, 1200)},
+       QEVRDate{2000},
        QEVRDate{2000}},
       {"before creation", {session(100, 200)}, QEVRDate{200}, kCreatedAt},
-      {"before creation, then older", {session(100, 200), session(std::nullopt, 150)},
-       QEVRDate{200}, kCreatedAt},
-      {"undated after dated", {session(1500, 1600), session(std::nullopt, std::nullopt)},
-       QEVRDate{1600}, QEVRDate{1600}},
+      {"before creation, then older",
+       {session(100, 200), session(std::nullopt, 150)},
+       QEVRDate{200},
+       kCreatedAt},
+      {"undated after dated",
+       {session(1500, 1600), session(std::nullopt, std::nullopt)},
+       QEVRDate{1600},
+       QEVRDate{1600}},
   };
   for (const Case& c : cases) {
     QEVUserGraphBuilder builder(kUserId, kCreatedAt);
-    for (const QEVSessionGraph& s : c.sessions) builder.merge(s);
+    for (const QEVSessionGraph& s : c.sessions)
+      builder.merge(s);
     const QEVUserGraph graph = builder.build();
     EXPECT_EQ(graph.lastSeenAt, c.lastSeenAt) << c.name;
     EXPECT_EQ(graph.updatedAt, c.updatedAt) << c.name;
