@@ -30,7 +30,8 @@ BENCHMARK(BM_LoggerPassingCall);
 void BM_FormattedLine(benchmark::State& state) {
   QEVRLogRecord record{QEVRDate{791543100}, QEVRLogLevel::info, "QEVRCore", "Lifecycle",
                        "SDK started"};
-  for (auto _ : state) benchmark::DoNotOptimize(record.formattedLine());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(record.formattedLine());
 }
 BENCHMARK(BM_FormattedLine);
 

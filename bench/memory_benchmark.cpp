@@ -32,9 +32,7 @@ namespace {
 
 class SilentSink final : public qevr::LogSink {
  public:
-  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override {
-    return false;
-  }
+  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override { return false; }
   void write(std::string_view, std::string_view, qevr::LogType, std::string_view) override {}
 };
 
@@ -106,9 +104,11 @@ void BM_IntelligenceSnapshot100Sessions(benchmark::State& state) {
     g.startedAt = QEVRDate{1000.0 * i};
     g.endedAt = QEVRDate{1000.0 * i + 300};
     g.eventCount = 250;
-    for (int s = 0; s < 40; ++s) g.screenSequence.push_back("Screen " + std::to_string(s % 12));
+    for (int s = 0; s < 40; ++s)
+      g.screenSequence.push_back("Screen " + std::to_string(s % 12));
     for (int e = 0; e < 12; ++e) {
-      g.navigationEdges.push_back({"Screen " + std::to_string(e), "Screen " + std::to_string(e + 1), e + 1});
+      g.navigationEdges.push_back(
+          {"Screen " + std::to_string(e), "Screen " + std::to_string(e + 1), e + 1});
     }
     for (int c = 0; c < 10; ++c) {
       g.componentInteractions.push_back({"button_" + std::to_string(c), "Screen 1", c, 1});
@@ -116,7 +116,8 @@ void BM_IntelligenceSnapshot100Sessions(benchmark::State& state) {
     g.customEventCounts = {{"level_completed", 3}, {"item_bought", 1}};
     store.saveSessionGraph(g);
   }
-  for (auto _ : state) benchmark::DoNotOptimize(intelligenceSnapshot(store));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(intelligenceSnapshot(store));
   std::error_code ignored;
   fs::remove_all(dir, ignored);
 }

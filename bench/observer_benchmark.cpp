@@ -30,8 +30,12 @@ void* operator new(std::size_t size) {
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
 
 namespace {
 
@@ -42,9 +46,7 @@ const QEVObserverMetadata kMetadata{{"score", 1200}, {"accuracy", 0.875}, {"mode
 // Refused calls log a line; a host's log pipeline is not what is measured.
 class SilentSink final : public qevr::LogSink {
  public:
-  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override {
-    return false;
-  }
+  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override { return false; }
   void write(std::string_view, std::string_view, qevr::LogType, std::string_view) override {}
 };
 
@@ -85,9 +87,10 @@ template <typename Call>
 void runCalls(benchmark::State& state, Mode mode, Call call) {
   ObserverSetup setup(mode);
   const std::uint64_t before = allocations.load();
-  for (auto _ : state) benchmark::DoNotOptimize(call());
-  state.counters["allocs"] = benchmark::Counter(
-      static_cast<double>(allocations.load() - before) / static_cast<double>(state.iterations()));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(call());
+  state.counters["allocs"] = benchmark::Counter(static_cast<double>(allocations.load() - before) /
+                                                static_cast<double>(state.iterations()));
 }
 
 void BM_Track(benchmark::State& state) {
@@ -103,8 +106,8 @@ void BM_ScreenViewNonAscii(benchmark::State& state) {
 BENCHMARK(BM_ScreenViewNonAscii)->ArgName("mode")->Arg(0)->Arg(1)->Arg(2);
 
 void BM_BaselineVectorAppendUnderMutex(benchmark::State& state) {
-  auto event = QEVObserverEvent::custom(kAsciiName, QEVRUUID::random(), QEVRDate{},
-                                        std::nullopt, std::nullopt, std::nullopt, kMetadata);
+  auto event = QEVObserverEvent::custom(kAsciiName, QEVRUUID::random(), QEVRDate{}, std::nullopt,
+                                        std::nullopt, std::nullopt, kMetadata);
   std::mutex mutex;
   std::vector<QEVObserverEvent> events;
   events.reserve(1 << 16);
@@ -114,8 +117,8 @@ void BM_BaselineVectorAppendUnderMutex(benchmark::State& state) {
     if (events.size() == events.capacity()) events.clear();  // keep memory flat
     events.push_back(event);
   }
-  state.counters["allocs"] = benchmark::Counter(
-      static_cast<double>(allocations.load() - before) / static_cast<double>(state.iterations()));
+  state.counters["allocs"] = benchmark::Counter(static_cast<double>(allocations.load() - before) /
+                                                static_cast<double>(state.iterations()));
 }
 BENCHMARK(BM_BaselineVectorAppendUnderMutex);
 

@@ -62,7 +62,8 @@ std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::closeLocked(QEVRDate cl
     chunk->eventCount = static_cast<std::int64_t>(activeEvents.size());
     chunk->schemaVersion = schemaVersion;
     chunk->events.reserve(activeEvents.size());
-    for (auto& e : activeEvents) chunk->events.push_back(std::move(e));
+    for (auto& e : activeEvents)
+      chunk->events.push_back(std::move(e));
   }
   activeChunkId.reset();
   activeSessionId.reset();

@@ -28,7 +28,8 @@ void encodeCounts(Writer& writer, std::string_view key, const CountMap& counts) 
 
 CountMap decodeCounts(const Decoder& decoder) {
   CountMap counts;
-  for (const auto& [name, value] : decoder.members()) counts[name] = value.asInt64();
+  for (const auto& [name, value] : decoder.members())
+    counts[name] = value.asInt64();
   return counts;
 }
 
@@ -60,8 +61,9 @@ std::string redactedSnapshotText(std::string_view text) {
 }
 
 QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store, std::stop_token stop) {
-  auto sessionsTask = qevr::childTask(qevr::TaskPriority::utility, stop,
-                                      [&store](std::stop_token s) { return store.loadSessionGraphs(s); });
+  auto sessionsTask =
+      qevr::childTask(qevr::TaskPriority::utility, stop,
+                      [&store](std::stop_token s) { return store.loadSessionGraphs(s); });
   auto userTask = qevr::childTask(qevr::TaskPriority::utility, stop,
                                   [&store](std::stop_token s) { return store.loadUserGraph(s); });
   // Wait for both before rethrowing, so no child outlives `store`.
@@ -71,10 +73,9 @@ QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store, std::s
   std::optional<QEVUserGraph> user = userTask.value();
   qevr::checkCancellation(stop);
 
-  std::stable_sort(sessions.begin(), sessions.end(),
-                   [](const QEVSessionGraph& a, const QEVSessionGraph& b) {
-                     return sortKey(a) > sortKey(b);
-                   });
+  std::stable_sort(
+      sessions.begin(), sessions.end(),
+      [](const QEVSessionGraph& a, const QEVSessionGraph& b) { return sortKey(a) > sortKey(b); });
   const size_t recentCount = std::min(sessions.size(), kRecentSessions);
 
   QEVMemoryIntelligenceSnapshot snapshot;
@@ -118,7 +119,8 @@ QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store, std::s
     snapshot.timeWindowEnd = user->lastSeenAt ? user->lastSeenAt : latestEnd;
   } else {
     snapshot.totalSessions = static_cast<std::int64_t>(sessions.size());
-    for (const QEVSessionGraph& graph : sessions) snapshot.totalEvents += graph.eventCount;
+    for (const QEVSessionGraph& graph : sessions)
+      snapshot.totalEvents += graph.eventCount;
     snapshot.timeWindowStart = earliestStart;
     snapshot.timeWindowEnd = latestEnd;
   }
@@ -142,7 +144,8 @@ void QEVMemoryIntelligenceSnapshot::encode(Writer& writer) const {
   encodeCounts(writer, "recentNavigationPatterns", recentNavigationPatterns);
   writer.key("recentScreenSequences");
   writer.beginArray();
-  for (const auto& line : recentScreenSequences) writer.string(line);
+  for (const auto& line : recentScreenSequences)
+    writer.string(line);
   writer.endArray();
   if (timeWindowStart) {
     writer.key("timeWindowStart");
@@ -165,7 +168,8 @@ QEVMemoryIntelligenceSnapshot QEVMemoryIntelligenceSnapshot::decode(const Decode
   if (auto d = decoder.optional("averageSessionDuration")) s.averageSessionDuration = d->asDouble();
   s.recentNavigationPatterns = decodeCounts(decoder["recentNavigationPatterns"]);
   const Decoder lines = decoder["recentScreenSequences"];
-  for (size_t i = 0; i < lines.size(); ++i) s.recentScreenSequences.push_back(lines.at(i).asString());
+  for (size_t i = 0; i < lines.size(); ++i)
+    s.recentScreenSequences.push_back(lines.at(i).asString());
   if (auto d = decoder.optional("timeWindowStart")) s.timeWindowStart = d->asDate();
   if (auto d = decoder.optional("timeWindowEnd")) s.timeWindowEnd = d->asDate();
   return s;

@@ -37,8 +37,7 @@ std::shared_ptr<QEVMemoryStore> QEVMemoryRuntime::diagnosticsStoreOverride() con
 namespace QEVMemoryIntegration {
 
 std::shared_ptr<QEVFileMemoryStore> makeDefaultStore() {
-  return std::make_shared<QEVFileMemoryStore>(std::nullopt,
-                                              qevr::FileSystem::defaultFileSystem(),
+  return std::make_shared<QEVFileMemoryStore>(std::nullopt, qevr::FileSystem::defaultFileSystem(),
                                               std::make_shared<QEVLZFSECompressionEngine>());
 }
 
@@ -69,10 +68,11 @@ QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore
                                  std::shared_ptr<QEVMemoryStore> givenStore,
                                  std::shared_ptr<QEVMemoryChunkWriter> givenWriter,
                                  std::shared_ptr<const QEVMemoryPruner> givenPruner)
-    : QEVMemoryModule(std::move(eventStore),
-                      givenStore || givenWriter || givenPruner
-                          ? Stack{std::move(givenStore), std::move(givenWriter), std::move(givenPruner)}
-                          : defaultStack()) {}
+    : QEVMemoryModule(
+          std::move(eventStore),
+          givenStore || givenWriter || givenPruner
+              ? Stack{std::move(givenStore), std::move(givenWriter), std::move(givenPruner)}
+              : defaultStack()) {}
 
 QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack)
     : events(std::move(eventStore)),
@@ -90,8 +90,7 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
     // module saves chunks exactly as after its first start.
     if (chunkWriter) chunkWriter->reopen();
     pipeline = std::make_shared<QEVMemoryPipeline>(
-        events, chunkWriter, memoryStore,
-        [context](QEVRBackgroundOperation operation) {
+        events, chunkWriter, memoryStore, [context](QEVRBackgroundOperation operation) {
           return context.submitBackgroundWork(std::move(operation));
         });
   }
@@ -163,18 +162,19 @@ auto runAsync(F body) {
   using R = decltype(body(std::stop_token{}));
   auto promise = std::make_shared<std::promise<R>>();
   auto future = promise->get_future();
-  qevr::detachTask(qevr::TaskPriority::utility, [promise, body = std::move(body)](std::stop_token stop) {
-    try {
-      if constexpr (std::is_void_v<R>) {
-        body(stop);
-        promise->set_value();
-      } else {
-        promise->set_value(body(stop));
-      }
-    } catch (...) {
-      promise->set_exception(std::current_exception());
-    }
-  });
+  qevr::detachTask(qevr::TaskPriority::utility,
+                   [promise, body = std::move(body)](std::stop_token stop) {
+                     try {
+                       if constexpr (std::is_void_v<R>) {
+                         body(stop);
+                         promise->set_value();
+                       } else {
+                         promise->set_value(body(stop));
+                       }
+                     } catch (...) {
+                       promise->set_exception(std::current_exception());
+                     }
+                   });
   return future;
 }
 
@@ -182,7 +182,9 @@ auto runAsync(F body) {
 
 namespace QEVR::Memory {
 
-QEVMemoryOptions options() { return QEVMemoryRuntime::shared().activeOptions(); }
+QEVMemoryOptions options() {
+  return QEVMemoryRuntime::shared().activeOptions();
+}
 
 void configure(const QEVMemoryOptions& newOptions) {
   QEVMemoryRuntime::shared().setActiveOptions(newOptions);
@@ -192,8 +194,9 @@ QEVMemoryStats memoryStats(std::stop_token stop) {
   std::shared_ptr<QEVMemoryStore> store = resolveStore();
   auto chunks = qevr::childTask(qevr::TaskPriority::utility, stop,
                                 [store](std::stop_token s) { return store->loadEventChunks(s); });
-  auto sessions = qevr::childTask(qevr::TaskPriority::utility, stop,
-                                  [store](std::stop_token s) { return store->loadSessionGraphs(s); });
+  auto sessions = qevr::childTask(qevr::TaskPriority::utility, stop, [store](std::stop_token s) {
+    return store->loadSessionGraphs(s);
+  });
   auto user = qevr::childTask(qevr::TaskPriority::utility, stop,
                               [store](std::stop_token s) { return store->loadUserGraph(s); });
   auto usage = qevr::childTask(qevr::TaskPriority::utility, stop, [store](std::stop_token s) {

@@ -15,8 +15,7 @@ constexpr std::array<std::string_view, 8> kTypeRawValues = {
     "screenView", "screenDisappear", "navigation", "gesture",
     "buttonTap",  "sessionStart",    "sessionEnd", "custom"};
 
-constexpr std::array<std::string_view, 5> kValueTypes = {"string", "int", "double", "bool",
-                                                         "date"};
+constexpr std::array<std::string_view, 5> kValueTypes = {"string", "int", "double", "bool", "date"};
 
 bool hasUsableName(const QEVObserverMetadata& metadata) {
   auto it = metadata.find("name");
@@ -215,7 +214,8 @@ QEVObserverMetadata metadata(const QEVObserverMetadata& raw) {
     if (key.empty()) throw QEVObserverEventInputValidationError::emptyMetadataKey();
     if (tooLong(key)) throw QEVObserverEventInputValidationError::metadataKeyTooLong(key);
     if (const std::string* text = value.stringValue()) {
-      result.insert_or_assign(std::move(key), QEVObserverMetadataValue(qevr::text::hostText(*text)));
+      result.insert_or_assign(std::move(key),
+                              QEVObserverMetadataValue(qevr::text::hostText(*text)));
     } else {
       result.insert_or_assign(std::move(key), value);
     }

@@ -18,7 +18,8 @@ void QEVObserverEventDispatcher::dispatch(QEVObserverEvent event,
   if (!plan.event.sessionId() && plan.sessionId) {
     plan.event = std::move(plan.event).withSessionId(plan.sessionId);
   }
-  for (const auto& [id, sink] : *plan.sinks) sink->receive(plan.event);
+  for (const auto& [id, sink] : *plan.sinks)
+    sink->receive(plan.event);
 }
 
 QEVObserverEventDispatcher::State QEVObserverEventDispatcher::state() const {

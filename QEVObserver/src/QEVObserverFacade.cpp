@@ -105,7 +105,9 @@ auto noUpdate = [](const QEVObserverEvent&) { return [](const QEVObserverRuntime
 
 namespace QEVR::Observer {
 
-QEVObserverPrivacyOptions privacyOptions() { return QEVObserverRuntime::shared().privacyOptions(); }
+QEVObserverPrivacyOptions privacyOptions() {
+  return QEVObserverRuntime::shared().privacyOptions();
+}
 
 void configure(const QEVObserverPrivacyOptions& options) {
   QEVObserverRuntime::shared().configure(options);
@@ -231,7 +233,9 @@ bool gesture(QEVGestureType type, std::optional<std::string_view> componentId,
 namespace QEVObserverViewHelpers {
 
 namespace {
-bool helpersAllowed() { return QEVObserverRuntime::shared().privacyOptions().allowSwiftUIHelpers; }
+bool helpersAllowed() {
+  return QEVObserverRuntime::shared().privacyOptions().allowSwiftUIHelpers;
+}
 }  // namespace
 
 void screenAppeared(std::string_view screenName) {

@@ -53,8 +53,10 @@ void QEVObserverModule::shutdown() {
   }
   if (auto ended = sessions->endSession(qevr::now())) {
     QEVObserverMetadata metadata{{"startedAt", QEVObserverMetadataValue(ended->startedAt)}};
-    if (ended->endedAt) metadata.insert_or_assign("endedAt", QEVObserverMetadataValue(*ended->endedAt));
-    if (ended->duration) metadata.insert_or_assign("duration", QEVObserverMetadataValue(*ended->duration));
+    if (ended->endedAt)
+      metadata.insert_or_assign("endedAt", QEVObserverMetadataValue(*ended->endedAt));
+    if (ended->duration)
+      metadata.insert_or_assign("duration", QEVObserverMetadataValue(*ended->duration));
     try {
       QEVObserverEvent event(QEVRUUID::random(), QEVObserverEventType::sessionEnd, qevr::now(),
                              ended->id, std::nullopt, std::nullopt, std::move(metadata));
@@ -124,7 +126,9 @@ void QEVObserverRuntime::removeEventSink(const QEVRUUID& identifier) {
 
 namespace QEVObserverIntegration {
 
-std::shared_ptr<QEVRModule> makeModule() { return std::make_shared<QEVObserverModule>(); }
+std::shared_ptr<QEVRModule> makeModule() {
+  return std::make_shared<QEVObserverModule>();
+}
 
 std::optional<QEVRUUID> registerEventSink(std::shared_ptr<QEVObserverEventSink> sink) {
   return QEVObserverRuntime::shared().registerEventSink(std::move(sink));

@@ -16,7 +16,8 @@ QEVObserverSession::QEVObserverSession(QEVRUUID sessionId, QEVRDate started,
                                        std::optional<QEVRDate> ended)
     : id(sessionId), startedAt(started), endedAt(ended) {
   if (endedAt) {
-    duration = std::max(0.0, endedAt->secondsSinceReferenceDate - startedAt.secondsSinceReferenceDate);
+    duration =
+        std::max(0.0, endedAt->secondsSinceReferenceDate - startedAt.secondsSinceReferenceDate);
   }
 }
 

@@ -1,6 +1,6 @@
-#include <QEVR/QEVR.h>
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverModule.h>
+#include <QEVR/QEVR.h>
 
 #include <functional>
 #include <memory>

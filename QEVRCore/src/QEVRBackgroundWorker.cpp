@@ -35,25 +35,24 @@ std::optional<QEVRBackgroundTaskIdentifier> QEVRBackgroundWorker::submit(
   }
 
   std::weak_ptr<QEVRBackgroundWorker> weakSelf = weak_from_this();
-  auto task = qevr::detachTask(
-      taskPriorityFor(priority),
-      [weakSelf, id, op = std::move(operation)](std::stop_token stop) {
-        // The worker is held only for the checks, never while `op` runs, so
-        // a running task does not keep a dropped worker alive.
-        bool live = false;
-        if (auto self = weakSelf.lock()) live = self->isLive(id);
-        if (live && !stop.stop_requested()) {
-          try {
-            op(stop);
-          } catch (...) {
-            // Background errors are dropped without a log line.
-          }
-        }
-        if (auto self = weakSelf.lock()) {
-          qevr::MutexLock guard(self->lock);
-          self->tasks.erase(id);
-        }
-      });
+  auto task = qevr::detachTask(taskPriorityFor(priority),
+                               [weakSelf, id, op = std::move(operation)](std::stop_token stop) {
+                                 // The worker is held only for the checks, never while `op` runs,
+                                 // so a running task does not keep a dropped worker alive.
+                                 bool live = false;
+                                 if (auto self = weakSelf.lock()) live = self->isLive(id);
+                                 if (live && !stop.stop_requested()) {
+                                   try {
+                                     op(stop);
+                                   } catch (...) {
+                                     // Background errors are dropped without a log line.
+                                   }
+                                 }
+                                 if (auto self = weakSelf.lock()) {
+                                   qevr::MutexLock guard(self->lock);
+                                   self->tasks.erase(id);
+                                 }
+                               });
 
   bool registered = false;
   {
@@ -88,7 +87,8 @@ void QEVRBackgroundWorker::shutdown() {
     }
     tasks.clear();
   }
-  for (const auto& cancel : cancels) cancel();
+  for (const auto& cancel : cancels)
+    cancel();
 }
 
 bool QEVRBackgroundWorker::isShutDown() const {

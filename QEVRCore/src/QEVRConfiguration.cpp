@@ -65,9 +65,15 @@ std::string_view labelOf(QEVRLogLevel level) {
   return "OFF";
 }
 
-std::string_view caseNameOf(QEVREnvironment value) { return nameIn(kEnvironments, value); }
-std::string_view caseNameOf(QEVRLogLevel value) { return nameIn(kLogLevels, value); }
-std::string_view caseNameOf(QEVRLifecycleState value) { return nameIn(kLifecycleStates, value); }
+std::string_view caseNameOf(QEVREnvironment value) {
+  return nameIn(kEnvironments, value);
+}
+std::string_view caseNameOf(QEVRLogLevel value) {
+  return nameIn(kLogLevels, value);
+}
+std::string_view caseNameOf(QEVRLifecycleState value) {
+  return nameIn(kLifecycleStates, value);
+}
 
 void encodeJSON(Writer& writer, QEVREnvironment value) {
   qevr::json::encodeKeyedEnum(writer, caseNameOf(value));

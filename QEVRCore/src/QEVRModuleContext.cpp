@@ -18,12 +18,13 @@ bool QEVRModuleContext::submitBackgroundWork(QEVRBackgroundOperation operation) 
   } catch (const QEVRDependencyError&) {
     // The container was emptied (the system stopped): run untracked, as
     // nothing is left to track or cancel it.
-    qevr::detachTask(qevr::TaskPriority::utility, [op = std::move(operation)](std::stop_token stop) {
-      try {
-        op(stop);
-      } catch (...) {
-      }
-    });
+    qevr::detachTask(qevr::TaskPriority::utility,
+                     [op = std::move(operation)](std::stop_token stop) {
+                       try {
+                         op(stop);
+                       } catch (...) {
+                       }
+                     });
     return true;
   }
   return worker->submit(QEVRBackgroundPriority::medium, std::move(operation)).has_value();

@@ -39,7 +39,8 @@ void QEVRModuleRegistry::startAll(const QEVRModuleContext& context) {
     try {
       module->start(context);
     } catch (...) {
-      for (auto it = started.rbegin(); it != started.rend(); ++it) (*it)->shutdown();
+      for (auto it = started.rbegin(); it != started.rend(); ++it)
+        (*it)->shutdown();
       throw;
     }
     started.push_back(module.get());
@@ -47,14 +48,17 @@ void QEVRModuleRegistry::startAll(const QEVRModuleContext& context) {
 }
 
 void QEVRModuleRegistry::pauseAll() {
-  for (const auto& module : registeredModules()) module->pause();
+  for (const auto& module : registeredModules())
+    module->pause();
 }
 
 void QEVRModuleRegistry::resumeAll() {
-  for (const auto& module : registeredModules()) module->resume();
+  for (const auto& module : registeredModules())
+    module->resume();
 }
 
 void QEVRModuleRegistry::shutdownAll() {
   const auto snapshot = registeredModules();
-  for (auto it = snapshot.rbegin(); it != snapshot.rend(); ++it) (*it)->shutdown();
+  for (auto it = snapshot.rbegin(); it != snapshot.rend(); ++it)
+    (*it)->shutdown();
 }

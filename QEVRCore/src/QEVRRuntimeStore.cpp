@@ -118,7 +118,9 @@ bool QEVRRuntimeStore::isRunning() const {
   return coordinator.state() == QEVRLifecycleState::running;
 }
 
-QEVRLifecycleState QEVRRuntimeStore::lifecycleState() const { return coordinator.state(); }
+QEVRLifecycleState QEVRRuntimeStore::lifecycleState() const {
+  return coordinator.state();
+}
 
 std::shared_ptr<QEVRBackgroundWorker> QEVRRuntimeStore::backgroundWorker() const {
   qevr::MutexLock guard(lock);
@@ -132,13 +134,23 @@ std::optional<QEVRRuntimeState> QEVRRuntimeStore::runtimeState() const {
 
 namespace QEVR {
 
-bool isRunning() { return QEVRRuntimeStore::shared().isRunning(); }
-QEVRLifecycleState lifecycleState() { return QEVRRuntimeStore::shared().lifecycleState(); }
+bool isRunning() {
+  return QEVRRuntimeStore::shared().isRunning();
+}
+QEVRLifecycleState lifecycleState() {
+  return QEVRRuntimeStore::shared().lifecycleState();
+}
 void start(const QEVRConfiguration& configuration) {
   QEVRRuntimeStore::shared().start(configuration);
 }
-void pause() { QEVRRuntimeStore::shared().pause(); }
-void resume() { QEVRRuntimeStore::shared().resume(); }
-void shutdown() { QEVRRuntimeStore::shared().shutdown(); }
+void pause() {
+  QEVRRuntimeStore::shared().pause();
+}
+void resume() {
+  QEVRRuntimeStore::shared().resume();
+}
+void shutdown() {
+  QEVRRuntimeStore::shared().shutdown();
+}
 
 }  // namespace QEVR

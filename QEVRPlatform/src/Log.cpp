@@ -24,7 +24,9 @@ SinkSlot& slot() {
 
 }  // namespace
 
-bool LogSink::isEnabled(std::string_view, std::string_view, LogType) const { return true; }
+bool LogSink::isEnabled(std::string_view, std::string_view, LogType) const {
+  return true;
+}
 
 std::shared_ptr<LogSink> currentLogSink() {
   SinkSlot& s = slot();
@@ -50,8 +52,8 @@ void platformLog(std::string_view subsystem, std::string_view category, LogType 
   sink->write(subsystem, category, type, text);
 }
 
-void CapturingLogSink::write(std::string_view subsystem, std::string_view category,
-                             LogType type, std::string_view text) {
+void CapturingLogSink::write(std::string_view subsystem, std::string_view category, LogType type,
+                             std::string_view text) {
   MutexLock guard(lock);
   lines.push_back(Entry{std::string(subsystem), std::string(category), type, std::string(text)});
 }
@@ -65,7 +67,8 @@ std::vector<std::string> CapturingLogSink::texts() const {
   MutexLock guard(lock);
   std::vector<std::string> out;
   out.reserve(lines.size());
-  for (const Entry& e : lines) out.push_back(e.text);
+  for (const Entry& e : lines)
+    out.push_back(e.text);
   return out;
 }
 
@@ -88,6 +91,8 @@ ScopedLogSink::ScopedLogSink(std::shared_ptr<LogSink> sink) : previous(currentLo
   setLogSink(std::move(sink));
 }
 
-ScopedLogSink::~ScopedLogSink() { setLogSink(std::move(previous)); }
+ScopedLogSink::~ScopedLogSink() {
+  setLogSink(std::move(previous));
+}
 
 }  // namespace qevr

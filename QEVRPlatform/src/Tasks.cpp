@@ -8,7 +8,9 @@
 #include <thread>
 #include <vector>
 
-const char* QEVRCancellationError::what() const noexcept { return "CancellationError"; }
+const char* QEVRCancellationError::what() const noexcept {
+  return "CancellationError";
+}
 
 namespace qevr {
 
@@ -77,7 +79,8 @@ class Pool {
       workers.emplace_back([this] { workerLoop(); });
     }
     // The pool lives as long as the process; its threads are never joined.
-    for (auto& t : workers) t.detach();
+    for (auto& t : workers)
+      t.detach();
   }
 
   // Requires: lock held. Highest priority first, FIFO within a priority.
@@ -130,13 +133,21 @@ class Pool {
 
 namespace detail {
 
-void enqueue(std::shared_ptr<TaskStateBase> state) { Pool::shared().enqueue(std::move(state)); }
-void waitFor(const TaskStateBase& state) { Pool::shared().waitFor(state); }
-bool isFinished(const TaskStateBase& state) { return Pool::shared().isFinished(state); }
+void enqueue(std::shared_ptr<TaskStateBase> state) {
+  Pool::shared().enqueue(std::move(state));
+}
+void waitFor(const TaskStateBase& state) {
+  Pool::shared().waitFor(state);
+}
+bool isFinished(const TaskStateBase& state) {
+  return Pool::shared().isFinished(state);
+}
 
 }  // namespace detail
 
-unsigned taskPoolSize() { return Pool::shared().size(); }
+unsigned taskPoolSize() {
+  return Pool::shared().size();
+}
 
 bool waitForBackgroundIdle(std::chrono::milliseconds timeout) {
   return Pool::shared().waitForIdle(timeout);

@@ -68,7 +68,8 @@ TEST_F(MemoryModuleTest, EventsTravelFromTheObserverToDiskAndBackAsASnapshot) {
   start();
   ASSERT_FALSE(memory->isMemoryOnly());
   Observer::screenView("Home", {});
-  for (int i = 0; i < 99; ++i) Observer::buttonTap("play", std::nullopt, {{"n", i}});
+  for (int i = 0; i < 99; ++i)
+    Observer::buttonTap("play", std::nullopt, {{"n", i}});
   // 100 events: one chunk is closed and saved while the session goes on.
   Observer::navigation("Home", "Settings/Profile", {});
   Observer::track("level_completed", {{"password", "x"}, {"score", 3}});
@@ -86,7 +87,8 @@ TEST_F(MemoryModuleTest, EventsTravelFromTheObserverToDiskAndBackAsASnapshot) {
   size_t total = 0;
   for (const auto& chunk : chunks) {
     total += chunk.events.size();
-    for (const auto& event : chunk.events) EXPECT_EQ(event.metadata.count("password"), 0u);
+    for (const auto& event : chunk.events)
+      EXPECT_EQ(event.metadata.count("password"), 0u);
   }
   EXPECT_EQ(total, 102u);
 
@@ -225,8 +227,8 @@ TEST_F(SnapshotTest, RecentFieldsUseTheFiveLatestSessionsAndRedact) {
     e.count = i;
     store->saveSessionGraph(session(100.0 * i, {"S" + std::to_string(i), "  "}, {e}));
   }
-  store->saveSessionGraph(session(1e6, {"mail me: ann@example.com", "+1 (555) 123-4567"},
-                                  {{"a@b.io", "Home", 2}}));
+  store->saveSessionGraph(
+      session(1e6, {"mail me: ann@example.com", "+1 (555) 123-4567"}, {{"a@b.io", "Home", 2}}));
   QEVSessionGraph undated = session(0, {"Old"});
   undated.startedAt.reset();
   undated.endedAt.reset();

@@ -188,7 +188,8 @@ TEST_F(PipelineTest, EmptySessionAtShutdownWritesNoGraphs) {
 
 TEST_F(PipelineTest, MemoryOnlyPipelineStillCompletesSessions) {
   QEVMemoryPipeline pipeline(events, nullptr, nullptr, nullptr);
-  auto completed = pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{1}, QEVRUUID::random()));
+  auto completed =
+      pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{1}, QEVRUUID::random()));
   ASSERT_TRUE(completed.has_value());
   pipeline.persist(completed);  // nowhere to write: nothing happens
   EXPECT_EQ(completed->userGraph.totalEvents, 1);

@@ -20,7 +20,8 @@ QEVObserverEvent make(Type type, QEVObserverMetadata metadata,
 
 std::string repeat(std::string_view unit, size_t n) {
   std::string s;
-  for (size_t i = 0; i < n; ++i) s += unit;
+  for (size_t i = 0; i < n; ++i)
+    s += unit;
   return s;
 }
 
@@ -141,10 +142,10 @@ TEST(ObserverSanitizationTest, SensitiveKeysAreDroppedInAnyCaseAndPosition) {
 
 TEST(ObserverSanitizationTest, TextsAreBoundedTo1024Characters) {
   const std::string emoji = "\U0001F1EB\U0001F1F7";  // a flag: one cluster, 8 bytes
-  auto event = make(Type::buttonTap,
-                    {{"long", repeat("x", 2000)}, {"flags", repeat(emoji, 2000)}, {"blank", "   "},
-                     {"n", 5}},
-                    repeat("c", 1500), std::string("  "));
+  auto event = make(
+      Type::buttonTap,
+      {{"long", repeat("x", 2000)}, {"flags", repeat(emoji, 2000)}, {"blank", "   "}, {"n", 5}},
+      repeat("c", 1500), std::string("  "));
   auto clean = event.sanitized();
   ASSERT_TRUE(clean.has_value());
   EXPECT_EQ(clean->metadata().at("long").stringValue()->size(), 1024u);

@@ -28,7 +28,8 @@ class CollectingSink : public QEVObserverEventSink {
   }
   std::vector<Type> types() const {
     std::vector<Type> out;
-    for (const auto& e : all()) out.push_back(e.type());
+    for (const auto& e : all())
+      out.push_back(e.type());
     return out;
   }
 
@@ -123,7 +124,8 @@ TEST_F(ObserverFacadeTest, EventsCarryTheSessionTheScreenAndSanitisedMetadata) {
   EXPECT_TRUE(Observer::track("score", {{"password", "x"}, {"points", 10}}));
   auto events = sink->all();
   ASSERT_EQ(events.size(), 3u);
-  for (const auto& e : events) EXPECT_EQ(e.sessionId(), session->id);
+  for (const auto& e : events)
+    EXPECT_EQ(e.sessionId(), session->id);
   EXPECT_EQ(events[0].screenName(), "Home");
   EXPECT_EQ(events[1].screenName(), "Home");  // filled from the screen tracker
   EXPECT_EQ(*events[1].metadata().at("title").stringValue(), "mine");  // blank title: kept
@@ -255,7 +257,8 @@ TEST_F(ObserverFacadeTest, ConcurrentCallsDuringLifecycleChanges) {
     QEVR::shutdown();
   }
   stop = true;
-  for (auto& h : hosts) h.join();
+  for (auto& h : hosts)
+    h.join();
   EXPECT_FALSE(Observer::track("after", {}));
   EXPECT_EQ(module->dispatcher()->sinkCount(), 0u);
 }

@@ -29,7 +29,8 @@ TEST(SessionTrackerTest, StartIsIdempotentAndEndRecordsTheSession) {
 }
 
 TEST(SessionTrackerTest, SessionJsonKeepsDurationAsRead) {
-  const char* json = R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","startedAt":3,"duration":9.5})";
+  const char* json =
+      R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","startedAt":3,"duration":9.5})";
   const qevr::json::Value v = qevr::json::parse(json);
   auto session = QEVObserverSession::decode(qevr::json::Decoder(v));
   EXPECT_EQ(session.duration, 9.5);
@@ -52,7 +53,8 @@ TEST(DiagnosticProviderTest, ReportsScreenWithoutSession) {
 }
 
 TEST(GestureTypeTest, RawValuesRoundTrip) {
-  for (QEVGestureType t : allGestureTypes) EXPECT_EQ(gestureTypeFromRawValue(rawValueOf(t)), t);
+  for (QEVGestureType t : allGestureTypes)
+    EXPECT_EQ(gestureTypeFromRawValue(rawValueOf(t)), t);
   EXPECT_FALSE(gestureTypeFromRawValue("Tap").has_value());
 }
 
@@ -63,8 +65,8 @@ class CollectingSink : public QEVObserverEventSink {
 };
 
 QEVObserverEvent tap(std::optional<QEVRUUID> session = std::nullopt) {
-  return QEVObserverEvent(QEVRUUID::random(), QEVObserverEventType::buttonTap, QEVRDate{3},
-                          session, std::nullopt, "ok", {{"k", 1}});
+  return QEVObserverEvent(QEVRUUID::random(), QEVObserverEventType::buttonTap, QEVRDate{3}, session,
+                          std::nullopt, "ok", {{"k", 1}});
 }
 
 TEST(DispatcherTest, SendsOnlyInAllowedStatesAndStampsTheSession) {

@@ -28,10 +28,12 @@ namespace fs = std::filesystem;
 namespace {
 
 pid_t spawnSimulation(const fs::path& dataDir, unsigned seed) {
-  std::vector<std::string> args = {QEVR_TOOL_PATH, "simulate", "--data-dir", dataDir.string(),
-                                   "--events",     "1000000000", "--seed",   std::to_string(seed)};
+  std::vector<std::string> args = {QEVR_TOOL_PATH,   "simulate",          "--data-dir",
+                                   dataDir.string(), "--events",          "1000000000",
+                                   "--seed",         std::to_string(seed)};
   std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
+  for (auto& a : args)
+    argv.push_back(a.data());
   argv.push_back(nullptr);
   pid_t pid = -1;
   if (::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;

@@ -63,7 +63,8 @@ TEST(BackgroundWorkerTest, ShutdownCancelsRunningWorkWithoutWaiting) {
   ASSERT_TRUE(worker->submit(QEVRBackgroundPriority::medium, [&](std::stop_token stop) {
     started.open();
     // Runs until cancelled: shutdown() must return while this still runs.
-    while (!stop.stop_requested()) std::this_thread::yield();
+    while (!stop.stop_requested())
+      std::this_thread::yield();
     sawCancellation = true;
   }));
   started.wait();
@@ -92,10 +93,12 @@ TEST(BackgroundWorkerTest, OperationQueuedBehindShutdownNeverRuns) {
   allBlocked.wait();
   auto worker = QEVRBackgroundWorker::make(true);
   std::atomic<bool> ran{false};
-  ASSERT_TRUE(worker->submit(QEVRBackgroundPriority::background, [&](std::stop_token) { ran = true; }));
+  ASSERT_TRUE(
+      worker->submit(QEVRBackgroundPriority::background, [&](std::stop_token) { ran = true; }));
   worker->shutdown();
   release.open();
-  for (auto& b : blockers) b.wait();
+  for (auto& b : blockers)
+    b.wait();
   ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
   EXPECT_FALSE(ran.load());
 }
@@ -138,7 +141,8 @@ TEST(BackgroundWorkerTest, ShutdownRacingSubmissionsLetsNoTaskEscape) {
     std::atomic<int> acceptedAfterShutdown{0};
     for (int t = 0; t < 4; ++t) {
       submitters.emplace_back([&] {
-        while (!go) std::this_thread::yield();
+        while (!go)
+          std::this_thread::yield();
         for (int i = 0; i < 50; ++i) {
           const bool shutdownDone = worker->isShutDown();
           auto id = worker->submit(QEVRBackgroundPriority::medium, [&](std::stop_token stop) {
@@ -154,7 +158,8 @@ TEST(BackgroundWorkerTest, ShutdownRacingSubmissionsLetsNoTaskEscape) {
     std::this_thread::yield();
     worker->shutdown();
     shutdownReturned = true;
-    for (auto& t : submitters) t.join();
+    for (auto& t : submitters)
+      t.join();
     ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
     EXPECT_EQ(acceptedAfterShutdown.load(), 0);
     EXPECT_EQ(worker->trackedTaskCount(), 0u);

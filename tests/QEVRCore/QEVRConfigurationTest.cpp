@@ -73,10 +73,10 @@ TEST(ConfigurationTest, RoundTripsThroughJSONWithAppIdUntouched) {
 
 TEST(ConfigurationTest, EveryKeyIsRequiredAndTyped) {
   const std::string json = sample().toJSON();
-  for (const char* key : {"appId", "environment", "logLevel", "isDiagnosticsEnabled",
-                          "isBackgroundProcessingEnabled", "isOnDeviceAIEnabled",
-                          "isCloudAIEnabled", "isLocalLLMEnabled",
-                          "isFallbackRecommendationsEnabled"}) {
+  for (const char* key :
+       {"appId", "environment", "logLevel", "isDiagnosticsEnabled", "isBackgroundProcessingEnabled",
+        "isOnDeviceAIEnabled", "isCloudAIEnabled", "isLocalLLMEnabled",
+        "isFallbackRecommendationsEnabled"}) {
     // Rename the key so that it is missing.
     std::string missing = json;
     missing.replace(missing.find(std::string("\"") + key + "\""), std::string(key).size() + 2,

@@ -68,9 +68,9 @@ TEST(OSLogSinkTest, MapsLevelsToPlatformTypesAndDropsDisabledOnes) {
   qevr::ScopedLogSink scoped(capture);
   QEVROSLogSink sink;
   const std::pair<L, qevr::LogType> table[] = {
-      {L::trace, qevr::LogType::debug},    {L::debug, qevr::LogType::debug},
-      {L::info, qevr::LogType::info},      {L::warning, qevr::LogType::default_},
-      {L::error, qevr::LogType::error},    {L::critical, qevr::LogType::fault},
+      {L::trace, qevr::LogType::debug},  {L::debug, qevr::LogType::debug},
+      {L::info, qevr::LogType::info},    {L::warning, qevr::LogType::default_},
+      {L::error, qevr::LogType::error},  {L::critical, qevr::LogType::fault},
       {L::off, qevr::LogType::default_},
   };
   std::vector<qevr::LogType> expected;

@@ -92,14 +92,15 @@ TEST_F(RuntimeStoreTest, LifecycleDrivesModulesForwardAndShutdownBackward) {
   QEVR::pause();
   QEVR::shutdown();  // accepted from paused
   EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
-  EXPECT_THAT(journal->all(), ElementsAre("a.start", "b.start", "a.pause", "b.pause", "a.resume",
-                                          "b.resume", "a.pause", "b.pause", "b.shutdown",
-                                          "a.shutdown"));
-  EXPECT_THAT(coreLines(), ElementsAre("2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK started",
-                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
-                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK resumed",
-                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
-                                       "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK shut down"));
+  EXPECT_THAT(journal->all(),
+              ElementsAre("a.start", "b.start", "a.pause", "b.pause", "a.resume", "b.resume",
+                          "a.pause", "b.pause", "b.shutdown", "a.shutdown"));
+  EXPECT_THAT(coreLines(),
+              ElementsAre("2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK started",
+                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
+                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK resumed",
+                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
+                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK shut down"));
 }
 
 TEST_F(RuntimeStoreTest, CallsThatDoNotApplyWarnAndChangeNothing) {
@@ -154,14 +155,12 @@ TEST_P(RuntimeStoreLevelTest, LinesFollowTheConfiguredMinimumLevel) {
   EXPECT_EQ(coreLines().size(), info + warning);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachLevel, RuntimeStoreLevelTest,
-                         ::testing::Values(LevelCase{QEVRLogLevel::trace, 3, 1},
-                                           LevelCase{QEVRLogLevel::debug, 3, 1},
-                                           LevelCase{QEVRLogLevel::info, 3, 1},
-                                           LevelCase{QEVRLogLevel::warning, 0, 1},
-                                           LevelCase{QEVRLogLevel::error, 0, 0},
-                                           LevelCase{QEVRLogLevel::critical, 0, 0},
-                                           LevelCase{QEVRLogLevel::off, 0, 0}));
+INSTANTIATE_TEST_SUITE_P(
+    EachLevel, RuntimeStoreLevelTest,
+    ::testing::Values(LevelCase{QEVRLogLevel::trace, 3, 1}, LevelCase{QEVRLogLevel::debug, 3, 1},
+                      LevelCase{QEVRLogLevel::info, 3, 1}, LevelCase{QEVRLogLevel::warning, 0, 1},
+                      LevelCase{QEVRLogLevel::error, 0, 0}, LevelCase{QEVRLogLevel::critical, 0, 0},
+                      LevelCase{QEVRLogLevel::off, 0, 0}));
 
 TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
   addModule("first");
@@ -308,7 +307,8 @@ TEST_F(RuntimeStoreTest, ConcurrentFacadeCallsKeepTheStateMachineConsistent) {
       }
     });
   }
-  for (auto& t : threads) t.join();
+  for (auto& t : threads)
+    t.join();
   QEVR::shutdown();
   EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
   // Every start that reached the modules was matched by a shutdown.

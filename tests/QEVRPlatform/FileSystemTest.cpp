@@ -15,7 +15,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<std::uint8_t> bytesOf(std::string_view s) { return {s.begin(), s.end()}; }
+std::vector<std::uint8_t> bytesOf(std::string_view s) {
+  return {s.begin(), s.end()};
+}
 
 class FileSystemTest : public ::testing::Test {
  protected:
@@ -70,7 +72,8 @@ TEST_F(FileSystemTest, ConcurrentReadersSeeOldOrNewNeverPart) {
   files.writeFileAtomically(target, small);
   std::atomic<bool> done{false};
   std::thread writer([&] {
-    for (int i = 0; i < 50; ++i) files.writeFileAtomically(target, i % 2 ? small : large);
+    for (int i = 0; i < 50; ++i)
+      files.writeFileAtomically(target, i % 2 ? small : large);
     done = true;
   });
   while (!done) {

@@ -15,9 +15,8 @@ constexpr auto kIdleTimeout = std::chrono::seconds(60);
 TEST(TasksTest, DetachedTaskReturnsItsValueOrRethrows) {
   auto answer = qevr::detachTask(qevr::TaskPriority::utility, [](std::stop_token) { return 42; });
   EXPECT_EQ(answer.value(), 42);
-  auto failing = qevr::detachTask(qevr::TaskPriority::high, [](std::stop_token) -> int {
-    throw std::runtime_error("boom");
-  });
+  auto failing = qevr::detachTask(qevr::TaskPriority::high,
+                                  [](std::stop_token) -> int { throw std::runtime_error("boom"); });
   EXPECT_THROW(failing.value(), std::runtime_error);
   EXPECT_TRUE(failing.isFinished());
 }
@@ -34,13 +33,15 @@ TEST(TasksTest, ChildrenInheritCancellationFromTheirParent) {
   std::stop_source parent;
   // Cancelled after creation: reaches the running child.
   std::atomic<bool> started{false};
-  auto running = qevr::childTask(qevr::TaskPriority::medium, parent.get_token(),
-                                 [&](std::stop_token stop) {
-                                   started = true;
-                                   while (!stop.stop_requested()) std::this_thread::yield();
-                                   qevr::checkCancellation(stop);
-                                 });
-  while (!started) std::this_thread::yield();
+  auto running =
+      qevr::childTask(qevr::TaskPriority::medium, parent.get_token(), [&](std::stop_token stop) {
+        started = true;
+        while (!stop.stop_requested())
+          std::this_thread::yield();
+        qevr::checkCancellation(stop);
+      });
+  while (!started)
+    std::this_thread::yield();
   parent.request_stop();
   EXPECT_THROW(running.value(), QEVRCancellationError);
   // Created under a parent that is already cancelled: starts cancelled.
@@ -53,10 +54,12 @@ TEST(TasksTest, CancelReachesADetachedTaskThroughItsHandle) {
   std::atomic<bool> started{false};
   auto task = qevr::detachTask(qevr::TaskPriority::background, [&](std::stop_token stop) {
     started = true;
-    while (!stop.stop_requested()) std::this_thread::yield();
+    while (!stop.stop_requested())
+      std::this_thread::yield();
     return true;
   });
-  while (!started) std::this_thread::yield();
+  while (!started)
+    std::this_thread::yield();
   qevr::TaskHandle handle(task);
   handle.cancel();
   EXPECT_TRUE(task.value());
@@ -69,13 +72,13 @@ int nestedSum(int depth, const std::stop_token& parent) {
   if (depth == 0) return 0;
   std::vector<qevr::Task<int>> children;
   for (int i = 0; i < 2; ++i) {
-    children.push_back(qevr::childTask(qevr::TaskPriority::utility, parent,
-                                       [depth](std::stop_token stop) {
-                                         return 1 + nestedSum(depth - 1, stop);
-                                       }));
+    children.push_back(
+        qevr::childTask(qevr::TaskPriority::utility, parent,
+                        [depth](std::stop_token stop) { return 1 + nestedSum(depth - 1, stop); }));
   }
   int sum = 0;
-  for (auto& child : children) sum += child.value();
+  for (auto& child : children)
+    sum += child.value();
   return sum;
 }
 

@@ -66,9 +66,9 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
       dataDir = args[++i];
     } else if (args[i] == "--log-level" && i + 1 < args.size()) {
       bool found = false;
-      for (auto level : {QEVRLogLevel::trace, QEVRLogLevel::debug, QEVRLogLevel::info,
-                         QEVRLogLevel::warning, QEVRLogLevel::error, QEVRLogLevel::critical,
-                         QEVRLogLevel::off}) {
+      for (auto level :
+           {QEVRLogLevel::trace, QEVRLogLevel::debug, QEVRLogLevel::info, QEVRLogLevel::warning,
+            QEVRLogLevel::error, QEVRLogLevel::critical, QEVRLogLevel::off}) {
         if (caseNameOf(level) == args[i + 1]) {
           configuration.logLevel = level;
           found = true;

@@ -18,9 +18,7 @@ namespace {
 // Drops every line: the simulation measures the system, not the log.
 class SilentLogSink final : public qevr::LogSink {
  public:
-  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override {
-    return false;
-  }
+  bool isEnabled(std::string_view, std::string_view, qevr::LogType) const override { return false; }
   void write(std::string_view, std::string_view, qevr::LogType, std::string_view) override {}
 };
 
@@ -33,8 +31,7 @@ std::optional<std::uint64_t> parseCount(const std::string& text) {
 
 }  // namespace
 
-int runSimulateCommand(const std::vector<std::string>& args, std::ostream& out,
-                       std::ostream& err) {
+int runSimulateCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   std::optional<std::filesystem::path> dataDir;
   std::optional<std::uint64_t> events, seed = 1;
   for (size_t i = 0; i + 1 < args.size(); i += 2) {

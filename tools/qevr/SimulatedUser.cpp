@@ -8,11 +8,11 @@
 namespace {
 
 // Names with non-ASCII text and slashes, as real hosts send them.
-constexpr std::array<const char*, 8> kScreens = {
-    "Home", "Settings/Profile", "Level 1", "Level 2", "Boutique", "Écran d’accueil", "Map ✨",
-    "Inbox/Archive"};
-constexpr std::array<const char*, 6> kComponents = {"play", "pause", "buy_button", "menu/open",
-                                                     "like", "close"};
+constexpr std::array<const char*, 8> kScreens = {"Home",    "Settings/Profile", "Level 1",
+                                                 "Level 2", "Boutique",         "Écran d’accueil",
+                                                 "Map ✨",   "Inbox/Archive"};
+constexpr std::array<const char*, 6> kComponents = {"play",      "pause", "buy_button",
+                                                    "menu/open", "like",  "close"};
 constexpr std::array<const char*, 5> kCustomEvents = {"level_completed", "item_bought",
                                                       "achievement", "retry", "tutorial_skip"};
 
@@ -39,9 +39,10 @@ std::uint64_t SimulatedUser::visit(std::uint64_t count) {
       case 3:
       case 4:
       case 5:
-        ok = QEVR::Observer::buttonTap(kComponents[pick(kComponents.size())],
-                                       pick(2) ? std::optional<std::string_view>("Tap me") : std::nullopt,
-                                       {{"x", static_cast<std::int64_t>(pick(400))}});
+        ok = QEVR::Observer::buttonTap(
+            kComponents[pick(kComponents.size())],
+            pick(2) ? std::optional<std::string_view>("Tap me") : std::nullopt,
+            {{"x", static_cast<std::int64_t>(pick(400))}});
         break;
       case 6:
       case 7:

@@ -44,11 +44,11 @@ class QEVR_API QEVMemoryMetadataValue {
   QEVMemoryMetadataValue(std::string value) : payload(std::move(value)) {}    // NOLINT
   QEVMemoryMetadataValue(const char* value) : payload(std::string(value)) {}  // NOLINT
   template <std::integral T>
-    requires(!std::same_as<T, bool>)
-  QEVMemoryMetadataValue(T value) : payload(static_cast<std::int64_t>(value)) {}  // NOLINT
-  QEVMemoryMetadataValue(double value) : payload(value) {}                          // NOLINT
-  QEVMemoryMetadataValue(bool value) : payload(value) {}                            // NOLINT
-  QEVMemoryMetadataValue(QEVRDate value) : payload(value) {}                        // NOLINT
+  requires(!std::same_as<T, bool>) QEVMemoryMetadataValue(T value)
+      : payload(static_cast<std::int64_t>(value)) {}          // NOLINT
+  QEVMemoryMetadataValue(double value) : payload(value) {}    // NOLINT
+  QEVMemoryMetadataValue(bool value) : payload(value) {}      // NOLINT
+  QEVMemoryMetadataValue(QEVRDate value) : payload(value) {}  // NOLINT
 
   Kind kind() const { return static_cast<Kind>(payload.index()); }
   const std::string* stringValue() const { return std::get_if<std::string>(&payload); }

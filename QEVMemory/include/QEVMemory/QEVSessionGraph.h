@@ -29,7 +29,7 @@ struct QEVR_API QEVSessionGraph {
   std::optional<double> duration;  // endedAt - startedAt, not clamped
   std::int64_t eventCount = 0;
   std::vector<std::string> screenSequence;
-  std::vector<QEVNavigationEdge> navigationEdges;                  // by (from, to)
+  std::vector<QEVNavigationEdge> navigationEdges;                     // by (from, to)
   std::vector<QEVComponentInteractionSummary> componentInteractions;  // by (screen, id)
   std::unordered_map<std::string, std::int64_t> customEventCounts;
 
@@ -50,8 +50,8 @@ class QEVR_API QEVSessionGraphBuilder {
   QEVSessionGraph build() const;
 
  private:
-  using EdgeKey = std::pair<std::optional<std::string>, std::string>;           // (from, to)
-  using ComponentKey = std::pair<std::optional<std::string>, std::string>;      // (screen, id)
+  using EdgeKey = std::pair<std::optional<std::string>, std::string>;       // (from, to)
+  using ComponentKey = std::pair<std::optional<std::string>, std::string>;  // (screen, id)
   struct ComponentCounts {
     std::int64_t tapCount = 0;
     std::int64_t gestureCount = 0;

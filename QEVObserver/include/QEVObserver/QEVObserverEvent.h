@@ -39,15 +39,15 @@ class QEVR_API QEVObserverMetadataValue {
  public:
   enum class Kind { string, int_, double_, bool_, date };
 
-  QEVObserverMetadataValue(std::string value) : payload(std::move(value)) {}  // NOLINT
-  QEVObserverMetadataValue(const char* value) : payload(std::string(value)) {}  // NOLINT
+  QEVObserverMetadataValue(std::string value) : payload(std::move(value)) {}         // NOLINT
+  QEVObserverMetadataValue(const char* value) : payload(std::string(value)) {}       // NOLINT
   QEVObserverMetadataValue(std::string_view value) : payload(std::string(value)) {}  // NOLINT
   template <std::integral T>
-    requires(!std::same_as<T, bool>)
-  QEVObserverMetadataValue(T value) : payload(static_cast<std::int64_t>(value)) {}  // NOLINT
-  QEVObserverMetadataValue(double value) : payload(value) {}                          // NOLINT
-  QEVObserverMetadataValue(bool value) : payload(value) {}                            // NOLINT
-  QEVObserverMetadataValue(QEVRDate value) : payload(value) {}                        // NOLINT
+  requires(!std::same_as<T, bool>) QEVObserverMetadataValue(T value)
+      : payload(static_cast<std::int64_t>(value)) {}            // NOLINT
+  QEVObserverMetadataValue(double value) : payload(value) {}    // NOLINT
+  QEVObserverMetadataValue(bool value) : payload(value) {}      // NOLINT
+  QEVObserverMetadataValue(QEVRDate value) : payload(value) {}  // NOLINT
 
   static QEVObserverMetadataValue string(std::string value) { return {std::move(value)}; }
   static QEVObserverMetadataValue int_(std::int64_t value) { return {value}; }
@@ -111,7 +111,9 @@ class QEVR_API QEVObserverEventInputValidationError : public std::runtime_error 
 
  private:
   QEVObserverEventInputValidationError(Case c, std::string key)
-      : std::runtime_error("observer input validation failed"), errorCase(c), payload(std::move(key)) {}
+      : std::runtime_error("observer input validation failed"),
+        errorCase(c),
+        payload(std::move(key)) {}
   Case errorCase;
   std::string payload;
 };

@@ -42,8 +42,8 @@ struct QEVR_API QEVObserverSession {
 enum class QEVGestureType { tap, doubleTap, longPress, swipe, pinch, pan, rotate, custom };
 
 inline constexpr std::array<QEVGestureType, 8> allGestureTypes = {
-    QEVGestureType::tap,   QEVGestureType::doubleTap, QEVGestureType::longPress,
-    QEVGestureType::swipe, QEVGestureType::pinch,     QEVGestureType::pan,
+    QEVGestureType::tap,    QEVGestureType::doubleTap, QEVGestureType::longPress,
+    QEVGestureType::swipe,  QEVGestureType::pinch,     QEVGestureType::pan,
     QEVGestureType::rotate, QEVGestureType::custom};
 
 QEVR_API std::string_view rawValueOf(QEVGestureType type);

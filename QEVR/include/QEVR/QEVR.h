@@ -7,13 +7,13 @@
 //   QEVR::shutdown();
 #pragma once
 
+#include <QEVMemory/QEVMemoryModule.h>
+#include <QEVObserver/QEVObserverFacade.h>
+#include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRConfiguration.h>
 #include <QEVRCore/QEVRFacade.h>
 #include <QEVRCore/QEVRModule.h>
 #include <QEVRCore/QEVRRuntimeStore.h>
-#include <QEVMemory/QEVMemoryModule.h>
-#include <QEVObserver/QEVObserverFacade.h>
-#include <QEVObserver/QEVObserverModule.h>
 #include <QEVRPlatform/Export.h>
 
 // Registers the built-in modules with the process registry, in dependency

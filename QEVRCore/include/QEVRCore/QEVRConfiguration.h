@@ -15,7 +15,15 @@ class Writer;
 enum class QEVREnvironment { development, staging, production };
 
 // Ordered by severity; the logger compares ordinals. `off` disables all.
-enum class QEVRLogLevel { trace = 0, debug = 1, info = 2, warning = 3, error = 4, critical = 5, off = 6 };
+enum class QEVRLogLevel {
+  trace = 0,
+  debug = 1,
+  info = 2,
+  warning = 3,
+  error = 4,
+  critical = 5,
+  off = 6
+};
 
 enum class QEVRLifecycleState { notStarted, starting, running, paused, shuttingDown, shutdown };
 
@@ -75,7 +83,8 @@ class QEVR_API QEVRError : public std::runtime_error {
   }
 
  private:
-  QEVRError(Case c, std::string message) : std::runtime_error(message), errorCase(c), text(std::move(message)) {}
+  QEVRError(Case c, std::string message)
+      : std::runtime_error(message), errorCase(c), text(std::move(message)) {}
   Case errorCase;
   std::string text;
 };

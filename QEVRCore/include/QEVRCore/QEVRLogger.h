@@ -46,8 +46,7 @@ class QEVR_API QEVROSLogSink final : public QEVRLogSink {
 
 class QEVR_API QEVRLogger {
  public:
-  QEVRLogger(std::string subsystem, QEVRLogLevel minimumLevel,
-             std::shared_ptr<QEVRLogSink> sink);
+  QEVRLogger(std::string subsystem, QEVRLogLevel minimumLevel, std::shared_ptr<QEVRLogSink> sink);
 
   // Drops the record when the minimum level is above `level`: a dropped
   // call takes the lock once and allocates nothing. Otherwise the record is
@@ -61,7 +60,7 @@ class QEVR_API QEVRLogger {
 
  private:
   mutable qevr::Mutex lock;
-  const std::string subsystemName;                           // constant after construction
-  QEVRLogLevel level QEVR_GUARDED_BY(lock);                  // the minimum level
+  const std::string subsystemName;                          // constant after construction
+  QEVRLogLevel level QEVR_GUARDED_BY(lock);                 // the minimum level
   std::shared_ptr<QEVRLogSink> sink QEVR_GUARDED_BY(lock);  // never null
 };

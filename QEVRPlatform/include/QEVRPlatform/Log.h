@@ -27,8 +27,7 @@ class QEVR_API LogSink {
 
   // Whether a line of this type would be kept. Callers skip building the
   // line when this is false.
-  virtual bool isEnabled(std::string_view subsystem, std::string_view category,
-                         LogType type) const;
+  virtual bool isEnabled(std::string_view subsystem, std::string_view category, LogType type) const;
 
   virtual void write(std::string_view subsystem, std::string_view category, LogType type,
                      std::string_view text) = 0;

@@ -60,9 +60,9 @@ fs::path temporarySibling(const fs::path& target) {
   thread_local std::mt19937_64 random{std::random_device{}()};
   std::string name(".");
   name.append(target.filename().string());
-  for (std::uint64_t part : {static_cast<std::uint64_t>(::getpid()),
-                             counter.fetch_add(1, std::memory_order_relaxed),
-                             static_cast<std::uint64_t>(random() & 0xFFFFFF)}) {
+  for (std::uint64_t part :
+       {static_cast<std::uint64_t>(::getpid()), counter.fetch_add(1, std::memory_order_relaxed),
+        static_cast<std::uint64_t>(random() & 0xFFFFFF)}) {
     name.push_back('.');
     name.append(std::to_string(part));
   }

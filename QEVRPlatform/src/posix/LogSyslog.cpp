@@ -38,6 +38,8 @@ class SyslogLogSink final : public LogSink {
 
 }  // namespace
 
-std::shared_ptr<LogSink> makeSyslogLogSink() { return std::make_shared<SyslogLogSink>(); }
+std::shared_ptr<LogSink> makeSyslogLogSink() {
+  return std::make_shared<SyslogLogSink>();
+}
 
 }  // namespace qevr
