@@ -22,7 +22,10 @@ constexpr const char* kSessionsDirectory = "sessions";
 constexpr const char* kUserDirectory = "user";
 constexpr const char* kUserGraphFile = "graph.json";
 
+// An empty vector may have no buffer at all; the JSON reader is never
+// handed a null pointer, even with a length of 0.
 std::string_view asText(const std::vector<std::uint8_t>& bytes) {
+  if (bytes.empty()) return std::string_view("", 0);
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
@@ -30,7 +33,9 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-fs::path fileNameFor(const QEVRUUID& id) { return id.uuidString() + ".json"; }
+fs::path fileNameFor(const QEVRUUID& id) {
+  return id.uuidString() + ".json";
+}
 
 // Stands in for a missing engine: chunks are then written as plain JSON,
 // and a compressed chunk file cannot be read.
@@ -135,9 +140,9 @@ fs::path resolveRoot(std::optional<fs::path> rootDirectory, qevr::FileSystem& fi
 
 }  // namespace
 
-QEVFileMemoryStore::QEVFileMemoryStore(std::optional<fs::path> rootDirectory,
-                                       qevr::FileSystem& fileSystem,
-                                       std::shared_ptr<const QEVCompressionEngine> compressionEngine)
+QEVFileMemoryStore::QEVFileMemoryStore(
+    std::optional<fs::path> rootDirectory, qevr::FileSystem& fileSystem,
+    std::shared_ptr<const QEVCompressionEngine> compressionEngine)
     : root(resolveRoot(std::move(rootDirectory), fileSystem)),
       files(fileSystem),
       engine(compressionEngine ? std::move(compressionEngine)
@@ -150,7 +155,7 @@ void QEVFileMemoryStore::saveEventChunk(const QEVMemoryEventChunk& chunk, std::s
 
     const std::string raw = chunk.toJSON();
     const auto rawLength = static_cast<std::int64_t>(raw.size());
-    QEVStoredEventChunk envelope{QEVCompressionType::none, 0, {}};
+    QEVStoredEventChunk envelope{QEVCompressionType::none, rawLength, {}};
 
     std::optional<std::vector<std::uint8_t>> compressed;
     if (engine->compressionType() != QEVCompressionType::none) {

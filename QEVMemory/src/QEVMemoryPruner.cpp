@@ -23,11 +23,16 @@ constexpr std::uint64_t kBytesPerMB = 1'048'576;
 // start nor its end, so that such a graph is the first to go.
 constexpr QEVRDate kDistantPast{-63'114'076'800.0};
 
+// An empty vector may have no buffer at all; the JSON reader is never
+// handed a null pointer, even with a length of 0.
 std::string_view asText(const std::vector<std::uint8_t>& bytes) {
+  if (bytes.empty()) return std::string_view("", 0);
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-std::int64_t atLeastZero(std::int64_t value) { return std::max<std::int64_t>(value, 0); }
+std::int64_t atLeastZero(std::int64_t value) {
+  return std::max<std::int64_t>(value, 0);
+}
 
 std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
   return b > std::numeric_limits<std::uint64_t>::max() - a
@@ -79,8 +84,8 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
 
   // Age: strictly older than the cutoff. A chunk exactly as old as allowed
   // stays.
-  const QEVRDate cutoff =
-      now.addingSeconds(-static_cast<double>(atLeastZero(options.maxEventAgeDays)) * kSecondsPerDay);
+  const QEVRDate cutoff = now.addingSeconds(
+      -static_cast<double>(atLeastZero(options.maxEventAgeDays)) * kSecondsPerDay);
   for (std::size_t i = 0; i < all.size(); ++i) {
     if (all[i].date < cutoff) marked[i] = true;
   }
@@ -158,9 +163,8 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
       }).value();
 
   qevr::platformLog("QEVMemory", "Pruning", qevr::LogType::info,
-                    "Pruned " + std::to_string(summary.deletedEventChunks) +
-                        " event chunks and " + std::to_string(summary.deletedSessionGraphs) +
-                        " session graphs, freed " + std::to_string(summary.freedBytes) +
-                        " bytes");
+                    "Pruned " + std::to_string(summary.deletedEventChunks) + " event chunks and " +
+                        std::to_string(summary.deletedSessionGraphs) + " session graphs, freed " +
+                        std::to_string(summary.freedBytes) + " bytes");
   return summary;
 }
