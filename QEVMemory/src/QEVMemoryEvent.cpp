@@ -21,9 +21,6 @@ constexpr std::array<std::string_view, 8> kTypeRawValues = {
     "screenView", "screenDisappear", "navigation", "gesture",
     "buttonTap",  "sessionStart",    "sessionEnd", "custom"};
 
-// Indexed by QEVMemoryMetadataValue::Kind.
-constexpr std::array<std::string_view, 5> kValueTypes = {"string", "int", "double", "bool", "date"};
-
 QEVMemoryEventType memoryTypeOf(QEVObserverEventType type) {
   switch (type) {
     case QEVObserverEventType::screenView:
@@ -106,43 +103,6 @@ std::optional<QEVMemoryEventType> memoryEventTypeFromRawValue(std::string_view r
     if (kTypeRawValues[i] == raw) return static_cast<QEVMemoryEventType>(i);
   }
   return std::nullopt;
-}
-
-void QEVMemoryMetadataValue::encode(Writer& writer) const {
-  writer.beginObject();
-  writer.key("type");
-  writer.string(kValueTypes[payload.index()]);
-  writer.key("value");
-  std::visit(
-      [&writer](const auto& v) {
-        using T = std::decay_t<decltype(v)>;
-        if constexpr (std::is_same_v<T, std::string>) {
-          writer.string(v);
-        } else if constexpr (std::is_same_v<T, std::int64_t>) {
-          writer.integer(v);
-        } else if constexpr (std::is_same_v<T, double>) {
-          writer.number(v);
-        } else if constexpr (std::is_same_v<T, bool>) {
-          writer.boolean(v);
-        } else {
-          writer.date(v);
-        }
-      },
-      payload);
-  writer.endObject();
-}
-
-QEVMemoryMetadataValue QEVMemoryMetadataValue::decode(const Decoder& decoder) {
-  // The type decides how "value" is read, so it is read first: a document
-  // with an unknown type fails on "type" whatever its value holds.
-  const Decoder typeDecoder = decoder["type"];
-  const std::string type = typeDecoder.asString();
-  if (type == "string") return decoder["value"].asString();
-  if (type == "int") return decoder["value"].asInt64();
-  if (type == "double") return decoder["value"].asDouble();
-  if (type == "bool") return decoder["value"].asBool();
-  if (type == "date") return decoder["value"].asDate();
-  typeDecoder.fail(DecodingError::Kind::dataCorrupted, "Unknown metadata value type.");
 }
 
 std::optional<std::string> normalisedLabel(const std::optional<std::string>& text) {

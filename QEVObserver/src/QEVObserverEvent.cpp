@@ -45,7 +45,7 @@ std::optional<QEVObserverEventType> observerEventTypeFromRawValue(std::string_vi
   return std::nullopt;
 }
 
-void QEVObserverMetadataValue::encode(Writer& writer) const {
+void qevr::detail::TaggedMetadataValue::encode(Writer& writer) const {
   writer.beginObject();
   writer.key("type");
   writer.string(kValueTypes[payload.index()]);
@@ -69,15 +69,18 @@ void QEVObserverMetadataValue::encode(Writer& writer) const {
   writer.endObject();
 }
 
-QEVObserverMetadataValue QEVObserverMetadataValue::decode(const Decoder& decoder) {
-  const std::string type = decoder["type"].asString();
-  const Decoder value = decoder["value"];
-  if (type == "string") return value.asString();
-  if (type == "int") return value.asInt64();
-  if (type == "double") return value.asDouble();
-  if (type == "bool") return value.asBool();
-  if (type == "date") return value.asDate();
-  decoder["type"].fail(DecodingError::Kind::dataCorrupted, "Unknown metadata value type.");
+qevr::detail::TaggedMetadataValue qevr::detail::TaggedMetadataValue::decodeTagged(
+    const Decoder& decoder) {
+  // The type decides how "value" is read, so it is read first: a document
+  // with an unknown type fails on "type" whatever its value holds.
+  const Decoder typeDecoder = decoder["type"];
+  const std::string type = typeDecoder.asString();
+  if (type == "string") return decoder["value"].asString();
+  if (type == "int") return decoder["value"].asInt64();
+  if (type == "double") return decoder["value"].asDouble();
+  if (type == "bool") return decoder["value"].asBool();
+  if (type == "date") return decoder["value"].asDate();
+  typeDecoder.fail(DecodingError::Kind::dataCorrupted, "Unknown metadata value type.");
 }
 
 QEVObserverEvent::QEVObserverEvent(QEVRUUID id, QEVObserverEventType type, QEVRDate timestamp,

@@ -36,37 +36,18 @@ enum class QEVMemoryEventType {
 QEVR_API std::string_view rawValueOf(QEVMemoryEventType type);
 QEVR_API std::optional<QEVMemoryEventType> memoryEventTypeFromRawValue(std::string_view raw);
 
-// A tagged metadata value: string, int (64-bit), double, bool or date.
-class QEVR_API QEVMemoryMetadataValue {
+// A stored event's metadata value; the same five cases and JSON form as the
+// observer's.
+class QEVR_API QEVMemoryMetadataValue : public qevr::detail::TaggedMetadataValue {
  public:
-  enum class Kind { string, int_, double_, bool_, date };
-
-  QEVMemoryMetadataValue(std::string value) : payload(std::move(value)) {}    // NOLINT
-  QEVMemoryMetadataValue(const char* value) : payload(std::string(value)) {}  // NOLINT
-  template <std::integral T>
-  requires(!std::same_as<T, bool>) QEVMemoryMetadataValue(T value)
-      : payload(static_cast<std::int64_t>(value)) {}          // NOLINT
-  QEVMemoryMetadataValue(double value) : payload(value) {}    // NOLINT
-  QEVMemoryMetadataValue(bool value) : payload(value) {}      // NOLINT
-  QEVMemoryMetadataValue(QEVRDate value) : payload(value) {}  // NOLINT
-
-  Kind kind() const { return static_cast<Kind>(payload.index()); }
-  const std::string* stringValue() const { return std::get_if<std::string>(&payload); }
-  const std::int64_t* intValue() const { return std::get_if<std::int64_t>(&payload); }
-  const double* doubleValue() const { return std::get_if<double>(&payload); }
-  const bool* boolValue() const { return std::get_if<bool>(&payload); }
-  const QEVRDate* dateValue() const { return std::get_if<QEVRDate>(&payload); }
+  using TaggedMetadataValue::TaggedMetadataValue;
+  explicit QEVMemoryMetadataValue(const TaggedMetadataValue& value) : TaggedMetadataValue(value) {}
 
   bool operator==(const QEVMemoryMetadataValue&) const = default;
 
-  // {"type":"string"|"int"|"double"|"bool"|"date","value":...}; an unknown
-  // type or a value of the wrong kind fails decoding. A non-finite double
-  // cannot be encoded (qevr::json::EncodingError).
-  void encode(qevr::json::Writer& writer) const;
-  static QEVMemoryMetadataValue decode(const qevr::json::Decoder& decoder);
-
- private:
-  std::variant<std::string, std::int64_t, double, bool, QEVRDate> payload;
+  static QEVMemoryMetadataValue decode(const qevr::json::Decoder& decoder) {
+    return QEVMemoryMetadataValue(decodeTagged(decoder));
+  }
 };
 
 using QEVMemoryMetadata = std::unordered_map<std::string, QEVMemoryMetadataValue>;

@@ -34,26 +34,25 @@ QEVR_API std::string_view rawValueOf(QEVObserverEventType type);
 // Absent for any other text.
 QEVR_API std::optional<QEVObserverEventType> observerEventTypeFromRawValue(std::string_view raw);
 
-// A tagged metadata value: string, int (64-bit), double, bool or date.
-class QEVR_API QEVObserverMetadataValue {
+namespace qevr::detail {
+
+// The five-case tagged value (string, int (64-bit), double, bool, date) that
+// observer and memory metadata share, with its JSON form: an object with
+// "type" ("string", "int", "double", "bool", "date") and "value". Decoding
+// reads "type" first; an unknown type or a value of the wrong kind fails.
+class QEVR_API TaggedMetadataValue {
  public:
   enum class Kind { string, int_, double_, bool_, date };
 
-  QEVObserverMetadataValue(std::string value) : payload(std::move(value)) {}         // NOLINT
-  QEVObserverMetadataValue(const char* value) : payload(std::string(value)) {}       // NOLINT
-  QEVObserverMetadataValue(std::string_view value) : payload(std::string(value)) {}  // NOLINT
+  TaggedMetadataValue(std::string value) : payload(std::move(value)) {}         // NOLINT
+  TaggedMetadataValue(const char* value) : payload(std::string(value)) {}       // NOLINT
+  TaggedMetadataValue(std::string_view value) : payload(std::string(value)) {}  // NOLINT
   template <std::integral T>
-  requires(!std::same_as<T, bool>) QEVObserverMetadataValue(T value)
-      : payload(static_cast<std::int64_t>(value)) {}            // NOLINT
-  QEVObserverMetadataValue(double value) : payload(value) {}    // NOLINT
-  QEVObserverMetadataValue(bool value) : payload(value) {}      // NOLINT
-  QEVObserverMetadataValue(QEVRDate value) : payload(value) {}  // NOLINT
-
-  static QEVObserverMetadataValue string(std::string value) { return {std::move(value)}; }
-  static QEVObserverMetadataValue int_(std::int64_t value) { return {value}; }
-  static QEVObserverMetadataValue double_(double value) { return {value}; }
-  static QEVObserverMetadataValue bool_(bool value) { return {value}; }
-  static QEVObserverMetadataValue date(QEVRDate value) { return {value}; }
+  requires(!std::same_as<T, bool>) TaggedMetadataValue(T value)
+      : payload(static_cast<std::int64_t>(value)) {}       // NOLINT
+  TaggedMetadataValue(double value) : payload(value) {}    // NOLINT
+  TaggedMetadataValue(bool value) : payload(value) {}      // NOLINT
+  TaggedMetadataValue(QEVRDate value) : payload(value) {}  // NOLINT
 
   Kind kind() const { return static_cast<Kind>(payload.index()); }
   // The payload when the value is of that kind, else null.
@@ -64,14 +63,39 @@ class QEVR_API QEVObserverMetadataValue {
   const QEVRDate* dateValue() const { return std::get_if<QEVRDate>(&payload); }
 
   // Same kind and equal payload (doubles compare as doubles).
-  bool operator==(const QEVObserverMetadataValue&) const = default;
+  bool operator==(const TaggedMetadataValue&) const = default;
 
-  // {"type":"string","value":"..."}; dates by the writer's date strategy.
+  // Dates by the writer's date strategy; a non-finite double throws
+  // qevr::json::EncodingError.
   void encode(qevr::json::Writer& writer) const;
-  static QEVObserverMetadataValue decode(const qevr::json::Decoder& decoder);
+
+ protected:
+  static TaggedMetadataValue decodeTagged(const qevr::json::Decoder& decoder);
 
  private:
   std::variant<std::string, std::int64_t, double, bool, QEVRDate> payload;
+};
+
+}  // namespace qevr::detail
+
+// An observer event's metadata value.
+class QEVR_API QEVObserverMetadataValue : public qevr::detail::TaggedMetadataValue {
+ public:
+  using TaggedMetadataValue::TaggedMetadataValue;
+  explicit QEVObserverMetadataValue(const TaggedMetadataValue& value)
+      : TaggedMetadataValue(value) {}
+
+  static QEVObserverMetadataValue string(std::string value) { return {std::move(value)}; }
+  static QEVObserverMetadataValue int_(std::int64_t value) { return {value}; }
+  static QEVObserverMetadataValue double_(double value) { return {value}; }
+  static QEVObserverMetadataValue bool_(bool value) { return {value}; }
+  static QEVObserverMetadataValue date(QEVRDate value) { return {value}; }
+
+  bool operator==(const QEVObserverMetadataValue&) const = default;
+
+  static QEVObserverMetadataValue decode(const qevr::json::Decoder& decoder) {
+    return QEVObserverMetadataValue(decodeTagged(decoder));
+  }
 };
 
 using QEVObserverMetadata = std::unordered_map<std::string, QEVObserverMetadataValue>;
