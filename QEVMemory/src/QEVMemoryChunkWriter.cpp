@@ -119,13 +119,14 @@ void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chun
 void QEVMemoryChunkWriter::Shared::schedulePrune() {
   if (!pruner) return;
   if (pruneQueued.exchange(true, std::memory_order_acq_rel)) return;  // merged with the queued run
-  qevr::detachTask(qevr::TaskPriority::utility, [state = shared_from_this()](std::stop_token stop) {
-    // Cleared as the run starts: a chunk saved from now on queues the next.
-    state->pruneQueued.store(false, std::memory_order_release);
-    try {
-      state->pruner->prune(state->optionsProvider(), stop);
-    } catch (...) {
-      // A failed or refused run is dropped.
-    }
-  });
+  qevr::detachTask(qevr::TaskPriority::background,
+                   [state = shared_from_this()](std::stop_token stop) {
+                     // Cleared as the run starts: a chunk saved from now on queues the next.
+                     state->pruneQueued.store(false, std::memory_order_release);
+                     try {
+                       state->pruner->prune(state->optionsProvider(), stop);
+                     } catch (...) {
+                       // A failed or refused run is dropped.
+                     }
+                   });
 }

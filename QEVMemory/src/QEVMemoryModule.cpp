@@ -105,7 +105,7 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
     sinkIdentifier = id;
   }
   if (pruner) {
-    qevr::detachTask(qevr::TaskPriority::utility, [runner = pruner](std::stop_token stop) {
+    qevr::detachTask(qevr::TaskPriority::background, [runner = pruner](std::stop_token stop) {
       try {
         runner->prune(QEVMemoryRuntime::shared().activeOptions(), stop);
       } catch (...) {

@@ -137,8 +137,10 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
                                                std::stop_token stop) const {
   if (!options.pruningEnabled) return {};
 
+  // A run decodes the whole store and takes long; at background priority a
+  // thread waiting on a chunk save never picks it up while helping.
   const QEVMemoryPruningSummary summary =
-      qevr::detachTask(qevr::TaskPriority::utility, [&](std::stop_token) {
+      qevr::detachTask(qevr::TaskPriority::background, [&](std::stop_token) {
         qevr::checkCancellation(stop);
         const QEVRDate now = qevr::now();
         const std::vector<Candidate> all = listCandidates(files, root, stop);

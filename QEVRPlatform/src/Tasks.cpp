@@ -50,8 +50,11 @@ class Pool {
     std::unique_lock guard(lock);
     while (!state.finished) {
       // Help: run queued work instead of blocking a pool thread, so that a
-      // task waiting for its children can never starve them.
-      if (auto next = popLocked()) {
+      // task waiting for its children can never starve them. Only work of
+      // the awaited task's priority or above: the awaited task itself is
+      // always among it, and a waiter never gets stuck in a long run of
+      // lower-priority work (a pruning pass) while its own result is ready.
+      if (auto next = popLocked(state.priority)) {
         runLocked(guard, std::move(next));
         continue;
       }
@@ -83,9 +86,10 @@ class Pool {
       t.detach();
   }
 
-  // Requires: lock held. Highest priority first, FIFO within a priority.
-  std::shared_ptr<detail::TaskStateBase> popLocked() {
-    for (size_t i = queues.size(); i-- > 0;) {
+  // Requires: lock held. Highest priority first, FIFO within a priority,
+  // nothing below `lowest`.
+  std::shared_ptr<detail::TaskStateBase> popLocked(TaskPriority lowest = TaskPriority::background) {
+    for (size_t i = queues.size(); i-- > static_cast<size_t>(lowest);) {
       if (!queues[i].empty()) {
         auto next = std::move(queues[i].front());
         queues[i].pop_front();

@@ -10,7 +10,9 @@
 // either detached (fire and forget, with a handle that can cancel it) or a
 // child of a stop token, whose cancellation it inherits. Waiting for a task
 // never blocks a thread idle while work is queued: the waiting thread runs
-// queued tasks meanwhile, so nested waits cannot exhaust the pool.
+// queued tasks of the awaited task's priority or above meanwhile (the awaited
+// task among them), so nested waits cannot exhaust the pool, and long
+// low-priority work never holds up a waiter.
 //
 // Thread safety: every function here may be called from any thread.
 #pragma once
