@@ -5,6 +5,9 @@
 // directions; "ratio" is plain size over compressed size. Every decoder's
 // output is compared with the input before its loop runs; a mismatch turns
 // the benchmark into an error instead of a figure.
+//
+// On a shared machine single runs move by tens of per cent; compare medians:
+//   lzfse_benchmark --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include <QEVRLZFSE/Lzfse.h>
 
 #include <benchmark/benchmark.h>
@@ -34,22 +37,24 @@ struct Corpus {
 
   std::size_t plainBytes() const {
     std::size_t n = 0;
-    for (const Bytes& b : inputs) n += b.size();
+    for (const Bytes& b : inputs)
+      n += b.size();
     return n;
   }
 };
 
 const char* const kChunkVectors[] = {
-    "chunk-100-ascii",         "chunk-100-custom-heavy", "chunk-100-game",
-    "chunk-100-long-strings",  "chunk-100-screens-light", "chunk-100-taps-gestures",
-    "chunk-100-two-sessions",  "chunk-100-unicode",      "chunk-partial-single",
-    "chunk-partial-small",     "chunk-partial-tiny"};
+    "chunk-100-ascii",        "chunk-100-custom-heavy",  "chunk-100-game",
+    "chunk-100-long-strings", "chunk-100-screens-light", "chunk-100-taps-gestures",
+    "chunk-100-two-sessions", "chunk-100-unicode",       "chunk-partial-single",
+    "chunk-partial-small",    "chunk-partial-tiny"};
 
 void setCounters(benchmark::State& state, std::size_t plain, std::size_t compressed) {
   const double perIteration = static_cast<double>(plain);
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
                           static_cast<std::int64_t>(plain));
-  state.counters["MB/s"] = benchmark::Counter(perIteration / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["MB/s"] =
+      benchmark::Counter(perIteration / 1e6, benchmark::Counter::kIsIterationInvariantRate);
   state.counters["ratio"] = static_cast<double>(plain) / static_cast<double>(compressed);
   state.counters["compressed"] = static_cast<double>(compressed);
 }
@@ -171,10 +176,14 @@ std::vector<Corpus>& corpora() {
 int registerAll() {
   for (const Corpus& c : corpora()) {
     if (c.plainBytes() == 0) continue;  // data missing: registered nowhere
-    benchmark::RegisterBenchmark(("BM_LzfseEncode/" + c.label).c_str(), encodeBenchmark<LzfseCodec>, &c);
-    benchmark::RegisterBenchmark(("BM_LzfseDecode/" + c.label).c_str(), decodeBenchmark<LzfseCodec>, &c);
-    benchmark::RegisterBenchmark(("BM_ZlibEncode/" + c.label).c_str(), encodeBenchmark<ZlibCodec>, &c);
-    benchmark::RegisterBenchmark(("BM_ZlibDecode/" + c.label).c_str(), decodeBenchmark<ZlibCodec>, &c);
+    benchmark::RegisterBenchmark(("BM_LzfseEncode/" + c.label).c_str(), encodeBenchmark<LzfseCodec>,
+                                 &c);
+    benchmark::RegisterBenchmark(("BM_LzfseDecode/" + c.label).c_str(), decodeBenchmark<LzfseCodec>,
+                                 &c);
+    benchmark::RegisterBenchmark(("BM_ZlibEncode/" + c.label).c_str(), encodeBenchmark<ZlibCodec>,
+                                 &c);
+    benchmark::RegisterBenchmark(("BM_ZlibDecode/" + c.label).c_str(), decodeBenchmark<ZlibCodec>,
+                                 &c);
   }
   return 0;
 }

@@ -106,12 +106,14 @@ void readV1Header(const std::uint8_t* p, LzfseBlockHeader& h) {
   h.nLiteralPayloadBytes = detail::load32(p + 20);
   h.nLmdPayloadBytes = detail::load32(p + 24);
   h.literalBits = static_cast<std::int32_t>(detail::load32(p + 28));
-  for (int i = 0; i < 4; ++i) h.literalState[i] = detail::load16(p + 32 + 2 * i);
+  for (int i = 0; i < 4; ++i)
+    h.literalState[i] = detail::load16(p + 32 + 2 * i);
   h.lmdBits = static_cast<std::int32_t>(detail::load32(p + 40));
   h.lState = detail::load16(p + 44);
   h.mState = detail::load16(p + 46);
   h.dState = detail::load16(p + 48);
-  for (int i = 0; i < detail::kFrequencyCount; ++i) h.freq[i] = detail::load16(p + 50 + 2 * i);
+  for (int i = 0; i < detail::kFrequencyCount; ++i)
+    h.freq[i] = detail::load16(p + 50 + 2 * i);
 }
 
 bool readV2Header(const std::uint8_t* p, std::size_t headerBytes, LzfseBlockHeader& h) {
@@ -123,7 +125,8 @@ bool readV2Header(const std::uint8_t* p, std::size_t headerBytes, LzfseBlockHead
   h.nLiteralPayloadBytes = static_cast<std::uint32_t>((w0 >> 20) & 0xFFFFF);
   h.nMatches = static_cast<std::uint32_t>((w0 >> 40) & 0xFFFFF);
   h.literalBits = static_cast<std::int32_t>((w0 >> 60) & 7) - 7;
-  for (int i = 0; i < 4; ++i) h.literalState[i] = static_cast<std::uint16_t>((w1 >> (10 * i)) & 0x3FF);
+  for (int i = 0; i < 4; ++i)
+    h.literalState[i] = static_cast<std::uint16_t>((w1 >> (10 * i)) & 0x3FF);
   h.nLmdPayloadBytes = static_cast<std::uint32_t>((w1 >> 40) & 0xFFFFF);
   h.lmdBits = static_cast<std::int32_t>((w1 >> 60) & 7) - 7;
   h.lState = static_cast<std::uint16_t>((w2 >> 32) & 0x3FF);
@@ -135,7 +138,8 @@ bool readV2Header(const std::uint8_t* p, std::size_t headerBytes, LzfseBlockHead
 
 std::uint32_t sum(const std::uint16_t* freq, int n) {
   std::uint32_t s = 0;
-  for (int i = 0; i < n; ++i) s += freq[i];
+  for (int i = 0; i < n; ++i)
+    s += freq[i];
   return s;
 }
 
@@ -152,7 +156,8 @@ bool headerValid(const LzfseBlockHeader& h) {
   for (std::uint16_t s : h.literalState) {
     if (s >= detail::kLiteralStates) return false;
   }
-  if (h.lState >= detail::kLStates || h.mState >= detail::kMStates || h.dState >= detail::kDStates) {
+  if (h.lState >= detail::kLStates || h.mState >= detail::kMStates ||
+      h.dState >= detail::kDStates) {
     return false;
   }
   if (h.literalBits < -7 || h.literalBits > 0 || h.lmdBits < -7 || h.lmdBits > 0) return false;
@@ -214,7 +219,8 @@ struct BitReader {
   }
 
   bool withinPayload(std::size_t payloadStart) const {
-    const auto unreadBits = (static_cast<std::int64_t>(pos) - static_cast<std::int64_t>(payloadStart)) * 8 + valid;
+    const auto unreadBits =
+        (static_cast<std::int64_t>(pos) - static_cast<std::int64_t>(payloadStart)) * 8 + valid;
     return unreadBits >= 0;
   }
 };
@@ -241,13 +247,13 @@ BlockStatus decodeLzfseBlock(DecoderScratch& s, const LzfseBlockHeader& h,
                              std::size_t payloadStart, std::uint8_t* dst, std::size_t dstSize,
                              std::size_t& outPos) {
   if (!headerValid(h)) return BlockStatus::invalid;
-  if (h.nRawBytes > std::uint64_t{h.nMatches} * detail::kMaxTripleOutput) return BlockStatus::invalid;
+  if (h.nRawBytes > std::uint64_t{h.nMatches} * detail::kMaxTripleOutput)
+    return BlockStatus::invalid;
 
   // Literals, all of them up front, four interleaved states. Both bit
   // streams are opened (and their padding checked) even when unused.
   BitReader literalReader;
-  if (!literalReader.init(input, blockStart, payloadStart, h.nLiteralPayloadBytes,
-                          h.literalBits)) {
+  if (!literalReader.init(input, blockStart, payloadStart, h.nLiteralPayloadBytes, h.literalBits)) {
     return BlockStatus::invalid;
   }
   if (h.nLiterals > 0) {
@@ -295,8 +301,8 @@ BlockStatus decodeLzfseBlock(DecoderScratch& s, const LzfseBlockHeader& h,
   const std::size_t writeEndPos = capped ? dstSize : static_cast<std::size_t>(declaredEnd);
   // Triples that end at or before fastEndPos may use the fast copies, which
   // run up to kMatchCopySlack bytes past their end.
-  const std::size_t fastEndPos =
-      std::min(writeEndPos, dstSize > detail::kMatchCopySlack ? dstSize - detail::kMatchCopySlack : 0);
+  const std::size_t fastEndPos = std::min(
+      writeEndPos, dstSize > detail::kMatchCopySlack ? dstSize - detail::kMatchCopySlack : 0);
   const detail::ValueDecodeEntry* const lTable = s.lTable;
   const detail::ValueDecodeEntry* const mTable = s.mTable;
   const detail::ValueDecodeEntry* const dTable = s.dTable;
@@ -336,20 +342,20 @@ BlockStatus decodeLzfseBlock(DecoderScratch& s, const LzfseBlockHeader& h,
       }
       // The destination fills up inside this triple: write what fits.
       const std::size_t litNow = std::min(literals, room);
-      std::memcpy(op, lit, litNow);
+      detail::copyBytes(op, lit, litNow);
       op += litNow;
       detail::copyMatchExact(op, distance, room - litNow);
       op += room - litNow;
       return finish(BlockStatus::outputFull);
     }
-    std::memcpy(op, lit, literals);
+    detail::copyBytes(op, lit, literals);
     op += literals;
     lit += literals;
     detail::copyMatchExact(op, distance, match);
     op += match;
   }
   if (!r.withinPayload(lmdStart)) return finish(BlockStatus::invalid);
-  if (op != dst + declaredEnd) return finish(BlockStatus::invalid);
+  if (static_cast<std::uint64_t>(op - dst) != declaredEnd) return finish(BlockStatus::invalid);
   return finish(BlockStatus::ok);
 }
 
@@ -388,8 +394,7 @@ Decoder::~Decoder() = default;
 Decoder::Decoder(Decoder&&) noexcept = default;
 Decoder& Decoder::operator=(Decoder&&) noexcept = default;
 
-DecodeResult Decoder::decodeBuffer(std::span<const std::uint8_t> src,
-                                   std::span<std::uint8_t> dst) {
+DecodeResult Decoder::decodeBuffer(std::span<const std::uint8_t> src, std::span<std::uint8_t> dst) {
   if (!scratch) scratch = std::make_unique<DecoderScratch>();  // after a move
   const std::uint8_t* const input = src.data();
   std::uint8_t* const out = dst.data();
@@ -407,10 +412,10 @@ DecodeResult Decoder::decodeBuffer(std::span<const std::uint8_t> src,
         const std::size_t n = static_cast<std::size_t>(frame.rawBytes);
         const std::size_t room = dst.size() - outPos;
         if (n > room) {
-          std::memcpy(out + outPos, block + detail::kUncompressedHeaderBytes, room);
+          detail::copyBytes(out + outPos, block + detail::kUncompressedHeaderBytes, room);
           return {DecodeStatus::outputFull, dst.size()};
         }
-        if (n > 0) std::memcpy(out + outPos, block + detail::kUncompressedHeaderBytes, n);
+        detail::copyBytes(out + outPos, block + detail::kUncompressedHeaderBytes, n);
         outPos += n;
         break;
       }

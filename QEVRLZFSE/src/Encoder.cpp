@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cstring>
 
 namespace qevr::lzfse {
@@ -22,8 +23,8 @@ using detail::kMaxM;
 constexpr std::size_t kMinCompressedInput = 8;
 constexpr std::size_t kMinLzfseInput = 4096;
 
-// Block limits we keep to, a little under the format's so that one more
-// match always has room after the check.
+// Blocks close a little below the format's limits of 10000 triples and
+// 40000 literals: the literals still get padded to a multiple of 4.
 constexpr std::uint32_t kBlockTripleLimit = detail::kMaxMatchesPerBlock - 8;
 constexpr std::uint32_t kBlockLiteralLimit = detail::kMaxLiteralsPerBlock - 16;
 
@@ -41,7 +42,8 @@ constexpr std::array<std::uint8_t, N> makeSymbolMap(const std::array<std::uint32
   std::array<std::uint8_t, N> map{};
   std::size_t s = 0;
   for (std::size_t v = 0; v < N; ++v) {
-    while (s + 1 < S && base[s + 1] <= v) ++s;
+    while (s + 1 < S && base[s + 1] <= v)
+      ++s;
     map[v] = static_cast<std::uint8_t>(s);
   }
   return map;
@@ -59,7 +61,8 @@ inline unsigned dSymbolOf(std::uint32_t d) {
 
 std::size_t rawStreamSize(std::size_t n) {
   const std::size_t blocks =
-      n == 0 ? 1 : (n + detail::kMaxUncompressedBlockBytes - 1) / detail::kMaxUncompressedBlockBytes;
+      n == 0 ? 1
+             : (n + detail::kMaxUncompressedBlockBytes - 1) / detail::kMaxUncompressedBlockBytes;
   return n + blocks * detail::kUncompressedHeaderBytes + detail::kEndOfStreamBytes;
 }
 
@@ -89,7 +92,8 @@ class BitWriter {
  public:
   explicit BitWriter(std::uint8_t* out) : start(out), ptr(out) {}
 
-  // n <= 32, and at most 56 bits pending after the call.
+  // n <= 32, and at most 64 bits pending after the call (flush() before
+  // more).
   void put(std::uint32_t value, unsigned n) {
     acc |= std::uint64_t{value} << count;
     count += n;
@@ -180,7 +184,8 @@ std::size_t EncoderState::writeBlock(std::uint8_t* out) {
   // Literals are coded in groups of four; pad with zeros, which are coded
   // (and counted) but never copied out by any triple.
   std::uint32_t nLiterals = blockLiterals;
-  while (nLiterals % 4 != 0) literals[nLiterals++] = 0;
+  while (nLiterals % 4 != 0)
+    literals[nLiterals++] = 0;
 
   std::uint32_t lCounts[detail::kLSymbols] = {};
   std::uint32_t mCounts[detail::kMSymbols] = {};
@@ -360,8 +365,8 @@ bool LzfseStreamEncoder::findMatches() {
   // A table of about a quarter as many buckets as input bytes (4 entries
   // each) finds as many matches as the full one: smaller inputs touch fewer
   // cache lines.
-  const unsigned hashBits = std::clamp(static_cast<unsigned>(std::bit_width(n)) - 2, 10u,
-                                       detail::MatchTable::kHashBits);
+  const unsigned hashBits =
+      std::clamp(static_cast<unsigned>(std::bit_width(n)) - 2, 10u, detail::MatchTable::kHashBits);
   Match pending;
   bool hasPending = false;
   std::size_t p = 0;
@@ -446,8 +451,10 @@ bool LzfseStreamEncoder::findMatches() {
   return !failed;
 }
 
+// REQUIRES: blockHasRoom(1, literals).
 void LzfseStreamEncoder::pushTriple(std::size_t literals, std::uint32_t match,
                                     std::uint32_t distance) {
+  assert(blockHasRoom(1, literals));
   const std::uint32_t i = st.blockTriples++;
   st.tripleL[i] = static_cast<std::uint16_t>(literals);
   st.tripleM[i] = static_cast<std::uint16_t>(match);
@@ -462,9 +469,10 @@ void LzfseStreamEncoder::pushTriple(std::size_t literals, std::uint32_t match,
 // Literal-only triples. Their distance is never used for copying but must
 // still be valid; repeating the previous one costs the fewest bits.
 void LzfseStreamEncoder::emitLiterals(std::size_t count) {
-  while (count > 0 && !failed) {
+  while (count > 0) {
     const std::size_t l = std::min<std::size_t>(count, kMaxL);
     if (!blockHasRoom(1, l)) flushBlock();
+    if (failed) return;
     const std::uint32_t d = st.blockLastDistance != 0 ? st.blockLastDistance : 1;
     pushTriple(l, 0, d);
     count -= l;
@@ -516,7 +524,9 @@ void LzfseStreamEncoder::flushBlock() {
 
 }  // namespace
 
-std::size_t maxEncodedSize(std::size_t inputBytes) { return rawStreamSize(inputBytes); }
+std::size_t maxEncodedSize(std::size_t inputBytes) {
+  return rawStreamSize(inputBytes);
+}
 
 Encoder::Encoder() : state(std::make_unique<EncoderState>()) {}
 Encoder::~Encoder() = default;
@@ -535,15 +545,13 @@ std::size_t Encoder::encodeBuffer(std::span<const std::uint8_t> src, std::span<s
     const std::size_t overhead = detail::kLzvnHeaderBytes + detail::kEndOfStreamBytes;
     if (dst.size() > overhead) {
       const std::size_t limit = std::min(n - 5, dst.size() - overhead);
-      const std::size_t payload =
-          detail::encodeLzvnPayload(src.data(), n, dst.data() + detail::kLzvnHeaderBytes, limit,
-                                    state->table);
+      const std::size_t payload = detail::encodeLzvnPayload(
+          src.data(), n, dst.data() + detail::kLzvnHeaderBytes, limit, state->table);
       if (payload > 0) {
         detail::store32(dst.data(), detail::kMagicLzvn);
         detail::store32(dst.data() + 4, static_cast<std::uint32_t>(n));
         detail::store32(dst.data() + 8, static_cast<std::uint32_t>(payload));
-        detail::store32(dst.data() + detail::kLzvnHeaderBytes + payload,
-                        detail::kMagicEndOfStream);
+        detail::store32(dst.data() + detail::kLzvnHeaderBytes + payload, detail::kMagicEndOfStream);
         return payload + overhead;
       }
     }

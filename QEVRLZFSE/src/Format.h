@@ -51,12 +51,12 @@ inline constexpr std::uint64_t kMaxTripleOutput = kMaxL + kMaxM;
 inline constexpr std::uint64_t kMaxLzvnExpansion = 136;
 inline constexpr std::uint32_t kMaxLzvnDistance = 65535;
 
-inline constexpr std::array<std::uint8_t, kLSymbols> kLExtraBits = {
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 3, 5, 8};
+inline constexpr std::array<std::uint8_t, kLSymbols> kLExtraBits = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                                    0, 0, 0, 0, 0, 0, 2, 3, 5, 8};
 inline constexpr std::array<std::uint32_t, kLSymbols> kLBaseValue = {
     0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 20, 28, 60};
-inline constexpr std::array<std::uint8_t, kMSymbols> kMExtraBits = {
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 5, 8, 11};
+inline constexpr std::array<std::uint8_t, kMSymbols> kMExtraBits = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                                    0, 0, 0, 0, 0, 0, 3, 5, 8, 11};
 inline constexpr std::array<std::uint32_t, kMSymbols> kMBaseValue = {
     0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 24, 56, 312};
 
@@ -65,7 +65,8 @@ inline constexpr std::array<std::uint32_t, kMSymbols> kMBaseValue = {
 // symbol's range.
 constexpr std::array<std::uint8_t, kDSymbols> makeDExtraBits() {
   std::array<std::uint8_t, kDSymbols> bits{};
-  for (int s = 0; s < kDSymbols; ++s) bits[s] = static_cast<std::uint8_t>(s / 4);
+  for (int s = 0; s < kDSymbols; ++s)
+    bits[s] = static_cast<std::uint8_t>(s / 4);
   return bits;
 }
 inline constexpr std::array<std::uint8_t, kDSymbols> kDExtraBits = makeDExtraBits();
@@ -89,30 +90,50 @@ inline T loadLE(const std::uint8_t* p) {
   std::memcpy(&v, p, sizeof v);
   if constexpr (std::endian::native == std::endian::big) {
     T r = 0;
-    for (std::size_t i = 0; i < sizeof v; ++i) r = static_cast<T>(r | (T{p[i]} << (8 * i)));
+    for (std::size_t i = 0; i < sizeof v; ++i)
+      r = static_cast<T>(r | (T{p[i]} << (8 * i)));
     v = r;
   }
   return v;
 }
-inline std::uint16_t load16(const std::uint8_t* p) { return loadLE<std::uint16_t>(p); }
-inline std::uint32_t load32(const std::uint8_t* p) { return loadLE<std::uint32_t>(p); }
-inline std::uint64_t load64(const std::uint8_t* p) { return loadLE<std::uint64_t>(p); }
+inline std::uint16_t load16(const std::uint8_t* p) {
+  return loadLE<std::uint16_t>(p);
+}
+inline std::uint32_t load32(const std::uint8_t* p) {
+  return loadLE<std::uint32_t>(p);
+}
+inline std::uint64_t load64(const std::uint8_t* p) {
+  return loadLE<std::uint64_t>(p);
+}
 
 template <typename T>
 inline void storeLE(std::uint8_t* p, T v) {
   if constexpr (std::endian::native == std::endian::big) {
-    for (std::size_t i = 0; i < sizeof v; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
+    for (std::size_t i = 0; i < sizeof v; ++i)
+      p[i] = static_cast<std::uint8_t>(v >> (8 * i));
   } else {
     std::memcpy(p, &v, sizeof v);
   }
 }
-inline void store16(std::uint8_t* p, std::uint16_t v) { storeLE(p, v); }
-inline void store32(std::uint8_t* p, std::uint32_t v) { storeLE(p, v); }
-inline void store64(std::uint8_t* p, std::uint64_t v) { storeLE(p, v); }
+inline void store16(std::uint8_t* p, std::uint16_t v) {
+  storeLE(p, v);
+}
+inline void store32(std::uint8_t* p, std::uint32_t v) {
+  storeLE(p, v);
+}
+inline void store64(std::uint8_t* p, std::uint64_t v) {
+  storeLE(p, v);
+}
 
-inline void copy8(std::uint8_t* dst, const std::uint8_t* src) { std::memcpy(dst, src, 8); }
-inline void copy16(std::uint8_t* dst, const std::uint8_t* src) { std::memcpy(dst, src, 16); }
+inline void copy8(std::uint8_t* dst, const std::uint8_t* src) {
+  std::memcpy(dst, src, 8);
+}
+inline void copy16(std::uint8_t* dst, const std::uint8_t* src) {
+  std::memcpy(dst, src, 16);
+}
 
-inline std::uint64_t lowBitsMask(unsigned n) { return (std::uint64_t{1} << n) - 1; }
+inline std::uint64_t lowBitsMask(unsigned n) {
+  return (std::uint64_t{1} << n) - 1;
+}
 
 }  // namespace qevr::lzfse::detail

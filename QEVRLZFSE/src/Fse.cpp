@@ -40,7 +40,9 @@ FrequencyCodeword encodeFrequencyCode(unsigned v) {
   return {15 + ((v - 24) << 4), 14};
 }
 
-unsigned floorLog2(unsigned v) { return static_cast<unsigned>(std::bit_width(v)) - 1; }
+unsigned floorLog2(unsigned v) {
+  return static_cast<unsigned>(std::bit_width(v)) - 1;
+}
 
 }  // namespace
 
@@ -94,7 +96,8 @@ void normalizeFrequencies(const std::uint32_t* counts, int symbols, int states,
   // it can absorb it; a large surplus (many rare symbols forced up to 1) is
   // shaved off every symbol in proportion instead.
   std::uint32_t total = 0;
-  for (int s = 0; s < symbols; ++s) total += counts[s];
+  for (int s = 0; s < symbols; ++s)
+    total += counts[s];
   const std::uint32_t step = total == 0 ? 0 : (std::uint32_t{1} << 31) / total;
   const unsigned shift = 30 - floorLog2(static_cast<unsigned>(states));
   int remaining = states;

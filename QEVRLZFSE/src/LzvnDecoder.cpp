@@ -145,7 +145,9 @@ BlockStatus decodeLzvnPayload(const std::uint8_t* payload, std::size_t payloadSi
       case kEndOfStream:
         // The 8-byte end opcode must close the payload, and the block must
         // have produced exactly what its header declared.
-        if (available != 8 || op != dst + declaredEnd) return finish(BlockStatus::invalid);
+        if (available != 8 || static_cast<std::uint64_t>(op - dst) != declaredEnd) {
+          return finish(BlockStatus::invalid);
+        }
         return finish(BlockStatus::ok);
       case kNop:
         ++ip;
@@ -164,7 +166,7 @@ BlockStatus decodeLzvnPayload(const std::uint8_t* payload, std::size_t payloadSi
       }
       // The destination fills up inside this opcode: write what fits.
       const std::size_t litNow = literals < room ? literals : room;
-      std::memcpy(op, lit, litNow);
+      copyBytes(op, lit, litNow);
       op += litNow;
       if (litNow < literals) return finish(BlockStatus::outputFull);
       if (distance > static_cast<std::size_t>(op - dst)) return finish(BlockStatus::invalid);

@@ -21,8 +21,12 @@ struct alignas(32) HashBucket {
 inline std::uint64_t makeEntry(std::uint32_t pos, std::uint32_t value) {
   return pos | (std::uint64_t{value} << 32);
 }
-inline std::uint32_t entryPos(std::uint64_t e) { return static_cast<std::uint32_t>(e); }
-inline std::uint32_t entryValue(std::uint64_t e) { return static_cast<std::uint32_t>(e >> 32); }
+inline std::uint32_t entryPos(std::uint64_t e) {
+  return static_cast<std::uint32_t>(e);
+}
+inline std::uint32_t entryValue(std::uint64_t e) {
+  return static_cast<std::uint32_t>(e >> 32);
+}
 
 // Adds (cur, value) in front of the bucket and returns the entries it held.
 struct BucketSnapshot {
@@ -95,8 +99,7 @@ class MatchTable {
 inline std::uint32_t candidateDistance(std::uint32_t cur, std::uint32_t stored, std::size_t p,
                                        std::uint32_t maxDistance) {
   const std::uint32_t d = cur - stored;
-  const std::uint32_t reach =
-      p < maxDistance ? static_cast<std::uint32_t>(p) : maxDistance;
+  const std::uint32_t reach = p < maxDistance ? static_cast<std::uint32_t>(p) : maxDistance;
   return d - 1 < reach ? d : 0;
 }
 

@@ -23,21 +23,43 @@ struct VectorCase {
 };
 
 std::vector<VectorCase> allVectors() {
-  const char* const names[] = {
-      "empty-0",          "byte-1",           "text-7",
-      "text-8",           "text-9",           "text-dozens",
-      "bvxn-floor-below", "bvxn-floor",       "text-4095",
-      "text-4096",        "text-4097",        "rand-4095",
-      "rand-4096",        "rand-small",       "chunk-100-ascii",
-      "chunk-100-unicode", "chunk-100-custom-heavy", "chunk-100-screens-light",
-      "chunk-100-taps-gestures", "chunk-100-game", "chunk-100-long-strings",
-      "chunk-100-two-sessions", "chunk-partial-small", "chunk-partial-tiny",
-      "chunk-partial-single", "mixed-1mb",      "rand-large",
-      "rep-byte",         "rep-pattern",      "rep-byte-small",
-      "rep-chunk",        "multiblock-below", "multiblock-min",
-      "concat-mixed-blocks"};
+  const char* const names[] = {"empty-0",
+                               "byte-1",
+                               "text-7",
+                               "text-8",
+                               "text-9",
+                               "text-dozens",
+                               "bvxn-floor-below",
+                               "bvxn-floor",
+                               "text-4095",
+                               "text-4096",
+                               "text-4097",
+                               "rand-4095",
+                               "rand-4096",
+                               "rand-small",
+                               "chunk-100-ascii",
+                               "chunk-100-unicode",
+                               "chunk-100-custom-heavy",
+                               "chunk-100-screens-light",
+                               "chunk-100-taps-gestures",
+                               "chunk-100-game",
+                               "chunk-100-long-strings",
+                               "chunk-100-two-sessions",
+                               "chunk-partial-small",
+                               "chunk-partial-tiny",
+                               "chunk-partial-single",
+                               "mixed-1mb",
+                               "rand-large",
+                               "rep-byte",
+                               "rep-pattern",
+                               "rep-byte-small",
+                               "rep-chunk",
+                               "multiblock-below",
+                               "multiblock-min",
+                               "concat-mixed-blocks"};
   std::vector<VectorCase> cases;
-  for (const char* name : names) cases.push_back({std::string(name) + ".lzfse", std::string(name) + ".bin"});
+  for (const char* name : names)
+    cases.push_back({std::string(name) + ".lzfse", std::string(name) + ".bin"});
   // The same payloads behind unpacked (v1) block headers.
   for (const char* name : {"text-4096", "chunk-100-ascii", "chunk-100-unicode", "multiblock-min",
                            "rep-byte", "mixed-1mb", "concat-mixed-blocks"}) {
@@ -46,9 +68,9 @@ std::vector<VectorCase> allVectors() {
   return cases;
 }
 
-class ReferenceVectorTest : public ::testing::TestWithParam<VectorCase> {};
+class VectorTest : public ::testing::TestWithParam<VectorCase> {};
 
-TEST_P(ReferenceVectorTest, DecodesToThePlainBytesExactly) {
+TEST_P(VectorTest, DecodesToThePlainBytesExactly) {
   const Bytes stream = readVector(GetParam().stream);
   const Bytes plain = readVector(GetParam().plain);
   ASSERT_FALSE(stream.empty()) << GetParam().stream;
@@ -66,7 +88,7 @@ TEST_P(ReferenceVectorTest, DecodesToThePlainBytesExactly) {
                           [](std::uint8_t b) { return b == 0xA5; }));
 }
 
-TEST_P(ReferenceVectorTest, StopsAtTheCapacityWithTheFirstBytes) {
+TEST_P(VectorTest, StopsAtTheCapacityWithTheFirstBytes) {
   const Bytes stream = readVector(GetParam().stream);
   const Bytes plain = readVector(GetParam().plain);
   if (plain.empty()) GTEST_SKIP() << "nothing to cut short";
@@ -85,7 +107,7 @@ TEST_P(ReferenceVectorTest, StopsAtTheCapacityWithTheFirstBytes) {
   }
 }
 
-TEST_P(ReferenceVectorTest, RefusesToExceedTheOutputLimit) {
+TEST_P(VectorTest, RefusesToExceedTheOutputLimit) {
   const Bytes stream = readVector(GetParam().stream);
   const Bytes plain = readVector(GetParam().plain);
   if (plain.empty()) GTEST_SKIP() << "nothing to limit";
@@ -94,7 +116,7 @@ TEST_P(ReferenceVectorTest, RefusesToExceedTheOutputLimit) {
   EXPECT_TRUE(out.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(AllVectors, ReferenceVectorTest, ::testing::ValuesIn(allVectors()),
+INSTANTIATE_TEST_SUITE_P(AllVectors, VectorTest, ::testing::ValuesIn(allVectors()),
                          [](const auto& paramInfo) {
                            std::string name = paramInfo.param.stream;
                            std::replace_if(
@@ -103,7 +125,9 @@ INSTANTIATE_TEST_SUITE_P(AllVectors, ReferenceVectorTest, ::testing::ValuesIn(al
                            return name;
                          });
 
-// The LZVN block worked through opcode by opcode in doc/compression_format.md.
+// A hand-checked LZVN stream that uses every common opcode class: literal
+// runs, small-distance matches, a previous-distance match with a literal
+// and small matches.
 const Bytes kTickTockStream = {
     0x62, 0x76, 0x78, 0x6e, 0x2c, 0x00, 0x00, 0x00, 0x1f, 0x00, 0x00, 0x00, 0xeb, 0x65, 0x76, 0x65,
     0x6e, 0x74, 0x3d, 0x74, 0x69, 0x63, 0x6b, 0x3b, 0x20, 0x0b, 0x6e, 0x6f, 0xf2, 0x38, 0x16, 0xf3,
@@ -114,6 +138,17 @@ TEST(DecoderTest, DecodesTheAnnotatedLzvnBlock) {
   Bytes out;
   ASSERT_EQ(decode(kTickTockStream, 1000, out), DecodeStatus::ok);
   EXPECT_EQ(std::string(out.begin(), out.end()), kTickTockText);
+}
+
+TEST(DecoderTest, HandlesEmptySpans) {
+  const std::span<std::uint8_t> nothing;
+  EXPECT_EQ(decodeBuffer(readVector("empty-0.lzfse"), nothing),
+            (DecodeResult{DecodeStatus::ok, 0}));
+  for (const char* name : {"byte-1.lzfse", "bvxn-floor.lzfse", "text-4096.lzfse"}) {
+    EXPECT_EQ(decodeBuffer(readVector(name), nothing), (DecodeResult{DecodeStatus::outputFull, 0}))
+        << name;
+  }
+  EXPECT_EQ(decodeBuffer({}, nothing).status, DecodeStatus::truncated);
 }
 
 TEST(DecoderTest, IgnoresBytesAfterTheEndOfStream) {
@@ -129,10 +164,9 @@ TEST(DecoderTest, KeepsHistoryAcrossBlocks) {
   // An LZVN block whose first match reaches into the uncompressed block
   // before it: small match opcodes need a distance from this block, but a
   // small-distance opcode may point into earlier output.
-  const Bytes stream = {'b', 'v', 'x', '-', 4, 0, 0, 0, 'a', 'b', 'c', 'd',
-                        'b', 'v', 'x', 'n', 8, 0, 0, 0, 10, 0, 0, 0,
-                        0x28, 0x04,  // L 0, M 8, D 4
-                        0x06, 0, 0, 0, 0, 0, 0, 0, 'b', 'v', 'x', '$'};
+  const Bytes stream = {'b',  'v', 'x', '-', 4, 0, 0,  0, 'a', 'b', 'c',  'd',  'b', 'v',
+                        'x',  'n', 8,   0,   0, 0, 10, 0, 0,   0,   0x28, 0x04,  // L 0, M 8, D 4
+                        0x06, 0,   0,   0,   0, 0, 0,  0, 'b', 'v', 'x',  '$'};
   Bytes out;
   ASSERT_EQ(decode(stream, 100, out), DecodeStatus::ok);
   EXPECT_EQ(std::string(out.begin(), out.end()), "abcdabcdabcd");
@@ -150,7 +184,8 @@ struct HostileCase {
 Bytes lzvnBlock(std::uint32_t rawBytes, const Bytes& payload) {
   Bytes b = {'b', 'v', 'x', 'n'};
   for (std::uint32_t v : {rawBytes, static_cast<std::uint32_t>(payload.size())}) {
-    for (int i = 0; i < 4; ++i) b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    for (int i = 0; i < 4; ++i)
+      b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
   }
   b.insert(b.end(), payload.begin(), payload.end());
   b.insert(b.end(), {'b', 'v', 'x', '$'});
@@ -170,11 +205,14 @@ std::vector<HostileCase> hostileCases() {
       {"PartialMagic", {'b', 'v', 'x'}, DecodeStatus::truncated},
       {"UnknownMagic", {'b', 'v', 'x', '3', 0, 0, 0, 0}, DecodeStatus::invalid},
       {"NoEndOfStream", {'b', 'v', 'x', '-', 1, 0, 0, 0, 'x'}, DecodeStatus::truncated},
-      {"RawLongerThanInput", {'b', 'v', 'x', '-', 9, 0, 0, 0, 'x', 'b', 'v', 'x', '$'},
+      {"RawLongerThanInput",
+       {'b', 'v', 'x', '-', 9, 0, 0, 0, 'x', 'b', 'v', 'x', '$'},
        DecodeStatus::truncated},
-      {"RawHugeSize", {'b', 'v', 'x', '-', 0xff, 0xff, 0xff, 0xff, 'b', 'v', 'x', '$'},
+      {"RawHugeSize",
+       {'b', 'v', 'x', '-', 0xff, 0xff, 0xff, 0xff, 'b', 'v', 'x', '$'},
        DecodeStatus::truncated},
-      {"LzvnPayloadPastInput", {'b', 'v', 'x', 'n', 1, 0, 0, 0, 0xff, 0, 0, 0, 0xe1, 'x'},
+      {"LzvnPayloadPastInput",
+       {'b', 'v', 'x', 'n', 1, 0, 0, 0, 0xff, 0, 0, 0, 0xe1, 'x'},
        DecodeStatus::truncated},
       {"LzvnDeclaresImpossibleOutput", lzvnBlock(1u << 30, cat({0xe1, 'x'}, kEnd8)),
        DecodeStatus::invalid},
@@ -226,15 +264,18 @@ struct HeaderEdit {
 
 void setField(Bytes& s, std::size_t wordOffset, unsigned bit, unsigned width, std::uint64_t value) {
   std::uint64_t w = 0;
-  for (int i = 7; i >= 0; --i) w = (w << 8) | s[wordOffset + static_cast<std::size_t>(i)];
+  for (int i = 7; i >= 0; --i)
+    w = (w << 8) | s[wordOffset + static_cast<std::size_t>(i)];
   const std::uint64_t mask = ((std::uint64_t{1} << width) - 1) << bit;
   w = (w & ~mask) | ((value << bit) & mask);
-  for (int i = 0; i < 8; ++i) s[wordOffset + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(w >> (8 * i));
+  for (int i = 0; i < 8; ++i)
+    s[wordOffset + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(w >> (8 * i));
 }
 
 std::uint64_t getField(const Bytes& s, std::size_t wordOffset, unsigned bit, unsigned width) {
   std::uint64_t w = 0;
-  for (int i = 7; i >= 0; --i) w = (w << 8) | s[wordOffset + static_cast<std::size_t>(i)];
+  for (int i = 7; i >= 0; --i)
+    w = (w << 8) | s[wordOffset + static_cast<std::size_t>(i)];
   return (w >> bit) & ((std::uint64_t{1} << width) - 1);
 }
 

@@ -27,16 +27,17 @@ inline Bytes readVector(const std::string& file) {
 inline Bytes randomBytes(std::size_t n, std::uint32_t seed) {
   std::mt19937 rng(seed);
   Bytes out(n);
-  for (auto& b : out) b = static_cast<std::uint8_t>(rng());
+  for (auto& b : out)
+    b = static_cast<std::uint8_t>(rng());
   return out;
 }
 
 // Text-like bytes: words from a small vocabulary with numbers, so that the
 // match finder finds short and medium matches at many distances.
 inline Bytes textBytes(std::size_t n, std::uint32_t seed) {
-  static const char* const words[] = {"event", "screen", "tap",  "session", "\"id\":", "{",
-                                      "}",     ",",      " ",    "value",   "name",   "timestamp",
-                                      "gesture", "swipe", "\\/", "2024-05-01T12:00:00Z"};
+  static const char* const words[] = {
+      "event", "screen", "tap",  "session",   "\"id\":", "{",     "}",   ",",
+      " ",     "value",  "name", "timestamp", "gesture", "swipe", "\\/", "2024-05-01T12:00:00Z"};
   std::mt19937 rng(seed);
   Bytes out;
   out.reserve(n + 32);

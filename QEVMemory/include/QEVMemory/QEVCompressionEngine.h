@@ -36,7 +36,9 @@ class QEVR_API QEVCompressionError : public std::exception {
 
   explicit QEVCompressionError(Case c) : errorCase(c) {}
 
-  static QEVCompressionError compressionFailed() { return QEVCompressionError(Case::compressionFailed); }
+  static QEVCompressionError compressionFailed() {
+    return QEVCompressionError(Case::compressionFailed);
+  }
   static QEVCompressionError decompressionFailed() {
     return QEVCompressionError(Case::decompressionFailed);
   }
