@@ -186,6 +186,7 @@ void BM_ResidentMemoryGrowth(benchmark::State& state) {
 BENCHMARK(BM_ResidentMemoryGrowth)
     ->Args({10'000'000, 0})
     ->Args({1'000'000, 1})
+    ->Args({3'000'000, 1})
     ->Args({10'000'000, 1})
     ->Iterations(1)
     ->Unit(benchmark::kSecond)

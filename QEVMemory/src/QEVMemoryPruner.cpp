@@ -164,6 +164,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         return result;
       }).value();
 
+  qevr::releaseFreeMemory();
   qevr::platformLog("QEVMemory", "Pruning", qevr::LogType::info,
                     "Pruned " + std::to_string(summary.deletedEventChunks) + " event chunks and " +
                         std::to_string(summary.deletedSessionGraphs) + " session graphs, freed " +

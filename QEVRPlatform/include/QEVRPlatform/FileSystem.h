@@ -108,3 +108,13 @@ QEVR_API void setApplicationSupportDirectoryOverride(std::optional<std::filesyst
 QEVR_API std::optional<std::filesystem::path> applicationSupportDirectoryOverride();
 
 }  // namespace qevr
+
+namespace qevr {
+
+// Hands memory that the allocator holds free back to the system, where the
+// platform allows it. Long background passes that allocate and free a lot
+// (a pruning run decodes a whole store) call it when they end, so resident
+// memory follows what is in use rather than the highest burst.
+QEVR_API void releaseFreeMemory();
+
+}  // namespace qevr

@@ -215,3 +215,17 @@ void FileSystem::removeItem(const fs::path& path) {
 }
 
 }  // namespace qevr
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
+namespace qevr {
+
+void releaseFreeMemory() {
+#if defined(__GLIBC__)
+  ::malloc_trim(0);
+#endif
+}
+
+}  // namespace qevr
