@@ -13,6 +13,7 @@ namespace {
 
 using testing::Bytes;
 using testing::readVector;
+using testing::kVectorNames;
 
 // Every stream under tests/data/lzfse, with the plain file it decodes to.
 struct VectorCase {
@@ -23,42 +24,8 @@ struct VectorCase {
 };
 
 std::vector<VectorCase> allVectors() {
-  const char* const names[] = {"empty-0",
-                               "byte-1",
-                               "text-7",
-                               "text-8",
-                               "text-9",
-                               "text-dozens",
-                               "bvxn-floor-below",
-                               "bvxn-floor",
-                               "text-4095",
-                               "text-4096",
-                               "text-4097",
-                               "rand-4095",
-                               "rand-4096",
-                               "rand-small",
-                               "chunk-100-ascii",
-                               "chunk-100-unicode",
-                               "chunk-100-custom-heavy",
-                               "chunk-100-screens-light",
-                               "chunk-100-taps-gestures",
-                               "chunk-100-game",
-                               "chunk-100-long-strings",
-                               "chunk-100-two-sessions",
-                               "chunk-partial-small",
-                               "chunk-partial-tiny",
-                               "chunk-partial-single",
-                               "mixed-1mb",
-                               "rand-large",
-                               "rep-byte",
-                               "rep-pattern",
-                               "rep-byte-small",
-                               "rep-chunk",
-                               "multiblock-below",
-                               "multiblock-min",
-                               "concat-mixed-blocks"};
   std::vector<VectorCase> cases;
-  for (const char* name : names)
+  for (const char* name : kVectorNames)
     cases.push_back({std::string(name) + ".lzfse", std::string(name) + ".bin"});
   // The same payloads behind unpacked (v1) block headers.
   for (const char* name : {"text-4096", "chunk-100-ascii", "chunk-100-unicode", "multiblock-min",

@@ -15,6 +15,7 @@ namespace {
 
 using testing::blockKinds;
 using testing::Bytes;
+using testing::kVectorNames;
 using testing::randomBytes;
 using testing::readVector;
 using testing::textBytes;
@@ -78,29 +79,7 @@ TEST(EncoderTest, RoundTripsSeveralMegabytes) {
 }
 
 TEST(EncoderTest, RoundTripsEveryVectorInput) {
-  for (const char* name : {"empty-0",
-                           "byte-1",
-                           "text-7",
-                           "text-8",
-                           "text-9",
-                           "text-dozens",
-                           "bvxn-floor-below",
-                           "bvxn-floor",
-                           "text-4095",
-                           "text-4096",
-                           "text-4097",
-                           "rand-4095",
-                           "rand-4096",
-                           "rand-small",
-                           "mixed-1mb",
-                           "rand-large",
-                           "rep-byte",
-                           "rep-pattern",
-                           "rep-byte-small",
-                           "rep-chunk",
-                           "multiblock-below",
-                           "multiblock-min",
-                           "concat-mixed-blocks"}) {
+  for (const char* name : kVectorNames) {
     expectRoundTrip(readVector(std::string(name) + ".bin"), name);
   }
 }

@@ -13,6 +13,42 @@ namespace qevr::lzfse::testing {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// The reference vectors: each NAME.bin with the stream NAME.lzfse.
+inline constexpr const char* kVectorNames[] = {"empty-0",
+                                               "byte-1",
+                                               "text-7",
+                                               "text-8",
+                                               "text-9",
+                                               "text-dozens",
+                                               "bvxn-floor-below",
+                                               "bvxn-floor",
+                                               "text-4095",
+                                               "text-4096",
+                                               "text-4097",
+                                               "rand-4095",
+                                               "rand-4096",
+                                               "rand-small",
+                                               "chunk-100-ascii",
+                                               "chunk-100-unicode",
+                                               "chunk-100-custom-heavy",
+                                               "chunk-100-screens-light",
+                                               "chunk-100-taps-gestures",
+                                               "chunk-100-game",
+                                               "chunk-100-long-strings",
+                                               "chunk-100-two-sessions",
+                                               "chunk-partial-small",
+                                               "chunk-partial-tiny",
+                                               "chunk-partial-single",
+                                               "mixed-1mb",
+                                               "rand-large",
+                                               "rep-byte",
+                                               "rep-pattern",
+                                               "rep-byte-small",
+                                               "rep-chunk",
+                                               "multiblock-below",
+                                               "multiblock-min",
+                                               "concat-mixed-blocks"};
+
 inline std::filesystem::path vectorPath(const std::string& file) {
   return std::filesystem::path(QEVR_TEST_DATA_DIR) / "lzfse" / file;
 }
