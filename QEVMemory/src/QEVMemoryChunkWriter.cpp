@@ -18,15 +18,10 @@ QEVMemoryChunkWriter::QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> chunk
                                            std::int64_t maxEvents, std::int64_t version,
                                            std::shared_ptr<const QEVMemoryPruner> chunkPruner,
                                            OptionsProvider options)
-    : store(std::move(chunkStore)),
-      maxEventsPerChunk(maxEvents),
-      schemaVersion(version),
-      pruner(std::move(chunkPruner)),
-      optionsProvider(std::move(options)),
-      shared(std::make_shared<Shared>()) {
-  shared->store = store;
-  shared->pruner = pruner;
-  shared->optionsProvider = optionsProvider;
+    : maxEventsPerChunk(maxEvents), schemaVersion(version), shared(std::make_shared<Shared>()) {
+  shared->store = std::move(chunkStore);
+  shared->pruner = std::move(chunkPruner);
+  shared->optionsProvider = std::move(options);
 }
 
 std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::append(QEVMemoryEvent event) {

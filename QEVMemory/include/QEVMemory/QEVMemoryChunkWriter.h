@@ -75,11 +75,8 @@ class QEVR_API QEVMemoryChunkWriter {
   std::optional<QEVMemoryEventChunk> closeLocked(QEVRDate closedAt) QEVR_REQUIRES(lock);
 
   // Constant after construction.
-  const std::shared_ptr<QEVMemoryStore> store;
   const std::int64_t maxEventsPerChunk;
   const std::int64_t schemaVersion;
-  const std::shared_ptr<const QEVMemoryPruner> pruner;
-  const OptionsProvider optionsProvider;
 
   mutable qevr::Mutex lock;
   std::optional<QEVRUUID> activeChunkId QEVR_GUARDED_BY(lock);
@@ -88,7 +85,8 @@ class QEVR_API QEVMemoryChunkWriter {
   std::vector<QEVMemoryEvent> activeEvents QEVR_GUARDED_BY(lock);
   bool isShutdown QEVR_GUARDED_BY(lock) = false;
 
-  // Shared with the background tasks, which may outlive the writer.
+  // The store, pruner and options, and the counters, shared with the
+  // background tasks, which may outlive the writer.
   struct Shared : std::enable_shared_from_this<Shared> {
     // True while a pruning run is queued and has not started; a run clears
     // it as it starts, so a chunk saved during a run queues one more.
