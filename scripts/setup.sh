@@ -25,7 +25,7 @@ esac
 
 cd "$(dirname "$0")/.."
 
-packages=(build-essential cmake ninja-build pkg-config ccache clang libclang-rt-dev
+packages=(build-essential cmake ninja-build pkg-config ccache clang clang-format libclang-rt-dev
           libicu-dev libsimdjson-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev)
 missing=()
 for p in "${packages[@]}"; do

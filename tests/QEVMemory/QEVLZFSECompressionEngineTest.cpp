@@ -23,12 +23,15 @@ Bytes readChunk(const std::string& name) {
 
 Bytes prefixed(std::uint64_t n, const Bytes& stream) {
   Bytes block;
-  for (int i = 7; i >= 0; --i) block.push_back(static_cast<std::uint8_t>(n >> (8 * i)));
+  for (int i = 7; i >= 0; --i)
+    block.push_back(static_cast<std::uint8_t>(n >> (8 * i)));
   block.insert(block.end(), stream.begin(), stream.end());
   return block;
 }
 
-Bytes streamOf(const Bytes& block) { return Bytes(block.begin() + 8, block.end()); }
+Bytes streamOf(const Bytes& block) {
+  return Bytes(block.begin() + 8, block.end());
+}
 
 // An LZVN stream of `n` (>= 9) 'A's: one literal, a match of 8 at distance
 // 1, then matches of up to 271 at the same distance. Small input, any size
@@ -36,7 +39,8 @@ Bytes streamOf(const Bytes& block) { return Bytes(block.begin() + 8, block.end()
 Bytes repeatedAStream(std::uint64_t n) {
   Bytes payload = {0x68, 0x01, 'A'};
   std::uint64_t left = n - 9;
-  for (; left > 271; left -= 271) payload.insert(payload.end(), {0xF0, 0xFF});
+  for (; left > 271; left -= 271)
+    payload.insert(payload.end(), {0xF0, 0xFF});
   if (left >= 16) {
     payload.insert(payload.end(), {0xF0, static_cast<std::uint8_t>(left - 16)});
   } else if (left > 0) {
@@ -45,7 +49,8 @@ Bytes repeatedAStream(std::uint64_t n) {
   payload.insert(payload.end(), {0x06, 0, 0, 0, 0, 0, 0, 0});
   Bytes s = {'b', 'v', 'x', 'n'};
   for (std::uint64_t v : {n, static_cast<std::uint64_t>(payload.size())}) {
-    for (int i = 0; i < 4; ++i) s.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    for (int i = 0; i < 4; ++i)
+      s.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
   }
   s.insert(s.end(), payload.begin(), payload.end());
   s.insert(s.end(), {'b', 'v', 'x', '$'});
@@ -97,7 +102,8 @@ TEST_F(QEVLZFSECompressionEngineTest, RoundTripsChunksAndEdgeSizes) {
     ASSERT_FALSE(inputs.back().empty()) << name;
   }
   Bytes noise(100000);
-  for (auto& b : noise) b = static_cast<std::uint8_t>(rng());
+  for (auto& b : noise)
+    b = static_cast<std::uint8_t>(rng());
   inputs.push_back(noise);
   for (const Bytes& input : inputs) {
     const Bytes block = engine.compress(input);

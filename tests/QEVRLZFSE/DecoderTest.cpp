@@ -12,8 +12,8 @@ namespace qevr::lzfse {
 namespace {
 
 using testing::Bytes;
-using testing::readVector;
 using testing::kVectorNames;
+using testing::readVector;
 
 // Every stream under tests/data/lzfse, with the plain file it decodes to.
 struct VectorCase {

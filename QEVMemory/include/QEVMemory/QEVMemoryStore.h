@@ -50,11 +50,14 @@ class QEVR_API QEVFileMemoryStoreError : public std::runtime_error {
  public:
   enum class Case { applicationSupportUnavailable, sessionGraphMissingIdentifier };
   explicit QEVFileMemoryStoreError(Case c)
-      : std::runtime_error(c == Case::applicationSupportUnavailable ? "applicationSupportUnavailable"
-                                                                    : "sessionGraphMissingIdentifier"),
+      : std::runtime_error(c == Case::applicationSupportUnavailable
+                               ? "applicationSupportUnavailable"
+                               : "sessionGraphMissingIdentifier"),
         errorCase(c) {}
   Case kind() const { return errorCase; }
-  bool operator==(const QEVFileMemoryStoreError& other) const { return errorCase == other.errorCase; }
+  bool operator==(const QEVFileMemoryStoreError& other) const {
+    return errorCase == other.errorCase;
+  }
 
  private:
   Case errorCase;
