@@ -35,24 +35,25 @@ std::optional<QEVRBackgroundTaskIdentifier> QEVRBackgroundWorker::submit(
   }
 
   std::weak_ptr<QEVRBackgroundWorker> weakSelf = weak_from_this();
-  auto task = qevr::detachTask(taskPriorityFor(priority),
-                               [weakSelf, id, op = std::move(operation)](std::stop_token stop) {
-                                 // The worker is held only for the checks, never while `op` runs,
-                                 // so a running task does not keep a dropped worker alive.
-                                 bool live = false;
-                                 if (auto self = weakSelf.lock()) live = self->isLive(id);
-                                 if (live && !stop.stop_requested()) {
-                                   try {
-                                     op(stop);
-                                   } catch (...) {
-                                     // Background errors are dropped without a log line.
-                                   }
-                                 }
-                                 if (auto self = weakSelf.lock()) {
-                                   qevr::MutexLock guard(self->lock);
-                                   self->tasks.erase(id);
-                                 }
-                               });
+  auto task =
+      qevr::detachTask(taskPriorityFor(priority),
+                       [weakSelf, id, op = std::move(operation)](const std::stop_token& stop) {
+                         // The worker is held only for the checks, never while `op` runs,
+                         // so a running task does not keep a dropped worker alive.
+                         bool live = false;
+                         if (auto self = weakSelf.lock()) live = self->isLive(id);
+                         if (live && !stop.stop_requested()) {
+                           try {
+                             op(stop);
+                           } catch (...) {
+                             // Background errors are dropped without a log line.
+                           }
+                         }
+                         if (auto self = weakSelf.lock()) {
+                           qevr::MutexLock guard(self->lock);
+                           self->tasks.erase(id);
+                         }
+                       });
 
   bool registered = false;
   {

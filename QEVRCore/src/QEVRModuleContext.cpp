@@ -4,6 +4,8 @@
 
 #include <QEVRPlatform/Tasks.h>
 
+#include <utility>
+
 QEVRModuleContext::QEVRModuleContext(QEVRConfiguration configuration,
                                      std::shared_ptr<QEVRDependencyContainer> container,
                                      std::shared_ptr<QEVRLogger> coreLogger)
@@ -21,7 +23,7 @@ bool QEVRModuleContext::submitBackgroundWork(QEVRBackgroundOperation operation) 
     qevr::detachTask(qevr::TaskPriority::utility,
                      [op = std::move(operation)](std::stop_token stop) {
                        try {
-                         op(stop);
+                         op(std::move(stop));
                        } catch (...) {
                        }
                      });

@@ -37,7 +37,7 @@ namespace qevr::json {
 
 // parse() refuses documents longer than this, before allocating anything.
 // The largest file the system writes, a chunk of events, is far smaller.
-inline constexpr std::size_t kMaxDocumentSizeBytes = 64 * 1024 * 1024;
+inline constexpr std::size_t kMaxDocumentSizeBytes = std::size_t{64} * 1024 * 1024;
 
 // parse() refuses documents whose arrays and objects nest deeper than this.
 // Records nest a handful of levels; the cap keeps every recursive walk of a
