@@ -82,10 +82,11 @@ QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store, std::s
   CountMap patterns;
   for (size_t i = 0; i < recentCount; ++i) {
     for (const QEVNavigationEdge& edge : sessions[i].navigationEdges) {
-      const std::string source = redactedSnapshotText(edge.from.value_or("unknown"));
+      std::string key = redactedSnapshotText(edge.from.value_or("unknown"));
       const std::string target = redactedSnapshotText(edge.to);
       if (target.empty()) continue;
-      patterns[source + "->" + target] += edge.count;
+      key.append("->").append(target);
+      patterns[key] += edge.count;
     }
   }
   for (size_t i = 0; i < recentCount; ++i) {

@@ -24,7 +24,7 @@ struct OnceJob {
     }
     inFlight->fetch_sub(1, std::memory_order_acq_rel);
   }
-  void runOnPool(std::shared_ptr<OnceJob> self) {
+  void runOnPool(const std::shared_ptr<OnceJob>& self) {
     if (claimed.load(std::memory_order_acquire)) return;
     qevr::detachTask(qevr::TaskPriority::utility, [self](std::stop_token) { self->run(); });
   }
