@@ -2,7 +2,9 @@
 
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
 #include <QEVRPlatform/Json.h>
+
 #include <QEVRPlatform/Text.h>
+#include "MemoryJson.h"
 
 #include <array>
 #include <cstddef>
@@ -11,6 +13,7 @@
 using qevr::json::Decoder;
 using qevr::json::DecodingError;
 using qevr::json::Writer;
+using qevr::memory::arraySize;
 
 namespace {
 
@@ -82,14 +85,6 @@ QEVMemoryMetadata readMetadata(const Decoder& decoder) {
     metadata.insert_or_assign(key, QEVMemoryMetadataValue::decode(value));
   }
   return metadata;
-}
-
-// The number of elements of an array. Anything else fails as at() does,
-// with the usual "Expected an array" text; size() alone would accept an
-// object.
-std::size_t arraySize(const Decoder& decoder) {
-  if (!decoder.isArray()) decoder.at(0);
-  return decoder.size();
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/Text.h>
 
+#include "MemoryJson.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -14,24 +16,7 @@ namespace {
 
 constexpr size_t kRecentSessions = 5;
 
-using CountMap = std::unordered_map<std::string, std::int64_t>;
-
-void encodeCounts(Writer& writer, std::string_view key, const CountMap& counts) {
-  writer.key(key);
-  writer.beginObject();
-  for (const auto& [name, count] : counts) {
-    writer.key(name);
-    writer.integer(count);
-  }
-  writer.endObject();
-}
-
-CountMap decodeCounts(const Decoder& decoder) {
-  CountMap counts;
-  for (const auto& [name, value] : decoder.members())
-    counts[name] = value.asInt64();
-  return counts;
-}
+using qevr::memory::CountMap;
 
 // Each key redacted; blank results dropped; a collision keeps the value of
 // the entry walked last (values are not added).
@@ -135,14 +120,18 @@ void QEVMemoryIntelligenceSnapshot::encode(Writer& writer) const {
   writer.integer(totalSessions);
   writer.key("totalEvents");
   writer.integer(totalEvents);
-  encodeCounts(writer, "frequentlyVisitedScreens", frequentlyVisitedScreens);
-  encodeCounts(writer, "frequentComponents", frequentComponents);
-  encodeCounts(writer, "frequentCustomEvents", frequentCustomEvents);
+  writer.key("frequentlyVisitedScreens");
+  qevr::memory::writeCounts(writer, frequentlyVisitedScreens);
+  writer.key("frequentComponents");
+  qevr::memory::writeCounts(writer, frequentComponents);
+  writer.key("frequentCustomEvents");
+  qevr::memory::writeCounts(writer, frequentCustomEvents);
   if (averageSessionDuration) {
     writer.key("averageSessionDuration");
     writer.number(*averageSessionDuration);
   }
-  encodeCounts(writer, "recentNavigationPatterns", recentNavigationPatterns);
+  writer.key("recentNavigationPatterns");
+  qevr::memory::writeCounts(writer, recentNavigationPatterns);
   writer.key("recentScreenSequences");
   writer.beginArray();
   for (const auto& line : recentScreenSequences)
@@ -163,11 +152,11 @@ QEVMemoryIntelligenceSnapshot QEVMemoryIntelligenceSnapshot::decode(const Decode
   QEVMemoryIntelligenceSnapshot s;
   s.totalSessions = decoder["totalSessions"].asInt64();
   s.totalEvents = decoder["totalEvents"].asInt64();
-  s.frequentlyVisitedScreens = decodeCounts(decoder["frequentlyVisitedScreens"]);
-  s.frequentComponents = decodeCounts(decoder["frequentComponents"]);
-  s.frequentCustomEvents = decodeCounts(decoder["frequentCustomEvents"]);
+  s.frequentlyVisitedScreens = qevr::memory::readCounts(decoder["frequentlyVisitedScreens"]);
+  s.frequentComponents = qevr::memory::readCounts(decoder["frequentComponents"]);
+  s.frequentCustomEvents = qevr::memory::readCounts(decoder["frequentCustomEvents"]);
   if (auto d = decoder.optional("averageSessionDuration")) s.averageSessionDuration = d->asDouble();
-  s.recentNavigationPatterns = decodeCounts(decoder["recentNavigationPatterns"]);
+  s.recentNavigationPatterns = qevr::memory::readCounts(decoder["recentNavigationPatterns"]);
   const Decoder lines = decoder["recentScreenSequences"];
   for (size_t i = 0; i < lines.size(); ++i)
     s.recentScreenSequences.push_back(lines.at(i).asString());

@@ -2,12 +2,17 @@
 
 #include <QEVRPlatform/Json.h>
 
+#include "MemoryJson.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
 
 using qevr::json::Decoder;
 using qevr::json::Writer;
+using qevr::memory::arraySize;
+using qevr::memory::readCounts;
+using qevr::memory::writeCounts;
 
 namespace {
 
@@ -36,29 +41,6 @@ std::optional<QEVRDate> metadataDate(const QEVMemoryMetadata& metadata, const st
 const std::string* metadataString(const QEVMemoryMetadata& metadata, const std::string& key) {
   const auto it = metadata.find(key);
   return it == metadata.end() ? nullptr : it->second.stringValue();
-}
-
-std::size_t arraySize(const Decoder& decoder) {
-  // at() on a non-array fails with the usual "Expected an array" text;
-  // size() alone would accept an object.
-  if (!decoder.isArray()) decoder.at(0);
-  return decoder.size();
-}
-
-void writeCounts(Writer& writer, const std::unordered_map<std::string, std::int64_t>& counts) {
-  writer.beginObject();
-  for (const auto& [name, count] : counts) {
-    writer.key(name);
-    writer.integer(count);
-  }
-  writer.endObject();
-}
-
-std::unordered_map<std::string, std::int64_t> readCounts(const Decoder& decoder) {
-  std::unordered_map<std::string, std::int64_t> counts;
-  for (const auto& [name, value] : decoder.members())
-    counts.insert_or_assign(name, value.asInt64());
-  return counts;
 }
 
 void encodeEdge(Writer& writer, const QEVNavigationEdge& edge) {

@@ -2,23 +2,16 @@
 
 #include <QEVRPlatform/Json.h>
 
+#include "MemoryJson.h"
+
 #include <cstdint>
 
 using qevr::json::Decoder;
 using qevr::json::Writer;
+using qevr::memory::readCounts;
+using qevr::memory::writeCounts;
 
 namespace {
-
-using Counts = std::unordered_map<std::string, std::int64_t>;
-
-void writeCounts(Writer& writer, const Counts& counts) {
-  writer.beginObject();
-  for (const auto& [name, count] : counts) {
-    writer.key(name);
-    writer.integer(count);
-  }
-  writer.endObject();
-}
 
 // Sums saturate instead of overflowing. Graphs made by the session builder
 // never come near the limit, but merge() takes any graph, and a count that
@@ -27,13 +20,6 @@ void addTo(std::int64_t& total, std::int64_t amount) {
   if (__builtin_add_overflow(total, amount, &total)) {
     total = amount < 0 ? INT64_MIN : INT64_MAX;
   }
-}
-
-Counts readCounts(const Decoder& decoder) {
-  Counts counts;
-  for (const auto& [name, value] : decoder.members())
-    counts.insert_or_assign(name, value.asInt64());
-  return counts;
 }
 
 }  // namespace
