@@ -1,0 +1,362 @@
+#include <QEVIntelligence/QEVIntelligenceModels.h>
+#include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/Text.h>
+
+#include <array>
+#include <utility>
+
+using qevr::json::Decoder;
+using qevr::json::Writer;
+
+namespace {
+
+constexpr std::array<std::string_view, 6> kDomainCaseNames = {"mobileApp", "game",    "ecommerce",
+                                                              "fintech",   "telecom", "custom"};
+constexpr std::array<std::string_view, 4> kFrustrationLevels = {"none", "low", "medium", "high"};
+constexpr std::array<std::string_view, 5> kSkillLevels = {"beginner", "intermediate", "advanced",
+                                                          "expert", "unknown"};
+constexpr std::array<std::string_view, 4> kExecutionModes = {"onDevice", "cloud", "localNetwork",
+                                                             "disabled"};
+
+template <typename E, std::size_t N>
+std::optional<E> fromRaw(const std::array<std::string_view, N>& names, std::string_view raw) {
+  for (std::size_t i = 0; i < N; ++i) {
+    if (names[i] == raw) return static_cast<E>(i);
+  }
+  return std::nullopt;
+}
+
+constexpr std::string_view kConfidenceMessage = "confidence must be between 0.0 and 1.0.";
+
+double checkedConfidence(double confidence) {
+  // NaN fails both comparisons and is refused with the rest.
+  if (!(confidence >= 0.0 && confidence <= 1.0)) {
+    throw QEVIntelligenceError::invalidRequest(std::string(kConfidenceMessage));
+  }
+  return confidence;
+}
+
+// The first act of every result decoder: the confidence, before any other key.
+double decodeConfidence(const Decoder& decoder) {
+  return checkedConfidence(decoder["confidence"].asDouble());
+}
+
+void writeStrings(Writer& writer, std::string_view key, const std::vector<std::string>& items) {
+  writer.key(key);
+  writer.beginArray();
+  for (const std::string& item : items)
+    writer.string(item);
+  writer.endArray();
+}
+
+std::vector<std::string> readStrings(const Decoder& decoder) {
+  if (!decoder.isArray()) decoder.at(0);  // throws the type mismatch
+  std::vector<std::string> items;
+  const std::size_t count = decoder.size();
+  items.reserve(count);
+  for (std::size_t i = 0; i < count; ++i)
+    items.push_back(decoder.at(i).asString());
+  return items;
+}
+
+void writeTail(Writer& writer, double confidence, QEVRDate generatedAt) {
+  writer.key("confidence");
+  writer.number(confidence);
+  writer.key("generatedAt");
+  writer.date(generatedAt);
+}
+
+template <typename Record>
+std::string encodeToJSON(const Record& value) {
+  Writer writer;
+  value.encode(writer);
+  return writer.take();
+}
+
+template <typename Record>
+Record decodeFromJSON(std::string_view json) {
+  const qevr::json::Value root = qevr::json::parse(json);
+  return Record::decode(Decoder(root));
+}
+
+}  // namespace
+
+// ---- Domain ----
+
+std::string_view caseNameOf(QEVExperienceDomain::Kind kind) {
+  return kDomainCaseNames[static_cast<std::size_t>(kind)];
+}
+
+void QEVExperienceDomain::encode(Writer& writer) const {
+  if (caseKind != Kind::custom) {
+    qevr::json::encodeKeyedEnum(writer, caseNameOf(caseKind));
+    return;
+  }
+  writer.beginObject();
+  writer.key("custom");
+  writer.beginObject();
+  writer.key("_0");
+  writer.string(text);
+  writer.endObject();
+  writer.endObject();
+}
+
+QEVExperienceDomain QEVExperienceDomain::decode(const Decoder& decoder) {
+  const std::size_t index = qevr::json::detail::keyedEnumCaseIndex(
+      decoder, kDomainCaseNames.size(), [](std::size_t i) { return kDomainCaseNames[i]; });
+  const auto kind = static_cast<Kind>(index);
+  if (kind != Kind::custom) return QEVExperienceDomain(kind, {});
+  return custom(decoder["custom"]["_0"].asString());
+}
+
+std::string QEVExperienceDomain::toJSON() const {
+  return encodeToJSON(*this);
+}
+
+QEVExperienceDomain QEVExperienceDomain::fromJSON(std::string_view json) {
+  return decodeFromJSON<QEVExperienceDomain>(json);
+}
+
+std::string experienceDomainLabel(const QEVExperienceDomain& domain) {
+  if (domain.kind() != QEVExperienceDomain::Kind::custom) {
+    return std::string(caseNameOf(domain.kind()));
+  }
+  const std::string redacted = redactIntelligenceText(domain.customText());
+  const std::string_view trimmed = qevr::text::trim(redacted);
+  if (trimmed.empty()) return "custom";
+  return "custom(" + std::string(trimmed) + ")";
+}
+
+std::string redactIntelligenceText(std::string_view text) {
+  using qevr::text::RegexReplacer;
+  static const RegexReplacer email =
+      RegexReplacer::compile(R"([A-Z0-9._%+-]+@[A-Z0-9.-]+\.[A-Z]{2,})", /*caseInsensitive=*/true);
+  static const RegexReplacer phone = RegexReplacer::compile(R"(\+?[0-9][0-9 .()\-]{7,}[0-9])");
+  static constexpr std::array<std::string_view, 8> kWords = {
+      "password", "token", "secret", "auth", "authorization", "cookie", "email", "phone"};
+  static const std::vector<RegexReplacer> secrets = [] {
+    std::vector<RegexReplacer> compiled;
+    for (std::string_view word : kWords) {
+      compiled.push_back(
+          RegexReplacer::compile("(?i)\\b" + std::string(word) + "\\b\\s*[:=]\\s*[^,\\n;]+"));
+    }
+    return compiled;
+  }();
+
+  std::string out = email.replaceAll(qevr::text::trim(text), "[redacted]");
+  out = phone.replaceAll(out, "[redacted]");
+  for (std::size_t i = 0; i < kWords.size(); ++i) {
+    out = secrets[i].replaceAll(out, std::string(kWords[i]) + "=[redacted]");
+  }
+  return out;
+}
+
+// ---- Enumerations ----
+
+std::string_view rawValueOf(QEVFrustrationLevel level) {
+  return kFrustrationLevels[static_cast<std::size_t>(level)];
+}
+std::string_view rawValueOf(QEVSkillLevel level) {
+  return kSkillLevels[static_cast<std::size_t>(level)];
+}
+std::string_view rawValueOf(QEVLLMExecutionMode mode) {
+  return kExecutionModes[static_cast<std::size_t>(mode)];
+}
+std::optional<QEVFrustrationLevel> frustrationLevelFromRawValue(std::string_view raw) {
+  return fromRaw<QEVFrustrationLevel>(kFrustrationLevels, raw);
+}
+std::optional<QEVSkillLevel> skillLevelFromRawValue(std::string_view raw) {
+  return fromRaw<QEVSkillLevel>(kSkillLevels, raw);
+}
+std::optional<QEVLLMExecutionMode> executionModeFromRawValue(std::string_view raw) {
+  return fromRaw<QEVLLMExecutionMode>(kExecutionModes, raw);
+}
+
+// ---- Error ----
+
+QEVIntelligenceError QEVIntelligenceError::providerUnavailable(QEVLLMExecutionMode mode) {
+  return QEVIntelligenceError(
+      Case::providerUnavailable, mode, {},
+      "No LLM provider is available for execution mode " + std::string(rawValueOf(mode)) + ".");
+}
+
+QEVIntelligenceError QEVIntelligenceError::invalidRequest(std::string message) {
+  const std::string text = message;
+  return QEVIntelligenceError(Case::invalidRequest, QEVLLMExecutionMode::disabled,
+                              std::move(message), text);
+}
+
+QEVIntelligenceError QEVIntelligenceError::disabled() {
+  return QEVIntelligenceError(
+      Case::disabled, QEVLLMExecutionMode::disabled, {},
+      "QEVIntelligence is disabled and no deterministic fallback is available.");
+}
+
+QEVIntelligenceError QEVIntelligenceError::executionDisabled() {
+  return QEVIntelligenceError(Case::executionDisabled, QEVLLMExecutionMode::disabled, {},
+                              "AI execution is disabled by configuration or provider selection.");
+}
+
+// ---- Results ----
+
+QEVBehaviorSummary::QEVBehaviorSummary(std::string summary_,
+                                       std::vector<std::string> dominantScreens_,
+                                       std::vector<std::string> dominantActions_,
+                                       std::vector<std::string> behaviorPatterns_,
+                                       double confidence_, QEVRDate generatedAt_)
+    : summary(std::move(summary_)),
+      dominantScreens(std::move(dominantScreens_)),
+      dominantActions(std::move(dominantActions_)),
+      behaviorPatterns(std::move(behaviorPatterns_)),
+      confidence(checkedConfidence(confidence_)),
+      generatedAt(generatedAt_) {}
+
+void QEVBehaviorSummary::encode(Writer& writer) const {
+  writer.beginObject();
+  writer.key("summary");
+  writer.string(summary);
+  writeStrings(writer, "dominantScreens", dominantScreens);
+  writeStrings(writer, "dominantActions", dominantActions);
+  writeStrings(writer, "behaviorPatterns", behaviorPatterns);
+  writeTail(writer, confidence, generatedAt);
+  writer.endObject();
+}
+
+QEVBehaviorSummary QEVBehaviorSummary::decode(const Decoder& decoder) {
+  const double confidence = decodeConfidence(decoder);
+  return QEVBehaviorSummary(decoder["summary"].asString(), readStrings(decoder["dominantScreens"]),
+                            readStrings(decoder["dominantActions"]),
+                            readStrings(decoder["behaviorPatterns"]), confidence,
+                            decoder["generatedAt"].asDate());
+}
+
+QEVIntentAnalysis::QEVIntentAnalysis(std::string primaryIntent_,
+                                     std::vector<std::string> secondaryIntents_,
+                                     std::vector<std::string> evidence_, double confidence_,
+                                     QEVRDate generatedAt_)
+    : primaryIntent(std::move(primaryIntent_)),
+      secondaryIntents(std::move(secondaryIntents_)),
+      evidence(std::move(evidence_)),
+      confidence(checkedConfidence(confidence_)),
+      generatedAt(generatedAt_) {}
+
+void QEVIntentAnalysis::encode(Writer& writer) const {
+  writer.beginObject();
+  writer.key("primaryIntent");
+  writer.string(primaryIntent);
+  writeStrings(writer, "secondaryIntents", secondaryIntents);
+  writeStrings(writer, "evidence", evidence);
+  writeTail(writer, confidence, generatedAt);
+  writer.endObject();
+}
+
+QEVIntentAnalysis QEVIntentAnalysis::decode(const Decoder& decoder) {
+  const double confidence = decodeConfidence(decoder);
+  return QEVIntentAnalysis(
+      decoder["primaryIntent"].asString(), readStrings(decoder["secondaryIntents"]),
+      readStrings(decoder["evidence"]), confidence, decoder["generatedAt"].asDate());
+}
+
+QEVFrustrationAnalysis::QEVFrustrationAnalysis(QEVFrustrationLevel level_,
+                                               std::vector<std::string> signals_,
+                                               std::vector<std::string> likelyCauses_,
+                                               double confidence_, QEVRDate generatedAt_)
+    : level(level_),
+      signals(std::move(signals_)),
+      likelyCauses(std::move(likelyCauses_)),
+      confidence(checkedConfidence(confidence_)),
+      generatedAt(generatedAt_) {}
+
+void QEVFrustrationAnalysis::encode(Writer& writer) const {
+  writer.beginObject();
+  writer.key("level");
+  writer.string(rawValueOf(level));
+  writeStrings(writer, "signals", signals);
+  writeStrings(writer, "likelyCauses", likelyCauses);
+  writeTail(writer, confidence, generatedAt);
+  writer.endObject();
+}
+
+QEVFrustrationAnalysis QEVFrustrationAnalysis::decode(const Decoder& decoder) {
+  const double confidence = decodeConfidence(decoder);
+  const Decoder levelDecoder = decoder["level"];
+  const std::optional<QEVFrustrationLevel> level =
+      frustrationLevelFromRawValue(levelDecoder.asString());
+  if (!level) {
+    levelDecoder.fail(qevr::json::DecodingError::Kind::dataCorrupted,
+                      "Cannot initialize QEVFrustrationLevel from invalid String value " +
+                          levelDecoder.asString());
+  }
+  return QEVFrustrationAnalysis(*level, readStrings(decoder["signals"]),
+                                readStrings(decoder["likelyCauses"]), confidence,
+                                decoder["generatedAt"].asDate());
+}
+
+QEVSkillAnalysis::QEVSkillAnalysis(QEVSkillLevel skillLevel_, std::vector<std::string> evidence_,
+                                   std::optional<std::string> recommendedDifficultyAdjustment_,
+                                   double confidence_, QEVRDate generatedAt_)
+    : skillLevel(skillLevel_),
+      evidence(std::move(evidence_)),
+      recommendedDifficultyAdjustment(std::move(recommendedDifficultyAdjustment_)),
+      confidence(checkedConfidence(confidence_)),
+      generatedAt(generatedAt_) {}
+
+void QEVSkillAnalysis::encode(Writer& writer) const {
+  writer.beginObject();
+  writer.key("skillLevel");
+  writer.string(rawValueOf(skillLevel));
+  writeStrings(writer, "evidence", evidence);
+  if (recommendedDifficultyAdjustment) {
+    writer.key("recommendedDifficultyAdjustment");
+    writer.string(*recommendedDifficultyAdjustment);
+  }
+  writeTail(writer, confidence, generatedAt);
+  writer.endObject();
+}
+
+QEVSkillAnalysis QEVSkillAnalysis::decode(const Decoder& decoder) {
+  const double confidence = decodeConfidence(decoder);
+  const Decoder levelDecoder = decoder["skillLevel"];
+  const std::optional<QEVSkillLevel> level = skillLevelFromRawValue(levelDecoder.asString());
+  if (!level) {
+    levelDecoder.fail(
+        qevr::json::DecodingError::Kind::dataCorrupted,
+        "Cannot initialize QEVSkillLevel from invalid String value " + levelDecoder.asString());
+  }
+  std::optional<std::string> adjustment;
+  if (auto value = decoder.optional("recommendedDifficultyAdjustment")) {
+    adjustment = value->asString();
+  }
+  return QEVSkillAnalysis(*level, readStrings(decoder["evidence"]), std::move(adjustment),
+                          confidence, decoder["generatedAt"].asDate());
+}
+
+std::string toJSON(const QEVBehaviorSummary& value) {
+  return encodeToJSON(value);
+}
+std::string toJSON(const QEVIntentAnalysis& value) {
+  return encodeToJSON(value);
+}
+std::string toJSON(const QEVFrustrationAnalysis& value) {
+  return encodeToJSON(value);
+}
+std::string toJSON(const QEVSkillAnalysis& value) {
+  return encodeToJSON(value);
+}
+
+template <>
+QEVBehaviorSummary analysisFromJSON<QEVBehaviorSummary>(std::string_view json) {
+  return decodeFromJSON<QEVBehaviorSummary>(json);
+}
+template <>
+QEVIntentAnalysis analysisFromJSON<QEVIntentAnalysis>(std::string_view json) {
+  return decodeFromJSON<QEVIntentAnalysis>(json);
+}
+template <>
+QEVFrustrationAnalysis analysisFromJSON<QEVFrustrationAnalysis>(std::string_view json) {
+  return decodeFromJSON<QEVFrustrationAnalysis>(json);
+}
+template <>
+QEVSkillAnalysis analysisFromJSON<QEVSkillAnalysis>(std::string_view json) {
+  return decodeFromJSON<QEVSkillAnalysis>(json);
+}
