@@ -7,6 +7,7 @@
 
 #include "DemoCommand.h"
 #include "SimulateCommand.h"
+#include "SnapshotCommand.h"
 #if __has_include("LzfseCommand.h")
 #include "LzfseCommand.h"
 #define QEVR_TOOL_HAS_LZFSE 1
@@ -21,6 +22,8 @@ void printUsage(std::ostream& out) {
          "                                  run the system through a short scripted life\n"
          "  simulate --data-dir DIR --events N [--seed S]\n"
          "                                  drive a simulated user as fast as possible\n"
+         "  snapshot [--data-dir DIR] [--json]\n"
+         "                                  the intelligence snapshot of a store (read-only)\n"
 #ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
          "                                  convert a file to or from the compressed format\n"
@@ -44,6 +47,7 @@ int main(int argc, char** argv) {
   }
   if (command == "demo") return runDemoCommand(rest, std::cout, std::cerr);
   if (command == "simulate") return runSimulateCommand(rest, std::cout, std::cerr);
+  if (command == "snapshot") return runSnapshotCommand(rest, std::cout, std::cerr);
 #ifdef QEVR_TOOL_HAS_LZFSE
   if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);
 #endif
