@@ -2,6 +2,7 @@
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
 #include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Log.h>
 
 #include <gmock/gmock.h>
@@ -178,6 +179,27 @@ TEST_F(ObserverFacadeTest, LateSinkSeesSessionEndButNotSessionStart) {
   EXPECT_TRUE(end.metadata().count("endedAt"));
   EXPECT_TRUE(end.metadata().at("duration").doubleValue());
   EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<CollectingSink>()));
+}
+
+TEST_F(ObserverFacadeTest, StartDispatchesSessionStartWithItsSessionAndDate) {
+  // Only a sink on the module's own dispatcher can exist before the start.
+  auto sink = std::make_shared<CollectingSink>();
+  module->dispatcher()->addSink(QEVRUUID::random(), sink);
+  auto clock = std::make_shared<qevr::ManualClock>();
+  clock->set(QEVRDate{800000000});
+  qevr::setClock(clock);
+  start();
+  qevr::setClock(nullptr);
+  const auto session = module->sessionTracker()->activeSession();
+  ASSERT_TRUE(session.has_value());
+  ASSERT_THAT(sink->types(), ElementsAre(Type::sessionStart));
+  const QEVObserverEvent event = sink->all()[0];
+  EXPECT_EQ(event.sessionId(), session->id);
+  EXPECT_EQ(event.timestamp(), QEVRDate{800000000});
+  ASSERT_EQ(event.metadata().size(), 1u);
+  ASSERT_NE(event.metadata().at("startedAt").dateValue(), nullptr);
+  EXPECT_EQ(*event.metadata().at("startedAt").dateValue(), QEVRDate{800000000});
+  EXPECT_EQ(session->startedAt, QEVRDate{800000000});
 }
 
 TEST_F(ObserverFacadeTest, RestartOfTheSameModuleBeginsANewSession) {
