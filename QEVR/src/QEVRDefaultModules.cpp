@@ -1,6 +1,7 @@
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVR/QEVR.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
 
 #include <functional>
 #include <memory>
@@ -34,4 +35,8 @@ void QEVRRegisterDefaultModules() {
     std::shared_ptr<QEVRModule> module = make();
     if (!registry.contains(module->identifier())) registry.registerModule(std::move(module));
   }
+}
+
+void QEVRRegisterModule(std::shared_ptr<QEVRModule> module) {
+  QEVRRuntimeStore::shared().moduleRegistry().registerModule(std::move(module));
 }
