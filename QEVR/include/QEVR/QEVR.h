@@ -7,6 +7,8 @@
 //   QEVR::shutdown();
 #pragma once
 
+#include <QEVIntelligence/QEVIntelligenceFacade.h>
+#include <QEVIntelligence/QEVIntelligenceModule.h>
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverFacade.h>
 #include <QEVObserver/QEVObserverModule.h>
