@@ -1,3 +1,4 @@
+#include <QEVIntelligence/QEVIntelligenceModule.h>
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVR/QEVR.h>
@@ -20,6 +21,9 @@ std::vector<ModuleMaker> defaultModuleMakers() {
       QEVObserverIntegration::makeModule,
       // Second: registers its sink with the observer.
       QEVMemoryIntegration::makeModule,
+      // Third: reads memory only through its facade, and needs nothing of it
+      // at start.
+      QEVIntelligenceIntegration::makeModule,
   };
 }
 
