@@ -1,4 +1,5 @@
 // The qevr inspection commands read a store and never change it.
+#include <QEVIntelligence/QEVIntelligenceModels.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 #include <QEVMemory/QEVMemoryStore.h>
@@ -120,6 +121,41 @@ TEST_F(InspectionToolTest, SnapshotJSONIsTheStoresSnapshotAndChangesNothing) {
   EXPECT_EQ(QEVMemoryIntelligenceSnapshot::decode(qevr::json::Decoder(parsed)), expected);
 }
 
+// The analyses' JSON without their generatedAt dates, which are the time of
+// each run.
+std::string withoutDates(const std::string& json) {
+  qevr::json::Value root = qevr::json::parse(json);
+  for (qevr::json::Member& analysis : root.object()) {
+    std::erase_if(analysis.value.object(),
+                  [](const qevr::json::Member& m) { return m.key == "generatedAt"; });
+  }
+  return qevr::json::serialize(root);
+}
+
+TEST_F(InspectionToolTest, AnalyzeGivesTheSameFromTheStoreAndFromItsSnapshot) {
+  const auto before = listing(base / "data");
+  const ToolRun fromStore =
+      runTool({"analyze", "--data-dir", dataDir.string(), "--domain", "game", "--json"}, scratch);
+  ASSERT_EQ(fromStore.status, 0) << fromStore.err;
+  EXPECT_EQ(listing(base / "data"), before);
+
+  const ToolRun snapshot = runTool({"snapshot", "--data-dir", dataDir.string(), "--json"}, scratch);
+  ASSERT_EQ(snapshot.status, 0);
+  const fs::path exported = base / "snapshot.json";
+  std::ofstream(exported) << snapshot.out;
+  const ToolRun fromFile = runTool(
+      {"analyze", "--snapshot", exported.string(), "--domain", "game", "--json"}, scratch);
+  ASSERT_EQ(fromFile.status, 0) << fromFile.err;
+
+  const qevr::json::Value parsed = qevr::json::parse(fromStore.out);
+  std::vector<std::string> keys;
+  for (const auto& member : parsed.object()) keys.push_back(member.key);
+  EXPECT_EQ(keys, (std::vector<std::string>{"behaviorSummary", "intentAnalysis",
+                                            "frustrationAnalysis", "skillAnalysis"}));
+  EXPECT_NO_THROW(QEVSkillAnalysis::decode(qevr::json::Decoder(*parsed.find("skillAnalysis"))));
+  EXPECT_EQ(withoutDates(fromStore.out), withoutDates(fromFile.out));
+}
+
 TEST_F(InspectionToolTest, BadStoresFailWithOneLineAndStatusTwo) {
   const fs::path damaged = base / "damaged";
   fs::create_directories(damaged / "QEVR");
@@ -131,8 +167,15 @@ TEST_F(InspectionToolTest, BadStoresFailWithOneLineAndStatusTwo) {
     std::vector<std::string> args;
     std::string errorMentions;
   };
+  const fs::path badSnapshot = base / "bad-snapshot.json";
+  std::ofstream(badSnapshot) << R"({"totalSessions":"many"})";
   const Case cases[] = {
       {{"snapshot", "--data-dir", (base / "missing").string()}, (base / "missing").string()},
+      {{"analyze", "--data-dir", damaged.string()}, badGraph.string()},
+      {{"analyze", "--snapshot", badSnapshot.string(), "--json"}, badSnapshot.string()},
+      {{"analyze", "--snapshot", (base / "absent.json").string()}, "absent.json"},
+      {{"analyze", "--domain", "cars"}, "cars"},
+      {{"analyze", "--data-dir", dataDir.string(), "--snapshot", "-"}, "exclude"},
       {{"snapshot", "--data-dir", damaged.string(), "--json"}, badGraph.string()},
       {{"snapshot", "--bogus"}, "--bogus"},
   };

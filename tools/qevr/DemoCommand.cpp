@@ -1,5 +1,7 @@
 #include "DemoCommand.h"
 
+#include "AnalyzeCommand.h"
+
 #include "SimulatedUser.h"
 #include "ToolSupport.h"
 
@@ -161,6 +163,13 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
     out << "memoryStats " << toIsoJSON(stats) << "\n";
     const QEVMemoryIntelligenceSnapshot snapshot = QEVR::Memory::intelligenceSnapshot();
     out << "intelligenceSnapshot " << toIsoJSON(snapshot) << "\n";
+    // The system is shut down: the analyses run on the default analysers,
+    // over the same store.
+    out << "analyses of the simulated user (domain game)\n";
+    const auto game = QEVExperienceDomain::game();
+    printAnalyses(out, QEVR::Intelligence::summarizeBehavior(),
+                  QEVR::Intelligence::analyzeIntent(game), QEVR::Intelligence::detectFrustration(),
+                  QEVR::Intelligence::analyzeSkill(game));
   } catch (const std::exception& e) {
     err << "qevr demo: reading memory failed: " << e.what() << "\n";
     return 1;

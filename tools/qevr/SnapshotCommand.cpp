@@ -1,6 +1,6 @@
 #include "SnapshotCommand.h"
 
-#include "StoreReader.h"
+#include "InspectionSupport.h"
 
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 #include <QEVRPlatform/Date.h>
@@ -81,8 +81,7 @@ int runSnapshotCommand(const std::vector<std::string>& args, std::ostream& out, 
   }
   QEVMemoryIntelligenceSnapshot snapshot;
   try {
-    const auto store = ReadOnlyMemoryStore::open(dataDir);
-    snapshot = intelligenceSnapshot(*store);
+    snapshot = snapshotOfStore(dataDir);
   } catch (const std::exception& e) {
     err << "qevr snapshot: " << e.what() << "\n";
     return 2;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "AnalyzeCommand.h"
 #include "DemoCommand.h"
 #include "SimulateCommand.h"
 #include "SnapshotCommand.h"
@@ -24,6 +25,8 @@ void printUsage(std::ostream& out) {
          "                                  drive a simulated user as fast as possible\n"
          "  snapshot [--data-dir DIR] [--json]\n"
          "                                  the intelligence snapshot of a store (read-only)\n"
+         "  analyze [--domain D] [--data-dir DIR | --snapshot FILE] [--json]\n"
+         "                                  the four analyses of a store or a snapshot (read-only)\n"
 #ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
          "                                  convert a file to or from the compressed format\n"
@@ -47,6 +50,7 @@ int main(int argc, char** argv) {
   }
   if (command == "demo") return runDemoCommand(rest, std::cout, std::cerr);
   if (command == "simulate") return runSimulateCommand(rest, std::cout, std::cerr);
+  if (command == "analyze") return runAnalyzeCommand(rest, std::cout, std::cerr);
   if (command == "snapshot") return runSnapshotCommand(rest, std::cout, std::cerr);
 #ifdef QEVR_TOOL_HAS_LZFSE
   if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);

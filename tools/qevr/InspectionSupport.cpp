@@ -1,0 +1,73 @@
+#include "InspectionSupport.h"
+
+#include "StoreReader.h"
+
+#include <QEVRPlatform/Json.h>
+
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+
+namespace {
+
+// Inspection inputs are exported records: far below the JSON parser's own
+// cap, which is a backstop rather than a sensible limit for a tool.
+constexpr std::streamsize kMaxInputBytes = 64 * 1024 * 1024;
+
+std::string oneLine(std::string text) {
+  for (char& c : text) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  return text;
+}
+
+}  // namespace
+
+QEVExperienceDomain parseDomainArgument(const std::string& text) {
+  if (text == "mobileApp") return QEVExperienceDomain::mobileApp();
+  if (text == "game") return QEVExperienceDomain::game();
+  if (text == "ecommerce") return QEVExperienceDomain::ecommerce();
+  if (text == "fintech") return QEVExperienceDomain::fintech();
+  if (text == "telecom") return QEVExperienceDomain::telecom();
+  if (text.rfind("custom:", 0) == 0) return QEVExperienceDomain::custom(text.substr(7));
+  throw InspectionError("unknown domain '" + text +
+                        "' (mobileApp, game, ecommerce, fintech, telecom or custom:TEXT)");
+}
+
+std::string readInputFile(const std::string& path) {
+  std::string content;
+  if (path == "-") {
+    content.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    if (content.size() > static_cast<std::size_t>(kMaxInputBytes)) {
+      throw InspectionError("-: input larger than 64 MiB");
+    }
+    return content;
+  }
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) throw InspectionError(path + ": is a directory");
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw InspectionError(path + ": cannot be opened");
+  std::ostringstream buffer;
+  buffer << in.rdbuf();
+  content = buffer.str();
+  if (content.size() > static_cast<std::size_t>(kMaxInputBytes)) {
+    throw InspectionError(path + ": larger than 64 MiB");
+  }
+  return content;
+}
+
+QEVMemoryIntelligenceSnapshot snapshotOfStore(const std::optional<std::filesystem::path>& dataDir) {
+  const auto store = ReadOnlyMemoryStore::open(dataDir);
+  return intelligenceSnapshot(*store);
+}
+
+QEVMemoryIntelligenceSnapshot snapshotFromFile(const std::string& path) {
+  const std::string text = readInputFile(path);
+  try {
+    const qevr::json::Value root = qevr::json::parse(text);
+    return QEVMemoryIntelligenceSnapshot::decode(qevr::json::Decoder(root));
+  } catch (const std::exception& e) {
+    throw InspectionError(path + ": " + oneLine(e.what()));
+  }
+}
