@@ -67,6 +67,15 @@ class Pool {
     return state.finished;
   }
 
+  TaskPoolLoad load() {
+    std::lock_guard guard(lock);
+    TaskPoolLoad result;
+    for (const auto& queue : queues)
+      result.queued += queue.size();
+    result.running = inFlight - result.queued;
+    return result;
+  }
+
   bool waitForIdle(std::chrono::milliseconds timeout) {
     std::unique_lock guard(lock);
     return changed.wait_for(guard, timeout, [this] { return inFlight == 0; });
@@ -151,6 +160,10 @@ bool isFinished(const TaskStateBase& state) {
 
 unsigned taskPoolSize() {
   return Pool::shared().size();
+}
+
+TaskPoolLoad taskPoolLoad() {
+  return Pool::shared().load();
 }
 
 bool waitForBackgroundIdle(std::chrono::milliseconds timeout) {

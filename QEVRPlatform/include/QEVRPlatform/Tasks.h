@@ -20,6 +20,7 @@
 #include <QEVRPlatform/Export.h>
 
 #include <chrono>
+#include <cstddef>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -191,6 +192,13 @@ Task<TaskResultOf<F>> childTask(TaskPriority priority, const std::stop_token& pa
 
 // Number of threads in the pool.
 QEVR_API unsigned taskPoolSize();
+
+// What the pool holds at one instant, for tools, tests and benchmarks.
+struct TaskPoolLoad {
+  std::size_t queued = 0;   // tasks waiting for a thread
+  std::size_t running = 0;  // bodies executing, on pool threads or waiters
+};
+QEVR_API TaskPoolLoad taskPoolLoad();
 
 // Waits until no background task is queued or running, for tools and tests.
 // Returns false on time-out. Must not be called from inside a task.
