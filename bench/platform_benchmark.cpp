@@ -1,5 +1,7 @@
 // Text and JSON services of the platform layer on the inputs they see most:
-// screen and component names of a few dozen characters, and small records.
+// screen and component names of a few dozen characters, and small records;
+// and the task pool under a burst of small tasks, as a store does when many
+// chunks close at once.
 //
 // Each text operation runs on four labelled names (ASCII and non-ASCII, 16
 // and 40 grapheme clusters). The baselines in the same binary are what the
@@ -8,6 +10,7 @@
 // our tree for JSON.
 
 #include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/Text.h>
 #include <QEVRPlatform/UUID.h>
 
@@ -18,6 +21,8 @@
 #include <unicode/utext.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -186,6 +191,36 @@ void BM_JsonParseSmallObjectSimdjsonOnly(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
 BENCHMARK(BM_JsonParseSmallObjectSimdjsonOnly);
+
+// ---- Tasks ----
+
+constexpr int kBurstTasks = 10000;
+
+// Queues a burst of tiny tasks from one thread and waits until the pool has
+// drained it. "queuedAfterBurst" is how many were still waiting for a thread
+// when the last one was queued: the lower, the more the workers kept up
+// instead of fighting over the queue's lock. "burstCompleted" checks that
+// every task ran before the figure counts.
+void BM_TaskBurst(benchmark::State& state) {
+  std::atomic<int> ran{0};
+  double queuedAfterBurst = 0;
+  bool drained = true;
+  for (auto _ : state) {
+    for (int i = 0; i < kBurstTasks; ++i) {
+      qevr::detachTask(qevr::TaskPriority::utility,
+                       [&ran](std::stop_token) { ran.fetch_add(1, std::memory_order_relaxed); });
+    }
+    queuedAfterBurst += static_cast<double>(qevr::taskPoolLoad().queued);
+    drained = qevr::waitForBackgroundIdle(std::chrono::minutes(1)) && drained;
+  }
+  const auto expected = static_cast<double>(state.iterations()) * kBurstTasks;
+  state.counters["queuedAfterBurst"] =
+      benchmark::Counter(queuedAfterBurst, benchmark::Counter::kAvgIterations);
+  state.counters["burstCompleted"] = drained && static_cast<double>(ran.load()) == expected ? 1 : 0;
+  state.SetItemsProcessed(state.iterations() * kBurstTasks);
+  state.SetLabel("threads=" + std::to_string(qevr::taskPoolSize()));
+}
+BENCHMARK(BM_TaskBurst)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // Refuses to run on inputs that do not say what their labels claim.
 bool inputsMatchTheirLabels() {

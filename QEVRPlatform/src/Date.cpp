@@ -168,11 +168,16 @@ std::optional<QEVRDate> parseISO8601(std::string_view text) {
     }
     offsetSeconds = (*offsetHours * 3600 + *offsetMinutes * 60) * (sign == '-' ? -1 : 1);
   }
-  // Local time minus its offset is UTC.
+  // Local time minus its offset is UTC. An offset can carry an instant past
+  // either end of the years formatting can write; such a date is refused
+  // here so that everything read can be written back.
   const std::int64_t unixSeconds =
       unixSecondsOfCivil(*year, static_cast<unsigned>(*month), static_cast<unsigned>(*day), *hour,
                          *minute, *second) -
       offsetSeconds;
+  if (unixSeconds < kFirstFormattableUnixSecond || unixSeconds >= kEndOfFormattableUnixSeconds) {
+    return std::nullopt;
+  }
   return QEVRDate::fromUnixSeconds(static_cast<double>(unixSeconds));
 }
 

@@ -1,4 +1,5 @@
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRPlatform/ThreadAnnotations.h>
 
 #include <algorithm>
 #include <array>
@@ -6,7 +7,6 @@
 #include <deque>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 const char* QEVRCancellationError::what() const noexcept {
   return "CancellationError";
@@ -20,12 +20,32 @@ void checkCancellation(const std::stop_token& token) {
 
 namespace {
 
+using detail::TaskStage;
+using detail::TaskStateBase;
+
+// Blocks on `cv` with `mutex` held on entry and on return. The analysis
+// knows `mutex` is held; std::condition_variable wants a unique_lock on the
+// raw mutex, which is lent here and taken back without unlocking it.
+void waitOn(std::condition_variable& cv, Mutex& mutex) QEVR_REQUIRES(mutex) {
+  std::unique_lock<std::mutex> raw(mutex.native(), std::adopt_lock);
+  cv.wait(raw);
+  raw.release();
+}
+
 // The process-wide pool.
 //
-// Thread safety: `lock` guards the queues, `inFlight`, the worker list and
-// every task's `finished` flag. `changed` is notified whenever a task is
-// queued or finishes, which is all that workers, waiters and idle-waiters
-// wait for. Tasks run with the lock released.
+// Thread safety: `lock` guards the fields below and every task's `stage` and
+// `blockedWaiters`. Task bodies, notifications and the release of a task's
+// last reference all happen with the lock released. Invariants, with the
+// lock held: a task is in one of `queues` exactly while its stage is
+// `queued`; `queued` counts those tasks and `inFlight` the queued and running
+// ones; `blockedWaiters` sums the tasks' own counts.
+//
+// Three condition variables, so that nobody is woken for nothing: workers
+// sleep on `workQueued`, woken one per task queued; waiters sleep on
+// `taskFinished`, notified only when the task finishing has a waiter; and
+// waitForBackgroundIdle sleeps on `drained`, notified when `inFlight`
+// reaches zero.
 class Pool {
  public:
   static Pool& shared() {
@@ -36,101 +56,142 @@ class Pool {
 
   unsigned size() const { return threadCount; }
 
-  void enqueue(std::shared_ptr<detail::TaskStateBase> state) {
+  void enqueue(std::shared_ptr<TaskStateBase> state) QEVR_EXCLUDES(lock) {
     {
-      std::lock_guard guard(lock);
+      MutexLock guard(lock);
       startWorkersLocked();
-      queues[static_cast<size_t>(state->priority)].push_back(std::move(state));
+      state->stage = TaskStage::queued;
+      queues[static_cast<std::size_t>(state->priority)].push_back(std::move(state));
+      ++queued;
       ++inFlight;
     }
-    changed.notify_all();
+    workQueued.notify_one();
   }
 
-  void waitFor(const detail::TaskStateBase& state) {
-    std::unique_lock guard(lock);
-    while (!state.finished) {
-      // Help: run queued work instead of blocking a pool thread, so that a
-      // task waiting for its children can never starve them. Only work of
-      // the awaited task's priority or above: the awaited task itself is
-      // always among it, and a waiter never gets stuck in a long run of
-      // lower-priority work (a pruning pass) while its own result is ready.
-      if (auto next = popLocked(state.priority)) {
-        runLocked(guard, std::move(next));
-        continue;
-      }
-      changed.wait(guard);
+  // A waiter runs the awaited task itself if no thread has started it yet,
+  // and otherwise blocks until it finishes, taking no other work. Running
+  // the task here is what keeps nested waits from starving a bounded pool:
+  // a body that waits for a child still queued runs the child on its own
+  // stack, so every task waited for is either running somewhere or about to
+  // run here. Running nothing else keeps a waiter from executing code that
+  // is none of its business (which might need a lock the waiter holds) and
+  // lets it return the moment its task is done.
+  void waitFor(TaskStateBase& state) QEVR_EXCLUDES(lock) {
+    MutexLock guard(lock);
+    if (state.stage == TaskStage::queued) {
+      runLocked(takeLocked(state));
+      return;
     }
+    if (state.stage == TaskStage::finished) return;
+    ++state.blockedWaiters;
+    ++blockedWaiters;
+    while (state.stage != TaskStage::finished)
+      waitOn(taskFinished, lock);
+    --state.blockedWaiters;
+    --blockedWaiters;
   }
 
-  bool isFinished(const detail::TaskStateBase& state) {
-    std::lock_guard guard(lock);
-    return state.finished;
+  bool isFinished(const TaskStateBase& state) QEVR_EXCLUDES(lock) {
+    MutexLock guard(lock);
+    return state.stage == TaskStage::finished;
   }
 
-  bool waitForIdle(std::chrono::milliseconds timeout) {
-    std::unique_lock guard(lock);
-    return changed.wait_for(guard, timeout, [this] { return inFlight == 0; });
+  TaskPoolLoad load() QEVR_EXCLUDES(lock) {
+    MutexLock guard(lock);
+    TaskPoolLoad result;
+    result.queued = queued;
+    result.running = inFlight - queued;
+    result.blockedWaiters = blockedWaiters;
+    return result;
+  }
+
+  bool waitForIdle(std::chrono::milliseconds timeout) QEVR_EXCLUDES(lock) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    MutexLock guard(lock);
+    std::unique_lock<std::mutex> raw(lock.native(), std::adopt_lock);
+    // Reads `inFlight` with `lock` held through `raw`, which the analysis
+    // cannot follow into the predicate.
+    const bool idle = drained.wait_until(
+        raw, deadline, [this]() QEVR_NO_THREAD_SAFETY_ANALYSIS { return inFlight == 0; });
+    raw.release();
+    return idle;
   }
 
  private:
   Pool() : threadCount(std::max(2u, std::thread::hardware_concurrency())) {}
 
-  // Requires: lock held.
-  void startWorkersLocked() {
-    if (!workers.empty()) return;
-    for (unsigned i = 0; i < threadCount; ++i) {
-      workers.emplace_back([this] { workerLoop(); });
-    }
+  void startWorkersLocked() QEVR_REQUIRES(lock) {
+    if (workersStarted) return;
+    workersStarted = true;
     // The pool lives as long as the process; its threads are never joined.
-    for (auto& t : workers)
-      t.detach();
+    for (unsigned i = 0; i < threadCount; ++i)
+      std::thread([this] { workerLoop(); }).detach();
   }
 
-  // Requires: lock held. Highest priority first, FIFO within a priority,
-  // nothing below `lowest`.
-  std::shared_ptr<detail::TaskStateBase> popLocked(TaskPriority lowest = TaskPriority::background) {
-    for (size_t i = queues.size(); i-- > static_cast<size_t>(lowest);) {
-      if (!queues[i].empty()) {
-        auto next = std::move(queues[i].front());
-        queues[i].pop_front();
-        return next;
-      }
+  // The next task for a worker: highest priority first, FIFO within one.
+  std::shared_ptr<TaskStateBase> popLocked() QEVR_REQUIRES(lock) {
+    for (std::size_t i = queues.size(); i-- > 0;) {
+      if (queues[i].empty()) continue;
+      auto next = std::move(queues[i].front());
+      queues[i].pop_front();
+      --queued;
+      next->stage = TaskStage::running;
+      return next;
     }
     return nullptr;
   }
 
-  // Requires: lock held (through `guard`); released while the task runs.
-  void runLocked(std::unique_lock<std::mutex>& guard, std::shared_ptr<detail::TaskStateBase> task) {
-    guard.unlock();
-    task->run();
-    guard.lock();
-    task->finished = true;
-    --inFlight;
-    changed.notify_all();
-    // The pool may hold the last reference; destroying a task's result must
-    // not happen under the lock, in case a destructor queues more work.
-    guard.unlock();
-    task.reset();
-    guard.lock();
+  // Takes `state`, known to be queued, out of its queue for a waiter. The
+  // search starts at the back, where a task just created by its waiter is.
+  std::shared_ptr<TaskStateBase> takeLocked(TaskStateBase& state) QEVR_REQUIRES(lock) {
+    auto& queue = queues[static_cast<std::size_t>(state.priority)];
+    auto it = std::find_if(queue.rbegin(), queue.rend(),
+                           [&state](const auto& entry) { return entry.get() == &state; });
+    auto taken = std::move(*it);
+    queue.erase(std::next(it).base());
+    --queued;
+    taken->stage = TaskStage::running;
+    return taken;
   }
 
-  void workerLoop() {
-    std::unique_lock guard(lock);
+  // Runs `task` with the lock released and marks it finished.
+  void runLocked(std::shared_ptr<TaskStateBase> task) QEVR_REQUIRES(lock) {
+    lock.unlock();
+    task->run();
+    lock.lock();
+    task->stage = TaskStage::finished;
+    const bool hasWaiters = task->blockedWaiters > 0;
+    const bool idle = --inFlight == 0;
+    lock.unlock();
+    if (hasWaiters) taskFinished.notify_all();
+    if (idle) drained.notify_all();
+    // The pool may hold the last reference; destroying a task's result must
+    // not happen under the lock, in case a destructor queues more work.
+    task.reset();
+    lock.lock();
+  }
+
+  void workerLoop() QEVR_EXCLUDES(lock) {
+    MutexLock guard(lock);
     for (;;) {
       if (auto next = popLocked()) {
-        runLocked(guard, std::move(next));
+        runLocked(std::move(next));
         continue;
       }
-      changed.wait(guard);
+      waitOn(workQueued, lock);
     }
   }
 
   const unsigned threadCount;
-  std::mutex lock;
-  std::condition_variable changed;
-  std::array<std::deque<std::shared_ptr<detail::TaskStateBase>>, 4> queues;  // by priority
-  size_t inFlight = 0;                                                       // queued + running
-  std::vector<std::thread> workers;
+  Mutex lock;
+  std::condition_variable workQueued;
+  std::condition_variable taskFinished;
+  std::condition_variable drained;
+  std::array<std::deque<std::shared_ptr<TaskStateBase>>, 4> queues QEVR_GUARDED_BY(lock);
+  std::size_t queued QEVR_GUARDED_BY(lock) = 0;
+  std::size_t inFlight QEVR_GUARDED_BY(lock) = 0;
+  std::size_t blockedWaiters QEVR_GUARDED_BY(lock) = 0;
+  bool workersStarted QEVR_GUARDED_BY(lock) = false;
 };
 
 }  // namespace
@@ -140,7 +201,7 @@ namespace detail {
 void enqueue(std::shared_ptr<TaskStateBase> state) {
   Pool::shared().enqueue(std::move(state));
 }
-void waitFor(const TaskStateBase& state) {
+void waitFor(TaskStateBase& state) {
   Pool::shared().waitFor(state);
 }
 bool isFinished(const TaskStateBase& state) {
@@ -151,6 +212,10 @@ bool isFinished(const TaskStateBase& state) {
 
 unsigned taskPoolSize() {
   return Pool::shared().size();
+}
+
+TaskPoolLoad taskPoolLoad() {
+  return Pool::shared().load();
 }
 
 bool waitForBackgroundIdle(std::chrono::milliseconds timeout) {

@@ -75,6 +75,9 @@ TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
       {"2000-02-29T00:00:00Z", 951782400},
       {"1969-12-31T23:59:59Z", -1},
       {"9999-12-31T23:59:59Z", 253402300799},
+      // Offsets that keep the instant inside the writable years.
+      {"0000-01-01T01:00:00+01:00", -62167219200},
+      {"9999-12-31T22:59:59-01:00", 253402300799},
   };
   for (const ParseCase& c : cases) {
     SCOPED_TRACE(c.text);
@@ -118,6 +121,10 @@ TEST(ISO8601Test, ParseRefusesEveryOtherForm) {
            "2026-01-31T09:05:60Z",        // leap second
            "2026-01-3aT09:05:00Z",        // not a digit
            "2026-01-31T09:05:\xD9\xA0Z",  // non-ASCII digit
+           "0000-01-01T00:30:00+01:00",   // before year 0 in UTC
+           "0000-01-01T00:00:00+00:01",   // one minute before year 0
+           "9999-12-31T23:30:00-01:00",   // year 10000 in UTC
+           "9999-12-31T23:59:59-00:01",   // a minute into year 10000
        }) {
     SCOPED_TRACE(text);
     EXPECT_FALSE(parseISO8601(text).has_value());

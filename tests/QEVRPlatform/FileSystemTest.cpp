@@ -50,6 +50,16 @@ TEST_F(FileSystemTest, AtomicWriteReplacesWholeAndLeavesNoTemporary) {
   EXPECT_THAT(files.listDirectory(target.parent_path()), ::testing::ElementsAre(target));
 }
 
+TEST_F(FileSystemTest, AtomicWriteLeavesTheFileToItsOwnerAlone) {
+  const fs::path target = root / "user.json";
+  // Whatever mode the replaced file had, and whatever the umask allows.
+  std::ofstream(target) << "old";
+  fs::permissions(target, fs::perms::all);
+  files.writeFileAtomically(target, bytesOf("new"));
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(files.readFile(target, 1024), bytesOf("new"));
+}
+
 TEST_F(FileSystemTest, FailedWriteKeepsTheOldFile) {
   const fs::path target = root / "keep.json";
   files.writeFileAtomically(target, bytesOf("old"));

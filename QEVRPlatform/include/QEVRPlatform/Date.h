@@ -93,7 +93,9 @@ QEVR_API std::string formatISO8601(QEVRDate date);
 // after. Refused: fractional seconds, a missing zone, lower-case letters,
 // a space instead of "T", basic forms without separators, week and ordinal
 // dates, out-of-range fields (month 13, February 30 outside a leap year,
-// hour 24, second 60). Returns std::nullopt for anything refused.
+// hour 24, second 60), and an instant that formatISO8601 would refuse: one
+// whose offset moves it out of the years 0000 to 9999 in UTC, such as
+// "0000-01-01T00:30:00+01:00". Returns std::nullopt for anything refused.
 QEVR_API std::optional<QEVRDate> parseISO8601(std::string_view text);
 
 }  // namespace qevr

@@ -44,9 +44,13 @@ class QEVR_API FileSystem {
 
   // Replaces `path` with `bytes` in one step: the bytes go to a temporary
   // file in the same directory (never with the target's extension), are
-  // flushed with fsync, and the temporary is renamed over the target. A
-  // reader sees the old file or the new one, never part of either. On
-  // failure the temporary is removed and the old file stays whole.
+  // flushed with fsync, and the temporary is renamed over the target; the
+  // directory is then flushed too, so the rename survives a power loss. A
+  // reader sees the old file or the new one, never part of either. On a
+  // failure before the rename the temporary is removed and the old file
+  // stays whole; a failed flush of the directory after it is reported the
+  // same way, with the new file in place but not known to be durable. The
+  // file is created readable and writable by its owner only (0600).
   virtual void writeFileAtomically(const std::filesystem::path& path,
                                    std::span<const std::uint8_t> bytes);
 

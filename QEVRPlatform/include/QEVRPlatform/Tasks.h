@@ -8,11 +8,19 @@
 // Background work runs on one bounded, process-wide pool (about one thread
 // per core, never a thread per task) with one queue per priority. A task is
 // either detached (fire and forget, with a handle that can cancel it) or a
-// child of a stop token, whose cancellation it inherits. Waiting for a task
-// never blocks a thread idle while work is queued: the waiting thread runs
-// queued tasks of the awaited task's priority or above meanwhile (the awaited
-// task among them), so nested waits cannot exhaust the pool, and long
-// low-priority work never holds up a waiter.
+// child of a stop token, whose cancellation it inherits.
+//
+// Waiting helps only with one's own work. A thread that waits for a task no
+// thread has started yet takes it out of the queue and runs it on its own
+// stack; a thread that waits for a task already running elsewhere blocks,
+// taking no work, and returns as soon as that task finishes. It never runs
+// anybody else's queued task, so a host thread holding a lock of its own
+// cannot be handed work that needs that lock, and nesting on any thread stays
+// as deep as the program's own waits: a task body that waits for its child
+// task runs the child itself if it is still queued, and so on down. Waiting
+// therefore never deadlocks on the pool, however small it is: every task
+// that someone waits for is either running on some thread or run by its
+// waiter.
 //
 // Thread safety: every function here may be called from any thread.
 #pragma once
@@ -20,6 +28,7 @@
 #include <QEVRPlatform/Export.h>
 
 #include <chrono>
+#include <cstddef>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -45,8 +54,11 @@ QEVR_API void checkCancellation(const std::stop_token& token);
 
 namespace detail {
 
-// Shared state of one task: its stop source and completion flag.
-// `finished` is guarded by the pool's lock (see Tasks.cpp).
+// Where a task is in its life.
+enum class TaskStage { queued, running, finished };
+
+// Shared state of one task: its stop source and where it stands.
+// `stage` and `blockedWaiters` are guarded by the pool's lock (Tasks.cpp).
 class QEVR_API TaskStateBase {
  public:
   explicit TaskStateBase(TaskPriority p) : priority(p) {}
@@ -61,7 +73,8 @@ class QEVR_API TaskStateBase {
   std::stop_source stopSource;
   // Carries a parent's cancellation into this task while the task lives.
   std::unique_ptr<std::stop_callback<std::function<void()>>> parentLink;
-  bool finished = false;  // guarded by the pool's lock
+  TaskStage stage = TaskStage::queued;
+  std::size_t blockedWaiters = 0;  // threads blocked until it finishes
 };
 
 // The result (or error) of a task returning R.
@@ -99,8 +112,8 @@ class TaskState final : public ResultState<R> {
 
 // Queues a task on the pool.
 QEVR_API void enqueue(std::shared_ptr<TaskStateBase> state);
-// Blocks until `state` has finished, running queued work meanwhile.
-QEVR_API void waitFor(const TaskStateBase& state);
+// Blocks until `state` has finished; runs it here if it has not started.
+QEVR_API void waitFor(TaskStateBase& state);
 QEVR_API bool isFinished(const TaskStateBase& state);
 
 }  // namespace detail
@@ -121,7 +134,8 @@ class Task {
   bool isCancelled() const { return state->stopSource.stop_requested(); }
   bool isFinished() const { return detail::isFinished(*state); }
 
-  // Blocks until the body has returned, running queued work meanwhile.
+  // Blocks until the body has returned; runs the body on this thread if no
+  // thread has started it yet, and runs nothing else (see the top of file).
   void wait() const { detail::waitFor(*state); }
 
   // Waits, then returns the result or rethrows what the body threw.
@@ -191,6 +205,14 @@ Task<TaskResultOf<F>> childTask(TaskPriority priority, const std::stop_token& pa
 
 // Number of threads in the pool.
 QEVR_API unsigned taskPoolSize();
+
+// What the pool holds at one instant, for tools, tests and benchmarks.
+struct TaskPoolLoad {
+  std::size_t queued = 0;          // tasks waiting for a thread
+  std::size_t running = 0;         // bodies executing, on pool threads or waiters
+  std::size_t blockedWaiters = 0;  // threads in wait() on a task running elsewhere
+};
+QEVR_API TaskPoolLoad taskPoolLoad();
 
 // Waits until no background task is queued or running, for tools and tests.
 // Returns false on time-out. Must not be called from inside a task.

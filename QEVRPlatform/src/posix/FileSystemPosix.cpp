@@ -84,11 +84,15 @@ void writeAll(int fd, std::span<const std::uint8_t> bytes, const fs::path& path)
   }
 }
 
+// Makes a rename in `dir` durable. Until this succeeds, a power loss may
+// bring back the old file, so a failure is the writer's failure too. A file
+// system that cannot sync a directory at all (EINVAL) gives no such promise
+// to break, and is not an error.
 void syncDirectory(const fs::path& dir) {
-  int fd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;  // Best effort: the rename itself already happened.
-  ::fsync(fd);
-  ::close(fd);
+  const fs::path opened = dir.empty() ? fs::path(".") : dir;
+  FileDescriptor fd(::open(opened.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.get() < 0) throwErrno(errno, "open directory", opened);
+  if (::fsync(fd.get()) != 0 && errno != EINVAL) throwErrno(errno, "fsync directory", opened);
 }
 
 }  // namespace
@@ -165,7 +169,7 @@ std::vector<std::uint8_t> FileSystem::readFile(const fs::path& path, std::uint64
 
 void FileSystem::writeFileAtomically(const fs::path& path, std::span<const std::uint8_t> bytes) {
   const fs::path temporary = temporarySibling(path);
-  FileDescriptor fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  FileDescriptor fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (fd.get() < 0) throwErrno(errno, "create", temporary);
   try {
     writeAll(fd.get(), bytes, temporary);
