@@ -72,6 +72,25 @@ TEST(QEVIntelligenceContextTest, PatternLinesKeepTheFiveLargestAndDropNamesThatR
             (std::vector<std::string>{"call [redacted] now: -1"}));
 }
 
+TEST(QEVIntelligenceContextTest, RedactionSkipsOnlyPassesThatCannotMatch) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"12345678", "12345678"},  // digits seven apart: too short for a phone number
+      {"123456789", "[redacted]"},
+      {"1 2 3 4 5", "[redacted]"},
+      {"(12) 34-5.6 x", "([redacted] x"},  // a match opens with a digit
+      {"1a2345678", "1a2345678"},
+      {"Ref 2026-11-17", "Ref [redacted]"},
+      {"Cookie= abc; Token:x", "cookie=[redacted]; token=[redacted]"},
+      {"AUTHORIZATION: bearer", "authorization=[redacted]"},  // not "auth": no \b after it
+      {"mail: a@b.co", "mail: [redacted]"},
+      {"tokens: 3", "tokens: 3"},
+      {"Ünïcode token: v", "Ünïcode token=[redacted]"},
+  };
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(redactIntelligenceText(text), expected) << text;
+  }
+}
+
 TEST(QEVIntelligenceContextTest, RecentSummaryShowsNavigationAndTheFirstThreeSequences) {
   SnapshotSpec spec;
   spec.navigation = {{"home->cart", 3}, {"cart->home", 2}};
