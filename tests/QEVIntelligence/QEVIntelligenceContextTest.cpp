@@ -92,10 +92,10 @@ TEST(QEVIntelligenceContextTest, RedactionSkipsOnlyPassesThatCannotMatch) {
 }
 
 TEST(QEVIntelligenceContextTest, RecentSummaryShowsNavigationAndTheFirstThreeSequences) {
-  SnapshotSpec spec;
-  spec.navigation = {{"home->cart", 3}, {"cart->home", 2}};
-  spec.sequences = {"A > B", "   ", "Password = hunter; next", "C", "D"};
-  EXPECT_EQ(build(makeSnapshot(spec)).recentSessionSummary,
+  SnapshotShape shape;
+  shape.navigation = {{"home->cart", 3}, {"cart->home", 2}};
+  shape.sequences = {"A > B", "   ", "Password = hunter; next", "C", "D"};
+  EXPECT_EQ(build(makeSnapshot(shape)).recentSessionSummary,
             "navigation: home->cart: 3; cart->home: 2, "
             "screens: A > B; password=[redacted]; next; C");
 }
@@ -148,11 +148,11 @@ TEST(QEVIntelligenceContextTest, LimitedListSpendsOneBudgetOverTheWholeList) {
 // A snapshot whose context text is `length` characters long, the spare ones
 // in one screen sequence of x's.
 QEVMemoryIntelligenceSnapshot snapshotOfTextLength(std::size_t length) {
-  SnapshotSpec spec;
-  spec.screens = {{std::string(300, 's'), 4}, {"Home", 2}};
-  spec.components = {{std::string(900, 'c'), 7}};
-  spec.sequences = {"x"};
-  QEVMemoryIntelligenceSnapshot snapshot = makeSnapshot(spec);
+  SnapshotShape shape;
+  shape.screens = {{std::string(300, 's'), 4}, {"Home", 2}};
+  shape.components = {{std::string(900, 'c'), 7}};
+  shape.sequences = {"x"};
+  QEVMemoryIntelligenceSnapshot snapshot = makeSnapshot(shape);
   const std::size_t base = build(snapshot, {}, 1 << 30).compactText().size();
   snapshot.recentScreenSequences = {std::string(1 + length - base, 'x')};
   return snapshot;
