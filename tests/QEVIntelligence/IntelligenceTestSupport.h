@@ -18,7 +18,7 @@ inline const QEVRDate kTestNow = QEVRDate::fromUnixSeconds(1794911493);
 
 using Counts = std::unordered_map<std::string, std::int64_t>;
 
-struct SnapshotSpec {
+struct SnapshotShape {
   Counts screens = {};
   Counts components = {};
   Counts customEvents = {};
@@ -26,15 +26,15 @@ struct SnapshotSpec {
   std::vector<std::string> sequences = {};
 };
 
-inline QEVMemoryIntelligenceSnapshot makeSnapshot(const SnapshotSpec& spec) {
+inline QEVMemoryIntelligenceSnapshot makeSnapshot(const SnapshotShape& shape) {
   QEVMemoryIntelligenceSnapshot snapshot;
   snapshot.totalSessions = 3;
   snapshot.totalEvents = 40;
-  snapshot.frequentlyVisitedScreens = spec.screens;
-  snapshot.frequentComponents = spec.components;
-  snapshot.frequentCustomEvents = spec.customEvents;
-  snapshot.recentNavigationPatterns = spec.navigation;
-  snapshot.recentScreenSequences = spec.sequences;
+  snapshot.frequentlyVisitedScreens = shape.screens;
+  snapshot.frequentComponents = shape.components;
+  snapshot.frequentCustomEvents = shape.customEvents;
+  snapshot.recentNavigationPatterns = shape.navigation;
+  snapshot.recentScreenSequences = shape.sequences;
   return snapshot;
 }
 
@@ -53,9 +53,9 @@ class CountingSnapshotProvider final : public QEVMemoryIntelligenceSnapshotProvi
 
 // Analysers of one start over a counting source, with kTestNow as clock.
 struct AnalyzerRig {
-  explicit AnalyzerRig(const SnapshotSpec& spec,
+  explicit AnalyzerRig(const SnapshotShape& shape,
                        QEVLLMExecutionMode mode = QEVLLMExecutionMode::disabled)
-      : provider(std::make_shared<CountingSnapshotProvider>(makeSnapshot(spec))),
+      : provider(std::make_shared<CountingSnapshotProvider>(makeSnapshot(shape))),
         cache(std::make_shared<QEVIntelligenceCache>([this] { return cacheNow; })),
         analyzers(QEVIntelligenceRuntime::makeAnalyzers(mode, builder(), cache)) {}
 

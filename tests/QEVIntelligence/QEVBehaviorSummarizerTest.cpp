@@ -11,7 +11,7 @@ TEST(QEVBehaviorSummarizerTest, PatternTagsAndSummaryFollowTheRuleTable) {
   const std::string nothing = "No behavior data is available yet.";
   const struct {
     const char* name;
-    SnapshotSpec spec;
+    SnapshotShape shape;
     Strings screens, actions, patterns;
     std::string summary;
     double confidence;
@@ -58,7 +58,7 @@ TEST(QEVBehaviorSummarizerTest, PatternTagsAndSummaryFollowTheRuleTable) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    AnalyzerRig rig(c.spec);
+    AnalyzerRig rig(c.shape);
     EXPECT_EQ(
         rig.analyzers.summarizer.summarize(),
         QEVBehaviorSummary(c.summary, c.screens, c.actions, c.patterns, c.confidence, kTestNow));

@@ -15,7 +15,7 @@ const std::string kFriction = "Possible component-level UX friction";
 TEST(QEVFrustrationDetectorTest, ScoreBandsGiveLevelAndConfidence) {
   const struct {
     const char* name;
-    SnapshotSpec spec;
+    SnapshotShape shape;
     Diagnostics diagnostics;
     Level level;
     Strings signals;
@@ -133,7 +133,7 @@ TEST(QEVFrustrationDetectorTest, ScoreBandsGiveLevelAndConfidence) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    AnalyzerRig rig(c.spec);
+    AnalyzerRig rig(c.shape);
     QEVFrustrationDetector detector = rig.analyzers.frustrationDetector;
     detector.diagnosticsSummary = c.diagnostics;
     const QEVFrustrationAnalysis analysis = detector.detect();

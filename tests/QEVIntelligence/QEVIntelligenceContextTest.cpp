@@ -72,11 +72,30 @@ TEST(QEVIntelligenceContextTest, PatternLinesKeepTheFiveLargestAndDropNamesThatR
             (std::vector<std::string>{"call [redacted] now: -1"}));
 }
 
+TEST(QEVIntelligenceContextTest, RedactionSkipsOnlyPassesThatCannotMatch) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"12345678", "12345678"},  // digits seven apart: too short for a phone number
+      {"123456789", "[redacted]"},
+      {"1 2 3 4 5", "[redacted]"},
+      {"(12) 34-5.6 x", "([redacted] x"},  // a match opens with a digit
+      {"1a2345678", "1a2345678"},
+      {"Ref 2026-11-17", "Ref [redacted]"},
+      {"Cookie= abc; Token:x", "cookie=[redacted]; token=[redacted]"},
+      {"AUTHORIZATION: bearer", "authorization=[redacted]"},  // not "auth": no \b after it
+      {"mail: a@b.co", "mail: [redacted]"},
+      {"tokens: 3", "tokens: 3"},
+      {"Ünïcode token: v", "Ünïcode token=[redacted]"},
+  };
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(redactIntelligenceText(text), expected) << text;
+  }
+}
+
 TEST(QEVIntelligenceContextTest, RecentSummaryShowsNavigationAndTheFirstThreeSequences) {
-  SnapshotSpec spec;
-  spec.navigation = {{"home->cart", 3}, {"cart->home", 2}};
-  spec.sequences = {"A > B", "   ", "Password = hunter; next", "C", "D"};
-  EXPECT_EQ(build(makeSnapshot(spec)).recentSessionSummary,
+  SnapshotShape shape;
+  shape.navigation = {{"home->cart", 3}, {"cart->home", 2}};
+  shape.sequences = {"A > B", "   ", "Password = hunter; next", "C", "D"};
+  EXPECT_EQ(build(makeSnapshot(shape)).recentSessionSummary,
             "navigation: home->cart: 3; cart->home: 2, "
             "screens: A > B; password=[redacted]; next; C");
 }
@@ -129,11 +148,11 @@ TEST(QEVIntelligenceContextTest, LimitedListSpendsOneBudgetOverTheWholeList) {
 // A snapshot whose context text is `length` characters long, the spare ones
 // in one screen sequence of x's.
 QEVMemoryIntelligenceSnapshot snapshotOfTextLength(std::size_t length) {
-  SnapshotSpec spec;
-  spec.screens = {{std::string(300, 's'), 4}, {"Home", 2}};
-  spec.components = {{std::string(900, 'c'), 7}};
-  spec.sequences = {"x"};
-  QEVMemoryIntelligenceSnapshot snapshot = makeSnapshot(spec);
+  SnapshotShape shape;
+  shape.screens = {{std::string(300, 's'), 4}, {"Home", 2}};
+  shape.components = {{std::string(900, 'c'), 7}};
+  shape.sequences = {"x"};
+  QEVMemoryIntelligenceSnapshot snapshot = makeSnapshot(shape);
   const std::size_t base = build(snapshot, {}, 1 << 30).compactText().size();
   snapshot.recentScreenSequences = {std::string(1 + length - base, 'x')};
   return snapshot;

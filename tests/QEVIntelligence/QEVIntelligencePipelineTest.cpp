@@ -24,12 +24,12 @@ const Analysis kAnalyses[] = {
      [](const Analyses& a, std::stop_token s) { a.skillAnalyzer.analyze(std::nullopt, s); }},
 };
 
-const SnapshotSpec kSpec{.screens = {{"Home", 4}}, .components = {{"play", 6}}};
+const SnapshotShape kShape{.screens = {{"Home", 4}}, .components = {{"play", 6}}};
 
 TEST(QEVIntelligencePipelineTest, CancellationBeforeTheSnapshotReadsNothing) {
   for (const Analysis& analysis : kAnalyses) {
     SCOPED_TRACE(analysis.name);
-    AnalyzerRig rig(kSpec);
+    AnalyzerRig rig(kShape);
     std::stop_source stop;
     stop.request_stop();
     EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
@@ -40,7 +40,7 @@ TEST(QEVIntelligencePipelineTest, CancellationBeforeTheSnapshotReadsNothing) {
 TEST(QEVIntelligencePipelineTest, CancellationDuringTheSnapshotCachesNothing) {
   for (const Analysis& analysis : kAnalyses) {
     SCOPED_TRACE(analysis.name);
-    AnalyzerRig rig(kSpec);
+    AnalyzerRig rig(kShape);
     std::stop_source stop;
     rig.provider->onCall = [&stop] { stop.request_stop(); };
     EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
@@ -52,7 +52,7 @@ TEST(QEVIntelligencePipelineTest, CancellationDuringTheSnapshotCachesNothing) {
 TEST(QEVIntelligencePipelineTest, CancellationAfterTheContextIsBuiltCachesNothing) {
   for (const Analysis& analysis : kAnalyses) {
     SCOPED_TRACE(analysis.name);
-    AnalyzerRig rig(kSpec);
+    AnalyzerRig rig(kShape);
     std::stop_source stop;
     // The clock is read after the builder's last check, so only the
     // analyser's own check after the build can see this.
@@ -65,7 +65,7 @@ TEST(QEVIntelligencePipelineTest, CancellationAfterTheContextIsBuiltCachesNothin
 TEST(QEVIntelligencePipelineTest, EachAnalysisStoresOneEntryAndHitsItWithinTheTimeToLive) {
   for (const Analysis& analysis : kAnalyses) {
     SCOPED_TRACE(analysis.name);
-    AnalyzerRig rig(kSpec);
+    AnalyzerRig rig(kShape);
     analysis.run(rig.analyzers, {});
     analysis.run(rig.analyzers, {});
     EXPECT_EQ(rig.cache->count(), 1u);
@@ -74,7 +74,7 @@ TEST(QEVIntelligencePipelineTest, EachAnalysisStoresOneEntryAndHitsItWithinTheTi
 }
 
 TEST(QEVIntelligencePipelineTest, ACachedResultIsReturnedUnchanged) {
-  AnalyzerRig rig(kSpec);
+  AnalyzerRig rig(kShape);
   const QEVIntelligenceContext context = rig.context();
   const QEVBehaviorSummary planted("planted", {}, {}, {}, 1.0, QEVRDate{1});
   rig.cache->store(
@@ -95,14 +95,14 @@ TEST(QEVIntelligencePipelineTest, ACachedResultIsReturnedUnchanged) {
 }
 
 TEST(QEVIntelligencePipelineTest, TheExecutionModeEntersTheKey) {
-  AnalyzerRig disabled(kSpec);
-  AnalyzerRig cloud(kSpec, QEVLLMExecutionMode::cloud);
+  AnalyzerRig disabled(kShape);
+  AnalyzerRig cloud(kShape, QEVLLMExecutionMode::cloud);
   EXPECT_NE(contextHash(disabled.context()), contextHash(cloud.context()));
   EXPECT_EQ(disabled.analyzers.summarizer.summarize(), cloud.analyzers.summarizer.summarize());
 }
 
 TEST(QEVIntelligencePipelineTest, TheProviderStageRefusesAndOnlyCancellationPassesOn) {
-  AnalyzerRig rig(kSpec);
+  AnalyzerRig rig(kShape);
   try {
     runProviderStage(rig.analyzers.summarizer, QEVPromptTemplateType::behaviorSummary,
                      rig.context());
@@ -121,7 +121,7 @@ TEST(QEVIntelligencePipelineTest, TheProviderStageRefusesAndOnlyCancellationPass
 }
 
 TEST(QEVIntelligencePipelineTest, ASnapshotFailureReachesTheCaller) {
-  AnalyzerRig rig(kSpec);
+  AnalyzerRig rig(kShape);
   rig.provider->onCall = [] { throw std::runtime_error("damaged"); };
   for (const Analysis& analysis : kAnalyses) {
     EXPECT_THROW(analysis.run(rig.analyzers, {}), std::runtime_error);
@@ -129,10 +129,10 @@ TEST(QEVIntelligencePipelineTest, ASnapshotFailureReachesTheCaller) {
 }
 
 TEST(QEVIntelligencePipelineTest, ThePublicAnalyzersMatchTheWiredOnes) {
-  const auto source = std::make_shared<QEVFixedIntelligenceSnapshotProvider>(makeSnapshot(kSpec));
+  const auto source = std::make_shared<QEVFixedIntelligenceSnapshotProvider>(makeSnapshot(kShape));
   const QEVIntelligenceAnalyzers analyzers(
       source, {QEVLLMExecutionMode::disabled, [] { return kTestNow; }});
-  AnalyzerRig rig(kSpec);
+  AnalyzerRig rig(kShape);
   EXPECT_EQ(analyzers.summarizeBehavior(), rig.analyzers.summarizer.summarize());
   EXPECT_EQ(analyzers.analyzeIntent(QEVExperienceDomain::game()),
             rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::game()));

@@ -9,7 +9,7 @@ using Domain = std::optional<QEVExperienceDomain>;
 
 struct IntentCase {
   const char* name;
-  SnapshotSpec spec;
+  SnapshotShape shape;
   Domain domain;
   std::string primary;
   Strings secondary;
@@ -73,7 +73,7 @@ TEST(QEVIntentAnalyzerTest, RuleOrderNotCountsDecidesThePrimaryIntent) {
   };
   for (const IntentCase& c : cases) {
     SCOPED_TRACE(c.name);
-    AnalyzerRig rig(c.spec);
+    AnalyzerRig rig(c.shape);
     const QEVIntentAnalysis analysis = rig.analyzers.intentAnalyzer.analyze(c.domain);
     EXPECT_EQ(analysis.primaryIntent, c.primary);
     EXPECT_EQ(analysis.secondaryIntents, c.secondary);

@@ -10,7 +10,7 @@ using Level = QEVSkillLevel;
 TEST(QEVSkillAnalyzerTest, ScoreDecidesLevelAdjustmentAndEvidence) {
   const struct {
     const char* name;
-    SnapshotSpec spec;
+    SnapshotShape shape;
     Level level;
     std::optional<std::string> adjustment;
     Strings evidence;
@@ -91,7 +91,7 @@ TEST(QEVSkillAnalyzerTest, ScoreDecidesLevelAdjustmentAndEvidence) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    AnalyzerRig rig(c.spec);
+    AnalyzerRig rig(c.shape);
     const QEVSkillAnalysis analysis = rig.analyzers.skillAnalyzer.analyze(std::nullopt);
     EXPECT_EQ(analysis.skillLevel, c.level);
     EXPECT_EQ(analysis.recommendedDifficultyAdjustment, c.adjustment);
