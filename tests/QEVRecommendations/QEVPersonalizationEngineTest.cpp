@@ -30,9 +30,9 @@ TEST(QEVPersonalizationEngineTest, RankingIsATotalOrderEndingWithTheUUIDText) {
       recommendation(Action::custom({{"kind", "z"}}), 0.8, Priority::high,
                      QEVRecommendationType::ui, uuid(9), kGeneratedAt.addingSeconds(1)),
       recommendation(Action::showHelp("a", std::nullopt, std::nullopt), 0.8, Priority::high),
-      recommendation(Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt, "b",
-                                             std::nullopt),
-                     0.8, Priority::high),
+      recommendation(
+          Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt, "b", std::nullopt), 0.8,
+          Priority::high),
       recommendation(Action::suggestFeature("c", std::nullopt, std::nullopt), 0.8, Priority::high),
       recommendation(Action::highlightComponent("d", std::nullopt), 0.8, Priority::high,
                      QEVRecommendationType::ui, uuid(0xA0)),
@@ -92,7 +92,8 @@ TEST(QEVPersonalizationEngineTest, ConflictKeys) {
 
 TEST(QEVPersonalizationEngineTest, ConflictFilterKeepsTheFirstOfEachKey) {
   const auto highlight = recommendation(Action::highlightComponent("Home Banner", "Secret"), 0.9);
-  const auto reorder = recommendation(Action::reorderComponent("home_banner", std::nullopt, 0), 0.8);
+  const auto reorder =
+      recommendation(Action::reorderComponent("home_banner", std::nullopt, 0), 0.8);
   const auto helpCart = recommendation(Action::showHelp("cart", std::nullopt, "Home"), 0.9);
   const auto reorderCart = recommendation(Action::reorderComponent("cart", std::nullopt, 0), 0.95);
   const auto helpHome = recommendation(Action::showHelp(std::nullopt, std::nullopt, "Home"), 0.7);
@@ -131,8 +132,9 @@ TEST(QEVPersonalizationEngineTest, ConflictsAreResolvedBeforeThePolicy) {
   // The feature engine's "tutorial" outranks the gameplay tutorial help,
   // which shares its key "feature:tutorial".
   input.policy = QEVRecommendationPolicy(0.0, true, true, true, true, true);
-  EXPECT_EQ(qevr::testing::titlesOf(engine.recommendations(input)),
-            (std::vector<std::string>{"Suggest relevant feature", "Reduce difficulty for beginner"}));
+  EXPECT_EQ(
+      qevr::testing::titlesOf(engine.recommendations(input)),
+      (std::vector<std::string>{"Suggest relevant feature", "Reduce difficulty for beginner"}));
   // The policy then drops the winner; the loser does not come back.
   input.policy = QEVRecommendationPolicy(0.0, true, true, false, true, true);
   EXPECT_EQ(qevr::testing::titlesOf(engine.recommendations(input)),

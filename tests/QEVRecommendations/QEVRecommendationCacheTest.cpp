@@ -36,14 +36,15 @@ TEST_F(QEVRecommendationCacheTest, EntriesLiveThreeHundredSeconds) {
     double age;
     bool hit;
   };
-  for (const Case& c : {Case{299.9, true}, Case{300.0, true}, Case{-50.0, true},
-                        Case{300.1, false}}) {
+  for (const Case& c :
+       {Case{299.9, true}, Case{300.0, true}, Case{-50.0, true}, Case{300.1, false}}) {
     SCOPED_TRACE(c.age);
     cache.clear();
     clock->set(kGeneratedAt);
     cache.store(list, std::nullopt, policy, summary);
     clock->set(kGeneratedAt.addingSeconds(c.age));
-    EXPECT_EQ(cache.lookup(std::nullopt, policy, summary), c.hit ? std::optional(list) : std::nullopt);
+    EXPECT_EQ(cache.lookup(std::nullopt, policy, summary),
+              c.hit ? std::optional(list) : std::nullopt);
     EXPECT_EQ(cache.entryCount(), c.hit ? 1u : 0u);
   }
 }
@@ -77,8 +78,8 @@ TEST_F(QEVRecommendationCacheTest, KeyCoversDomainPolicyAndTheWholeSummary) {
                   Policy(0.65, true, true, true, true, true, 10, {"z", "y", "x"}), summary));
   EXPECT_FALSE(hit(QEVExperienceDomain::custom("b"),
                    Policy(0.65, true, true, true, true, true, 10, {"x", "y", "z"}), summary));
-  EXPECT_FALSE(hit(std::nullopt, Policy(0.65, true, true, true, true, true, 10, {"x", "y", "z"}),
-                   summary));
+  EXPECT_FALSE(
+      hit(std::nullopt, Policy(0.65, true, true, true, true, true, 10, {"x", "y", "z"}), summary));
   EXPECT_FALSE(hit(QEVExperienceDomain::custom("a"),
                    Policy(0.65, true, true, true, true, true, 11, {"x", "y", "z"}), summary));
   QEVMemorySnapshotSummary changed = summary;

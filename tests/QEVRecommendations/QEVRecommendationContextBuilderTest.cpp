@@ -17,12 +17,12 @@ QEVFixedRecommendationSources::Values allValues() {
   snapshot.totalSessions = 2;
   snapshot.totalEvents = 40;
   snapshot.frequentlyVisitedScreens = {{"Home", 5}};
-  return {snapshot,
-          QEVBehaviorSummary(" mail me: a.b@example.com ", {"Home", "  "}, {}, {}, 0.5,
-                             kGeneratedAt),
-          qevr::testing::intent(0.7, {"token: abc, rest", "call +1 (555) 123-4567"}),
-          qevr::testing::frustration(QEVFrustrationLevel::medium, 0.6, {"Cookie=xyz"}, {"c"}),
-          QEVSkillAnalysis(QEVSkillLevel::advanced, {"e"}, "password: 1", 0.8, kGeneratedAt)};
+  return {
+      snapshot,
+      QEVBehaviorSummary(" mail me: a.b@example.com ", {"Home", "  "}, {}, {}, 0.5, kGeneratedAt),
+      qevr::testing::intent(0.7, {"token: abc, rest", "call +1 (555) 123-4567"}),
+      qevr::testing::frustration(QEVFrustrationLevel::medium, 0.6, {"Cookie=xyz"}, {"c"}),
+      QEVSkillAnalysis(QEVSkillLevel::advanced, {"e"}, "password: 1", 0.8, kGeneratedAt)};
 }
 
 QEVRecommendationContextBuilder builder(std::shared_ptr<CountingSources> sources,
@@ -64,8 +64,8 @@ TEST(QEVRecommendationContextBuilderTest, RedactsEveryAnalysis) {
   // A lone address redacts to the marker and stays.
   auto lone = allValues();
   lone.behaviorSummary->summary = "x@y.io";
-  const auto redacted = builder(std::make_shared<CountingSources>(lone))
-                            .build(std::nullopt, std::nullopt, true);
+  const auto redacted =
+      builder(std::make_shared<CountingSources>(lone)).build(std::nullopt, std::nullopt, true);
   EXPECT_EQ(redacted.behaviorSummary->summary, "[redacted]");
 }
 
@@ -98,8 +98,8 @@ TEST(QEVRecommendationContextBuilderTest, MaximumAgeKeepsTheBoundary) {
   };
   for (const Case& c : {Case{60.0, true}, Case{60.5, false}, Case{-10.0, true}}) {
     SCOPED_TRACE(c.nowOffset);
-    const auto context = builder(sources, kGeneratedAt.addingSeconds(c.nowOffset))
-                             .build(std::nullopt, 60.0, true);
+    const auto context =
+        builder(sources, kGeneratedAt.addingSeconds(c.nowOffset)).build(std::nullopt, 60.0, true);
     EXPECT_EQ(context.intentAnalysis.has_value(), c.kept);
     EXPECT_EQ(context.skillAnalysis.has_value(), c.kept);
     EXPECT_FALSE(context.userGraphSummary.empty());  // the snapshot is not aged
@@ -111,9 +111,9 @@ TEST(QEVRecommendationContextBuilderTest, TopItemsFragment) {
   EXPECT_EQ(topItemsFragment("t", {{"auth: xyz", 3}}), "t: auth=[redacted]: 3");
   EXPECT_EQ(topItemsFragment("t", {{"Token = abc", 3}}), "t: Token=[redacted]: 3");
   EXPECT_EQ(topItemsFragment("t", {}), "");
-  EXPECT_EQ(topItemsFragment("t", {{"g", 1}, {"f", 1}, {"e", 1}, {"d", 1}, {"c", 1}, {"b", 1},
-                                   {"a", 1}}),
-            "t: a: 1, b: 1, c: 1, d: 1, e: 1");
+  EXPECT_EQ(
+      topItemsFragment("t", {{"g", 1}, {"f", 1}, {"e", 1}, {"d", 1}, {"c", 1}, {"b", 1}, {"a", 1}}),
+      "t: a: 1, b: 1, c: 1, d: 1, e: 1");
   // An entry that redacts to nothing is dropped and no sixth moves up.
   EXPECT_EQ(topItemsFragment("t", {{"  ", 9}, {"b", 1}, {"c", 1}, {"d", 1}, {"e", 1}, {"f", 1}}),
             "t: b: 1, c: 1, d: 1, e: 1");

@@ -162,8 +162,8 @@ TEST(QEVNavigationRecommendationEngineTest, ShortcutLandingAndReduceStepsThresho
                                                     {"nil", "Cart", 5}}))
                   .empty());
   // Sum 3 with the strongest edge into it having no source.
-  auto out = engine.recommendations(
-      navigationInput({{std::nullopt, " Cart ", 2}, {"Home", "Cart", 1}}));
+  auto out =
+      engine.recommendations(navigationInput({{std::nullopt, " Cart ", 2}, {"Home", "Cart", 1}}));
   ASSERT_EQ(out.size(), 1u);
   EXPECT_EQ(out[0].action(), Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt,
                                                      "Cart", "shortcut_cart"));
@@ -221,8 +221,8 @@ TEST(QEVFeatureRecommendationEngineTest, MatchingHelpers) {
     std::int64_t count;
     double score;
   };
-  for (const Case& c : {Case{1, 0.05}, Case{2, 0.1}, Case{4, 0.2}, Case{9, 0.2}, Case{0, 0.0},
-                        Case{-5, 0.0}}) {
+  for (const Case& c :
+       {Case{1, 0.05}, Case{2, 0.1}, Case{4, 0.2}, Case{9, 0.2}, Case{0, 0.0}, Case{-5, 0.0}}) {
     SCOPED_TRACE(c.count);
     EXPECT_EQ(E::patternScore({{"offers_opened", c.count}, {"home", 7}}, "offers", "Offers"),
               c.score);
@@ -231,8 +231,9 @@ TEST(QEVFeatureRecommendationEngineTest, MatchingHelpers) {
 
 TEST(QEVFeatureRecommendationEngineTest, RanksByScoreAndCutsAtThree) {
   const QEVFeatureRecommendationEngine engine;
-  EXPECT_TRUE(engine.recommendations(featureInput({{"offers", "Offers", std::nullopt}}, "offers"))
-                  .size() == 1);
+  EXPECT_TRUE(
+      engine.recommendations(featureInput({{"offers", "Offers", std::nullopt}}, "offers")).size() ==
+      1);
   QEVFeatureRecommendationInput noIntent = featureInput({{"offers", "Offers", std::nullopt}});
   noIntent.intentAnalysis.reset();
   noIntent.frequentCustomEvents = {{"offers", 100}};
@@ -243,12 +244,11 @@ TEST(QEVFeatureRecommendationEngineTest, RanksByScoreAndCutsAtThree) {
                                                     featureInput({}, "browse"))
                    .has_value());
 
-  const auto four = engine.recommendations(
-      featureInput({{"extra", "Extra", std::nullopt},
-                     {"wishlist", "Wishlist", std::nullopt},
-                     {"reorder", "Reorder", std::nullopt},
-                     {"offers", "Offers", std::nullopt}},
-                    "extra wishlist reorder offers"));
+  const auto four = engine.recommendations(featureInput({{"extra", "Extra", std::nullopt},
+                                                         {"wishlist", "Wishlist", std::nullopt},
+                                                         {"reorder", "Reorder", std::nullopt},
+                                                         {"offers", "Offers", std::nullopt}},
+                                                        "extra wishlist reorder offers"));
   ASSERT_EQ(four.size(), 3u);
   // Equal scores: the lower identifier first.
   EXPECT_EQ(four[0].action().getIf<Action::SuggestFeature>()->featureId, "offers");
@@ -292,7 +292,8 @@ TEST(QEVFeatureRecommendationEngineTest, ReasonCodes) {
 
 // ---- Gameplay ----
 
-QEVGameplayRecommendationInput gameInput(std::unordered_map<std::string, std::int64_t> events = {}) {
+QEVGameplayRecommendationInput gameInput(
+    std::unordered_map<std::string, std::int64_t> events = {}) {
   QEVGameplayRecommendationInput input;
   input.domain = QEVExperienceDomain::game();
   input.customGameEvents = std::move(events);
@@ -303,7 +304,8 @@ QEVGameplayRecommendationInput gameInput(std::unordered_map<std::string, std::in
 std::vector<double> deltasOf(const std::vector<QEVRecommendation>& list) {
   std::vector<double> deltas;
   for (const QEVRecommendation& r : list) {
-    if (auto* a = r.action().getIf<Action::AdjustDifficulty>()) deltas.push_back(a->difficultyDelta);
+    if (auto* a = r.action().getIf<Action::AdjustDifficulty>())
+      deltas.push_back(a->difficultyDelta);
   }
   return deltas;
 }
@@ -337,22 +339,49 @@ TEST(QEVGameplayRecommendationEngineTest, Rules) {
   const std::string tutorial = "Show gameplay tutorial";
   const std::string challenge = "Suggest challenge mode";
   const Case cases[] = {
-      {"beginner", skill(QEVSkillLevel::beginner), std::nullopt, {}, {tutorial, lowerBeginner},
+      {"beginner",
+       skill(QEVSkillLevel::beginner),
+       std::nullopt,
+       {},
+       {tutorial, lowerBeginner},
        {-1.0}},
-      {"nine failures", std::nullopt, std::nullopt,
-       {{"level_failed", 5}, {"retry_button", 3}, {"death", 1}}, {lowerFailures}, {-3.0}},
-      {"eight failures", std::nullopt, std::nullopt, {{"level_failed", 8}}, {lowerFailures},
+      {"nine failures",
+       std::nullopt,
+       std::nullopt,
+       {{"level_failed", 5}, {"retry_button", 3}, {"death", 1}},
+       {lowerFailures},
        {-3.0}},
-      {"seven failures", std::nullopt, std::nullopt, {{"level_failed", 7}}, {lowerFailures},
+      {"eight failures",
+       std::nullopt,
+       std::nullopt,
+       {{"level_failed", 8}},
+       {lowerFailures},
+       {-3.0}},
+      {"seven failures",
+       std::nullopt,
+       std::nullopt,
+       {{"level_failed", 7}},
+       {lowerFailures},
        {-1.0}},
       {"three failures", std::nullopt, std::nullopt, {{"retry", 3}}, {lowerFailures}, {-1.0}},
       {"two failures", std::nullopt, std::nullopt, {{"retry", 2}}, {}, {}},
-      {"medium frustration", std::nullopt, frustration(Level::medium), {},
-       {tutorial, lowerFailures}, {-1.0}},
-      {"high frustration expert", skill(QEVSkillLevel::expert), frustration(Level::high), {},
-       {tutorial, lowerFailures}, {-3.0}},
-      {"expert medium frustration", skill(QEVSkillLevel::expert, 0.9),
-       frustration(Level::medium, 0.9), {}, {challenge, tutorial, lowerFailures, raise},
+      {"medium frustration",
+       std::nullopt,
+       frustration(Level::medium),
+       {},
+       {tutorial, lowerFailures},
+       {-1.0}},
+      {"high frustration expert",
+       skill(QEVSkillLevel::expert),
+       frustration(Level::high),
+       {},
+       {tutorial, lowerFailures},
+       {-3.0}},
+      {"expert medium frustration",
+       skill(QEVSkillLevel::expert, 0.9),
+       frustration(Level::medium, 0.9),
+       {},
+       {challenge, tutorial, lowerFailures, raise},
        {-1.0, 2.0}},
       {"advanced", skill(QEVSkillLevel::advanced), std::nullopt, {}, {raise}, {1.0}},
       {"intermediate", skill(QEVSkillLevel::intermediate), std::nullopt, {}, {}, {}},

@@ -19,8 +19,8 @@ TEST(QEVRecommendationPolicyTest, InitialiserClampsAndDerivesGameplayFromTheDoma
   EXPECT_EQ(Policy(0.3).minimumConfidence(), 0.3);
 
   EXPECT_TRUE(Policy::defaultPolicy(QEVExperienceDomain::game()).allowGameplayRecommendations());
-  EXPECT_FALSE(Policy::defaultPolicy(QEVExperienceDomain::custom("game"))
-                   .allowGameplayRecommendations());
+  EXPECT_FALSE(
+      Policy::defaultPolicy(QEVExperienceDomain::custom("game")).allowGameplayRecommendations());
   EXPECT_FALSE(Policy::defaultPolicy(std::nullopt).allowGameplayRecommendations());
   EXPECT_TRUE(Policy(0.65, true, true, true, true, true).allowGameplayRecommendations());
   EXPECT_FALSE(Policy(0.65, true, true, true, true, false, 10, {}, {}, QEVExperienceDomain::game())
@@ -66,8 +66,7 @@ TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
   const Case cases[] = {
       {"at the minimum", Policy(0.65), recommendation(help, 0.65), true},
       {"below the minimum", Policy(0.65), recommendation(help, 0.649), false},
-      {"protected id normalised",
-       Policy(0.0, true, true, true, true, true, 10, {"Home-Banner"}),
+      {"protected id normalised", Policy(0.0, true, true, true, true, true, 10, {"Home-Banner"}),
        recommendation(Action::highlightComponent("home banner", std::nullopt)), false},
       {"protected id empty after normalising",
        Policy(0.0, true, true, true, true, true, 10, {"---"}),
@@ -75,19 +74,16 @@ TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
       {"feature counts as component",
        Policy(0.0, true, true, true, true, true, 10, {"challengemode"}),
        recommendation(Action::suggestFeature("challenge_mode", std::nullopt, std::nullopt)), false},
-      {"custom destination screen",
-       Policy(0.0, true, true, true, true, true, 10, {}, {"Cart"}),
+      {"custom destination screen", Policy(0.0, true, true, true, true, true, 10, {}, {"Cart"}),
        recommendation(Action::custom({{"destinationScreen", "cart"}})), false},
-      {"custom component key",
-       Policy(0.0, true, true, true, true, true, 10, {"cart"}),
+      {"custom component key", Policy(0.0, true, true, true, true, true, 10, {"cart"}),
        recommendation(Action::custom({{"componentId", "Cart"}})), false},
       {"game mode counts as screen",
        Policy(0.0, true, true, true, true, true, 10, {}, {"hard mode"}),
-       recommendation(Action::adjustDifficulty(1, std::nullopt, "Hard_Mode"),
-                      0.8, QEVRecommendationPriority::high, QEVRecommendationType::gameplay),
+       recommendation(Action::adjustDifficulty(1, std::nullopt, "Hard_Mode"), 0.8,
+                      QEVRecommendationPriority::high, QEVRecommendationType::gameplay),
        false},
-      {"shortcut source screen",
-       Policy(0.0, true, true, true, true, true, 10, {}, {"Home"}),
+      {"shortcut source screen", Policy(0.0, true, true, true, true, true, 10, {}, {"Home"}),
        recommendation(Action::suggestShortcut(std::nullopt, std::nullopt, "home", "Cart", "x")),
        false},
       {"ui switched off", Policy(0.0, false), recommendation(help), false},
@@ -118,16 +114,16 @@ TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
   EXPECT_TRUE(evaluator.apply(many, Policy(0.0, true, true, true, true, false, 0)).empty());
   EXPECT_TRUE(evaluator.apply(many, Policy(0.0, true, true, true, false)).empty());
   // A decoded policy may hold a negative maximum.
-  EXPECT_TRUE(evaluator
-                  .apply(many, Policy::fromJSON(
-                                   R"({"minimumConfidence":0,"allowUIRecommendations":true,)"
-                                   R"("allowNavigationRecommendations":true,)"
-                                   R"("allowFeatureRecommendations":true,)"
-                                   R"("allowPersonalization":true,)"
-                                   R"("allowGameplayRecommendations":true,)"
-                                   R"("maxRecommendations":-1,"protectedComponentIds":[],)"
-                                   R"("protectedScreenNames":[]})"))
-                  .empty());
+  EXPECT_TRUE(
+      evaluator
+          .apply(many, Policy::fromJSON(R"({"minimumConfidence":0,"allowUIRecommendations":true,)"
+                                        R"("allowNavigationRecommendations":true,)"
+                                        R"("allowFeatureRecommendations":true,)"
+                                        R"("allowPersonalization":true,)"
+                                        R"("allowGameplayRecommendations":true,)"
+                                        R"("maxRecommendations":-1,"protectedComponentIds":[],)"
+                                        R"("protectedScreenNames":[]})"))
+          .empty());
 }
 
 }  // namespace

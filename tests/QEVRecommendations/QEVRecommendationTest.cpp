@@ -78,13 +78,19 @@ TEST(QEVRecommendationTest, ActionValidationMessages) {
        "targetPosition must not be negative."},
       {[] { return Action::reorderComponent("a", std::nullopt, 0); }, ""},
       {[] { return Action::hideComponent("", "Home"); }, "componentId must not be empty."},
-      {[] { return Action::suggestShortcut(std::nullopt, std::nullopt, "Home", std::nullopt,
-                                           std::nullopt); },
+      {[] {
+         return Action::suggestShortcut(std::nullopt, std::nullopt, "Home", std::nullopt,
+                                        std::nullopt);
+       },
        "suggestShortcut requires componentId, screenName, destinationScreen, or shortcutId."},
-      {[] { return Action::suggestShortcut(std::nullopt, std::nullopt, "Home", std::nullopt, " "); },
+      {[] {
+         return Action::suggestShortcut(std::nullopt, std::nullopt, "Home", std::nullopt, " ");
+       },
        "shortcutId must not be empty."},
-      {[] { return Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt, std::nullopt,
-                                           "s"); },
+      {[] {
+         return Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                                        "s");
+       },
        ""},
       {[] { return Action::suggestFeature("Tutorial", std::nullopt, P("tutorial", "T", "r")); },
        "featurePayload.featureId must match featureId."},
@@ -98,8 +104,14 @@ TEST(QEVRecommendationTest, ActionValidationMessages) {
        "showHelp requires componentId, featureId, or screenName."},
       {[] { return Action::showHelp(std::nullopt, "", std::nullopt); },
        "featureId must not be empty."},
-      {[] { return Action::custom({{" ", "v"}}); }, "customPayload key must not be empty."},
-      {[] { return Action::custom({{"k", "\n"}}); }, "customPayload value must not be empty."},
+      {[] {
+         return Action::custom({{" ", "v"}});
+       },
+       "customPayload key must not be empty."},
+      {[] {
+         return Action::custom({{"k", "\n"}});
+       },
+       "customPayload value must not be empty."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);
@@ -130,8 +142,7 @@ TEST(QEVRecommendationTest, ActionJSONWritesTheKeysOfItsKindInOrder) {
 
   for (const Action& action :
        {Action::reorderComponent("c", std::nullopt, 2), Action::highlightComponent("c", "S"),
-        Action::hideComponent("c", std::nullopt),
-        Action::suggestShortcut("c", "s", "a", "b", "id"),
+        Action::hideComponent("c", std::nullopt), Action::suggestShortcut("c", "s", "a", "b", "id"),
         Action::suggestFeature("tutorial", "S", payload),
         Action::adjustDifficulty(2, std::nullopt, "hard"), Action::showHelp("c", "f", "s"),
         Action::custom({{"a", "b"}, {"c", "d"}})}) {
@@ -141,8 +152,8 @@ TEST(QEVRecommendationTest, ActionJSONWritesTheKeysOfItsKindInOrder) {
 }
 
 TEST(QEVRecommendationTest, ActionDecodingRebuildsThePayloadOnlyFromBothFlatKeys) {
-  const Action onlyName = Action::fromJSON(
-      R"({"kind":"suggestFeature","featureId":"offers","featureName":"Offers"})");
+  const Action onlyName =
+      Action::fromJSON(R"({"kind":"suggestFeature","featureId":"offers","featureName":"Offers"})");
   EXPECT_FALSE(onlyName.getIf<Action::SuggestFeature>()->payload.has_value());
   const Action both = Action::fromJSON(
       R"({"kind":"suggestFeature","featureId":"offers","featureName":"Offers","reasonCode":"x"})");
@@ -153,14 +164,14 @@ TEST(QEVRecommendationTest, ActionDecodingRebuildsThePayloadOnlyFromBothFlatKeys
             Action::hideComponent("a", std::nullopt));
   EXPECT_EQ(validationMessage([] { Action::fromJSON(R"({"kind":"showHelp"})"); }),
             "showHelp requires componentId, featureId, or screenName.");
-  EXPECT_EQ(validationMessage([] {
-              Action::fromJSON(
-                  R"({"kind":"suggestFeature","featureId":"a","featureName":" ","reasonCode":"x"})");
-            }),
-            "featureName must not be empty.");
+  EXPECT_EQ(
+      validationMessage([] {
+        Action::fromJSON(
+            R"({"kind":"suggestFeature","featureId":"a","featureName":" ","reasonCode":"x"})");
+      }),
+      "featureName must not be empty.");
   EXPECT_THROW(Action::fromJSON(R"({"kind":"teleport"})"), DecodingError);
-  EXPECT_THROW(Action::fromJSON(R"({"kind":"reorderComponent","componentId":"a"})"),
-               DecodingError);
+  EXPECT_THROW(Action::fromJSON(R"({"kind":"reorderComponent","componentId":"a"})"), DecodingError);
   EXPECT_THROW(Action::fromJSON(R"({"kind":"custom","customPayload":{"a":1}})"), DecodingError);
 }
 
@@ -171,25 +182,23 @@ TEST(QEVRecommendationTest, RecommendationRoundTripsAndValidatesBeforeReadingThe
       Action::suggestShortcut(std::nullopt, std::nullopt, "Home", "Cart", "shortcut_cart"),
       QEVRDate{12.5}, QEVRDate{99});
   const std::string json = original.toJSON();
-  EXPECT_EQ(json.substr(0, 63), R"({"id":"00000000-0000-0000-0000-000000000007","type":"navigation)");
+  EXPECT_EQ(json.substr(0, 63),
+            R"({"id":"00000000-0000-0000-0000-000000000007","type":"navigation)");
   EXPECT_EQ(QEVRecommendation::fromJSON(json), original);
 
   // A blank title is reported although id, type and the rest are missing.
   EXPECT_EQ(validationMessage([] {
-              QEVRecommendation::fromJSON(
-                  R"({"title":" ","summary":"s","confidence":0.5,)"
-                  R"("action":{"kind":"showHelp","screenName":"Home"}})");
+              QEVRecommendation::fromJSON(R"({"title":" ","summary":"s","confidence":0.5,)"
+                                          R"("action":{"kind":"showHelp","screenName":"Home"}})");
             }),
             "title must not be empty.");
   EXPECT_EQ(validationMessage([] {
-              QEVRecommendation::fromJSON(
-                  R"({"title":"t","summary":"s","confidence":2,)"
-                  R"("action":{"kind":"showHelp","screenName":"Home"}})");
+              QEVRecommendation::fromJSON(R"({"title":"t","summary":"s","confidence":2,)"
+                                          R"("action":{"kind":"showHelp","screenName":"Home"}})");
             }),
             "Recommendation confidence must be between 0.0 and 1.0.");
-  EXPECT_THROW(QEVRecommendation::fromJSON(
-                   R"({"title":"t","summary":"s","confidence":0.5,)"
-                   R"("action":{"kind":"showHelp","screenName":"Home"}})"),
+  EXPECT_THROW(QEVRecommendation::fromJSON(R"({"title":"t","summary":"s","confidence":0.5,)"
+                                           R"("action":{"kind":"showHelp","screenName":"Home"}})"),
                DecodingError);
   std::string badType = json;
   badType.replace(badType.find("navigation"), 10, "teleport");
@@ -200,8 +209,7 @@ TEST(QEVRecommendationTest, ExpiresAtTheReferenceDate) {
   const auto at = [](std::optional<QEVRDate> expiresAt) {
     return QEVRecommendation(QEVRUUID::random(), QEVRecommendationType::ui, "t", "s", 0.5,
                              QEVRecommendationPriority::low, "", {},
-                             Action::highlightComponent("c", std::nullopt), QEVRDate{0},
-                             expiresAt);
+                             Action::highlightComponent("c", std::nullopt), QEVRDate{0}, expiresAt);
   };
   EXPECT_TRUE(at(QEVRDate{100}).isExpired(QEVRDate{100}));
   EXPECT_FALSE(at(QEVRDate{100}).isExpired(QEVRDate{99.9}));

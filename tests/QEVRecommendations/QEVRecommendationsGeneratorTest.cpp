@@ -24,8 +24,7 @@ QEVMemoryIntelligenceSnapshot storeSnapshot() {
 
 QEVFixedRecommendationSources::Values storeValues() {
   return {storeSnapshot(), std::nullopt, qevr::testing::intent(0.7),
-          qevr::testing::frustration(QEVFrustrationLevel::high, 0.8, {"rage taps"}),
-          std::nullopt};
+          qevr::testing::frustration(QEVFrustrationLevel::high, 0.8, {"rage taps"}), std::nullopt};
 }
 
 struct Fixture {
@@ -76,10 +75,10 @@ TEST(QEVRecommendationsGeneratorTest, NothingIsCachedForAnEmptyResultOrACancella
 
   // A cut of 0: the analyses have been asked, nothing is stored.
   Fixture zero(storeValues());
-  EXPECT_TRUE(zero.generator
-                  .generate(std::nullopt,
-                            QEVRecommendationPolicy(0.65, true, true, true, true, false, 0))
-                  .empty());
+  EXPECT_TRUE(
+      zero.generator
+          .generate(std::nullopt, QEVRecommendationPolicy(0.65, true, true, true, true, false, 0))
+          .empty());
   EXPECT_EQ(zero.sources->analysisCalls, 4);
   EXPECT_EQ(zero.cache->entryCount(), 0u);
 }
@@ -116,18 +115,17 @@ TEST(QEVRecommendationsGeneratorTest, ScreenSequencesAndEdges) {
   QEVMemoryIntelligenceSnapshot snapshot;
   snapshot.recentScreenSequences = {"Home > Cart", "> Checkout", " > "};
   snapshot.frequentlyVisitedScreens = {{"Home", 5}, {"Cart", 2}};
-  snapshot.recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart", 2},  {"->Pay", 1},
+  snapshot.recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart", 2},    {"->Pay", 1},
                                        {"Home->", 7},     {"A->B->C", 3}, {" X -> Y ", 1}};
   const QEVRecommendationPolicy policy;
   auto input = Generator::engineInputs(snapshot, context, std::nullopt, policy);
   EXPECT_EQ(input.navigationInput.screenSequence,
             (std::vector<std::string>{"Home", "Cart", "Checkout"}));
-  EXPECT_EQ(input.navigationInput.navigationEdges,
-            (std::vector<Edge>{{"X", "Y", 1},
-                               {std::nullopt, "Pay", 1},
-                               {"A", "C", 3},
-                               {std::nullopt, "Cart", 2},
-                               {"Home", "Cart", 4}}));
+  EXPECT_EQ(input.navigationInput.navigationEdges, (std::vector<Edge>{{"X", "Y", 1},
+                                                                      {std::nullopt, "Pay", 1},
+                                                                      {"A", "C", 3},
+                                                                      {std::nullopt, "Cart", 2},
+                                                                      {"Home", "Cart", 4}}));
   EXPECT_EQ(input.maxRecommendations, 10);
   EXPECT_EQ(input.uiInput.generatedAt, kGeneratedAt);
 
