@@ -122,7 +122,11 @@ QEVRecommendationCache::QEVRecommendationCache(Clock clock, double ttlSeconds)
 std::optional<std::vector<QEVRecommendation>> QEVRecommendationCache::lookup(
     const std::optional<QEVExperienceDomain>& domain, const QEVRecommendationPolicy& policy,
     const QEVMemorySnapshotSummary& summary) {
-  const QEVRecommendationCacheKey key = QEVRecommendationCacheKey::make(domain, policy, summary);
+  return lookup(QEVRecommendationCacheKey::make(domain, policy, summary));
+}
+
+std::optional<std::vector<QEVRecommendation>> QEVRecommendationCache::lookup(
+    const QEVRecommendationCacheKey& key) {
   const QEVRDate current = now();
   qevr::MutexLock guard(lock);
   auto it = entries.find(key);
@@ -147,8 +151,12 @@ void QEVRecommendationCache::store(const std::vector<QEVRecommendation>& recomme
                                    const std::optional<QEVExperienceDomain>& domain,
                                    const QEVRecommendationPolicy& policy,
                                    const QEVMemorySnapshotSummary& summary) {
+  store(recommendations, QEVRecommendationCacheKey::make(domain, policy, summary));
+}
+
+void QEVRecommendationCache::store(const std::vector<QEVRecommendation>& recommendations,
+                                   QEVRecommendationCacheKey key) {
   const QEVRDate current = now();
-  QEVRecommendationCacheKey key = QEVRecommendationCacheKey::make(domain, policy, summary);
   std::vector<QEVRecommendation> kept = unexpired(recommendations, current);
   if (kept.empty()) return;
   qevr::MutexLock guard(lock);

@@ -208,8 +208,9 @@ std::vector<QEVRecommendation> QEVRecommendationsGenerator::generate(
   qevr::checkCancellation(stop);
   const std::optional<QEVMemoryIntelligenceSnapshot> snapshot =
       guardedSnapshot(*memorySnapshotProvider, stop);
-  const QEVMemorySnapshotSummary summary = QEVMemorySnapshotSummary::of(snapshot);
-  if (auto cached = resultCache->lookup(domain, policy, summary)) return std::move(*cached);
+  QEVRecommendationCacheKey key =
+      QEVRecommendationCacheKey::make(domain, policy, QEVMemorySnapshotSummary::of(snapshot));
+  if (auto cached = resultCache->lookup(key)) return std::move(*cached);
 
   qevr::checkCancellation(stop);
   const QEVRecommendationContext context =
@@ -217,6 +218,6 @@ std::vector<QEVRecommendation> QEVRecommendationsGenerator::generate(
   qevr::checkCancellation(stop);
   std::vector<QEVRecommendation> result =
       personalizationEngine.recommendations(engineInputs(snapshot, context, domain, policy));
-  resultCache->store(result, domain, policy, summary);
+  resultCache->store(result, std::move(key));
   return result;
 }

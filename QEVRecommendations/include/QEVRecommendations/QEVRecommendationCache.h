@@ -84,6 +84,11 @@ class QEVR_API QEVRecommendationCache {
              const QEVRecommendationPolicy& policy, const QEVMemorySnapshotSummary& summary);
   void clear();
 
+  // The same two operations with a key made once by the caller, so that a
+  // generation copies its summary once for both.
+  std::optional<std::vector<QEVRecommendation>> lookup(const QEVRecommendationCacheKey& key);
+  void store(const std::vector<QEVRecommendation>& recommendations, QEVRecommendationCacheKey key);
+
   // Number of entries, for tests and diagnostics.
   std::size_t entryCount() const;
 
