@@ -186,7 +186,11 @@ class QEVR_API QEVRecommendationAction {
   static QEVRecommendationAction fromJSON(std::string_view json);
 
  private:
-  explicit QEVRecommendationAction(Payload p) : value(std::move(p)) {}
+  // Builds the alternative in place: moving a whole variant trips a false
+  // "maybe uninitialized" in g++ 12 at -O3.
+  template <typename T>
+  explicit QEVRecommendationAction(T alternative)
+      : value(std::in_place_type<T>, std::move(alternative)) {}
   Payload value;
 };
 
