@@ -1,4 +1,5 @@
 #include <QEVIntelligence/QEVIntelligenceModels.h>
+#include <QEVRPlatform/EnumText.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Text.h>
 
@@ -17,14 +18,6 @@ constexpr std::array<std::string_view, 5> kSkillLevels = {"beginner", "intermedi
                                                           "expert", "unknown"};
 constexpr std::array<std::string_view, 4> kExecutionModes = {"onDevice", "cloud", "localNetwork",
                                                              "disabled"};
-
-template <typename E, std::size_t N>
-std::optional<E> fromRaw(const std::array<std::string_view, N>& names, std::string_view raw) {
-  for (std::size_t i = 0; i < N; ++i) {
-    if (names[i] == raw) return static_cast<E>(i);
-  }
-  return std::nullopt;
-}
 
 constexpr std::string_view kConfidenceMessage = "confidence must be between 0.0 and 1.0.";
 
@@ -84,7 +77,7 @@ Record decodeFromJSON(std::string_view json) {
 // ---- Domain ----
 
 std::string_view caseNameOf(QEVExperienceDomain::Kind kind) {
-  return kDomainCaseNames[static_cast<std::size_t>(kind)];
+  return qevr::enumText(kDomainCaseNames, kind);
 }
 
 void QEVExperienceDomain::encode(Writer& writer) const {
@@ -154,22 +147,22 @@ std::string redactIntelligenceText(std::string_view text) {
 // ---- Enumerations ----
 
 std::string_view rawValueOf(QEVFrustrationLevel level) {
-  return kFrustrationLevels[static_cast<std::size_t>(level)];
+  return qevr::enumText(kFrustrationLevels, level);
 }
 std::string_view rawValueOf(QEVSkillLevel level) {
-  return kSkillLevels[static_cast<std::size_t>(level)];
+  return qevr::enumText(kSkillLevels, level);
 }
 std::string_view rawValueOf(QEVLLMExecutionMode mode) {
-  return kExecutionModes[static_cast<std::size_t>(mode)];
+  return qevr::enumText(kExecutionModes, mode);
 }
 std::optional<QEVFrustrationLevel> frustrationLevelFromRawValue(std::string_view raw) {
-  return fromRaw<QEVFrustrationLevel>(kFrustrationLevels, raw);
+  return qevr::enumFromText<QEVFrustrationLevel>(kFrustrationLevels, raw);
 }
 std::optional<QEVSkillLevel> skillLevelFromRawValue(std::string_view raw) {
-  return fromRaw<QEVSkillLevel>(kSkillLevels, raw);
+  return qevr::enumFromText<QEVSkillLevel>(kSkillLevels, raw);
 }
 std::optional<QEVLLMExecutionMode> executionModeFromRawValue(std::string_view raw) {
-  return fromRaw<QEVLLMExecutionMode>(kExecutionModes, raw);
+  return qevr::enumFromText<QEVLLMExecutionMode>(kExecutionModes, raw);
 }
 
 // ---- Error ----

@@ -1,6 +1,7 @@
 #include <QEVMemory/QEVMemoryEvent.h>
 
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
+#include <QEVRPlatform/EnumText.h>
 #include <QEVRPlatform/Json.h>
 
 #include <QEVRPlatform/Text.h>
@@ -90,14 +91,11 @@ QEVMemoryMetadata readMetadata(const Decoder& decoder) {
 }  // namespace
 
 std::string_view rawValueOf(QEVMemoryEventType type) {
-  return kTypeRawValues[static_cast<std::size_t>(type)];
+  return qevr::enumText(kTypeRawValues, type);
 }
 
 std::optional<QEVMemoryEventType> memoryEventTypeFromRawValue(std::string_view raw) {
-  for (std::size_t i = 0; i < kTypeRawValues.size(); ++i) {
-    if (kTypeRawValues[i] == raw) return static_cast<QEVMemoryEventType>(i);
-  }
-  return std::nullopt;
+  return qevr::enumFromText<QEVMemoryEventType>(kTypeRawValues, raw);
 }
 
 std::optional<std::string> normalisedLabel(const std::optional<std::string>& text) {

@@ -1,5 +1,6 @@
 #include <QEVObserver/QEVObserverEvent.h>
 
+#include <QEVRPlatform/EnumText.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Text.h>
 
@@ -35,14 +36,11 @@ std::optional<std::string> normalizedComponentId(std::optional<std::string> comp
 }  // namespace
 
 std::string_view rawValueOf(QEVObserverEventType type) {
-  return kTypeRawValues[static_cast<size_t>(type)];
+  return qevr::enumText(kTypeRawValues, type);
 }
 
 std::optional<QEVObserverEventType> observerEventTypeFromRawValue(std::string_view raw) {
-  for (size_t i = 0; i < kTypeRawValues.size(); ++i) {
-    if (kTypeRawValues[i] == raw) return static_cast<QEVObserverEventType>(i);
-  }
-  return std::nullopt;
+  return qevr::enumFromText<QEVObserverEventType>(kTypeRawValues, raw);
 }
 
 void qevr::detail::TaggedMetadataValue::encode(Writer& writer) const {

@@ -18,8 +18,14 @@ void QEVObserverEventDispatcher::dispatch(QEVObserverEvent event,
   if (!plan.event.sessionId() && plan.sessionId) {
     plan.event = std::move(plan.event).withSessionId(plan.sessionId);
   }
-  for (const auto& [id, sink] : *plan.sinks)
-    sink->receive(plan.event);
+  // A host's sink that throws must not cost the others their event, nor the
+  // facade call its answer.
+  for (const auto& [id, sink] : *plan.sinks) {
+    try {
+      sink->receive(plan.event);
+    } catch (...) {
+    }
+  }
 }
 
 QEVObserverEventDispatcher::State QEVObserverEventDispatcher::state() const {
@@ -54,6 +60,7 @@ std::optional<QEVRUUID> QEVObserverEventDispatcher::activeSessionId() const {
 
 void QEVObserverEventDispatcher::addSink(const QEVRUUID& id,
                                          std::shared_ptr<QEVObserverEventSink> sink) {
+  if (!sink) return;
   std::shared_ptr<const SinkList> old;
   qevr::MutexLock guard(lock);
   auto updated = std::make_shared<SinkList>(*sinks);

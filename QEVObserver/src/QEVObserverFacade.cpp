@@ -210,6 +210,9 @@ bool buttonTap(std::string_view componentId, std::optional<std::string_view> tit
 
 bool gesture(QEVGestureType type, std::optional<std::string_view> componentId,
              const QEVObserverMetadata& metadata) {
+  // A value cast from an integer that names no gesture is dropped before it
+  // reaches any tracker or sink.
+  if (!isGestureType(type)) return false;
   return runPipeline(
       kGesture,
       [&] {

@@ -112,6 +112,7 @@ void QEVObserverRuntime::configure(const QEVObserverPrivacyOptions& options) {
 
 std::optional<QEVRUUID> QEVObserverRuntime::registerEventSink(
     std::shared_ptr<QEVObserverEventSink> sink) {
+  if (!sink) return std::nullopt;
   qevr::MutexLock guard(lock);
   if (!binding) return std::nullopt;
   const QEVRUUID id = QEVRUUID::random();

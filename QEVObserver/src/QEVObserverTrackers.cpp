@@ -1,5 +1,6 @@
 #include <QEVObserver/QEVObserverTrackers.h>
 
+#include <QEVRPlatform/EnumText.h>
 #include <QEVRPlatform/Json.h>
 
 #include <algorithm>
@@ -48,14 +49,15 @@ QEVObserverSession QEVObserverSession::decode(const Decoder& decoder) {
 }
 
 std::string_view rawValueOf(QEVGestureType type) {
-  return kGestureRawValues[static_cast<size_t>(type)];
+  return qevr::enumText(kGestureRawValues, type);
+}
+
+bool isGestureType(QEVGestureType type) {
+  return qevr::isEnumCase(kGestureRawValues, type);
 }
 
 std::optional<QEVGestureType> gestureTypeFromRawValue(std::string_view raw) {
-  for (size_t i = 0; i < kGestureRawValues.size(); ++i) {
-    if (kGestureRawValues[i] == raw) return static_cast<QEVGestureType>(i);
-  }
-  return std::nullopt;
+  return qevr::enumFromText<QEVGestureType>(kGestureRawValues, raw);
 }
 
 QEVObserverSession QEVSessionTracker::startSession(QEVRUUID id, QEVRDate at) {

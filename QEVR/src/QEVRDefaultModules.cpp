@@ -1,6 +1,8 @@
+#include <QEVIntelligence/QEVIntelligenceModule.h>
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVR/QEVR.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
 
 #include <functional>
 #include <memory>
@@ -19,6 +21,9 @@ std::vector<ModuleMaker> defaultModuleMakers() {
       QEVObserverIntegration::makeModule,
       // Second: registers its sink with the observer.
       QEVMemoryIntegration::makeModule,
+      // Third: reads memory only through its facade, and needs nothing of it
+      // at start.
+      QEVIntelligenceIntegration::makeModule,
   };
 }
 
@@ -34,4 +39,8 @@ void QEVRRegisterDefaultModules() {
     std::shared_ptr<QEVRModule> module = make();
     if (!registry.contains(module->identifier())) registry.registerModule(std::move(module));
   }
+}
+
+void QEVRRegisterModule(std::shared_ptr<QEVRModule> module) {
+  QEVRRuntimeStore::shared().moduleRegistry().registerModule(std::move(module));
 }

@@ -1,7 +1,21 @@
 #include <QEVRCore/QEVRDependencyContainer.h>
 #include <QEVRCore/QEVRModuleRegistry.h>
 
+#include <stdexcept>
+
+namespace {
+
+void shutdownContained(QEVRModule& module) {
+  try {
+    module.shutdown();
+  } catch (...) {
+  }
+}
+
+}  // namespace
+
 void QEVRModuleRegistry::registerModule(std::shared_ptr<QEVRModule> module) {
+  if (!module) throw std::invalid_argument("a registered module must not be null");
   // Read the identifier before taking the lock: it is the module's code.
   std::string id = module->identifier();
   {
@@ -40,25 +54,35 @@ void QEVRModuleRegistry::startAll(const QEVRModuleContext& context) {
       module->start(context);
     } catch (...) {
       for (auto it = started.rbegin(); it != started.rend(); ++it)
-        (*it)->shutdown();
+        shutdownContained(**it);
       throw;
     }
     started.push_back(module.get());
   }
 }
 
+// pause, resume and shutdown cannot fail by contract; a module that throws
+// anyway must not stop the modules after it from hearing of the change.
 void QEVRModuleRegistry::pauseAll() {
-  for (const auto& module : registeredModules())
-    module->pause();
+  for (const auto& module : registeredModules()) {
+    try {
+      module->pause();
+    } catch (...) {
+    }
+  }
 }
 
 void QEVRModuleRegistry::resumeAll() {
-  for (const auto& module : registeredModules())
-    module->resume();
+  for (const auto& module : registeredModules()) {
+    try {
+      module->resume();
+    } catch (...) {
+    }
+  }
 }
 
 void QEVRModuleRegistry::shutdownAll() {
   const auto snapshot = registeredModules();
   for (auto it = snapshot.rbegin(); it != snapshot.rend(); ++it)
-    (*it)->shutdown();
+    shutdownContained(**it);
 }

@@ -1,5 +1,6 @@
 #include <QEVRPlatform/Log.h>
 
+#include <stdexcept>
 #include <utility>
 
 namespace qevr {
@@ -35,7 +36,7 @@ std::shared_ptr<LogSink> currentLogSink() {
 }
 
 void setLogSink(std::shared_ptr<LogSink> sink) {
-  if (!sink) sink = makeSyslogLogSink();
+  if (!sink) throw std::invalid_argument("the log sink must not be null");
   SinkSlot& s = slot();
   std::shared_ptr<LogSink> old;
   {
@@ -43,6 +44,10 @@ void setLogSink(std::shared_ptr<LogSink> sink) {
     old = std::exchange(s.sink, std::move(sink));
   }
   // `old` is released here, outside the lock, in case its destructor logs.
+}
+
+void resetLogSink() {
+  setLogSink(makeSyslogLogSink());
 }
 
 void platformLog(std::string_view subsystem, std::string_view category, LogType type,

@@ -61,6 +61,34 @@ TEST(ObserverEventTest, CustomMakerReplacesNameAndComponentIdIsNormalised) {
   EXPECT_EQ(make(Type::buttonTap, {}, "  play  ").componentId(), "play");
 }
 
+TEST(ObserverEventTest, JSONFormIsPinned) {
+  const QEVRUUID id = *QEVRUUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+  const QEVRUUID session = *QEVRUUID::parse("0A1B2C3D-4E5F-4061-8273-94A5B6C7D8E9");
+  // One metadata entry per tag, so the map's order cannot matter.
+  struct Case {
+    QEVObserverMetadataValue value;
+    const char* json;
+  };
+  const Case tags[] = {
+      {QEVObserverMetadataValue("x/y"), R"({"type":"string","value":"x\/y"})"},
+      {QEVObserverMetadataValue(-3), R"({"type":"int","value":-3})"},
+      {QEVObserverMetadataValue(0.25), R"({"type":"double","value":0.25})"},
+      {QEVObserverMetadataValue(true), R"({"type":"bool","value":true})"},
+      {QEVObserverMetadataValue(QEVRDate{7.5}), R"({"type":"date","value":7.5})"},
+  };
+  for (const Case& c : tags) {
+    QEVObserverEvent event(id, Type::navigation, QEVRDate{12.5}, session, "A/B", "play",
+                           {{"k", c.value}});
+    qevr::json::Writer writer;
+    event.encode(writer);
+    EXPECT_EQ(writer.take(),
+              std::string(R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","type":"navigation",)"
+                          R"("timestamp":12.5,"sessionId":"0A1B2C3D-4E5F-4061-8273-94A5B6C7D8E9",)"
+                          R"("screenName":"A\/B","componentId":"play","metadata":{"k":)") +
+                  c.json + "}}");
+  }
+}
+
 TEST(ObserverEventTest, JsonRoundTripsAndDecodingEnforcesTheRule) {
   QEVObserverEvent event(QEVRUUID::random(), Type::navigation, QEVRDate{12.5}, QEVRUUID::random(),
                          "A/B", std::nullopt,
@@ -160,17 +188,29 @@ TEST(ObserverSanitizationTest, FailsOnlyForACustomEventLeftWithoutAName) {
   auto custom = QEVObserverEvent::custom("x", QEVRUUID::random(), QEVRDate{}, std::nullopt,
                                          std::nullopt, std::nullopt, {});
   EXPECT_TRUE(custom.sanitized().has_value());
-  // " name " trims onto "name": whichever entry the map yields last wins, so
-  // the result is either refused or still carries a usable string name.
-  for (int i = 0; i < 20; ++i) {
-    auto colliding = make(Type::custom, {{"name", "a"}, {" name ", "   "}, {"name ", 3}});
-    auto clean = colliding.sanitized();
+  struct Case {
+    QEVObserverMetadata metadata;
+    bool mayBeRefused;  // a colliding key may replace the name
+  };
+  const Case cases[] = {
+      {{{"name", "  a  "}, {"password", "x"}}, false},
+      {{{"name", "a"}, {" name ", "a"}}, false},
+      // " name " and "name " trim onto "name"; whichever entry the map
+      // yields last wins, so the event is refused or keeps the name "a".
+      {{{"name", "a"}, {" name ", "   "}, {"name ", 3}}, true},
+  };
+  for (const Case& c : cases) {
+    const auto clean = make(Type::custom, c.metadata).sanitized();
+    if (!c.mayBeRefused) {
+      ASSERT_TRUE(clean.has_value());
+    }
+    const std::string* name = clean ? clean->metadata().at("name").stringValue() : nullptr;
+    EXPECT_TRUE(clean ? name != nullptr && *name == "a" : c.mayBeRefused);
     if (clean) {
-      const std::string* name = clean->metadata().at("name").stringValue();
-      ASSERT_NE(name, nullptr);
-      EXPECT_EQ(*name, "a");
+      EXPECT_EQ(clean->metadata().count("password"), 0u);
     }
   }
+  // Other types carry "name" as plain metadata, of any kind.
   EXPECT_TRUE(make(Type::sessionEnd, {{"name", 1}}).sanitized().has_value());
 }
 

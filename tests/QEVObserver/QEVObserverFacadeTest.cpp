@@ -2,12 +2,15 @@
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
 #include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Log.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -36,6 +39,12 @@ class CollectingSink : public QEVObserverEventSink {
  private:
   mutable qevr::Mutex lock;
   std::vector<QEVObserverEvent> events QEVR_GUARDED_BY(lock);
+};
+
+// A host sink that fails on every event.
+class ThrowingSink : public QEVObserverEventSink {
+ public:
+  void receive(const QEVObserverEvent&) override { throw std::runtime_error("host sink failed"); }
 };
 
 class ObserverFacadeTest : public ::testing::Test {
@@ -172,6 +181,27 @@ TEST_F(ObserverFacadeTest, LateSinkSeesSessionEndButNotSessionStart) {
   EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<CollectingSink>()));
 }
 
+TEST_F(ObserverFacadeTest, StartDispatchesSessionStartWithItsSessionAndDate) {
+  // Only a sink on the module's own dispatcher can exist before the start.
+  auto sink = std::make_shared<CollectingSink>();
+  module->dispatcher()->addSink(QEVRUUID::random(), sink);
+  auto clock = std::make_shared<qevr::ManualClock>();
+  clock->set(QEVRDate{800000000});
+  qevr::setClock(clock);
+  start();
+  qevr::setClock(nullptr);
+  const auto session = module->sessionTracker()->activeSession();
+  ASSERT_TRUE(session.has_value());
+  ASSERT_THAT(sink->types(), ElementsAre(Type::sessionStart));
+  const QEVObserverEvent event = sink->all()[0];
+  EXPECT_EQ(event.sessionId(), session->id);
+  EXPECT_EQ(event.timestamp(), QEVRDate{800000000});
+  ASSERT_EQ(event.metadata().size(), 1u);
+  ASSERT_NE(event.metadata().at("startedAt").dateValue(), nullptr);
+  EXPECT_EQ(*event.metadata().at("startedAt").dateValue(), QEVRDate{800000000});
+  EXPECT_EQ(session->startedAt, QEVRDate{800000000});
+}
+
 TEST_F(ObserverFacadeTest, RestartOfTheSameModuleBeginsANewSession) {
   auto sink = startWithSink();
   const auto first = module->sessionTracker()->activeSession()->id;
@@ -185,6 +215,35 @@ TEST_F(ObserverFacadeTest, RestartOfTheSameModuleBeginsANewSession) {
   EXPECT_TRUE(Observer::track("after restart", {}));
   ASSERT_EQ(again->all().size(), 1u);
   EXPECT_EQ(again->all()[0].sessionId(), second);
+}
+
+TEST_F(ObserverFacadeTest, MisbehavingHostInputIsContained) {
+  start();
+  EXPECT_FALSE(QEVObserverIntegration::registerEventSink(nullptr).has_value());
+  EXPECT_TRUE(QEVObserverIntegration::registerEventSink(std::make_shared<ThrowingSink>()));
+  auto sink = std::make_shared<CollectingSink>();
+  EXPECT_TRUE(QEVObserverIntegration::registerEventSink(sink));
+  EXPECT_EQ(module->dispatcher()->sinkCount(), 2u);
+
+  // The throwing sink comes first; the second still gets every event.
+  EXPECT_TRUE(Observer::track("after a throwing sink", {}));
+  // A gesture cast from an integer names no case: dropped, nothing read.
+  EXPECT_FALSE(Observer::gesture(static_cast<QEVGestureType>(99), std::nullopt, {}));
+  EXPECT_FALSE(Observer::gesture(static_cast<QEVGestureType>(-1), std::nullopt, {}));
+  EXPECT_THAT(sink->types(), ElementsAre(Type::custom));
+
+  // 64-bit unsigned metadata fits or is refused where the host builds it.
+  EXPECT_EQ(*QEVObserverMetadataValue(std::uint64_t{INT64_MAX}).intValue(), INT64_MAX);
+  EXPECT_THROW(QEVObserverMetadataValue(std::uint64_t{INT64_MAX} + 1), std::out_of_range);
+  EXPECT_THROW(QEVObserverMetadataValue(UINT64_MAX), std::out_of_range);
+
+  // Shutdown sends sessionEnd through the throwing sink and still completes.
+  QEVR::shutdown();
+  EXPECT_EQ(QEVR::lifecycleState(), QEVRLifecycleState::shutdown);
+  EXPECT_EQ(module->dispatcher()->state(), QEVObserverEventDispatcher::State::shutdown);
+  EXPECT_EQ(module->dispatcher()->sinkCount(), 0u);
+  EXPECT_FALSE(module->sessionTracker()->activeSession().has_value());
+  EXPECT_THAT(sink->types(), ElementsAre(Type::custom, Type::sessionEnd));
 }
 
 TEST_F(ObserverFacadeTest, PrivacyOptionsSurviveStartAndShutdown) {
@@ -252,6 +311,8 @@ TEST_F(ObserverFacadeTest, ConcurrentCallsDuringLifecycleChanges) {
   }
   for (int round = 0; round < 30; ++round) {
     start();
+    // Every shutdown below sends sessionEnd through a sink that throws.
+    QEVObserverIntegration::registerEventSink(std::make_shared<ThrowingSink>());
     QEVR::pause();
     QEVR::resume();
     QEVR::shutdown();

@@ -71,6 +71,15 @@ TEST(ConfigurationTest, RoundTripsThroughJSONWithAppIdUntouched) {
   EXPECT_NE(json.find(R"("logLevel":{"warning":{}})"), std::string::npos);
 }
 
+TEST(ConfigurationTest, JSONFormIsPinned) {
+  EXPECT_EQ(sample().toJSON(),
+            R"({"appId":"  com.example.app \n","environment":{"staging":{}},)"
+            R"("logLevel":{"warning":{}},"isDiagnosticsEnabled":true,)"
+            R"("isBackgroundProcessingEnabled":true,"isOnDeviceAIEnabled":false,)"
+            R"("isCloudAIEnabled":false,"isLocalLLMEnabled":true,)"
+            R"("isFallbackRecommendationsEnabled":false})");
+}
+
 TEST(ConfigurationTest, EveryKeyIsRequiredAndTyped) {
   const std::string json = sample().toJSON();
   for (const char* key :

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -104,9 +105,12 @@ TEST_F(RuntimeStoreTest, LifecycleDrivesModulesForwardAndShutdownBackward) {
 }
 
 TEST_F(RuntimeStoreTest, CallsThatDoNotApplyWarnAndChangeNothing) {
-  const S before = QEVR::lifecycleState();  // notStarted in a fresh process
+  // Start from a known state whatever ran before in this process.
+  QEVR::start(configuration());
   QEVR::shutdown();
-  EXPECT_EQ(QEVR::lifecycleState(), before);
+  logs->clear();
+  QEVR::shutdown();
+  EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
   QEVR::start(configuration());
   QEVRConfiguration second = configuration();
   second.appId = "com.example.other";
@@ -195,6 +199,45 @@ TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
   EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start"));
 }
 
+TEST_F(RuntimeStoreTest, ModulesThatThrowFromHooksCannotStopTheOthersOrTheLifecycle) {
+  addModule("a");
+  addModule("b")->throwsFromHooks = true;
+  addModule("c");
+  EXPECT_THROW(store().moduleRegistry().registerModule(nullptr), std::invalid_argument);
+  QEVR::start(configuration());
+  QEVR::pause();
+  EXPECT_EQ(QEVR::lifecycleState(), S::paused);
+  QEVR::resume();
+  EXPECT_EQ(QEVR::lifecycleState(), S::running);
+  QEVR::shutdown();
+  EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
+  EXPECT_THAT(journal->all(), ElementsAre("a.start", "b.start", "c.start", "a.pause", "b.pause",
+                                          "c.pause", "a.resume", "b.resume", "c.resume",
+                                          "c.shutdown", "b.shutdown", "a.shutdown"));
+  // Shutdown finished every step of its own after the modules.
+  EXPECT_EQ(store().dependencyContainer().count(), 0u);
+  EXPECT_FALSE(store().runtimeState().has_value());
+  EXPECT_TRUE(store().backgroundWorker()->isShutDown());
+  EXPECT_EQ(coreLines().back(), "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK shut down");
+}
+
+TEST_F(RuntimeStoreTest, RollbackShutsDownEveryStartedModuleEvenWhenOneThrows) {
+  addModule("first");
+  addModule("second")->throwsFromHooks = true;
+  addModule("third")->onStart = [](const QEVRModuleContext&) {
+    throw std::runtime_error("third failed");
+  };
+  try {
+    QEVR::start(configuration());
+    FAIL() << "start succeeded";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "third failed");  // the start's error, not the rollback's
+  }
+  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start",
+                                          "second.shutdown", "first.shutdown"));
+  EXPECT_EQ(QEVR::lifecycleState(), S::notStarted);
+}
+
 TEST_F(RuntimeStoreTest, RestartMakesANewWorkerAndRefillsTheContainer) {
   auto module = addModule("m");
   std::vector<size_t> entriesAtStart;
@@ -227,13 +270,20 @@ TEST_F(RuntimeStoreTest, ModuleContextWorkRunsOnTheWorkerAndFallsBackAfterShutdo
   ASSERT_TRUE(kept.has_value());
 
   std::atomic<int> ran{0};
-  EXPECT_TRUE(kept->submitBackgroundWork([&](std::stop_token) { ++ran; }));
+  std::promise<void> firstRan;
+  EXPECT_TRUE(kept->submitBackgroundWork([&](std::stop_token) {
+    ++ran;
+    firstRan.set_value();
+  }));
+  // Shutdown cancels tracked work that has not begun; let the first one
+  // begin so that the count below is exact.
+  firstRan.get_future().wait();
   QEVR::shutdown();
   // After shutdown the context's container is empty: the work still runs,
   // untracked.
   EXPECT_TRUE(kept->submitBackgroundWork([&](std::stop_token) { ++ran; }));
   ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
-  EXPECT_GE(ran.load(), 1);  // the first may have been cancelled by shutdown
+  EXPECT_EQ(ran.load(), 2);
   EXPECT_EQ(kept->configuration().appId, "com.example.tests");
 }
 

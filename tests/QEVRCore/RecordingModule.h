@@ -40,14 +40,22 @@ class RecordingModule : public QEVRModule {
     journal->add(name + ".start");
     if (onStart) onStart(context);
   }
-  void pause() override { journal->add(name + ".pause"); }
-  void resume() override { journal->add(name + ".resume"); }
-  void shutdown() override { journal->add(name + ".shutdown"); }
+  void pause() override { record("pause"); }
+  void resume() override { record("resume"); }
+  void shutdown() override { record("shutdown"); }
 
   // Runs inside start(); throw from it to make the start fail.
   std::function<void(const QEVRModuleContext&)> onStart;
+  // When set, pause, resume and shutdown throw after recording the call, as
+  // a misbehaving host module might.
+  bool throwsFromHooks = false;
 
  private:
+  void record(const std::string& hook) {
+    journal->add(name + "." + hook);
+    if (throwsFromHooks) throw std::runtime_error(name + " failed to " + hook);
+  }
+
   std::string name;
   std::shared_ptr<Journal> journal;
 };

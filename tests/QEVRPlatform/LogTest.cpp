@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 namespace {
 
 class OnlyErrors : public qevr::CapturingLogSink {
@@ -32,9 +34,14 @@ TEST(LogTest, DisabledTypesNeverReachTheSink) {
   EXPECT_EQ(capture->texts(), std::vector<std::string>{"kept"});
 }
 
-TEST(LogTest, NullSinkRestoresTheDefault) {
-  qevr::setLogSink(nullptr);
-  ASSERT_NE(qevr::currentLogSink(), nullptr);
+TEST(LogTest, NullSinkIsRefusedAndResetRestoresTheDefault) {
+  auto capture = std::make_shared<qevr::CapturingLogSink>();
+  qevr::setLogSink(capture);
+  EXPECT_THROW(qevr::setLogSink(nullptr), std::invalid_argument);
+  EXPECT_THROW(qevr::ScopedLogSink(nullptr), std::invalid_argument);
+  EXPECT_EQ(qevr::currentLogSink(), capture);
+  qevr::resetLogSink();
+  ASSERT_NE(qevr::currentLogSink(), capture);
   // The default sink takes lines without openlog and without failing.
   qevr::platformLog("QEVRTests", "Log", qevr::LogType::debug, "default sink line");
 }

@@ -1,8 +1,9 @@
-// Memory as a module of the core and a sink of the observer, the runtime
-// that holds its options, and the QEVR::Memory facade.
+// Memory as a module of the core and a sink of the observer, and the
+// runtime that holds its options.
 #pragma once
 
 #include <QEVMemory/QEVMemoryChunkWriter.h>
+#include <QEVMemory/QEVMemoryFacade.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVMemory/QEVMemoryPipeline.h>
@@ -108,21 +109,3 @@ QEVR_API std::shared_ptr<QEVRModule> makeModule();
 // QEVFileMemoryStoreError::applicationSupportUnavailable.
 QEVR_API std::shared_ptr<QEVFileMemoryStore> makeDefaultStore();
 }  // namespace QEVMemoryIntegration
-
-// The public face of memory. Works whether or not the module runs: each
-// disk operation uses the override store or builds one of its own. Each
-// asynchronous operation comes blocking (with a stop token) and as ...Async.
-namespace QEVR::Memory {
-QEVR_API QEVMemoryOptions options();
-// Takes effect at the next pruning run; starts none.
-QEVR_API void configure(const QEVMemoryOptions& options);
-
-QEVR_API QEVMemoryStats memoryStats(std::stop_token stop = {});
-QEVR_API std::future<QEVMemoryStats> memoryStatsAsync();
-// Erases everything on disk (not what a running pipeline holds in memory)
-// and logs "Cleared local QEVMemory storage".
-QEVR_API void clearMemory(std::stop_token stop = {});
-QEVR_API std::future<void> clearMemoryAsync();
-QEVR_API QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop = {});
-QEVR_API std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync();
-}  // namespace QEVR::Memory

@@ -47,9 +47,11 @@ class QEVR_API TaggedMetadataValue {
   TaggedMetadataValue(std::string value) : payload(std::move(value)) {}         // NOLINT
   TaggedMetadataValue(const char* value) : payload(std::string(value)) {}       // NOLINT
   TaggedMetadataValue(std::string_view value) : payload(std::string(value)) {}  // NOLINT
+  // Integers are 64-bit signed: an unsigned value above INT64_MAX throws
+  // std::out_of_range rather than wrapping to a negative number.
   template <std::integral T>
-  requires(!std::same_as<T, bool>) TaggedMetadataValue(T value)
-      : payload(static_cast<std::int64_t>(value)) {}       // NOLINT
+  requires(!std::same_as<T, bool>) TaggedMetadataValue(T value)  // NOLINT
+      : payload(checkedInteger(value)) {}
   TaggedMetadataValue(double value) : payload(value) {}    // NOLINT
   TaggedMetadataValue(bool value) : payload(value) {}      // NOLINT
   TaggedMetadataValue(QEVRDate value) : payload(value) {}  // NOLINT
@@ -73,6 +75,16 @@ class QEVR_API TaggedMetadataValue {
   static TaggedMetadataValue decodeTagged(const qevr::json::Decoder& decoder);
 
  private:
+  template <std::integral T>
+  static std::int64_t checkedInteger(T value) {
+    if constexpr (std::is_unsigned_v<T> && sizeof(T) >= sizeof(std::int64_t)) {
+      if (value > static_cast<T>(INT64_MAX)) {
+        throw std::out_of_range("metadata integer does not fit in 64 signed bits");
+      }
+    }
+    return static_cast<std::int64_t>(value);
+  }
+
   std::variant<std::string, std::int64_t, double, bool, QEVRDate> payload;
 };
 

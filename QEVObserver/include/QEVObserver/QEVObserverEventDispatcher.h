@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QEVObserver/QEVObserverEvent.h>
+#include <QEVObserver/QEVObserverEventSink.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include <QEVRPlatform/UUID.h>
@@ -11,14 +12,6 @@
 #include <optional>
 #include <utility>
 #include <vector>
-
-// Receives events on the thread of the facade call that made them, possibly
-// from several threads at once; must not throw.
-class QEVR_API QEVObserverEventSink {
- public:
-  virtual ~QEVObserverEventSink() = default;
-  virtual void receive(const QEVObserverEvent& event) = 0;
-};
 
 // Stamps events with the active session and calls every sink, outside the
 // lock. Also holds the observer's run state, which the facade checks first.

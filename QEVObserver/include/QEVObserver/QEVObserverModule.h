@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QEVObserver/QEVObserverEventDispatcher.h>
+#include <QEVObserver/QEVObserverIntegration.h>
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
 #include <QEVObserver/QEVObserverTrackers.h>
 #include <QEVRCore/QEVRModule.h>
@@ -93,12 +94,3 @@ class QEVR_API QEVObserverRuntime {
   std::shared_ptr<const Binding> binding QEVR_GUARDED_BY(lock);
   QEVObserverPrivacyOptions storedPrivacyOptions QEVR_GUARDED_BY(lock);
 };
-
-// What the composition step and other modules call.
-namespace QEVObserverIntegration {
-// A new module with its own dispatcher and trackers.
-QEVR_API std::shared_ptr<QEVRModule> makeModule();
-// Absent while no observer module is bound (before start, after shutdown).
-QEVR_API std::optional<QEVRUUID> registerEventSink(std::shared_ptr<QEVObserverEventSink> sink);
-QEVR_API void removeEventSink(const QEVRUUID& identifier);
-}  // namespace QEVObserverIntegration

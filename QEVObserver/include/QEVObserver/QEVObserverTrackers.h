@@ -46,7 +46,10 @@ inline constexpr std::array<QEVGestureType, 8> allGestureTypes = {
     QEVGestureType::swipe,  QEVGestureType::pinch,     QEVGestureType::pan,
     QEVGestureType::rotate, QEVGestureType::custom};
 
+// Throws std::invalid_argument for a value that names no case.
 QEVR_API std::string_view rawValueOf(QEVGestureType type);
+// False for a value cast from an integer that names no case.
+QEVR_API bool isGestureType(QEVGestureType type);
 QEVR_API std::optional<QEVGestureType> gestureTypeFromRawValue(std::string_view raw);
 
 class QEVR_API QEVSessionTracker {

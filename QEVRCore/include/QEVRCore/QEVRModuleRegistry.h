@@ -18,6 +18,7 @@ class QEVR_API QEVRModuleRegistry {
   // order, so register a module after the ones it depends on. A second
   // module with an identifier already present throws
   // QEVRDependencyError::duplicateRegistration(identifier) and is not added.
+  // Throws std::invalid_argument for a null module.
   void registerModule(std::shared_ptr<QEVRModule> module);
 
   bool contains(const std::string& identifier) const;

@@ -40,8 +40,11 @@ QEVR_API std::shared_ptr<LogSink> makeSyslogLogSink();
 // The sink in force; never null.
 QEVR_API std::shared_ptr<LogSink> currentLogSink();
 
-// Replaces the process sink; nullptr restores the default. Thread-safe.
+// Replaces the process sink. Throws std::invalid_argument for nullptr.
+// Thread-safe.
 QEVR_API void setLogSink(std::shared_ptr<LogSink> sink);
+// Restores the platform's default sink.
+QEVR_API void resetLogSink();
 
 // Writes one line to the current sink, unless the sink disables its type.
 QEVR_API void platformLog(std::string_view subsystem, std::string_view category, LogType type,

@@ -1,0 +1,27 @@
+// QEVR::Memory and the records it answers with.
+#pragma once
+
+#include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
+#include <QEVMemory/QEVMemoryOptions.h>
+#include <QEVRPlatform/Export.h>
+
+#include <future>
+#include <stop_token>
+
+// The public face of memory. Works whether or not the module runs: each
+// disk operation uses the override store or builds one of its own. Each
+// asynchronous operation comes blocking (with a stop token) and as ...Async.
+namespace QEVR::Memory {
+QEVR_API QEVMemoryOptions options();
+// Takes effect at the next pruning run; starts none.
+QEVR_API void configure(const QEVMemoryOptions& options);
+
+QEVR_API QEVMemoryStats memoryStats(std::stop_token stop = {});
+QEVR_API std::future<QEVMemoryStats> memoryStatsAsync();
+// Erases everything on disk (not what a running pipeline holds in memory)
+// and logs "Cleared local QEVMemory storage".
+QEVR_API void clearMemory(std::stop_token stop = {});
+QEVR_API std::future<void> clearMemoryAsync();
+QEVR_API QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop = {});
+QEVR_API std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync();
+}  // namespace QEVR::Memory

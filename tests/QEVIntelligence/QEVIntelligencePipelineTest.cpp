@@ -1,0 +1,150 @@
+// What the four analysers share: cancellation at both checks, the cache
+// lookup before the rules, and the provider stage that always falls through.
+#include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
+
+#include <gtest/gtest.h>
+
+#include "IntelligenceTestSupport.h"
+
+namespace {
+
+using Analyses = QEVIntelligenceRuntime::Analyzers;
+
+struct Analysis {
+  const char* name;
+  std::function<void(const Analyses&, std::stop_token)> run;
+};
+
+const Analysis kAnalyses[] = {
+    {"summary", [](const Analyses& a, std::stop_token s) { a.summarizer.summarize(s); }},
+    {"intent", [](const Analyses& a,
+                  std::stop_token s) { a.intentAnalyzer.analyze(QEVExperienceDomain::game(), s); }},
+    {"frustration", [](const Analyses& a, std::stop_token s) { a.frustrationDetector.detect(s); }},
+    {"skill",
+     [](const Analyses& a, std::stop_token s) { a.skillAnalyzer.analyze(std::nullopt, s); }},
+};
+
+const SnapshotSpec kSpec{.screens = {{"Home", 4}}, .components = {{"play", 6}}};
+
+TEST(QEVIntelligencePipelineTest, CancellationBeforeTheSnapshotReadsNothing) {
+  for (const Analysis& analysis : kAnalyses) {
+    SCOPED_TRACE(analysis.name);
+    AnalyzerRig rig(kSpec);
+    std::stop_source stop;
+    stop.request_stop();
+    EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
+    EXPECT_EQ(rig.provider->calls.load(), 0);
+  }
+}
+
+TEST(QEVIntelligencePipelineTest, CancellationDuringTheSnapshotCachesNothing) {
+  for (const Analysis& analysis : kAnalyses) {
+    SCOPED_TRACE(analysis.name);
+    AnalyzerRig rig(kSpec);
+    std::stop_source stop;
+    rig.provider->onCall = [&stop] { stop.request_stop(); };
+    EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
+    EXPECT_EQ(rig.provider->calls.load(), 1);
+    EXPECT_EQ(rig.cache->count(), 0u);
+  }
+}
+
+TEST(QEVIntelligencePipelineTest, CancellationAfterTheContextIsBuiltCachesNothing) {
+  for (const Analysis& analysis : kAnalyses) {
+    SCOPED_TRACE(analysis.name);
+    AnalyzerRig rig(kSpec);
+    std::stop_source stop;
+    // The clock is read after the builder's last check, so only the
+    // analyser's own check after the build can see this.
+    rig.onNow = [&stop] { stop.request_stop(); };
+    EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
+    EXPECT_EQ(rig.cache->count(), 0u);
+  }
+}
+
+TEST(QEVIntelligencePipelineTest, EachAnalysisStoresOneEntryAndHitsItWithinTheTimeToLive) {
+  for (const Analysis& analysis : kAnalyses) {
+    SCOPED_TRACE(analysis.name);
+    AnalyzerRig rig(kSpec);
+    analysis.run(rig.analyzers, {});
+    analysis.run(rig.analyzers, {});
+    EXPECT_EQ(rig.cache->count(), 1u);
+    EXPECT_EQ(rig.provider->calls.load(), 2);  // the snapshot is read every time
+  }
+}
+
+TEST(QEVIntelligencePipelineTest, ACachedResultIsReturnedUnchanged) {
+  AnalyzerRig rig(kSpec);
+  const QEVIntelligenceContext context = rig.context();
+  const QEVBehaviorSummary planted("planted", {}, {}, {}, 1.0, QEVRDate{1});
+  rig.cache->store(
+      planted, {QEVIntelligenceAnalysisType::behaviorSummary, contextHash(context), std::nullopt});
+  EXPECT_EQ(rig.analyzers.summarizer.summarize(), planted);
+
+  const QEVIntentAnalysis intent("planted", {}, {}, 1.0, QEVRDate{1});
+  rig.cache->store(intent, {QEVIntelligenceAnalysisType::intentAnalysis, contextHash(context),
+                            "custom([redacted])"});
+  EXPECT_EQ(rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::custom(" abc@x.io ")),
+            intent);
+  EXPECT_NE(rig.analyzers.intentAnalyzer.analyze(std::nullopt), intent);
+
+  // Once expired, the rules answer again.
+  rig.cacheNow = kTestNow.addingSeconds(300);
+  EXPECT_EQ(rig.analyzers.summarizer.summarize().summary,
+            "Behavior summary generated from local memory context.");
+}
+
+TEST(QEVIntelligencePipelineTest, TheExecutionModeEntersTheKey) {
+  AnalyzerRig disabled(kSpec);
+  AnalyzerRig cloud(kSpec, QEVLLMExecutionMode::cloud);
+  EXPECT_NE(contextHash(disabled.context()), contextHash(cloud.context()));
+  EXPECT_EQ(disabled.analyzers.summarizer.summarize(), cloud.analyzers.summarizer.summarize());
+}
+
+TEST(QEVIntelligencePipelineTest, TheProviderStageRefusesAndOnlyCancellationPassesOn) {
+  AnalyzerRig rig(kSpec);
+  try {
+    runProviderStage(rig.analyzers.summarizer, QEVPromptTemplateType::behaviorSummary,
+                     rig.context());
+    FAIL();
+  } catch (const QEVIntelligenceError& e) {
+    EXPECT_EQ(e, QEVIntelligenceError::disabled());
+  }
+  EXPECT_THROW(fallThroughProviderStage([] { throw QEVRCancellationError(); }),
+               QEVRCancellationError);
+  bool ran = false;
+  EXPECT_NO_THROW(fallThroughProviderStage([&ran] {
+    ran = true;
+    throw QEVIntelligenceError::providerUnavailable(QEVLLMExecutionMode::cloud);
+  }));
+  EXPECT_TRUE(ran);
+}
+
+TEST(QEVIntelligencePipelineTest, ASnapshotFailureReachesTheCaller) {
+  AnalyzerRig rig(kSpec);
+  rig.provider->onCall = [] { throw std::runtime_error("damaged"); };
+  for (const Analysis& analysis : kAnalyses) {
+    EXPECT_THROW(analysis.run(rig.analyzers, {}), std::runtime_error);
+  }
+}
+
+TEST(QEVIntelligencePipelineTest, ThePublicAnalyzersMatchTheWiredOnes) {
+  const auto source = std::make_shared<QEVFixedIntelligenceSnapshotProvider>(makeSnapshot(kSpec));
+  const QEVIntelligenceAnalyzers analyzers(
+      source, {QEVLLMExecutionMode::disabled, [] { return kTestNow; }});
+  AnalyzerRig rig(kSpec);
+  EXPECT_EQ(analyzers.summarizeBehavior(), rig.analyzers.summarizer.summarize());
+  EXPECT_EQ(analyzers.analyzeIntent(QEVExperienceDomain::game()),
+            rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::game()));
+  EXPECT_EQ(analyzers.detectFrustration(), rig.analyzers.frustrationDetector.detect());
+  EXPECT_EQ(analyzers.analyzeSkill(std::nullopt),
+            rig.analyzers.skillAnalyzer.analyze(std::nullopt));
+  EXPECT_EQ(analyzers.cachedResultCount(), 4u);
+  analyzers.clearCache();
+  EXPECT_EQ(analyzers.cachedResultCount(), 0u);
+  std::stop_source stop;
+  stop.request_stop();
+  EXPECT_THROW(analyzers.summarizeBehavior(stop.get_token()), QEVRCancellationError);
+}
+
+}  // namespace
