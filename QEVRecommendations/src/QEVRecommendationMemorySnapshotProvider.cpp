@@ -1,0 +1,7 @@
+#include <QEVMemory/QEVMemoryModule.h>
+#include <QEVRecommendations/QEVRecommendationSources.h>
+
+QEVMemoryIntelligenceSnapshot QEVRecommendationMemorySnapshotProvider::intelligenceSnapshot(
+    std::stop_token stop) const {
+  return QEVR::Memory::intelligenceSnapshot(std::move(stop));
+}

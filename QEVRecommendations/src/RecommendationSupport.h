@@ -1,0 +1,92 @@
+// Helpers that several recommendation sources share. Internal.
+#pragma once
+
+#include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/Text.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qevr::recommendations {
+
+// Blank means empty after trimming; the trimmed form serves the test only.
+inline bool isBlank(std::string_view text) {
+  return text::isBlank(text);
+}
+
+inline std::string trimmed(std::string_view text) {
+  return std::string(text::trim(text));
+}
+
+// Counts come from files on disk: sums saturate rather than overflow.
+inline std::int64_t saturatingAdd(std::int64_t a, std::int64_t b) {
+  std::int64_t out = 0;
+  if (__builtin_add_overflow(a, b, &out)) {
+    return b > 0 ? std::numeric_limits<std::int64_t>::max()
+                 : std::numeric_limits<std::int64_t>::min();
+  }
+  return out;
+}
+
+// Calls `visit(cluster, firstCodePoint)` for each user-perceived character
+// of `text`. A character is classified by its first code point, so a letter
+// with combining marks is one letter.
+template <typename Visit>
+void forEachCharacter(std::string_view text, Visit visit) {
+  while (!text.empty()) {
+    std::string_view cluster = text::graphemePrefix(text, 1);
+    if (cluster.empty()) cluster = text.substr(0, 1);  // never stall
+    std::size_t position = 0;
+    const char32_t first = text::decodeNext(cluster, position).value_or(U'\uFFFD');
+    visit(cluster, first);
+    text.remove_prefix(cluster.size());
+  }
+}
+
+template <std::size_t N>
+std::optional<std::size_t> indexOf(const std::array<std::string_view, N>& names,
+                                   std::string_view raw) {
+  for (std::size_t i = 0; i < N; ++i) {
+    if (names[i] == raw) return i;
+  }
+  return std::nullopt;
+}
+
+inline void writeStrings(json::Writer& writer, const std::vector<std::string>& items) {
+  writer.beginArray();
+  for (const std::string& item : items)
+    writer.string(item);
+  writer.endArray();
+}
+
+inline std::vector<std::string> readStrings(const json::Decoder& decoder) {
+  if (!decoder.isArray()) decoder.at(0);  // throws the type mismatch
+  std::vector<std::string> items;
+  const std::size_t count = decoder.size();
+  items.reserve(count);
+  for (std::size_t i = 0; i < count; ++i)
+    items.push_back(decoder.at(i).asString());
+  return items;
+}
+
+inline void writeOptionalString(json::Writer& writer, std::string_view key,
+                                const std::optional<std::string>& value) {
+  if (!value) return;
+  writer.key(key);
+  writer.string(*value);
+}
+
+inline std::optional<std::string> readOptionalString(const json::Decoder& decoder,
+                                                     std::string_view key) {
+  if (auto member = decoder.optional(key)) return member->asString();
+  return std::nullopt;
+}
+
+}  // namespace qevr::recommendations

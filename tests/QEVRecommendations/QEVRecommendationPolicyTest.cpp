@@ -1,0 +1,129 @@
+#include <QEVRPlatform/Json.h>
+#include <QEVRecommendations/QEVRecommendationPolicy.h>
+
+#include <gtest/gtest.h>
+
+#include "RecommendationTestSupport.h"
+
+namespace {
+
+using Action = QEVRecommendationAction;
+using Policy = QEVRecommendationPolicy;
+using qevr::testing::recommendation;
+
+TEST(QEVRecommendationPolicyTest, InitialiserClampsAndDerivesGameplayFromTheDomain) {
+  const Policy clamped(1.5, true, true, true, true, std::nullopt, -2);
+  EXPECT_EQ(clamped.minimumConfidence(), 1.0);
+  EXPECT_EQ(clamped.maxRecommendations(), 0);
+  EXPECT_EQ(Policy(-0.0).minimumConfidence(), 0.0);
+  EXPECT_EQ(Policy(0.3).minimumConfidence(), 0.3);
+
+  EXPECT_TRUE(Policy::defaultPolicy(QEVExperienceDomain::game()).allowGameplayRecommendations());
+  EXPECT_FALSE(
+      Policy::defaultPolicy(QEVExperienceDomain::custom("game")).allowGameplayRecommendations());
+  EXPECT_FALSE(Policy::defaultPolicy(std::nullopt).allowGameplayRecommendations());
+  EXPECT_TRUE(Policy(0.65, true, true, true, true, true).allowGameplayRecommendations());
+  EXPECT_FALSE(Policy(0.65, true, true, true, true, false, 10, {}, {}, QEVExperienceDomain::game())
+                   .allowGameplayRecommendations());
+  EXPECT_EQ(Policy::defaultPolicy(std::nullopt), Policy());
+}
+
+TEST(QEVRecommendationPolicyTest, JSONRoundTripsAndDecodesWithoutClamps) {
+  const Policy policy(0.7, false, true, false, true, true, 3, {"a", "b"}, {"Home"});
+  EXPECT_EQ(Policy::fromJSON(policy.toJSON()), policy);
+  EXPECT_EQ(Policy().toJSON(),
+            R"({"minimumConfidence":0.65,"allowUIRecommendations":true,)"
+            R"("allowNavigationRecommendations":true,"allowFeatureRecommendations":true,)"
+            R"("allowPersonalization":true,"allowGameplayRecommendations":false,)"
+            R"("maxRecommendations":10,"protectedComponentIds":[],"protectedScreenNames":[]})");
+  const Policy raw = Policy::fromJSON(
+      R"({"minimumConfidence":7.5,"allowUIRecommendations":true,)"
+      R"("allowNavigationRecommendations":true,"allowFeatureRecommendations":true,)"
+      R"("allowPersonalization":true,"allowGameplayRecommendations":false,)"
+      R"("maxRecommendations":-4,"protectedComponentIds":["x"],"protectedScreenNames":[]})");
+  EXPECT_EQ(raw.minimumConfidence(), 7.5);
+  EXPECT_EQ(raw.maxRecommendations(), -4);
+  EXPECT_THROW(Policy::fromJSON(R"({"minimumConfidence":0.5})"), qevr::json::DecodingError);
+}
+
+TEST(QEVRecommendationPolicyTest, NormalizedKeyKeepsLettersAndNumbersOnly) {
+  EXPECT_EQ(normalizedRecommendationKey("Home Screen"), "homescreen");
+  EXPECT_EQ(normalizedRecommendationKey("home_screen"), "homescreen");
+  EXPECT_EQ(normalizedRecommendationKey("  HOME-screen \n"), "homescreen");
+  EXPECT_EQ(normalizedRecommendationKey("Écran 2!"), "écran2");
+  EXPECT_EQ(normalizedRecommendationKey("---"), "");
+}
+
+TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
+  const QEVRecommendationPolicyEvaluator evaluator;
+  const auto help = Action::showHelp(std::nullopt, std::nullopt, "Home");
+  struct Case {
+    const char* name;
+    Policy policy;
+    QEVRecommendation item;
+    bool kept;
+  };
+  const Case cases[] = {
+      {"at the minimum", Policy(0.65), recommendation(help, 0.65), true},
+      {"below the minimum", Policy(0.65), recommendation(help, 0.649), false},
+      {"protected id normalised", Policy(0.0, true, true, true, true, true, 10, {"Home-Banner"}),
+       recommendation(Action::highlightComponent("home banner", std::nullopt)), false},
+      {"protected id empty after normalising",
+       Policy(0.0, true, true, true, true, true, 10, {"---"}),
+       recommendation(Action::highlightComponent("---", std::nullopt)), true},
+      {"feature counts as component",
+       Policy(0.0, true, true, true, true, true, 10, {"challengemode"}),
+       recommendation(Action::suggestFeature("challenge_mode", std::nullopt, std::nullopt)), false},
+      {"custom destination screen", Policy(0.0, true, true, true, true, true, 10, {}, {"Cart"}),
+       recommendation(Action::custom({{"destinationScreen", "cart"}})), false},
+      {"custom component key", Policy(0.0, true, true, true, true, true, 10, {"cart"}),
+       recommendation(Action::custom({{"componentId", "Cart"}})), false},
+      {"game mode counts as screen",
+       Policy(0.0, true, true, true, true, true, 10, {}, {"hard mode"}),
+       recommendation(Action::adjustDifficulty(1, std::nullopt, "Hard_Mode"), 0.8,
+                      QEVRecommendationPriority::high, QEVRecommendationType::gameplay),
+       false},
+      {"shortcut source screen", Policy(0.0, true, true, true, true, true, 10, {}, {"Home"}),
+       recommendation(Action::suggestShortcut(std::nullopt, std::nullopt, "home", "Cart", "x")),
+       false},
+      {"ui switched off", Policy(0.0, false), recommendation(help), false},
+      {"navigation switched off", Policy(0.0, true, false),
+       recommendation(help, 0.8, QEVRecommendationPriority::high,
+                      QEVRecommendationType::navigation),
+       false},
+      {"gameplay switched off", Policy(0.0, true, true, true, true, false),
+       recommendation(help, 0.8, QEVRecommendationPriority::high, QEVRecommendationType::gameplay),
+       false},
+      {"diagnostic has no switch", Policy(0.0, false, false, false, true, false),
+       recommendation(help, 0.8, QEVRecommendationPriority::high,
+                      QEVRecommendationType::diagnostic),
+       true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(evaluator.apply({c.item}, c.policy).size(), c.kept ? 1u : 0u);
+  }
+
+  std::vector<QEVRecommendation> many;
+  for (int i = 0; i < 5; ++i)
+    many.push_back(recommendation(help, 0.9 - i * 0.1));
+  const auto cut = evaluator.apply(many, Policy(0.65, true, true, true, true, false, 2));
+  ASSERT_EQ(cut.size(), 2u);
+  EXPECT_EQ(cut[0], many[0]);
+  EXPECT_EQ(cut[1], many[1]);
+  EXPECT_TRUE(evaluator.apply(many, Policy(0.0, true, true, true, true, false, 0)).empty());
+  EXPECT_TRUE(evaluator.apply(many, Policy(0.0, true, true, true, false)).empty());
+  // A decoded policy may hold a negative maximum.
+  EXPECT_TRUE(
+      evaluator
+          .apply(many, Policy::fromJSON(R"({"minimumConfidence":0,"allowUIRecommendations":true,)"
+                                        R"("allowNavigationRecommendations":true,)"
+                                        R"("allowFeatureRecommendations":true,)"
+                                        R"("allowPersonalization":true,)"
+                                        R"("allowGameplayRecommendations":true,)"
+                                        R"("maxRecommendations":-1,"protectedComponentIds":[],)"
+                                        R"("protectedScreenNames":[]})"))
+          .empty());
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+#include <QEVRecommendations/QEVRecommendationsGenerator.h>
+
+#include <gtest/gtest.h>
+
+#include "RecommendationTestSupport.h"
+
+namespace {
+
+using qevr::testing::CountingSources;
+using qevr::testing::kGeneratedAt;
+using Edge = QEVNavigationRecommendationEdge;
+using Generator = QEVRecommendationsGenerator;
+
+QEVMemoryIntelligenceSnapshot storeSnapshot() {
+  QEVMemoryIntelligenceSnapshot snapshot;
+  snapshot.totalSessions = 4;
+  snapshot.totalEvents = 120;
+  snapshot.frequentlyVisitedScreens = {{"Home", 9}, {"Cart", 4}};
+  snapshot.frequentComponents = {{"checkout", 8}, {"search", 5}};
+  snapshot.recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart->Home", 2}};
+  snapshot.recentScreenSequences = {"Home > Cart > Home", "Home > Cart"};
+  return snapshot;
+}
+
+QEVFixedRecommendationSources::Values storeValues() {
+  return {storeSnapshot(), std::nullopt, qevr::testing::intent(0.7),
+          qevr::testing::frustration(QEVFrustrationLevel::high, 0.8, {"rage taps"}), std::nullopt};
+}
+
+struct Fixture {
+  std::shared_ptr<CountingSources> sources;
+  std::shared_ptr<QEVRecommendationCache> cache =
+      std::make_shared<QEVRecommendationCache>([] { return kGeneratedAt; });
+  Generator generator;
+
+  explicit Fixture(QEVFixedRecommendationSources::Values values)
+      : sources(std::make_shared<CountingSources>(std::move(values))),
+        generator(Generator::withSources(sources, sources, cache, [] { return kGeneratedAt; })) {}
+};
+
+TEST(QEVRecommendationsGeneratorTest, ACacheHitCallsNoAnalysis) {
+  Fixture f(storeValues());
+  const QEVRecommendationPolicy policy;
+  const auto first = f.generator.generate(std::nullopt, policy);
+  ASSERT_FALSE(first.empty());
+  EXPECT_EQ(f.sources->analysisCalls, 4);  // three answer, one fails
+  EXPECT_EQ(f.sources->snapshotCalls, 2);
+
+  const auto second = f.generator.generate(std::nullopt, policy);
+  EXPECT_EQ(second, first);
+  EXPECT_EQ(f.sources->analysisCalls, 4);
+  EXPECT_EQ(f.sources->snapshotCalls, 3);
+
+  // A changed count is a new state of the store: a new generation.
+  auto values = storeValues();
+  values.snapshot->frequentComponents["checkout"] = 9;
+  Fixture changed(values);
+  changed.generator = Generator::withSources(changed.sources, changed.sources, f.cache,
+                                             [] { return kGeneratedAt; });
+  const auto third = changed.generator.generate(std::nullopt, policy);
+  EXPECT_EQ(changed.sources->analysisCalls, 4);
+  ASSERT_FALSE(third.empty());
+  EXPECT_NE(third.front().id(), first.front().id());
+}
+
+TEST(QEVRecommendationsGeneratorTest, NothingIsCachedForAnEmptyResultOrACancellation) {
+  Fixture f(storeValues());
+  f.sources->snapshotMode = CountingSources::Mode::fail;
+  // No snapshot: the frustration rules find no component and no loop.
+  EXPECT_TRUE(f.generator.generate(std::nullopt, QEVRecommendationPolicy()).empty());
+  EXPECT_EQ(f.cache->entryCount(), 0u);
+  EXPECT_EQ(f.sources->analysisCalls, 4);
+  f.generator.generate(std::nullopt, QEVRecommendationPolicy());
+  EXPECT_EQ(f.sources->analysisCalls, 8);
+
+  // A cut of 0: the analyses have been asked, nothing is stored.
+  Fixture zero(storeValues());
+  EXPECT_TRUE(
+      zero.generator
+          .generate(std::nullopt, QEVRecommendationPolicy(0.65, true, true, true, true, false, 0))
+          .empty());
+  EXPECT_EQ(zero.sources->analysisCalls, 4);
+  EXPECT_EQ(zero.cache->entryCount(), 0u);
+}
+
+// A snapshot source that cancels the generation while answering, so the
+// stop arrives between the cache miss and the build.
+class CancellingSnapshot final : public QEVRecommendationMemorySnapshotProviding {
+ public:
+  explicit CancellingSnapshot(std::stop_source s) : source(std::move(s)) {}
+  QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token) const override {
+    source.request_stop();
+    return storeSnapshot();
+  }
+
+ private:
+  mutable std::stop_source source;
+};
+
+TEST(QEVRecommendationsGeneratorTest, CancellationAfterTheMissStoresNothing) {
+  std::stop_source stop;
+  auto sources = std::make_shared<CountingSources>(storeValues());
+  auto cache = std::make_shared<QEVRecommendationCache>([] { return kGeneratedAt; });
+  const Generator generator = Generator::withSources(
+      sources, std::make_shared<CancellingSnapshot>(stop), cache, [] { return kGeneratedAt; });
+  EXPECT_THROW(generator.generate(std::nullopt, QEVRecommendationPolicy(), stop.get_token()),
+               QEVRCancellationError);
+  EXPECT_EQ(sources->analysisCalls, 0);
+  EXPECT_EQ(cache->entryCount(), 0u);
+}
+
+TEST(QEVRecommendationsGeneratorTest, ScreenSequencesAndEdges) {
+  QEVRecommendationContext context;
+  context.generatedAt = kGeneratedAt;
+  QEVMemoryIntelligenceSnapshot snapshot;
+  snapshot.recentScreenSequences = {"Home > Cart", "> Checkout", " > "};
+  snapshot.frequentlyVisitedScreens = {{"Home", 5}, {"Cart", 2}};
+  snapshot.recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart", 2},    {"->Pay", 1},
+                                       {"Home->", 7},     {"A->B->C", 3}, {" X -> Y ", 1}};
+  const QEVRecommendationPolicy policy;
+  auto input = Generator::engineInputs(snapshot, context, std::nullopt, policy);
+  EXPECT_EQ(input.navigationInput.screenSequence,
+            (std::vector<std::string>{"Home", "Cart", "Checkout"}));
+  EXPECT_EQ(input.navigationInput.navigationEdges, (std::vector<Edge>{{"X", "Y", 1},
+                                                                      {std::nullopt, "Pay", 1},
+                                                                      {"A", "C", 3},
+                                                                      {std::nullopt, "Cart", 2},
+                                                                      {"Home", "Cart", 4}}));
+  EXPECT_EQ(input.maxRecommendations, 10);
+  EXPECT_EQ(input.uiInput.generatedAt, kGeneratedAt);
+
+  snapshot.recentScreenSequences = {};
+  input = Generator::engineInputs(snapshot, context, std::nullopt, policy);
+  EXPECT_EQ(input.navigationInput.screenSequence, (std::vector<std::string>{"Home", "Cart"}));
+  EXPECT_EQ(input.uiInput.screenPatterns, (std::vector<std::string>{"Home", "Cart"}));
+
+  input = Generator::engineInputs(std::nullopt, context, QEVExperienceDomain::game(), policy);
+  EXPECT_TRUE(input.navigationInput.screenSequence.empty());
+  EXPECT_TRUE(input.featureInput.availableFeatures.empty());
+  EXPECT_EQ(input.gameplayInput.domain, QEVExperienceDomain::game());
+}
+
+TEST(QEVRecommendationsGeneratorTest, ConfusingComponentsFollowTheFrustrationLevel) {
+  QEVMemoryIntelligenceSnapshot snapshot;
+  snapshot.frequentComponents = {{"search", 3}, {"checkout", 8}};
+  QEVRecommendationContext context;
+  context.frustrationAnalysis = qevr::testing::frustration(QEVFrustrationLevel::low);
+  const QEVRecommendationPolicy policy;
+  EXPECT_TRUE(Generator::engineInputs(snapshot, context, std::nullopt, policy)
+                  .uiInput.confusingComponentIds.empty());
+  context.frustrationAnalysis = qevr::testing::frustration(QEVFrustrationLevel::high);
+  EXPECT_EQ(Generator::engineInputs(snapshot, context, std::nullopt, policy)
+                .uiInput.confusingComponentIds,
+            (std::vector<std::string>{"checkout", "search"}));
+}
+
+TEST(QEVRecommendationsGeneratorTest, CatalogueFilterKeepsMentionedFeatures) {
+  const QEVRecommendationContext context;
+  const QEVRecommendationPolicy policy;
+  QEVMemoryIntelligenceSnapshot snapshot;
+  snapshot.frequentlyVisitedScreens = {{"Data-Package Offers", 1}};
+  snapshot.frequentCustomEvents = {{"SUPPORT_opened", 1}};
+  auto features = Generator::engineInputs(snapshot, context, QEVExperienceDomain::telecom(), policy)
+                      .featureInput.availableFeatures;
+  EXPECT_EQ(features, (std::vector<QEVAvailableFeature>{{"data_package", "Data Package", {}},
+                                                        {"support", "Support", {}}}));
+  snapshot.frequentComponents = {{"home", 1}};
+  EXPECT_TRUE(Generator::engineInputs(snapshot, context, QEVExperienceDomain::game(), policy)
+                  .featureInput.availableFeatures.empty());
+  EXPECT_EQ(Generator::featureCatalogue(QEVExperienceDomain::ecommerce()).size(), 3u);
+  EXPECT_TRUE(Generator::featureCatalogue(QEVExperienceDomain::fintech()).empty());
+  EXPECT_TRUE(Generator::featureCatalogue(std::nullopt).empty());
+}
+
+}  // namespace

@@ -1,0 +1,190 @@
+#include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVMemory/QEVMemoryModule.h>
+#include <QEVMemory/QEVUserGraph.h>
+#include <QEVRCore/QEVRFacade.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRPlatform/FileSystem.h>
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+#include <QEVRecommendations/QEVRecommendationsFacade.h>
+#include <QEVRecommendations/QEVRecommendationsModule.h>
+
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+namespace {
+
+namespace Recommendations = QEVR::Recommendations;
+
+class QEVRecommendationsModuleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QEVR::shutdown();
+    registry().removeAll();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "qevr-recommendations-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    directory = pattern;
+    qevr::setApplicationSupportDirectoryOverride(directory);
+    QEVRecommendationsRuntime::shared().reset();
+  }
+
+  void TearDown() override {
+    QEVR::shutdown();
+    ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(60)));
+    registry().removeAll();
+    QEVRecommendationsRuntime::shared().reset();
+    qevr::setApplicationSupportDirectoryOverride(std::nullopt);
+    std::error_code ignored;
+    std::filesystem::remove_all(directory, ignored);
+  }
+
+  static QEVRModuleRegistry& registry() { return QEVRRuntimeStore::shared().moduleRegistry(); }
+
+  // A user graph on disk with two busy components: enough for the UI
+  // engine to recommend something whenever generation is active.
+  void storeUserGraph() {
+    QEVFileMemoryStore store(directory / "QEVR" / "Memory", qevr::FileSystem::defaultFileSystem(),
+                             std::make_shared<QEVLZFSECompressionEngine>());
+    QEVUserGraph graph;
+    graph.userId = QEVRUUID::random();
+    graph.totalSessions = 6;
+    graph.totalEvents = 60;
+    graph.frequentComponents = {{"checkout", 9}, {"search", 6}};
+    graph.frequentlyVisitedScreens = {{"Home", 12}, {"Cart", 7}};
+    store.saveUserGraph(graph);
+  }
+
+  static QEVRConfiguration configuration(bool fallback) {
+    QEVRConfiguration c;
+    c.appId = "com.example.recommendations-tests";
+    c.logLevel = QEVRLogLevel::off;
+    c.isFallbackRecommendationsEnabled = fallback;
+    return c;
+  }
+
+  std::filesystem::path directory;
+  std::shared_ptr<qevr::CapturingLogSink> sink = std::make_shared<qevr::CapturingLogSink>();
+  qevr::ScopedLogSink scopedSink{sink};
+};
+
+TEST_F(QEVRecommendationsModuleTest, AvailabilityFollowsTheConfiguration) {
+  storeUserGraph();
+  EXPECT_TRUE(Recommendations::generate().empty());  // before any start
+
+  auto module = QEVRecommendationsIntegration::makeModule();
+  EXPECT_EQ(module->identifier(), "com.qevr.recommendations");
+  registry().registerModule(module);
+
+  QEVR::start(configuration(false));
+  EXPECT_TRUE(Recommendations::generate().empty());
+  QEVR::pause();
+  QEVR::resume();
+  EXPECT_TRUE(Recommendations::generate().empty());
+  QEVR::shutdown();
+
+  QEVR::start(configuration(true));
+  EXPECT_FALSE(Recommendations::generate().empty());
+  QEVR::pause();
+  EXPECT_TRUE(Recommendations::generate().empty());
+  QEVR::resume();
+  EXPECT_FALSE(Recommendations::generate().empty());
+  QEVR::shutdown();
+  EXPECT_TRUE(Recommendations::generate().empty());
+
+  EXPECT_EQ(
+      sink->texts("com.qevr.recommendations", "Lifecycle"),
+      (std::vector<std::string>{"Recommendations unavailable by configuration; module inactive",
+                                "Recommendations module started"}));
+}
+
+TEST_F(QEVRecommendationsModuleTest, EachFlagMakesRecommendationsAvailable) {
+  struct Case {
+    bool onDevice, cloud, local, fallback, available;
+  };
+  const Case cases[] = {{false, false, false, false, false},
+                        {true, false, false, false, true},
+                        {false, true, false, false, true},
+                        {false, false, true, false, true},
+                        {false, false, false, true, true}};
+  registry().registerModule(QEVRecommendationsIntegration::makeModule());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.available);
+    sink->clear();
+    QEVRConfiguration config = configuration(c.fallback);
+    config.isOnDeviceAIEnabled = c.onDevice;
+    config.isCloudAIEnabled = c.cloud;
+    config.isLocalLLMEnabled = c.local;
+    QEVR::start(config);
+    EXPECT_EQ(
+        sink->texts("com.qevr.recommendations", "Lifecycle"),
+        std::vector<std::string>{c.available ? "Recommendations module started"
+                                             : "Recommendations unavailable by configuration; "
+                                               "module inactive"});
+    QEVR::shutdown();
+  }
+}
+
+TEST_F(QEVRecommendationsModuleTest, PauseBeforeStartKeepsTheRuntimeInactive) {
+  storeUserGraph();
+  auto module = QEVRecommendationsIntegration::makeModule();
+  module->pause();
+  module->resume();
+  EXPECT_TRUE(Recommendations::generate().empty());
+  module->shutdown();  // safe without a start
+  Recommendations::clearCache();
+  EXPECT_TRUE(Recommendations::generate().empty());
+}
+
+TEST_F(QEVRecommendationsModuleTest, ConcurrentGenerationsDuringStartAndShutdown) {
+  storeUserGraph();
+  registry().registerModule(QEVRecommendationsIntegration::makeModule());
+  std::atomic<bool> done{false};
+  std::atomic<int> calls{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, i] {
+      while (!done.load()) {
+        const auto list =
+            i % 2 == 0 ? Recommendations::generate()
+                       : Recommendations::generate(
+                             QEVExperienceDomain::game(),
+                             QEVRecommendationPolicy::defaultPolicy(QEVExperienceDomain::game()));
+        for (const QEVRecommendation& r : list)
+          EXPECT_GE(r.confidence(), 0.65);
+        if (i == 0) Recommendations::clearCache();
+        ++calls;
+      }
+    });
+  }
+  for (int round = 0; round < 10; ++round) {
+    QEVR::start(configuration(true));
+    QEVR::pause();
+    QEVR::resume();
+    QEVR::shutdown();
+  }
+  done = true;
+  for (std::thread& t : threads)
+    t.join();
+  EXPECT_GT(calls.load(), 0);
+  EXPECT_TRUE(Recommendations::generate().empty());
+}
+
+TEST_F(QEVRecommendationsModuleTest, AsyncFormsGiveTheBlockingResult) {
+  storeUserGraph();
+  registry().registerModule(QEVRecommendationsIntegration::makeModule());
+  QEVR::start(configuration(true));
+  const auto blocking = Recommendations::generate();
+  ASSERT_FALSE(blocking.empty());
+  EXPECT_EQ(Recommendations::generateAsync().get(), blocking);  // cached
+  const QEVRecommendationPolicy none(0.0, true, true, true, false);
+  EXPECT_TRUE(Recommendations::generateAsync(QEVExperienceDomain::mobileApp(), none).get().empty());
+}
+
+}  // namespace
