@@ -3,6 +3,7 @@
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVR/QEVR.h>
 #include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRecommendations/QEVRecommendationsModule.h>
 
 #include <functional>
 #include <memory>
@@ -24,6 +25,8 @@ std::vector<ModuleMaker> defaultModuleMakers() {
       // Third: reads memory only through its facade, and needs nothing of it
       // at start.
       QEVIntelligenceIntegration::makeModule,
+      // Fourth: reads memory and intelligence only through their facades.
+      QEVRecommendationsIntegration::makeModule,
   };
 }
 

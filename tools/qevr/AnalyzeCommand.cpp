@@ -15,7 +15,8 @@ namespace {
 std::string joined(const std::vector<std::string>& items) {
   if (items.empty()) return "-";
   std::string text;
-  for (const std::string& item : items) text += (text.empty() ? "" : "; ") + item;
+  for (const std::string& item : items)
+    text += (text.empty() ? "" : "; ") + item;
   return text;
 }
 
@@ -36,13 +37,12 @@ void printAnalyses(std::ostream& out, const QEVBehaviorSummary& summary,
       << "  signals    " << joined(frustration.signals) << "\n"
       << "  causes     " << joined(frustration.likelyCauses) << "\n"
       << "skill        " << rawValueOf(skill.skillLevel) << ", difficulty "
-      << skill.recommendedDifficultyAdjustment.value_or("-") << " (confidence "
-      << skill.confidence << ")\n"
+      << skill.recommendedDifficultyAdjustment.value_or("-") << " (confidence " << skill.confidence
+      << ")\n"
       << "  evidence   " << joined(skill.evidence) << "\n";
 }
 
-int runAnalyzeCommand(const std::vector<std::string>& args, std::ostream& out,
-                      std::ostream& err) {
+int runAnalyzeCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   std::optional<std::filesystem::path> dataDir;
   std::optional<std::string> snapshotFile;
   std::optional<QEVExperienceDomain> domain;

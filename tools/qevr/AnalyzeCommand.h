@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-int runAnalyzeCommand(const std::vector<std::string>& args, std::ostream& out,
-                      std::ostream& err);
+int runAnalyzeCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 // The readable form of the four analyses, as `qevr analyze` and the demo
 // print them.

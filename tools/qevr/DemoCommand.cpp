@@ -1,11 +1,14 @@
 #include "DemoCommand.h"
 
 #include "AnalyzeCommand.h"
+#include "DemoPersonas.h"
+#include "RecommendCommand.h"
 
 #include "SimulatedUser.h"
 #include "ToolSupport.h"
 
 #include <QEVR/QEVR.h>
+#include <QEVRCore/QEVRRuntimeStore.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
@@ -174,6 +177,54 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
     err << "qevr demo: reading memory failed: " << e.what() << "\n";
     return 1;
   }
+
+  // Two more users, each with a store of their own: what the system
+  // recommends once it has seen one visit of each.
+  struct Persona {
+    const char* name;
+    QEVExperienceDomain domain;
+    std::uint64_t (*visit)();
+  };
+  const Persona personas[] = {
+      {"shopper", QEVExperienceDomain::ecommerce(), visitAsShopper},
+      {"player", QEVExperienceDomain::game(), visitAsPlayer},
+  };
+  try {
+    for (const Persona& persona : personas) {
+      const std::filesystem::path home = *dataDir / persona.name;
+      qevr::setApplicationSupportDirectoryOverride(home);
+      // Modules bind their store when they are made: fresh ones for this
+      // user's directory.
+      QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+      QEVRRegisterDefaultModules();
+      qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
+      QEVR::start(configuration);
+      const std::uint64_t accepted = persona.visit();
+      QEVR::shutdown();
+      // The visit's session and user graphs reach the disk in the background.
+      if (!qevr::waitForBackgroundIdle(std::chrono::seconds(60))) {
+        err << "qevr demo: background work did not finish within 60 s\n";
+        return 1;
+      }
+      QEVR::start(configuration);
+      const auto policy = QEVRecommendationPolicy::defaultPolicy(persona.domain);
+      const std::vector<QEVRecommendation> items =
+          QEVR::Recommendations::generate(persona.domain, policy);
+      QEVR::shutdown();
+      out << "\nrecommendations for the " << persona.name << " ("
+          << experienceDomainLabel(persona.domain) << ", " << accepted << " events, store "
+          << (home / "QEVR" / "Memory").string() << ")\n";
+      printAnalyses(out, QEVR::Intelligence::summarizeBehavior(),
+                    QEVR::Intelligence::analyzeIntent(persona.domain),
+                    QEVR::Intelligence::detectFrustration(),
+                    QEVR::Intelligence::analyzeSkill(persona.domain));
+      printRecommendations(out, items);
+    }
+  } catch (const std::exception& e) {
+    err << "qevr demo: " << e.what() << "\n";
+    return 1;
+  }
+  qevr::setApplicationSupportDirectoryOverride(*dataDir);
   out << "done\n";
   return 0;
 }

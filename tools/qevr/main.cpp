@@ -7,6 +7,7 @@
 
 #include "AnalyzeCommand.h"
 #include "DemoCommand.h"
+#include "RecommendCommand.h"
 #include "SimulateCommand.h"
 #include "SnapshotCommand.h"
 #if __has_include("LzfseCommand.h")
@@ -26,7 +27,10 @@ void printUsage(std::ostream& out) {
          "  snapshot [--data-dir DIR] [--json]\n"
          "                                  the intelligence snapshot of a store (read-only)\n"
          "  analyze [--domain D] [--data-dir DIR | --snapshot FILE] [--json]\n"
-         "                                  the four analyses of a store or a snapshot (read-only)\n"
+         "                                  the four analyses of a store or a snapshot "
+         "(read-only)\n"
+         "  recommend [--domain D] [--policy FILE] [--data-dir DIR | --inputs FILE] [--json]\n"
+         "                                  one generation over a store or exported data\n"
 #ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
          "                                  convert a file to or from the compressed format\n"
@@ -50,6 +54,7 @@ int main(int argc, char** argv) {
   }
   if (command == "demo") return runDemoCommand(rest, std::cout, std::cerr);
   if (command == "simulate") return runSimulateCommand(rest, std::cout, std::cerr);
+  if (command == "recommend") return runRecommendCommand(rest, std::cout, std::cerr);
   if (command == "analyze") return runAnalyzeCommand(rest, std::cout, std::cerr);
   if (command == "snapshot") return runSnapshotCommand(rest, std::cout, std::cerr);
 #ifdef QEVR_TOOL_HAS_LZFSE

@@ -18,6 +18,7 @@
 #include <QEVRCore/QEVRFacade.h>
 #include <QEVRCore/QEVRModule.h>
 #include <QEVRPlatform/Export.h>
+#include <QEVRecommendations/QEVRecommendationsFacade.h>
 
 #include <memory>
 
