@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -49,28 +52,86 @@ std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& direc
   return found;
 }
 
-// Reads every chunk and session graph to learn its date. Any file that does
-// not decode ends the run here, before a single file has been removed.
+bool identityLess(const qevr::FileIdentity& a, const qevr::FileIdentity& b) {
+  return std::tie(a.device, a.inode, a.size, a.modifiedNanoseconds) <
+         std::tie(b.device, b.inode, b.size, b.modifiedNanoseconds);
+}
+
+bool memoLess(const QEVMemoryPruner::RememberedDate& a, const QEVMemoryPruner::RememberedDate& b) {
+  return identityLess(a.identity, b.identity);
+}
+
+std::optional<QEVRDate> lookUp(const QEVMemoryPruner::DateMemo& memo,
+                               const qevr::FileIdentity& identity) {
+  const auto found = std::lower_bound(
+      memo.begin(), memo.end(), identity,
+      [](const QEVMemoryPruner::RememberedDate& entry, const qevr::FileIdentity& wanted) {
+        return identityLess(entry.identity, wanted);
+      });
+  if (found == memo.end() || !(found->identity == identity)) return std::nullopt;
+  return found->date;
+}
+
+// Learns the dates of a run's files: from the memo of earlier runs when a
+// file's identity is unchanged, else by reading and decoding it. `seen`
+// collects what this run knows, for the next.
+class DateReader {
+ public:
+  DateReader(qevr::FileSystem& fileSystem, const QEVMemoryPruner::DateMemo& known)
+      : files(fileSystem), memo(known) {}
+
+  template <typename Decode>
+  QEVRDate dateOf(const fs::path& file, Decode decode) {
+    const std::optional<qevr::FileIdentity> before = files.fileIdentity(file);
+    if (before) {
+      if (const std::optional<QEVRDate> date = lookUp(memo, *before)) {
+        keep(*before, *date);
+        return *date;
+      }
+    }
+    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    const QEVRDate date = decode(asText(bytes));
+    // Only bytes known to belong to one identity are remembered: a file
+    // replaced while it was read is read again next time.
+    if (before && files.fileIdentity(file) == before) keep(*before, date);
+    return date;
+  }
+
+  QEVMemoryPruner::DateMemo& seen() { return found; }
+
+ private:
+  void keep(const qevr::FileIdentity& identity, QEVRDate date) {
+    if (found.size() < QEVMemoryPruner::maxRememberedDates) found.push_back({identity, date});
+  }
+
+  qevr::FileSystem& files;
+  const QEVMemoryPruner::DateMemo& memo;
+  QEVMemoryPruner::DateMemo found;
+};
+
+// Learns every chunk's and session graph's date. Any file that does not
+// decode ends the run here, before a single file has been removed.
 std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& root,
-                                      const std::stop_token& stop) {
+                                      DateReader& dates, const std::stop_token& stop) {
   // The block format of a chunk file carries its own length, so any LZFSE
   // engine with the standard limit reads what the store wrote.
   const QEVLZFSECompressionEngine engine;
   std::vector<Candidate> all;
   for (const fs::path& file : jsonFilesIn(files, root / "events")) {
     qevr::checkCancellation(stop);
-    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
-    const QEVMemoryEventChunk chunk = decodeStoredChunkFile(asText(bytes), engine);
-    all.push_back({file, Candidate::Kind::event, chunk.closedAt.value_or(chunk.createdAt),
-                   files.fileSize(file).value_or(0)});
+    const QEVRDate date = dates.dateOf(file, [&engine](std::string_view text) {
+      const QEVMemoryEventChunk chunk = decodeStoredChunkFile(text, engine);
+      return chunk.closedAt.value_or(chunk.createdAt);
+    });
+    all.push_back({file, Candidate::Kind::event, date, files.fileSize(file).value_or(0)});
   }
   for (const fs::path& file : jsonFilesIn(files, root / "sessions")) {
     qevr::checkCancellation(stop);
-    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
-    const QEVSessionGraph graph = QEVSessionGraph::fromJSON(asText(bytes));
-    all.push_back({file, Candidate::Kind::session,
-                   graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast)),
-                   files.fileSize(file).value_or(0)});
+    const QEVRDate date = dates.dateOf(file, [](std::string_view text) {
+      const QEVSessionGraph graph = QEVSessionGraph::fromJSON(text);
+      return graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast));
+    });
+    all.push_back({file, Candidate::Kind::session, date, files.fileSize(file).value_or(0)});
   }
   return all;
 }
@@ -131,7 +192,31 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
 }  // namespace
 
 QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileSystem)
-    : root(std::move(rootDirectory)), files(fileSystem) {}
+    : root(std::move(rootDirectory)), files(fileSystem), memo(std::make_shared<const DateMemo>()) {}
+
+std::shared_ptr<const QEVMemoryPruner::DateMemo> QEVMemoryPruner::rememberedDates() const {
+  qevr::MutexLock guard(memoLock);
+  return memo;
+}
+
+void QEVMemoryPruner::remember(std::shared_ptr<const DateMemo> next) const {
+  std::shared_ptr<const DateMemo> old;
+  qevr::MutexLock guard(memoLock);
+  old = std::exchange(memo, std::move(next));
+  // `old` is freed after the lock is released, as locals go in reverse.
+}
+
+std::size_t QEVMemoryPruner::removeAbandonedTemporaries() const {
+  std::size_t removed = 0;
+  for (const char* directory : {"events", "sessions", "user"}) {
+    removed += files.removeAbandonedTemporaries(root / directory);
+  }
+  return removed;
+}
+
+std::size_t QEVMemoryPruner::rememberedDateCount() const {
+  return rememberedDates()->size();
+}
 
 QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
                                                std::stop_token stop) const {
@@ -143,7 +228,31 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
       qevr::detachTask(qevr::TaskPriority::background, [&](std::stop_token) {
         qevr::checkCancellation(stop);
         const QEVRDate now = qevr::now();
-        const std::vector<Candidate> all = listCandidates(files, root, stop);
+        const std::shared_ptr<const DateMemo> known = rememberedDates();
+        DateReader dates(files, *known);
+        std::vector<Candidate> all;
+        try {
+          all = listCandidates(files, root, dates, stop);
+        } catch (...) {
+          // The run saw only part of the store: what it learnt joins what
+          // was known, and nothing is forgotten yet. A store stuck on a
+          // damaged file thus reads only that file on later runs.
+          DateMemo merged = std::move(dates.seen());
+          merged.insert(merged.end(), known->begin(), known->end());
+          std::stable_sort(merged.begin(), merged.end(), memoLess);
+          merged.erase(std::unique(merged.begin(), merged.end(),
+                                   [](const RememberedDate& a, const RememberedDate& b) {
+                                     return a.identity == b.identity;
+                                   }),
+                       merged.end());
+          if (merged.size() > maxRememberedDates) merged.resize(maxRememberedDates);
+          remember(std::make_shared<const DateMemo>(std::move(merged)));
+          throw;
+        }
+        // Files that are gone drop out here: only what this run saw stays.
+        DateMemo seen = std::move(dates.seen());
+        std::sort(seen.begin(), seen.end(), memoLess);
+        remember(std::make_shared<const DateMemo>(std::move(seen)));
         const std::vector<bool> marked = markForDeletion(all, options, now);
 
         // Runs may overlap, so a marked file can already be gone; that is

@@ -11,6 +11,7 @@
 
 #include <QEVRPlatform/Export.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -18,6 +19,16 @@
 #include <vector>
 
 namespace qevr {
+
+// Which file a path names and which version of it: device, inode, size and
+// modification time in nanoseconds.
+struct FileIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::uint64_t size = 0;
+  std::int64_t modifiedNanoseconds = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
 
 class QEVR_API FileSystem {
  public:
@@ -37,8 +48,9 @@ class QEVR_API FileSystem {
   // Creates the directory and any missing parents. Existing ones are fine.
   virtual void createDirectories(const std::filesystem::path& path);
 
-  // Reads a whole regular file. Fails with EFBIG, before reading, when the
-  // file is larger than `maxBytes`.
+  // Reads a whole regular file. Anything else (a directory, FIFO, socket or
+  // device) fails at once, without blocking, with EISDIR or EINVAL. Fails
+  // with EFBIG, before reading, when the file is larger than `maxBytes`.
   virtual std::vector<std::uint8_t> readFile(const std::filesystem::path& path,
                                              std::uint64_t maxBytes);
 
@@ -59,6 +71,17 @@ class QEVR_API FileSystem {
 
   // The logical size of a file or directory entry; absent if unreadable.
   virtual std::optional<std::uint64_t> fileSize(const std::filesystem::path& path);
+
+  // What readFile(path) would read, as of now (symbolic links followed);
+  // absent if it cannot be looked at. Files here are replaced whole, never
+  // changed in place, so an unchanged identity means unchanged contents.
+  virtual std::optional<FileIdentity> fileIdentity(const std::filesystem::path& path);
+
+  // Removes the temporaries that writeFileAtomically left in `directory`
+  // when its process died mid-write. Those of writes that may still be
+  // running (in this process or another live one) stay. Returns how many
+  // went; a missing directory has none, and nothing here throws.
+  virtual std::size_t removeAbandonedTemporaries(const std::filesystem::path& directory);
 
   // Removes a file, or a directory with everything below it. A path that
   // does not exist is an error (ENOENT).
@@ -92,6 +115,12 @@ class QEVR_API FileSystemWrapper : public FileSystem {
   }
   std::optional<std::uint64_t> fileSize(const std::filesystem::path& p) override {
     return base.fileSize(p);
+  }
+  std::optional<FileIdentity> fileIdentity(const std::filesystem::path& p) override {
+    return base.fileIdentity(p);
+  }
+  std::size_t removeAbandonedTemporaries(const std::filesystem::path& directory) override {
+    return base.removeAbandonedTemporaries(directory);
   }
   void removeItem(const std::filesystem::path& p) override { base.removeItem(p); }
 
