@@ -53,8 +53,8 @@ std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& direc
 }
 
 bool identityLess(const qevr::FileIdentity& a, const qevr::FileIdentity& b) {
-  return std::tie(a.device, a.inode, a.size, a.modifiedNanoseconds) <
-         std::tie(b.device, b.inode, b.size, b.modifiedNanoseconds);
+  return std::tie(a.device, a.inode, a.size, a.modifiedNanoseconds, a.isRegularFile) <
+         std::tie(b.device, b.inode, b.size, b.modifiedNanoseconds, b.isRegularFile);
 }
 
 bool memoLess(const QEVMemoryPruner::RememberedDate& a, const QEVMemoryPruner::RememberedDate& b) {
@@ -72,21 +72,32 @@ std::optional<QEVRDate> lookUp(const QEVMemoryPruner::DateMemo& memo,
   return found->date;
 }
 
+// What a run learns of one file.
+struct FileFacts {
+  QEVRDate date;
+  std::uint64_t byteCount = 0;
+};
+
 // Learns the dates of a run's files: from the memo of earlier runs when a
-// file's identity is unchanged, else by reading and decoding it. `seen`
-// collects what this run knows, for the next.
+// file's identity is unchanged, else by reading and decoding it. One lstat
+// per file gives both the identity and the size. `seen` collects what this
+// run knows, for the next.
 class DateReader {
  public:
   DateReader(qevr::FileSystem& fileSystem, const QEVMemoryPruner::DateMemo& known)
       : files(fileSystem), memo(known) {}
 
   template <typename Decode>
-  QEVRDate dateOf(const fs::path& file, Decode decode) {
-    const std::optional<qevr::FileIdentity> before = files.fileIdentity(file);
+  FileFacts factsOf(const fs::path& file, Decode decode) {
+    // Only a plain file is remembered: a link's own identity says nothing
+    // of what it points to.
+    std::optional<qevr::FileIdentity> before = files.fileIdentity(file);
+    if (before && !before->isRegularFile) before.reset();
+    const std::uint64_t size = before ? before->size : files.fileSize(file).value_or(0);
     if (before) {
       if (const std::optional<QEVRDate> date = lookUp(memo, *before)) {
         keep(*before, *date);
-        return *date;
+        return {*date, size};
       }
     }
     const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
@@ -94,7 +105,7 @@ class DateReader {
     // Only bytes known to belong to one identity are remembered: a file
     // replaced while it was read is read again next time.
     if (before && files.fileIdentity(file) == before) keep(*before, date);
-    return date;
+    return {date, size};
   }
 
   QEVMemoryPruner::DateMemo& seen() { return found; }
@@ -119,19 +130,19 @@ std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& r
   std::vector<Candidate> all;
   for (const fs::path& file : jsonFilesIn(files, root / "events")) {
     qevr::checkCancellation(stop);
-    const QEVRDate date = dates.dateOf(file, [&engine](std::string_view text) {
+    const FileFacts facts = dates.factsOf(file, [&engine](std::string_view text) {
       const QEVMemoryEventChunk chunk = decodeStoredChunkFile(text, engine);
       return chunk.closedAt.value_or(chunk.createdAt);
     });
-    all.push_back({file, Candidate::Kind::event, date, files.fileSize(file).value_or(0)});
+    all.push_back({file, Candidate::Kind::event, facts.date, facts.byteCount});
   }
   for (const fs::path& file : jsonFilesIn(files, root / "sessions")) {
     qevr::checkCancellation(stop);
-    const QEVRDate date = dates.dateOf(file, [](std::string_view text) {
+    const FileFacts facts = dates.factsOf(file, [](std::string_view text) {
       const QEVSessionGraph graph = QEVSessionGraph::fromJSON(text);
       return graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast));
     });
-    all.push_back({file, Candidate::Kind::session, date, files.fileSize(file).value_or(0)});
+    all.push_back({file, Candidate::Kind::session, facts.date, facts.byteCount});
   }
   return all;
 }

@@ -20,13 +20,15 @@
 
 namespace qevr {
 
-// Which file a path names and which version of it: device, inode, size and
-// modification time in nanoseconds.
+// Which file a directory entry is and which version of it: device, inode,
+// size and modification time in nanoseconds, and whether it is a plain
+// regular file (not a link, directory, FIFO, socket or device).
 struct FileIdentity {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
   std::uint64_t size = 0;
   std::int64_t modifiedNanoseconds = 0;
+  bool isRegularFile = false;
   bool operator==(const FileIdentity&) const = default;
 };
 
@@ -72,9 +74,10 @@ class QEVR_API FileSystem {
   // The logical size of a file or directory entry; absent if unreadable.
   virtual std::optional<std::uint64_t> fileSize(const std::filesystem::path& path);
 
-  // What readFile(path) would read, as of now (symbolic links followed);
-  // absent if it cannot be looked at. Files here are replaced whole, never
-  // changed in place, so an unchanged identity means unchanged contents.
+  // The entry at `path` as of now, with one lstat: a symbolic link is not
+  // followed, and `size` is what fileSize gives. Absent if it cannot be
+  // looked at. Files here are replaced whole, never changed in place, so a
+  // regular file whose identity is unchanged has unchanged contents.
   virtual std::optional<FileIdentity> fileIdentity(const std::filesystem::path& path);
 
   // Removes the temporaries that writeFileAtomically left in `directory`

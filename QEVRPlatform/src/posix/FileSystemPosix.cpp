@@ -219,7 +219,7 @@ std::optional<std::uint64_t> FileSystem::fileSize(const fs::path& path) {
 
 std::optional<FileIdentity> FileSystem::fileIdentity(const fs::path& path) {
   struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
 #if defined(__APPLE__)
   const struct timespec& modified = st.st_mtimespec;
 #else
@@ -228,7 +228,8 @@ std::optional<FileIdentity> FileSystem::fileIdentity(const fs::path& path) {
   return FileIdentity{static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
                       static_cast<std::uint64_t>(st.st_size),
                       static_cast<std::int64_t>(modified.tv_sec) * 1'000'000'000 +
-                          static_cast<std::int64_t>(modified.tv_nsec)};
+                          static_cast<std::int64_t>(modified.tv_nsec),
+                      S_ISREG(st.st_mode)};
 }
 
 namespace {
