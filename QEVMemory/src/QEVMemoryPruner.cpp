@@ -45,10 +45,11 @@ std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
 
 // The "*.json" children of `directory` in listing order; none when it is
 // absent. Sub-directories' contents are never looked at.
-std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
+// Each comes with its identity, taken as it was listed.
+std::vector<qevr::DirectoryEntry> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
   if (!files.exists(directory)) return {};
-  std::vector<fs::path> found = files.listDirectory(directory);
-  std::erase_if(found, [](const fs::path& p) { return p.extension() != ".json"; });
+  std::vector<qevr::DirectoryEntry> found = files.listDirectoryWithIdentities(directory);
+  std::erase_if(found, [](const qevr::DirectoryEntry& e) { return e.path.extension() != ".json"; });
   return found;
 }
 
@@ -79,21 +80,24 @@ struct FileFacts {
 };
 
 // Learns the dates of a run's files: from the memo of earlier runs when a
-// file's identity is unchanged, else by reading and decoding it. One lstat
-// per file gives both the identity and the size. `seen` collects what this
-// run knows, for the next.
+// file's identity is unchanged, else by reading and decoding it. The
+// listing's identity gives the size too, so a known file costs no further
+// system call. `seen` collects what this run knows, for the next.
 class DateReader {
  public:
   DateReader(qevr::FileSystem& fileSystem, const QEVMemoryPruner::DateMemo& known)
       : files(fileSystem), memo(known) {}
 
   template <typename Decode>
-  FileFacts factsOf(const fs::path& file, Decode decode) {
+  FileFacts factsOf(const qevr::DirectoryEntry& entry, Decode decode) {
+    const fs::path& file = entry.path;
+    // The size is the entry's own, a link's included, as fileSize gives it.
+    const std::uint64_t size =
+        entry.identity ? entry.identity->size : files.fileSize(file).value_or(0);
     // Only a plain file is remembered: a link's own identity says nothing
     // of what it points to.
-    std::optional<qevr::FileIdentity> before = files.fileIdentity(file);
+    std::optional<qevr::FileIdentity> before = entry.identity;
     if (before && !before->isRegularFile) before.reset();
-    const std::uint64_t size = before ? before->size : files.fileSize(file).value_or(0);
     if (before) {
       if (const std::optional<QEVRDate> date = lookUp(memo, *before)) {
         keep(*before, *date);
@@ -101,6 +105,7 @@ class DateReader {
       }
     }
     const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    bytesRead += bytes.size();
     const QEVRDate date = decode(asText(bytes));
     // Only bytes known to belong to one identity are remembered: a file
     // replaced while it was read is read again next time.
@@ -109,6 +114,7 @@ class DateReader {
   }
 
   QEVMemoryPruner::DateMemo& seen() { return found; }
+  std::uint64_t readBytes() const { return bytesRead; }
 
  private:
   void keep(const qevr::FileIdentity& identity, QEVRDate date) {
@@ -118,7 +124,13 @@ class DateReader {
   qevr::FileSystem& files;
   const QEVMemoryPruner::DateMemo& memo;
   QEVMemoryPruner::DateMemo found;
+  std::uint64_t bytesRead = 0;
 };
+
+// Reading this much in a run leaves enough freed memory behind to be worth
+// handing back; a run that read a chunk or two does not, and trimming the
+// heap costs a system call per free block even when nothing is returned.
+constexpr std::uint64_t kReleaseAfterReadingBytes = 1'048'576;
 
 // Learns every chunk's and session graph's date. Any file that does not
 // decode ends the run here, before a single file has been removed.
@@ -128,21 +140,21 @@ std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& r
   // engine with the standard limit reads what the store wrote.
   const QEVLZFSECompressionEngine engine;
   std::vector<Candidate> all;
-  for (const fs::path& file : jsonFilesIn(files, root / "events")) {
+  for (const qevr::DirectoryEntry& file : jsonFilesIn(files, root / "events")) {
     qevr::checkCancellation(stop);
     const FileFacts facts = dates.factsOf(file, [&engine](std::string_view text) {
       const QEVMemoryEventChunk chunk = decodeStoredChunkFile(text, engine);
       return chunk.closedAt.value_or(chunk.createdAt);
     });
-    all.push_back({file, Candidate::Kind::event, facts.date, facts.byteCount});
+    all.push_back({file.path, Candidate::Kind::event, facts.date, facts.byteCount});
   }
-  for (const fs::path& file : jsonFilesIn(files, root / "sessions")) {
+  for (const qevr::DirectoryEntry& file : jsonFilesIn(files, root / "sessions")) {
     qevr::checkCancellation(stop);
     const FileFacts facts = dates.factsOf(file, [](std::string_view text) {
       const QEVSessionGraph graph = QEVSessionGraph::fromJSON(text);
       return graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast));
     });
-    all.push_back({file, Candidate::Kind::session, facts.date, facts.byteCount});
+    all.push_back({file.path, Candidate::Kind::session, facts.date, facts.byteCount});
   }
   return all;
 }
@@ -235,6 +247,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
 
   // A run decodes the whole store and takes long; at background priority a
   // thread waiting on a chunk save never picks it up while helping.
+  std::uint64_t readBytes = 0;
   const QEVMemoryPruningSummary summary =
       qevr::detachTask(qevr::TaskPriority::background, [&](std::stop_token) {
         qevr::checkCancellation(stop);
@@ -260,6 +273,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
           remember(std::make_shared<const DateMemo>(std::move(merged)));
           throw;
         }
+        readBytes = dates.readBytes();
         // Files that are gone drop out here: only what this run saw stays.
         DateMemo seen = std::move(dates.seen());
         std::sort(seen.begin(), seen.end(), memoLess);
@@ -284,7 +298,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         return result;
       }).value();
 
-  qevr::releaseFreeMemory();
+  if (readBytes >= kReleaseAfterReadingBytes) qevr::releaseFreeMemory();
   qevr::platformLog("QEVMemory", "Pruning", qevr::LogType::info,
                     "Pruned " + std::to_string(summary.deletedEventChunks) + " event chunks and " +
                         std::to_string(summary.deletedSessionGraphs) + " session graphs, freed " +

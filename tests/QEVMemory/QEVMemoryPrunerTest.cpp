@@ -56,13 +56,23 @@ class ScriptedFileSystem final : public qevr::FileSystemWrapper {
     if (auto it = sizes.find(p.filename()); it != sizes.end()) return it->second;
     return FileSystemWrapper::fileSize(p);
   }
+  std::vector<qevr::DirectoryEntry> listDirectoryWithIdentities(const fs::path& p) override {
+    ++calls;
+    std::vector<qevr::DirectoryEntry> entries = FileSystemWrapper::listDirectoryWithIdentities(p);
+    for (qevr::DirectoryEntry& entry : entries)
+      withMadeUpSize(entry.path, entry.identity);
+    return entries;
+  }
   std::optional<qevr::FileIdentity> fileIdentity(const fs::path& p) override {
     ++calls;
     std::optional<qevr::FileIdentity> identity = FileSystemWrapper::fileIdentity(p);
+    withMadeUpSize(p, identity);
+    return identity;
+  }
+  void withMadeUpSize(const fs::path& p, std::optional<qevr::FileIdentity>& identity) {
     if (auto it = sizes.find(p.filename()); identity && it != sizes.end()) {
       identity->size = it->second;
     }
-    return identity;
   }
   std::vector<std::uint8_t> readFile(const fs::path& p, std::uint64_t maxBytes) override {
     ++calls;

@@ -150,6 +150,16 @@ TEST_F(FileSystemTest, IdentityFollowsReplacementNotThePath) {
   EXPECT_FALSE(link->isRegularFile);
   EXPECT_EQ(link->size, files.fileSize(root / "link.json"));
   EXPECT_NE(link->inode, first->inode);
+  // A listing gives every child with the identity fileIdentity gives.
+  std::vector<qevr::DirectoryEntry> listed = files.listDirectoryWithIdentities(root);
+  std::sort(listed.begin(), listed.end(),
+            [](const auto& a, const auto& b) { return a.path < b.path; });
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed[0].path, file);
+  EXPECT_EQ(listed[0].identity, first);
+  EXPECT_EQ(listed[1].path, root / "link.json");
+  EXPECT_EQ(listed[1].identity, link);
+  EXPECT_EQ(errnoOf([&] { files.listDirectoryWithIdentities(root / "missing"); }), ENOENT);
   // Replaced with the very same bytes: a new file all the same.
   files.writeFileAtomically(file, bytesOf("same"));
   EXPECT_NE(files.fileIdentity(file), first);

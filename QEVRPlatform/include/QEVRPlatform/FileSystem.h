@@ -32,6 +32,13 @@ struct FileIdentity {
   bool operator==(const FileIdentity&) const = default;
 };
 
+// A child of a directory and its identity as the listing found it (absent
+// if the entry could not be looked at, e.g. it went in between).
+struct DirectoryEntry {
+  std::filesystem::path path;
+  std::optional<FileIdentity> identity;
+};
+
 class QEVR_API FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -66,6 +73,11 @@ class QEVR_API FileSystem {
 
   // The direct children of a directory, hidden ones included, in no order.
   virtual std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& path);
+
+  // listDirectory with fileIdentity of each child, in one pass over the
+  // open directory (no path is resolved again per child).
+  virtual std::vector<DirectoryEntry> listDirectoryWithIdentities(
+      const std::filesystem::path& path);
 
   // Every file and directory below `root`, recursively, without following
   // symbolic links. Empty when `root` does not exist.
@@ -112,6 +124,9 @@ class QEVR_API FileSystemWrapper : public FileSystem {
   }
   std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& p) override {
     return base.listDirectory(p);
+  }
+  std::vector<DirectoryEntry> listDirectoryWithIdentities(const std::filesystem::path& p) override {
+    return base.listDirectoryWithIdentities(p);
   }
   std::vector<std::filesystem::path> walk(const std::filesystem::path& p) override {
     return base.walk(p);

@@ -217,9 +217,9 @@ std::optional<std::uint64_t> FileSystem::fileSize(const fs::path& path) {
   return static_cast<std::uint64_t>(st.st_size);
 }
 
-std::optional<FileIdentity> FileSystem::fileIdentity(const fs::path& path) {
-  struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
+namespace {
+
+FileIdentity identityOf(const struct stat& st) {
 #if defined(__APPLE__)
   const struct timespec& modified = st.st_mtimespec;
 #else
@@ -230,6 +230,43 @@ std::optional<FileIdentity> FileSystem::fileIdentity(const fs::path& path) {
                       static_cast<std::int64_t>(modified.tv_sec) * 1'000'000'000 +
                           static_cast<std::int64_t>(modified.tv_nsec),
                       S_ISREG(st.st_mode)};
+}
+
+}  // namespace
+
+std::optional<FileIdentity> FileSystem::fileIdentity(const fs::path& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
+  return identityOf(st);
+}
+
+std::vector<DirectoryEntry> FileSystem::listDirectoryWithIdentities(const fs::path& path) {
+  DIR* directory = ::opendir(path.c_str());
+  if (directory == nullptr) throwErrno(errno, "list", path);
+  std::vector<DirectoryEntry> entries;
+  try {
+    for (;;) {
+      errno = 0;
+      const dirent* entry = ::readdir(directory);
+      if (entry == nullptr) {
+        if (errno != 0) throwErrno(errno, "list", path);
+        break;
+      }
+      const std::string_view name(entry->d_name);
+      if (name == "." || name == "..") continue;
+      struct stat st {};
+      std::optional<FileIdentity> identity;
+      if (::fstatat(::dirfd(directory), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        identity = identityOf(st);
+      }
+      entries.push_back({path / name, identity});
+    }
+  } catch (...) {
+    ::closedir(directory);
+    throw;
+  }
+  ::closedir(directory);
+  return entries;
 }
 
 namespace {
