@@ -6,6 +6,7 @@
 #include <QEVRPlatform/Tasks.h>
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 #include <optional>
 #include <string>
@@ -127,10 +128,13 @@ class DateReader {
   std::uint64_t bytesRead = 0;
 };
 
-// Reading this much in a run leaves enough freed memory behind to be worth
-// handing back; a run that read a chunk or two does not, and trimming the
-// heap costs a system call per free block even when nothing is returned.
+// Trimming the heap costs a system call per free block even when nothing is
+// returned, more than the rest of a run that read nothing. So it follows a
+// run that read this much, which leaves plenty freed behind, and otherwise
+// at most once in this long, so that resident memory still follows what is
+// in use while chunks keep coming.
 constexpr std::uint64_t kReleaseAfterReadingBytes = 1'048'576;
+constexpr std::chrono::seconds kReleaseAtLeastEvery{10};
 
 // Learns every chunk's and session graph's date. Any file that does not
 // decode ends the run here, before a single file has been removed.
@@ -298,7 +302,16 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         return result;
       }).value();
 
-  if (readBytes >= kReleaseAfterReadingBytes) qevr::releaseFreeMemory();
+  const std::int64_t nowTicks = std::chrono::steady_clock::now().time_since_epoch().count();
+  std::int64_t last = lastRelease.load(std::memory_order_relaxed);
+  const auto every =
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(kReleaseAtLeastEvery).count();
+  if (readBytes >= kReleaseAfterReadingBytes ||
+      (nowTicks - last >= every &&
+       lastRelease.compare_exchange_strong(last, nowTicks, std::memory_order_relaxed))) {
+    lastRelease.store(nowTicks, std::memory_order_relaxed);
+    qevr::releaseFreeMemory();
+  }
   qevr::platformLog("QEVMemory", "Pruning", qevr::LogType::info,
                     "Pruned " + std::to_string(summary.deletedEventChunks) + " event chunks and " +
                         std::to_string(summary.deletedSessionGraphs) + " session graphs, freed " +

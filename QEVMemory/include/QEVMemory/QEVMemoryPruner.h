@@ -9,6 +9,7 @@
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -25,10 +26,10 @@ struct QEVR_API QEVMemoryPruningSummary {
 
 // Runs may overlap and meet in the file system. Each file's date is
 // remembered from one run to the next, keyed by the file's identity, so a
-// run over an unchanged store reads no file; the memo is the pruner's only
-// mutable state, behind its own lock (a const pruner is shared by the module
-// and the chunk writer). A file is read again once its identity changes, a
-// damaged file is never remembered, and files that are gone are forgotten.
+// run over an unchanged store reads no file. The memo is mutable state
+// behind its own lock (a const pruner is shared by the module and the chunk
+// writer); the time of the last heap trim is the only other, an atomic. A file is read again once
+// its identity changes, a damaged file is never remembered, and files that are gone are forgotten.
 class QEVR_API QEVMemoryPruner {
  public:
   struct PruningCandidate {
@@ -57,8 +58,8 @@ class QEVR_API QEVMemoryPruner {
 
   const std::filesystem::path& rootDirectory() const { return root; }
 
-  // At most this many dates are remembered (40 bytes each); files past it
-  // are read on every run.
+  // At most this many dates are remembered (48 bytes each, 3 MiB in all);
+  // files past it are read on every run.
   static constexpr std::size_t maxRememberedDates = 65'536;
 
   // A file's date as last decoded, for the identity it had then.
@@ -80,6 +81,10 @@ class QEVR_API QEVMemoryPruner {
 
   // Guards the pointer only: a run reads a memo that is never changed once
   // published, and publishes a new one when it ends.
+  // steady_clock ticks of the last heap trim after a run; runs that read
+  // little trim at most every few seconds.
+  mutable std::atomic<std::int64_t> lastRelease{0};
+
   mutable qevr::Mutex memoLock;
   mutable std::shared_ptr<const DateMemo> memo QEVR_GUARDED_BY(memoLock);
 };
