@@ -149,32 +149,38 @@ QEVFileMemoryStore::QEVFileMemoryStore(
                                : std::make_shared<const NoCompressionEngine>()) {}
 
 void QEVFileMemoryStore::saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop) {
-  runFileWork(stop, [&] {
-    const fs::path target = root / kEventsDirectory / fileNameFor(chunk.id);
-    files.createDirectories(target.parent_path());
+  runFileWork(stop, [&] { writeEventChunk(chunk); });
+}
 
-    const std::string raw = chunk.toJSON();
-    const auto rawLength = static_cast<std::int64_t>(raw.size());
-    QEVStoredEventChunk envelope{QEVCompressionType::none, rawLength, {}};
+void QEVFileMemoryStore::saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) {
+  writeEventChunk(chunk);
+}
 
-    std::optional<std::vector<std::uint8_t>> compressed;
-    if (engine->compressionType() != QEVCompressionType::none) {
-      // A chunk that cannot be compressed is still worth keeping: any
-      // failure here just means it goes to disk as plain JSON.
-      try {
-        compressed = engine->compress(std::vector<std::uint8_t>(raw.begin(), raw.end()));
-      } catch (const std::exception&) {
-        compressed.reset();
-      }
+void QEVFileMemoryStore::writeEventChunk(const QEVMemoryEventChunk& chunk) {
+  const fs::path target = root / kEventsDirectory / fileNameFor(chunk.id);
+  files.createDirectories(target.parent_path());
+
+  const std::string raw = chunk.toJSON();
+  const auto rawLength = static_cast<std::int64_t>(raw.size());
+  QEVStoredEventChunk envelope{QEVCompressionType::none, rawLength, {}};
+
+  std::optional<std::vector<std::uint8_t>> compressed;
+  if (engine->compressionType() != QEVCompressionType::none) {
+    // A chunk that cannot be compressed is still worth keeping: any
+    // failure here just means it goes to disk as plain JSON.
+    try {
+      compressed = engine->compress(std::vector<std::uint8_t>(raw.begin(), raw.end()));
+    } catch (const std::exception&) {
+      compressed.reset();
     }
-    if (compressed && compressed->size() < raw.size()) {
-      envelope.compressionType = engine->compressionType();
-      envelope.payload = std::move(*compressed);
-    } else {
-      envelope.payload.assign(raw.begin(), raw.end());
-    }
-    writeJSON(files, target, envelope.toJSON());
-  });
+  }
+  if (compressed && compressed->size() < raw.size()) {
+    envelope.compressionType = engine->compressionType();
+    envelope.payload = std::move(*compressed);
+  } else {
+    envelope.payload.assign(raw.begin(), raw.end());
+  }
+  writeJSON(files, target, envelope.toJSON());
 }
 
 std::vector<QEVMemoryEventChunk> QEVFileMemoryStore::loadEventChunks(std::stop_token stop) {

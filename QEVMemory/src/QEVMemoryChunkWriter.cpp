@@ -88,8 +88,10 @@ void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk)
   if (!chunk) return;
   if (shared->inFlight.fetch_add(1, std::memory_order_acq_rel) >= maxPendingSaves) {
     // The disk is behind: save here, which paces the host to the disk
-    // instead of queueing chunks without bound.
-    shared->saveThenPrune(*chunk);
+    // instead of queueing chunks without bound. Directly, not through a task
+    // to wait on: a waiting thread runs other queued saves and graph jobs
+    // meanwhile, and the host would pay for all of them.
+    shared->saveThenPrune(*chunk, /*onCallingThread=*/true);
     shared->inFlight.fetch_sub(1, std::memory_order_acq_rel);
     return;
   }
@@ -97,14 +99,19 @@ void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk)
   // before its saves finish.
   qevr::detachTask(qevr::TaskPriority::utility,
                    [state = shared, saved = std::move(*chunk)](std::stop_token) {
-                     state->saveThenPrune(saved);
+                     state->saveThenPrune(saved, /*onCallingThread=*/false);
                      state->inFlight.fetch_sub(1, std::memory_order_acq_rel);
                    });
 }
 
-void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk) {
+void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk,
+                                                 bool onCallingThread) {
   try {
-    store->saveEventChunk(chunk);
+    if (onCallingThread) {
+      store->saveEventChunkOnCallingThread(chunk);
+    } else {
+      store->saveEventChunk(chunk);
+    }
   } catch (...) {
     return;  // The chunk is lost; there is no retry and no pruning.
   }

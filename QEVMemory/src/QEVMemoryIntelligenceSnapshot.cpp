@@ -71,7 +71,7 @@ QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store, std::s
       const std::string target = redactedSnapshotText(edge.to);
       if (target.empty()) continue;
       key.append("->").append(target);
-      patterns[key] += edge.count;
+      qevr::memory::addSaturating(patterns[key], edge.count);
     }
   }
   for (size_t i = 0; i < recentCount; ++i) {
@@ -106,7 +106,7 @@ QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store, std::s
   } else {
     snapshot.totalSessions = static_cast<std::int64_t>(sessions.size());
     for (const QEVSessionGraph& graph : sessions)
-      snapshot.totalEvents += graph.eventCount;
+      qevr::memory::addSaturating(snapshot.totalEvents, graph.eventCount);
     snapshot.timeWindowStart = earliestStart;
     snapshot.timeWindowEnd = latestEnd;
   }

@@ -106,6 +106,7 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
   }
   if (pruner) {
     qevr::detachTask(qevr::TaskPriority::background, [runner = pruner](std::stop_token stop) {
+      runner->removeAbandonedTemporaries();
       try {
         runner->prune(QEVMemoryRuntime::shared().activeOptions(), stop);
       } catch (...) {

@@ -81,13 +81,15 @@ QEVMemoryStats QEVMemoryStats::decode(const Decoder& decoder) {
   return stats;
 }
 
+// Stats are a value handed to the host, not a file: dates go out as seconds
+// since 2001, the default, unlike the ISO 8601 text of chunks and graphs.
 std::string QEVMemoryStats::toJSON() const {
-  Writer writer(qevr::json::DateStrategy::iso8601);
+  Writer writer;
   encode(writer);
   return writer.take();
 }
 
 QEVMemoryStats QEVMemoryStats::fromJSON(std::string_view json) {
   const qevr::json::Value root = qevr::json::parse(json);
-  return decode(Decoder(root, qevr::json::DateStrategy::iso8601));
+  return decode(Decoder(root));
 }

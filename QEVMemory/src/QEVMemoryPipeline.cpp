@@ -71,18 +71,24 @@ QEVMemoryPipeline::QEVMemoryPipeline(std::shared_ptr<QEVMemoryEventStore> events
 
 std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
     const QEVObserverEvent& event) {
-  qevr::MutexLock guard(lock);
-  if (isShutdown) return std::nullopt;
-  std::optional<QEVMemoryEvent> recorded = eventStore->record(event);
-  if (!recorded) return std::nullopt;
-  const bool endsSession = recorded->type == QEVMemoryEventType::sessionEnd;
-  sessionGraphBuilder->ingest(*recorded);
-  if (chunkWriter) {
-    // Starting the save task under our lock is fine: it does not wait.
-    chunkWriter->enqueueSave(chunkWriter->append(std::move(*recorded)));
+  std::optional<QEVMemoryEventChunk> closed;
+  std::optional<CompletedSession> completed;
+  {
+    qevr::MutexLock guard(lock);
+    if (isShutdown) return std::nullopt;
+    std::optional<QEVMemoryEvent> recorded = eventStore->record(event);
+    if (!recorded) return std::nullopt;
+    const bool endsSession = recorded->type == QEVMemoryEventType::sessionEnd;
+    sessionGraphBuilder->ingest(*recorded);
+    if (chunkWriter) closed = chunkWriter->append(std::move(*recorded));
+    if (endsSession) completed = completeSessionLocked(sessionGraphBuilder->build());
   }
-  if (!endsSession) return std::nullopt;
-  return completeSessionLocked(sessionGraphBuilder->build());
+  // The save starts after the lock is released: when the disk is behind,
+  // this thread saves the chunk itself, and the other delivering threads
+  // must not wait for that. Chunk files carry no order among themselves,
+  // so nothing depends on which save starts first.
+  if (chunkWriter) chunkWriter->enqueueSave(std::move(closed));
+  return completed;
 }
 
 QEVMemoryPipeline::CompletedSession QEVMemoryPipeline::completeSessionLocked(

@@ -6,8 +6,12 @@
 #include <QEVRPlatform/Tasks.h>
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -42,35 +46,119 @@ std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
 
 // The "*.json" children of `directory` in listing order; none when it is
 // absent. Sub-directories' contents are never looked at.
-std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
+// Each comes with its identity, taken as it was listed.
+std::vector<qevr::DirectoryEntry> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
   if (!files.exists(directory)) return {};
-  std::vector<fs::path> found = files.listDirectory(directory);
-  std::erase_if(found, [](const fs::path& p) { return p.extension() != ".json"; });
+  std::vector<qevr::DirectoryEntry> found = files.listDirectoryWithIdentities(directory);
+  std::erase_if(found, [](const qevr::DirectoryEntry& e) { return e.path.extension() != ".json"; });
   return found;
 }
 
-// Reads every chunk and session graph to learn its date. Any file that does
-// not decode ends the run here, before a single file has been removed.
+bool identityLess(const qevr::FileIdentity& a, const qevr::FileIdentity& b) {
+  return std::tie(a.device, a.inode, a.size, a.modifiedNanoseconds, a.isRegularFile) <
+         std::tie(b.device, b.inode, b.size, b.modifiedNanoseconds, b.isRegularFile);
+}
+
+bool memoLess(const QEVMemoryPruner::RememberedDate& a, const QEVMemoryPruner::RememberedDate& b) {
+  return identityLess(a.identity, b.identity);
+}
+
+std::optional<QEVRDate> lookUp(const QEVMemoryPruner::DateMemo& memo,
+                               const qevr::FileIdentity& identity) {
+  const auto found = std::lower_bound(
+      memo.begin(), memo.end(), identity,
+      [](const QEVMemoryPruner::RememberedDate& entry, const qevr::FileIdentity& wanted) {
+        return identityLess(entry.identity, wanted);
+      });
+  if (found == memo.end() || !(found->identity == identity)) return std::nullopt;
+  return found->date;
+}
+
+// What a run learns of one file.
+struct FileFacts {
+  QEVRDate date;
+  std::uint64_t byteCount = 0;
+};
+
+// Learns the dates of a run's files: from the memo of earlier runs when a
+// file's identity is unchanged, else by reading and decoding it. The
+// listing's identity gives the size too, so a known file costs no further
+// system call. `seen` collects what this run knows, for the next.
+class DateReader {
+ public:
+  DateReader(qevr::FileSystem& fileSystem, const QEVMemoryPruner::DateMemo& known)
+      : files(fileSystem), memo(known) {}
+
+  template <typename Decode>
+  FileFacts factsOf(const qevr::DirectoryEntry& entry, Decode decode) {
+    const fs::path& file = entry.path;
+    // The size is the entry's own, a link's included, as fileSize gives it.
+    const std::uint64_t size =
+        entry.identity ? entry.identity->size : files.fileSize(file).value_or(0);
+    // Only a plain file is remembered: a link's own identity says nothing
+    // of what it points to.
+    std::optional<qevr::FileIdentity> before = entry.identity;
+    if (before && !before->isRegularFile) before.reset();
+    if (before) {
+      if (const std::optional<QEVRDate> date = lookUp(memo, *before)) {
+        keep(*before, *date);
+        return {*date, size};
+      }
+    }
+    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    bytesRead += bytes.size();
+    const QEVRDate date = decode(asText(bytes));
+    // Only bytes known to belong to one identity are remembered: a file
+    // replaced while it was read is read again next time.
+    if (before && files.fileIdentity(file) == before) keep(*before, date);
+    return {date, size};
+  }
+
+  QEVMemoryPruner::DateMemo& seen() { return found; }
+  std::uint64_t readBytes() const { return bytesRead; }
+
+ private:
+  void keep(const qevr::FileIdentity& identity, QEVRDate date) {
+    if (found.size() < QEVMemoryPruner::maxRememberedDates) found.push_back({identity, date});
+  }
+
+  qevr::FileSystem& files;
+  const QEVMemoryPruner::DateMemo& memo;
+  QEVMemoryPruner::DateMemo found;
+  std::uint64_t bytesRead = 0;
+};
+
+// Trimming the heap costs a system call per free block even when nothing is
+// returned, more than the rest of a run that read nothing. So it follows a
+// run that read this much, which leaves plenty freed behind, and otherwise
+// at most once in this long, so that resident memory still follows what is
+// in use while chunks keep coming.
+constexpr std::uint64_t kReleaseAfterReadingBytes = 1'048'576;
+constexpr std::chrono::seconds kReleaseAtLeastEvery{10};
+
+// Learns every chunk's and session graph's date. Any file that does not
+// decode ends the run here, before a single file has been removed.
 std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& root,
-                                      const std::stop_token& stop) {
+                                      DateReader& dates, const std::stop_token& stop) {
   // The block format of a chunk file carries its own length, so any LZFSE
   // engine with the standard limit reads what the store wrote.
   const QEVLZFSECompressionEngine engine;
   std::vector<Candidate> all;
-  for (const fs::path& file : jsonFilesIn(files, root / "events")) {
+  for (const qevr::DirectoryEntry& file : jsonFilesIn(files, root / "events")) {
     qevr::checkCancellation(stop);
-    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
-    const QEVMemoryEventChunk chunk = decodeStoredChunkFile(asText(bytes), engine);
-    all.push_back({file, Candidate::Kind::event, chunk.closedAt.value_or(chunk.createdAt),
-                   files.fileSize(file).value_or(0)});
+    const FileFacts facts = dates.factsOf(file, [&engine](std::string_view text) {
+      const QEVMemoryEventChunk chunk = decodeStoredChunkFile(text, engine);
+      return chunk.closedAt.value_or(chunk.createdAt);
+    });
+    all.push_back({file.path, Candidate::Kind::event, facts.date, facts.byteCount});
   }
-  for (const fs::path& file : jsonFilesIn(files, root / "sessions")) {
+  for (const qevr::DirectoryEntry& file : jsonFilesIn(files, root / "sessions")) {
     qevr::checkCancellation(stop);
-    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
-    const QEVSessionGraph graph = QEVSessionGraph::fromJSON(asText(bytes));
-    all.push_back({file, Candidate::Kind::session,
-                   graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast)),
-                   files.fileSize(file).value_or(0)});
+    const FileFacts facts = dates.factsOf(file, [](std::string_view text) {
+      const QEVSessionGraph graph = QEVSessionGraph::fromJSON(text);
+      return graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast));
+    });
+    all.push_back({file.path, Candidate::Kind::session, facts.date, facts.byteCount});
   }
   return all;
 }
@@ -131,7 +219,31 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
 }  // namespace
 
 QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileSystem)
-    : root(std::move(rootDirectory)), files(fileSystem) {}
+    : root(std::move(rootDirectory)), files(fileSystem), memo(std::make_shared<const DateMemo>()) {}
+
+std::shared_ptr<const QEVMemoryPruner::DateMemo> QEVMemoryPruner::rememberedDates() const {
+  qevr::MutexLock guard(memoLock);
+  return memo;
+}
+
+void QEVMemoryPruner::remember(std::shared_ptr<const DateMemo> next) const {
+  std::shared_ptr<const DateMemo> old;
+  qevr::MutexLock guard(memoLock);
+  old = std::exchange(memo, std::move(next));
+  // `old` is freed after the lock is released, as locals go in reverse.
+}
+
+std::size_t QEVMemoryPruner::removeAbandonedTemporaries() const {
+  std::size_t removed = 0;
+  for (const char* directory : {"events", "sessions", "user"}) {
+    removed += files.removeAbandonedTemporaries(root / directory);
+  }
+  return removed;
+}
+
+std::size_t QEVMemoryPruner::rememberedDateCount() const {
+  return rememberedDates()->size();
+}
 
 QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
                                                std::stop_token stop) const {
@@ -139,11 +251,37 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
 
   // A run decodes the whole store and takes long; at background priority a
   // thread waiting on a chunk save never picks it up while helping.
+  std::uint64_t readBytes = 0;
   const QEVMemoryPruningSummary summary =
       qevr::detachTask(qevr::TaskPriority::background, [&](std::stop_token) {
         qevr::checkCancellation(stop);
         const QEVRDate now = qevr::now();
-        const std::vector<Candidate> all = listCandidates(files, root, stop);
+        const std::shared_ptr<const DateMemo> known = rememberedDates();
+        DateReader dates(files, *known);
+        std::vector<Candidate> all;
+        try {
+          all = listCandidates(files, root, dates, stop);
+        } catch (...) {
+          // The run saw only part of the store: what it learnt joins what
+          // was known, and nothing is forgotten yet. A store stuck on a
+          // damaged file thus reads only that file on later runs.
+          DateMemo merged = std::move(dates.seen());
+          merged.insert(merged.end(), known->begin(), known->end());
+          std::stable_sort(merged.begin(), merged.end(), memoLess);
+          merged.erase(std::unique(merged.begin(), merged.end(),
+                                   [](const RememberedDate& a, const RememberedDate& b) {
+                                     return a.identity == b.identity;
+                                   }),
+                       merged.end());
+          if (merged.size() > maxRememberedDates) merged.resize(maxRememberedDates);
+          remember(std::make_shared<const DateMemo>(std::move(merged)));
+          throw;
+        }
+        readBytes = dates.readBytes();
+        // Files that are gone drop out here: only what this run saw stays.
+        DateMemo seen = std::move(dates.seen());
+        std::sort(seen.begin(), seen.end(), memoLess);
+        remember(std::make_shared<const DateMemo>(std::move(seen)));
         const std::vector<bool> marked = markForDeletion(all, options, now);
 
         // Runs may overlap, so a marked file can already be gone; that is
@@ -164,7 +302,16 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         return result;
       }).value();
 
-  qevr::releaseFreeMemory();
+  const std::int64_t nowTicks = std::chrono::steady_clock::now().time_since_epoch().count();
+  std::int64_t last = lastRelease.load(std::memory_order_relaxed);
+  const auto every =
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(kReleaseAtLeastEvery).count();
+  if (readBytes >= kReleaseAfterReadingBytes ||
+      (nowTicks - last >= every &&
+       lastRelease.compare_exchange_strong(last, nowTicks, std::memory_order_relaxed))) {
+    lastRelease.store(nowTicks, std::memory_order_relaxed);
+    qevr::releaseFreeMemory();
+  }
   qevr::platformLog("QEVMemory", "Pruning", qevr::LogType::info,
                     "Pruned " + std::to_string(summary.deletedEventChunks) + " event chunks and " +
                         std::to_string(summary.deletedSessionGraphs) + " session graphs, freed " +

@@ -8,21 +8,9 @@
 
 using qevr::json::Decoder;
 using qevr::json::Writer;
+using qevr::memory::addSaturating;
 using qevr::memory::readCounts;
 using qevr::memory::writeCounts;
-
-namespace {
-
-// Sums saturate instead of overflowing. Graphs made by the session builder
-// never come near the limit, but merge() takes any graph, and a count that
-// sticks at the maximum is better than undefined behaviour.
-void addTo(std::int64_t& total, std::int64_t amount) {
-  if (__builtin_add_overflow(total, amount, &total)) {
-    total = amount < 0 ? INT64_MIN : INT64_MAX;
-  }
-}
-
-}  // namespace
 
 void QEVUserGraph::encode(Writer& writer) const {
   writer.beginObject();
@@ -85,21 +73,23 @@ QEVUserGraphBuilder::QEVUserGraphBuilder(QEVRUUID id, QEVRDate created)
 
 void QEVUserGraphBuilder::merge(const QEVSessionGraph& session) {
   qevr::MutexLock guard(lock);
+  // Sums saturate: the session builder's graphs never come near the limit,
+  // but merge() takes any graph.
   // Every session counts in full, whatever its dates: a session that
   // finishes late (or carries an old clock) still adds its counts. Only the
   // two dates below look at time, and they only move forward.
-  addTo(totalSessions, 1);
-  addTo(totalEvents, session.eventCount);
+  addSaturating(totalSessions, 1);
+  addSaturating(totalEvents, session.eventCount);
   for (const std::string& screen : session.screenSequence)
-    addTo(frequentlyVisitedScreens[screen], 1);
+    addSaturating(frequentlyVisitedScreens[screen], 1);
   // A component's screen does not matter across sessions.
   for (const QEVComponentInteractionSummary& summary : session.componentInteractions) {
     std::int64_t& total = frequentComponents[summary.componentId];
-    addTo(total, summary.tapCount);
-    addTo(total, summary.gestureCount);
+    addSaturating(total, summary.tapCount);
+    addSaturating(total, summary.gestureCount);
   }
   for (const auto& [name, count] : session.customEventCounts)
-    addTo(frequentCustomEvents[name], count);
+    addSaturating(frequentCustomEvents[name], count);
   if (session.duration) {
     totalSessionDuration += *session.duration;
     ++sessionsWithDuration;

@@ -1,4 +1,5 @@
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVMemory/QEVMemoryPruner.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Tasks.h>
@@ -7,7 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -347,6 +353,56 @@ TEST_F(QEVFileMemoryStoreTest, DamagedChunkFileFailsTheLoadUntilCleared) {
     EXPECT_EQ(read(chunkFile(good.id)), goodFile);
     store->clearAll();
     EXPECT_TRUE(store->loadEventChunks().empty());
+  }
+}
+
+// Something other than a file under a loader's name fails that load as a
+// damaged file does, and so does a pruning run over it; nothing waits for a
+// writer that never comes or reads a device that never ends.
+TEST_F(QEVFileMemoryStoreTest, FifosSocketsAndDevicesFailLikeDamagedFilesWithoutBlocking) {
+  const auto fifo = [](const fs::path& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0600), 0); };
+  const auto socket = [](const fs::path& p) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(p.native().size(), sizeof address.sun_path);
+    std::copy(p.native().begin(), p.native().end(), address.sun_path);
+    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ::close(fd);
+  };
+  const auto device = [](const fs::path& p) { fs::create_symlink("/dev/zero", p); };
+  const std::string name = "A0000000-0000-4000-8000-000000000000.json";
+  const struct {
+    const char* what;
+    std::function<void(const fs::path&)> make;
+    fs::path file;
+  } cases[] = {
+      {"FIFO chunk", fifo, fs::path("events") / name},
+      {"socket chunk", socket, fs::path("events") / name},
+      {"device chunk", device, fs::path("events") / name},
+      {"FIFO session", fifo, fs::path("sessions") / name},
+      {"device session", device, fs::path("sessions") / name},
+      {"FIFO user graph", fifo, fs::path("user") / "graph.json"},
+      {"socket user graph", socket, fs::path("user") / "graph.json"},
+  };
+  const QEVMemoryPruner pruner(root, files);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    store->saveEventChunk(makeChunk(QEVRUUID::random(), 3));
+    files.createDirectories((root / c.file).parent_path());
+    c.make(root / c.file);
+    const std::string directory = c.file.parent_path().string();
+    const std::string expected = errnoText(EINVAL);
+    EXPECT_EQ(failureOf([&] { store->loadEventChunks(); }),
+              directory == "events" ? expected : "none");
+    EXPECT_EQ(failureOf([&] { store->loadSessionGraphs(); }),
+              directory == "sessions" ? expected : "none");
+    EXPECT_EQ(failureOf([&] { store->loadUserGraph(); }), directory == "user" ? expected : "none");
+    EXPECT_EQ(failureOf([&] { pruner.prune(QEVMemoryOptions(0, 0, 0, true)); }),
+              directory == "user" ? "none" : expected);
+    EXPECT_GT(store->estimatedDiskUsageBytes(), 0u);
+    store->clearAll();
   }
 }
 

@@ -10,8 +10,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdint>
 #include <fstream>
+#include <limits>
 
 #include "MemoryTestSupport.h"
 
@@ -145,6 +150,33 @@ TEST_F(MemoryModuleTest, StartWithoutAnObserverFailsAndALaterStartSucceeds) {
   EXPECT_TRUE(QEVR::isRunning());
 }
 
+// A crash mid-write leaves a temporary outside every limit; the next start
+// removes it, but not one of a write still running in this process.
+TEST_F(MemoryModuleTest, StartRemovesTemporariesOfWritesCutShortByACrash) {
+  const pid_t dead = ::fork();
+  ASSERT_GE(dead, 0);
+  if (dead == 0) ::_exit(0);
+  ASSERT_EQ(::waitpid(dead, nullptr, 0), dead);
+  const std::string crashed = "." + std::to_string(dead) + ".3.99.tmp";
+  const std::string running = "." + std::to_string(::getpid()) + ".3.99.tmp";
+  const std::filesystem::path leftovers[] = {
+      root() / "events" / (".A0000000-0000-4000-8000-000000000000.json" + crashed),
+      root() / "sessions" / (".B0000000-0000-4000-8000-000000000000.json" + crashed),
+      root() / "user" / (".graph.json" + crashed),
+  };
+  const std::filesystem::path inFlight = root() / "user" / (".graph.json" + running);
+  for (const auto& file : {leftovers[0], leftovers[1], leftovers[2], inFlight}) {
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << "{\"partial";
+  }
+  registerBoth();
+  start();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  for (const auto& file : leftovers)
+    EXPECT_FALSE(std::filesystem::exists(file)) << file;
+  EXPECT_TRUE(std::filesystem::exists(inFlight));
+}
+
 TEST_F(MemoryModuleTest, DamagedFilesFailLoadsUntilClearMemory) {
   registerBoth();
   start();
@@ -263,6 +295,37 @@ TEST_F(SnapshotTest, UserGraphProvidesTotalsAndRedactedMaps) {
   EXPECT_EQ(snapshot.frequentlyVisitedScreens.at("Home"), 1);
   EXPECT_EQ(snapshot.timeWindowStart, QEVRDate{60});
   EXPECT_EQ(snapshot.timeWindowEnd, QEVRDate{60});  // lastSeenAt absent: from the sessions
+}
+
+// Graph files may hold any 64-bit count; sums over them stop at the limit
+// (UBSan fails the test on an overflow).
+TEST_F(SnapshotTest, SumsOverGraphFilesSaturate) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+  const struct {
+    const char* name;
+    std::vector<std::int64_t> counts;  // one session each, as eventCount and edge count
+    std::int64_t sum;
+  } cases[] = {
+      {"two at the maximum", {kMax, kMax}, kMax},
+      {"one past the maximum", {kMax, 1}, kMax},
+      {"two at the minimum", {kMin, kMin}, kMin},
+      {"back from the limit", {kMax, kMin, 5}, 4},
+      {"ordinary", {3, 4}, 7},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    store->clearAll();
+    for (std::size_t i = 0; i < c.counts.size(); ++i) {
+      QEVSessionGraph graph = session(100.0 * static_cast<double>(i), {"A"}, {{"A", "B", 0}});
+      graph.eventCount = c.counts[i];
+      graph.navigationEdges[0].count = c.counts[i];
+      store->saveSessionGraph(graph);
+    }
+    const QEVMemoryIntelligenceSnapshot snapshot = intelligenceSnapshot(*store);
+    EXPECT_EQ(snapshot.totalEvents, c.sum);
+    EXPECT_EQ(snapshot.recentNavigationPatterns.at("A->B"), c.sum);
+  }
 }
 
 TEST(RedactionTest, EmailsAndPhoneNumbersBecomeRedacted) {

@@ -65,34 +65,58 @@ TEST(MemoryOptionsTest, JsonKeepsNumbersAsTheyStandAndNeedsAllKeys) {
   EXPECT_THROW(QEVMemoryOptions::fromJSON(replaced(json, "false", "0")), DecodingError);
 }
 
-TEST(MemoryStatsTest, JsonRoundTripsWithIsoDatesAndOmittedOptionals) {
-  QEVMemoryStats stats;
-  stats.estimatedDiskUsageBytes = std::numeric_limits<std::uint64_t>::max();
-  stats.eventChunkCount = 4;
-  stats.sessionGraphCount = 2;
-  stats.hasUserGraph = true;
-  stats.oldestEventDate = qevr::parseISO8601("2026-03-01T09:30:05Z");
-  stats.newestEventDate = qevr::parseISO8601("2026-03-02T10:00:00Z");
-  const std::string json = stats.toJSON();
-  EXPECT_NE(json.find(R"("estimatedDiskUsageBytes":18446744073709551615)"), std::string::npos);
-  EXPECT_NE(json.find(R"("oldestEventDate":"2026-03-01T09:30:05Z")"), std::string::npos) << json;
-  EXPECT_EQ(QEVMemoryStats::fromJSON(json), stats);
+// Stats are not a file: their dates are seconds since 2001, as a number.
+TEST(MemoryStatsTest, JsonIsTheLiteralDocumentWithDatesInSecondsSince2001) {
+  QEVMemoryStats full;
+  full.estimatedDiskUsageBytes = std::numeric_limits<std::uint64_t>::max();
+  full.eventChunkCount = 4;
+  full.sessionGraphCount = 2;
+  full.hasUserGraph = true;
+  full.oldestEventDate = qevr::parseISO8601("2026-03-01T09:30:05Z");
+  full.newestEventDate = QEVRDate{794138400.5};
+  QEVMemoryStats onlyOldest;
+  onlyOldest.oldestEventDate = QEVRDate{-1.25};
 
+  const struct {
+    const char* name;
+    QEVMemoryStats stats;
+    const char* json;
+  } cases[] = {
+      {"empty", QEVMemoryStats{},
+       R"({"estimatedDiskUsageBytes":0,"eventChunkCount":0,"sessionGraphCount":0,)"
+       R"("hasUserGraph":false})"},
+      {"full", full,
+       R"({"estimatedDiskUsageBytes":18446744073709551615,"eventChunkCount":4,)"
+       R"("sessionGraphCount":2,"hasUserGraph":true,"oldestEventDate":794050205,)"
+       R"("newestEventDate":794138400.5})"},
+      {"one date", onlyOldest,
+       R"({"estimatedDiskUsageBytes":0,"eventChunkCount":0,"sessionGraphCount":0,)"
+       R"("hasUserGraph":false,"oldestEventDate":-1.25})"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.stats.toJSON(), c.json);
+    EXPECT_EQ(QEVMemoryStats::fromJSON(c.json), c.stats);
+  }
+}
+
+TEST(MemoryStatsTest, DecodingRefusesIsoDatesMissingKeysAndNegativeSizes) {
   const QEVMemoryStats empty;
-  EXPECT_EQ(empty.toJSON(),
-            R"({"estimatedDiskUsageBytes":0,"eventChunkCount":0,"sessionGraphCount":0,)"
-            R"("hasUserGraph":false})");
   EXPECT_EQ(QEVMemoryStats::fromJSON(
                 R"({"estimatedDiskUsageBytes":0,"eventChunkCount":0,"sessionGraphCount":0,)"
                 R"("hasUserGraph":false,"oldestEventDate":null})"),
             empty);
-  EXPECT_THROW(QEVMemoryStats::fromJSON(
-                   R"({"estimatedDiskUsageBytes":-1,"eventChunkCount":0,"sessionGraphCount":0,)"
-                   R"("hasUserGraph":false})"),
-               DecodingError);
-  EXPECT_THROW(QEVMemoryStats::fromJSON(R"({"eventChunkCount":0,"sessionGraphCount":0,)"
-                                        R"("hasUserGraph":false})"),
-               DecodingError);
+  const char* refused[] = {
+      R"({"estimatedDiskUsageBytes":0,"eventChunkCount":0,"sessionGraphCount":0,)"
+      R"("hasUserGraph":false,"oldestEventDate":"2026-03-01T09:30:05Z"})",
+      R"({"estimatedDiskUsageBytes":-1,"eventChunkCount":0,"sessionGraphCount":0,)"
+      R"("hasUserGraph":false})",
+      R"({"eventChunkCount":0,"sessionGraphCount":0,"hasUserGraph":false})",
+  };
+  for (const char* json : refused) {
+    SCOPED_TRACE(json);
+    EXPECT_THROW(QEVMemoryStats::fromJSON(json), DecodingError);
+  }
 }
 
 }  // namespace

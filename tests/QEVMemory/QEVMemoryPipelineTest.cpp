@@ -6,6 +6,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <future>
+#include <thread>
 
 #include "MemoryTestSupport.h"
 
@@ -102,6 +105,63 @@ TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
   ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
   qevr::MutexLock guard(store->lock);
   EXPECT_EQ(store->chunks.size(), 500u);
+}
+
+// Saves on the pool wait at a gate; the first save on a calling thread runs
+// a callback first.
+class GatedStore : public RecordingStore {
+ public:
+  void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop) override {
+    gate.wait();
+    RecordingStore::saveEventChunk(chunk, stop);
+  }
+  void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) override {
+    if (savedHere.fetch_add(1) == 0 && whileSavingHere) whileSavingHere();
+    RecordingStore::saveEventChunk(chunk, {});
+  }
+  std::promise<void> opener;
+  std::shared_future<void> gate = opener.get_future().share();
+  std::atomic<int> savedHere{0};
+  std::function<void()> whileSavingHere;
+};
+
+// With every save slot taken, the thread that brings one more chunk saves it
+// itself, directly: were it to wait on the pool it would pick up one of the
+// queued saves, stuck at the gate, and never return. And it does so after
+// the pipeline's lock is released, so another thread's event goes through
+// meanwhile (else the callback below would wait forever).
+TEST(ChunkWriterTest, AFullWriterSavesOnTheCallingThreadOutsideThePipelineLock) {
+  auto store = std::make_shared<GatedStore>();
+  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr);
+  QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr);
+  const auto event = [](double at) {
+    return observerEvent(Type::screenView, QEVRDate{at}, std::nullopt, {}, "Home");
+  };
+  for (int i = 0; i < QEVMemoryChunkWriter::maxPendingSaves; ++i)
+    pipeline.handle(event(i));
+  EXPECT_EQ(writer->pendingSaves(), QEVMemoryChunkWriter::maxPendingSaves);
+
+  std::atomic<bool> otherEventHandled{false};
+  store->whileSavingHere = [&] {
+    std::thread other([&] {
+      // Also full: saved on that thread as well.
+      pipeline.handle(event(100));
+      otherEventHandled = true;
+    });
+    other.join();
+  };
+  pipeline.handle(event(99));
+  EXPECT_TRUE(otherEventHandled);
+  EXPECT_EQ(store->savedHere, 2);
+  {
+    qevr::MutexLock guard(store->lock);
+    EXPECT_EQ(store->chunks.size(), 2u);  // the two saved here; the rest still wait
+  }
+  store->opener.set_value();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  qevr::MutexLock guard(store->lock);
+  EXPECT_EQ(store->chunks.size(),
+            static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
 }
 
 TEST(EventStoreTest, NumbersWithoutGapsFromOne) {

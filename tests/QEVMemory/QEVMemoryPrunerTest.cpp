@@ -56,6 +56,29 @@ class ScriptedFileSystem final : public qevr::FileSystemWrapper {
     if (auto it = sizes.find(p.filename()); it != sizes.end()) return it->second;
     return FileSystemWrapper::fileSize(p);
   }
+  std::vector<qevr::DirectoryEntry> listDirectoryWithIdentities(const fs::path& p) override {
+    ++calls;
+    std::vector<qevr::DirectoryEntry> entries = FileSystemWrapper::listDirectoryWithIdentities(p);
+    for (qevr::DirectoryEntry& entry : entries)
+      withMadeUpSize(entry.path, entry.identity);
+    return entries;
+  }
+  std::optional<qevr::FileIdentity> fileIdentity(const fs::path& p) override {
+    ++calls;
+    std::optional<qevr::FileIdentity> identity = FileSystemWrapper::fileIdentity(p);
+    withMadeUpSize(p, identity);
+    return identity;
+  }
+  void withMadeUpSize(const fs::path& p, std::optional<qevr::FileIdentity>& identity) {
+    if (auto it = sizes.find(p.filename()); identity && it != sizes.end()) {
+      identity->size = it->second;
+    }
+  }
+  std::vector<std::uint8_t> readFile(const fs::path& p, std::uint64_t maxBytes) override {
+    ++calls;
+    ++reads;
+    return FileSystemWrapper::readFile(p, maxBytes);
+  }
   void removeItem(const fs::path& p) override {
     ++calls;
     if (unremovable.contains(p.filename()))
@@ -65,6 +88,7 @@ class ScriptedFileSystem final : public qevr::FileSystemWrapper {
   std::map<fs::path, std::uint64_t> sizes;
   std::set<fs::path> vanished, unremovable;
   std::atomic<int> calls{0};
+  std::atomic<int> reads{0};
 };
 
 // One file of a scenario. Ages are seconds before kNow; an absent age
@@ -212,34 +236,49 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
         {"oldChunk", Kind::event, 2 * month, {}, 20}},
        {"oldSession", "oldChunk"}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::map<std::string, fs::path> paths;
-    QEVMemoryPruningSummary expected;
-    for (const Item& item : c.items) {
-      paths[item.name] = add(item);
-      if (!c.deleted.contains(item.name)) continue;
-      ++(item.kind == Kind::event ? expected.deletedEventChunks : expected.deletedSessionGraphs);
-      expected.freedBytes += item.size;
-    }
-    // Never candidates: the user graph, other extensions, sub-directories.
-    store.saveUserGraph(QEVUserGraph{});
-    const std::vector<fs::path> bystanders = {
-        root / "user" / "graph.json", root / "events" / "a.txt", root / "sessions" / "B.JSON",
-        root / "events" / "c" / "d.json"};
-    for (std::size_t i = 1; i < bystanders.size(); ++i) {
-      real.createDirectories(bystanders[i].parent_path());
-      real.writeFileAtomically(bystanders[i], bytesOf("{"));
-    }
+  // Cold: a new pruner. Warm: one that has already run over these very
+  // files with limits that take nothing, and so reads none of them again.
+  for (const bool warm : {false, true}) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(std::string(c.name) + (warm ? " (warm)" : " (cold)"));
+      std::map<std::string, fs::path> paths;
+      QEVMemoryPruningSummary expected;
+      for (const Item& item : c.items) {
+        paths[item.name] = add(item);
+        if (!c.deleted.contains(item.name)) continue;
+        ++(item.kind == Kind::event ? expected.deletedEventChunks : expected.deletedSessionGraphs);
+        expected.freedBytes += item.size;
+      }
+      // Never candidates: the user graph, other extensions, sub-directories.
+      store.saveUserGraph(QEVUserGraph{});
+      const std::vector<fs::path> bystanders = {
+          root / "user" / "graph.json", root / "events" / "a.txt", root / "sessions" / "B.JSON",
+          root / "events" / "c" / "d.json"};
+      for (std::size_t i = 1; i < bystanders.size(); ++i) {
+        real.createDirectories(bystanders[i].parent_path());
+        real.writeFileAtomically(bystanders[i], bytesOf("{"));
+      }
 
-    EXPECT_EQ(pruner.prune(c.options), expected);
-    for (const auto& [name, path] : paths)
-      EXPECT_EQ(real.exists(path), !c.deleted.contains(name)) << name;
-    for (const fs::path& path : bystanders)
-      EXPECT_TRUE(real.exists(path)) << path;
-    EXPECT_EQ(lines().size(), 1u);
-    sink->clear();
-    real.removeItem(root);
+      const QEVMemoryPruner fresh(root, files);
+      if (warm) {
+        const QEVMemoryOptions keepAll =
+            options(std::numeric_limits<std::int64_t>::max(), 1'000'000, 1'000'000);
+        ASSERT_EQ(fresh.prune(keepAll), QEVMemoryPruningSummary{});
+        sink->clear();
+        files.reads = 0;
+      }
+      EXPECT_EQ(fresh.prune(c.options), expected);
+      if (warm) {
+        EXPECT_EQ(files.reads, 0);
+      }
+      for (const auto& [name, path] : paths)
+        EXPECT_EQ(real.exists(path), !c.deleted.contains(name)) << name;
+      for (const fs::path& path : bystanders)
+        EXPECT_TRUE(real.exists(path)) << path;
+      EXPECT_EQ(lines().size(), 1u);
+      sink->clear();
+      real.removeItem(root);
+    }
   }
 }
 
@@ -310,6 +349,85 @@ TEST_F(QEVMemoryPrunerTest, RemovalFailureEndsTheRunAndVanishedFilesAreSkipped) 
   files.vanished.insert(gone.filename());
   EXPECT_EQ(pruner.prune(QEVMemoryOptions()), (QEVMemoryPruningSummary{0, 1, 30}));
   EXPECT_FALSE(real.exists(old));
+}
+
+// What a warm pruner knows must never outlive the file it was learnt from.
+TEST_F(QEVMemoryPrunerTest, ARememberedDateIsDroppedWhenItsFileChanges) {
+  const QEVMemoryOptions defaults;
+  const struct {
+    const char* name;
+    Kind kind;
+    double before, after;  // age in seconds of the first and second version
+    bool deleted;
+  } cases[] = {
+      {"chunk made old", Kind::event, kDay, 100 * kDay, true},
+      {"chunk made new", Kind::event, 100 * kDay, kDay, false},
+      {"session made old", Kind::session, kDay, 100 * kDay, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path file = add({"x", c.kind, c.before});
+    const fs::path bystander = add({"y", Kind::event, kDay});
+    const QEVMemoryPruner warm(root, files);
+    ASSERT_EQ(warm.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
+    EXPECT_EQ(warm.rememberedDateCount(), 2u);
+    // The same name with new contents, written through the store again.
+    const QEVRUUID id = QEVRUUID::parse(file.stem().string()).value();
+    const QEVRDate at = kNow.addingSeconds(-c.after);
+    if (c.kind == Kind::event) {
+      QEVMemoryEvent event{
+          QEVRUUID::random(), QEVMemoryEventType::screenView, at, {}, "Home", {}, {}, 1};
+      store.saveEventChunk({id, {}, at, at, {event}, 1, 1});
+    } else {
+      QEVSessionGraph graph;
+      graph.sessionId = id;
+      graph.endedAt = at;
+      store.saveSessionGraph(graph);
+    }
+    files.reads = 0;
+    const QEVMemoryPruningSummary summary = warm.prune(defaults);
+    EXPECT_EQ(files.reads, 1);  // the replaced file only
+    EXPECT_EQ(summary.deletedEventChunks + summary.deletedSessionGraphs, c.deleted ? 1 : 0);
+    EXPECT_EQ(real.exists(file), !c.deleted);
+    EXPECT_TRUE(real.exists(bystander));
+    real.removeItem(root);
+  }
+}
+
+TEST_F(QEVMemoryPrunerTest, FilesThatAreGoneAreForgotten) {
+  const fs::path a = add({"a", Kind::event, kDay});
+  add({"b", Kind::session, kDay});
+  add({"c", Kind::event, 100 * kDay});  // deleted by the run
+  pruner.prune(QEVMemoryOptions());
+  EXPECT_EQ(pruner.rememberedDateCount(), 3u);
+  real.removeItem(a);
+  files.reads = 0;
+  EXPECT_EQ(pruner.prune(QEVMemoryOptions()), QEVMemoryPruningSummary{});
+  EXPECT_EQ(files.reads, 0);
+  EXPECT_EQ(pruner.rememberedDateCount(), 1u);
+}
+
+// A damaged file fails every run, also one whose pruner knew the file when
+// it was whole, and also once the good files around it are remembered.
+TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunEvenWhenOnceKnownGood) {
+  const fs::path old = add({"old", Kind::event, 100 * kDay});
+  const fs::path file = add({"turns bad", Kind::session, kDay});
+  add({"good", Kind::event, kDay});
+  ASSERT_EQ(pruner.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
+  EXPECT_EQ(pruner.rememberedDateCount(), 3u);
+  sink->clear();
+  const std::string damaged[] = {R"({"screenSequence":[]})", "", "{"};
+  for (const std::string& contents : damaged) {
+    SCOPED_TRACE(contents);
+    real.writeFileAtomically(file, bytesOf(contents));
+    for (int run = 0; run < 3; ++run)
+      EXPECT_ANY_THROW(pruner.prune(QEVMemoryOptions()));
+  }
+  EXPECT_TRUE(real.exists(old));
+  EXPECT_TRUE(lines().empty());
+  // Mended, the store is pruned again.
+  real.removeItem(file);
+  EXPECT_EQ(pruner.prune(QEVMemoryOptions()).deletedEventChunks, 1);
 }
 
 }  // namespace

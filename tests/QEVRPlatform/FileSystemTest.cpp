@@ -3,10 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -99,6 +107,117 @@ TEST_F(FileSystemTest, ReadRefusesFilesOverTheLimitAndMissingOnes) {
   EXPECT_EQ(files.readFile(root / "big", 10).size(), 10u);
   EXPECT_EQ(errnoOf([&] { files.readFile(root / "missing", 10); }), ENOENT);
   EXPECT_EQ(errnoOf([&] { files.readFile(root, 10); }), EISDIR);
+}
+
+// A FIFO would wait for a writer at open and /dev/zero never ends: what is
+// not a regular file is refused before a byte is read, and the call returns
+// at once (a blocking read hangs the test).
+TEST_F(FileSystemTest, ReadRefusesWhatIsNotARegularFileWithoutBlocking) {
+  files.writeFileAtomically(root / "plain", bytesOf("ok"));
+  const struct {
+    const char* name;
+    std::function<void(const fs::path&)> make;
+    int error;
+  } cases[] = {
+      {"fifo.json", [](const fs::path& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0600), 0); }, EINVAL},
+      {"socket.json",
+       [](const fs::path& p) {
+         const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+         ASSERT_GE(fd, 0);
+         sockaddr_un address{};
+         address.sun_family = AF_UNIX;
+         ASSERT_LT(p.native().size(), sizeof address.sun_path);
+         std::copy(p.native().begin(), p.native().end(), address.sun_path);
+         EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+         ::close(fd);
+       },
+       EINVAL},
+      {"device.json", [](const fs::path& p) { fs::create_symlink("/dev/zero", p); }, EINVAL},
+      {"dir.json", [](const fs::path& p) { fs::create_directory(p); }, EISDIR},
+      {"link.json", [&](const fs::path& p) { fs::create_symlink(root / "plain", p); }, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.make(root / c.name);
+    EXPECT_EQ(errnoOf([&] { files.readFile(root / c.name, 1 << 20); }), c.error);
+  }
+  EXPECT_EQ(files.readFile(root / "link.json", 10), bytesOf("ok"));
+}
+
+TEST_F(FileSystemTest, IdentityFollowsReplacementNotThePath) {
+  const fs::path file = root / "a.json";
+  EXPECT_FALSE(files.fileIdentity(file).has_value());
+  files.writeFileAtomically(file, bytesOf("same"));
+  const std::optional<qevr::FileIdentity> first = files.fileIdentity(file);
+  ASSERT_TRUE(first.has_value());
+  EXPECT_EQ(first->size, 4u);
+  EXPECT_TRUE(first->isRegularFile);
+  EXPECT_EQ(files.fileIdentity(file), first);
+  // A link is an entry of its own, and not a plain file.
+  fs::create_symlink(file, root / "link.json");
+  const std::optional<qevr::FileIdentity> link = files.fileIdentity(root / "link.json");
+  ASSERT_TRUE(link.has_value());
+  EXPECT_FALSE(link->isRegularFile);
+  EXPECT_EQ(link->size, files.fileSize(root / "link.json"));
+  EXPECT_NE(link->inode, first->inode);
+  // A listing gives every child with the identity fileIdentity gives.
+  std::vector<qevr::DirectoryEntry> listed = files.listDirectoryWithIdentities(root);
+  std::sort(listed.begin(), listed.end(),
+            [](const auto& a, const auto& b) { return a.path < b.path; });
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed[0].path, file);
+  EXPECT_EQ(listed[0].identity, first);
+  EXPECT_EQ(listed[1].path, root / "link.json");
+  EXPECT_EQ(listed[1].identity, link);
+  EXPECT_EQ(errnoOf([&] { files.listDirectoryWithIdentities(root / "missing"); }), ENOENT);
+  // Replaced with the very same bytes: a new file all the same.
+  files.writeFileAtomically(file, bytesOf("same"));
+  EXPECT_NE(files.fileIdentity(file), first);
+}
+
+// The writer's temporaries are "." + target + ".<pid>.<counter>.<random>.tmp".
+TEST_F(FileSystemTest, AbandonedTemporariesGoAndLiveWritesKeepTheirs) {
+  const pid_t dead = ::fork();
+  ASSERT_GE(dead, 0);
+  if (dead == 0) ::_exit(0);
+  ASSERT_EQ(::waitpid(dead, nullptr, 0), dead);
+  const std::string gone = std::to_string(dead), ours = std::to_string(::getpid());
+  const auto hoursAgo = fs::file_time_type::clock::now() - std::chrono::hours(2);
+
+  const struct {
+    std::string name;
+    bool removed;
+    bool old = false;
+    bool directory = false;
+  } cases[] = {
+      {".A.json." + gone + ".0.77.tmp", true},
+      {".graph.json." + gone + ".12.3.tmp", true},
+      {".B.json." + ours + ".0.77.tmp", false},  // a write of ours in progress
+      {".C.json.1.0.77.tmp", false},             // pid 1 runs
+      {".D.json.1.0.77.tmp", true, true},        // no write takes two hours
+      {".E.json." + ours + ".0.77.tmp", true, true},
+      {"F.json", false, true},
+      {".G.json.tmp", false, true},
+      {".H.json." + gone + ".x.77.tmp", false, true},
+      {"I.json." + gone + ".0.77.tmp", false, true},
+      {".J.json." + gone + ".0.77.tmp", false, true, true},
+  };
+  std::size_t expected = 0;
+  for (const auto& c : cases) {
+    const fs::path path = root / c.name;
+    if (c.directory) {
+      files.createDirectories(path);
+    } else {
+      std::ofstream(path) << "{";
+    }
+    if (c.old) fs::last_write_time(path, hoursAgo);
+    expected += c.removed ? 1 : 0;
+  }
+  EXPECT_EQ(files.removeAbandonedTemporaries(root), expected);
+  for (const auto& c : cases)
+    EXPECT_EQ(files.exists(root / c.name), !c.removed) << c.name;
+  EXPECT_EQ(files.removeAbandonedTemporaries(root), 0u);
+  EXPECT_EQ(files.removeAbandonedTemporaries(root / "missing"), 0u);
 }
 
 TEST_F(FileSystemTest, WalkListsEverythingBelowAndSizesAreLogical) {

@@ -39,7 +39,8 @@ class QEVR_API QEVMemoryEventStore {
 // started yet are merged (they would all see the same files), so however
 // fast chunks arrive at most one run waits. When more than
 // maxPendingSaves saves are in flight, the next save runs on the caller's
-// thread instead: memory stays bounded and no chunk is dropped.
+// thread instead, directly and without running any other queued work:
+// memory stays bounded and no chunk is dropped.
 class QEVR_API QEVMemoryChunkWriter {
  public:
   using OptionsProvider = std::function<QEVMemoryOptions()>;
@@ -96,7 +97,7 @@ class QEVR_API QEVMemoryChunkWriter {
     std::shared_ptr<const QEVMemoryPruner> pruner;
     OptionsProvider optionsProvider;
 
-    void saveThenPrune(const QEVMemoryEventChunk& chunk);
+    void saveThenPrune(const QEVMemoryEventChunk& chunk, bool onCallingThread);
     void schedulePrune();
   };
   const std::shared_ptr<Shared> shared;

@@ -54,7 +54,9 @@ class QEVR_API QEVMemoryPipeline {
                     QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit);
 
   // Takes `lock` for the whole event, so events are handled one at a time
-  // in the order callers get it. Returns the session a sessionEnd completed.
+  // in the order callers get it; a chunk the event closed is handed to the
+  // writer after the lock is released. Returns the session a sessionEnd
+  // completed.
   std::optional<CompletedSession> handle(const QEVObserverEvent& event) QEVR_EXCLUDES(lock);
   // Schedules the session graph, then the user graph, to be written.
   // Call without `lock`; returns at once.

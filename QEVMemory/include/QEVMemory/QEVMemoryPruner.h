@@ -4,12 +4,18 @@
 #pragma once
 
 #include <QEVMemory/QEVMemoryOptions.h>
+#include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/FileSystem.h>
+#include <QEVRPlatform/ThreadAnnotations.h>
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <stop_token>
+#include <vector>
 
 struct QEVR_API QEVMemoryPruningSummary {
   std::int64_t deletedEventChunks = 0;
@@ -18,8 +24,12 @@ struct QEVR_API QEVMemoryPruningSummary {
   bool operator==(const QEVMemoryPruningSummary&) const = default;
 };
 
-// No mutable state and no lock: runs may overlap and meet only in the file
-// system.
+// Runs may overlap and meet in the file system. Each file's date is
+// remembered from one run to the next, keyed by the file's identity, so a
+// run over an unchanged store reads no file. The memo is mutable state
+// behind its own lock (a const pruner is shared by the module and the chunk
+// writer); the time of the last heap trim is the only other, an atomic. A file is read again once
+// its identity changes, a damaged file is never remembered, and files that are gone are forgotten.
 class QEVR_API QEVMemoryPruner {
  public:
   struct PruningCandidate {
@@ -40,9 +50,41 @@ class QEVR_API QEVMemoryPruner {
   // "QEVMemory"/"Pruning" after every completed run.
   QEVMemoryPruningSummary prune(const QEVMemoryOptions& options, std::stop_token stop = {}) const;
 
+  // Removes what writes cut short by a crash left in events/, sessions/ and
+  // user/: their temporaries are outside every limit and nothing else would
+  // ever delete them. Writes still in progress keep theirs. Returns how many
+  // went; never throws.
+  std::size_t removeAbandonedTemporaries() const;
+
   const std::filesystem::path& rootDirectory() const { return root; }
 
+  // At most this many dates are remembered (48 bytes each, 3 MiB in all);
+  // files past it are read on every run.
+  static constexpr std::size_t maxRememberedDates = 65'536;
+
+  // A file's date as last decoded, for the identity it had then.
+  struct RememberedDate {
+    qevr::FileIdentity identity;
+    QEVRDate date;
+  };
+  using DateMemo = std::vector<RememberedDate>;  // sorted by identity
+
+  // How many dates are remembered now; for tests and benchmarks.
+  std::size_t rememberedDateCount() const;
+
  private:
+  std::shared_ptr<const DateMemo> rememberedDates() const;
+  void remember(std::shared_ptr<const DateMemo> memo) const;
+
   const std::filesystem::path root;
   qevr::FileSystem& files;
+
+  // Guards the pointer only: a run reads a memo that is never changed once
+  // published, and publishes a new one when it ends.
+  // steady_clock ticks of the last heap trim after a run; runs that read
+  // little trim at most every few seconds.
+  mutable std::atomic<std::int64_t> lastRelease{0};
+
+  mutable qevr::Mutex memoLock;
+  mutable std::shared_ptr<const DateMemo> memo QEVR_GUARDED_BY(memoLock);
 };

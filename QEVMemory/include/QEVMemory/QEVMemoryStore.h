@@ -32,6 +32,12 @@ class QEVR_API QEVMemoryStore {
  public:
   virtual ~QEVMemoryStore() = default;
   virtual void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop = {}) = 0;
+  // saveEventChunk done on the calling thread, for a caller that must not
+  // wait on the task pool (waiting runs other queued work meanwhile). A
+  // store without a cheaper road saves as saveEventChunk does.
+  virtual void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) {
+    saveEventChunk(chunk);
+  }
   // Every "*.json" in events/, by file name; the first bad file fails all.
   virtual std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token stop = {}) = 0;
   // Fails with QEVFileMemoryStoreError::sessionGraphMissingIdentifier when
@@ -92,6 +98,7 @@ class QEVR_API QEVFileMemoryStore : public QEVMemoryStore {
   const std::filesystem::path& rootDirectory() const { return root; }
 
   void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop = {}) override;
+  void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) override;
   std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token stop = {}) override;
   void saveSessionGraph(const QEVSessionGraph& graph, std::stop_token stop = {}) override;
   std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token stop = {}) override;
@@ -101,6 +108,8 @@ class QEVR_API QEVFileMemoryStore : public QEVMemoryStore {
   void clearAll(std::stop_token stop = {}) override;
 
  private:
+  void writeEventChunk(const QEVMemoryEventChunk& chunk);
+
   // Constant after construction: the store has no mutable state.
   const std::filesystem::path root;
   qevr::FileSystem& files;

@@ -11,6 +11,7 @@
 
 #include <QEVRPlatform/Export.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -18,6 +19,25 @@
 #include <vector>
 
 namespace qevr {
+
+// Which file a directory entry is and which version of it: device, inode,
+// size and modification time in nanoseconds, and whether it is a plain
+// regular file (not a link, directory, FIFO, socket or device).
+struct FileIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::uint64_t size = 0;
+  std::int64_t modifiedNanoseconds = 0;
+  bool isRegularFile = false;
+  bool operator==(const FileIdentity&) const = default;
+};
+
+// A child of a directory and its identity as the listing found it (absent
+// if the entry could not be looked at, e.g. it went in between).
+struct DirectoryEntry {
+  std::filesystem::path path;
+  std::optional<FileIdentity> identity;
+};
 
 class QEVR_API FileSystem {
  public:
@@ -37,8 +57,9 @@ class QEVR_API FileSystem {
   // Creates the directory and any missing parents. Existing ones are fine.
   virtual void createDirectories(const std::filesystem::path& path);
 
-  // Reads a whole regular file. Fails with EFBIG, before reading, when the
-  // file is larger than `maxBytes`.
+  // Reads a whole regular file. Anything else (a directory, FIFO, socket or
+  // device) fails at once, without blocking, with EISDIR or EINVAL. Fails
+  // with EFBIG, before reading, when the file is larger than `maxBytes`.
   virtual std::vector<std::uint8_t> readFile(const std::filesystem::path& path,
                                              std::uint64_t maxBytes);
 
@@ -57,12 +78,29 @@ class QEVR_API FileSystem {
   // The direct children of a directory, hidden ones included, in no order.
   virtual std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& path);
 
+  // listDirectory with fileIdentity of each child, in one pass over the
+  // open directory (no path is resolved again per child).
+  virtual std::vector<DirectoryEntry> listDirectoryWithIdentities(
+      const std::filesystem::path& path);
+
   // Every file and directory below `root`, recursively, without following
   // symbolic links. Empty when `root` does not exist.
   virtual std::vector<std::filesystem::path> walk(const std::filesystem::path& root);
 
   // The logical size of a file or directory entry; absent if unreadable.
   virtual std::optional<std::uint64_t> fileSize(const std::filesystem::path& path);
+
+  // The entry at `path` as of now, with one lstat: a symbolic link is not
+  // followed, and `size` is what fileSize gives. Absent if it cannot be
+  // looked at. Files here are replaced whole, never changed in place, so a
+  // regular file whose identity is unchanged has unchanged contents.
+  virtual std::optional<FileIdentity> fileIdentity(const std::filesystem::path& path);
+
+  // Removes the temporaries that writeFileAtomically left in `directory`
+  // when its process died mid-write. Those of writes that may still be
+  // running (in this process or another live one) stay. Returns how many
+  // went; a missing directory has none, and nothing here throws.
+  virtual std::size_t removeAbandonedTemporaries(const std::filesystem::path& directory);
 
   // Removes a file, or a directory with everything below it. A path that
   // does not exist is an error (ENOENT).
@@ -91,11 +129,20 @@ class QEVR_API FileSystemWrapper : public FileSystem {
   std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& p) override {
     return base.listDirectory(p);
   }
+  std::vector<DirectoryEntry> listDirectoryWithIdentities(const std::filesystem::path& p) override {
+    return base.listDirectoryWithIdentities(p);
+  }
   std::vector<std::filesystem::path> walk(const std::filesystem::path& p) override {
     return base.walk(p);
   }
   std::optional<std::uint64_t> fileSize(const std::filesystem::path& p) override {
     return base.fileSize(p);
+  }
+  std::optional<FileIdentity> fileIdentity(const std::filesystem::path& p) override {
+    return base.fileIdentity(p);
+  }
+  std::size_t removeAbandonedTemporaries(const std::filesystem::path& directory) override {
+    return base.removeAbandonedTemporaries(directory);
   }
   void removeItem(const std::filesystem::path& p) override { base.removeItem(p); }
 

@@ -4,14 +4,18 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
+#include <limits>
 #include <random>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -146,9 +150,15 @@ void FileSystem::createDirectories(const fs::path& path) {
 }
 
 std::vector<std::uint8_t> FileSystem::readFile(const fs::path& path, std::uint64_t maxBytes) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) throwErrno(errno, "open", path);
+  // Opening a FIFO waits for a writer and opening a device may do anything,
+  // so the type is checked before the open. The open does not block either,
+  // in case the path is swapped for a FIFO in between; the second check then
+  // refuses it.
   struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) throwErrno(errno, "stat", path);
+  if (!S_ISREG(st.st_mode)) throwErrno(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, "read", path);
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (fd.get() < 0) throwErrno(errno, "open", path);
   if (::fstat(fd.get(), &st) != 0) throwErrno(errno, "stat", path);
   if (!S_ISREG(st.st_mode)) throwErrno(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, "read", path);
   if (static_cast<std::uint64_t>(st.st_size) > maxBytes) throwErrno(EFBIG, "read", path);
@@ -209,6 +219,119 @@ std::optional<std::uint64_t> FileSystem::fileSize(const fs::path& path) {
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
   return static_cast<std::uint64_t>(st.st_size);
+}
+
+namespace {
+
+FileIdentity identityOf(const struct stat& st) {
+#if defined(__APPLE__)
+  const struct timespec& modified = st.st_mtimespec;
+#else
+  const struct timespec& modified = st.st_mtim;
+#endif
+  return FileIdentity{static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
+                      static_cast<std::uint64_t>(st.st_size),
+                      static_cast<std::int64_t>(modified.tv_sec) * 1'000'000'000 +
+                          static_cast<std::int64_t>(modified.tv_nsec),
+                      S_ISREG(st.st_mode)};
+}
+
+}  // namespace
+
+std::optional<FileIdentity> FileSystem::fileIdentity(const fs::path& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
+  return identityOf(st);
+}
+
+std::vector<DirectoryEntry> FileSystem::listDirectoryWithIdentities(const fs::path& path) {
+  DIR* directory = ::opendir(path.c_str());
+  if (directory == nullptr) throwErrno(errno, "list", path);
+  std::vector<DirectoryEntry> entries;
+  try {
+    for (;;) {
+      errno = 0;
+      const dirent* entry = ::readdir(directory);
+      if (entry == nullptr) {
+        if (errno != 0) throwErrno(errno, "list", path);
+        break;
+      }
+      const std::string_view name(entry->d_name);
+      if (name == "." || name == "..") continue;
+      struct stat st {};
+      std::optional<FileIdentity> identity;
+      if (::fstatat(::dirfd(directory), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        identity = identityOf(st);
+      }
+      entries.push_back({path / name, identity});
+    }
+  } catch (...) {
+    ::closedir(directory);
+    throw;
+  }
+  ::closedir(directory);
+  return entries;
+}
+
+namespace {
+
+// The writer's process id, when `name` has the form that temporarySibling
+// gives: "." + target + "." + pid + "." + counter + "." + random + ".tmp".
+std::optional<pid_t> temporaryWriter(std::string_view name) {
+  constexpr std::string_view suffix = ".tmp";
+  if (name.size() <= suffix.size() + 1 || name.front() != '.' || !name.ends_with(suffix)) {
+    return std::nullopt;
+  }
+  name.remove_suffix(suffix.size());
+  std::uint64_t number = 0;
+  for (int field = 0; field < 3; ++field) {
+    const std::size_t dot = name.rfind('.');
+    if (dot == std::string_view::npos || dot == 0) return std::nullopt;
+    const std::string_view digits = name.substr(dot + 1);
+    if (digits.empty() || digits.size() > 19) return std::nullopt;
+    number = 0;
+    for (char c : digits) {
+      if (c < '0' || c > '9') return std::nullopt;
+      number = number * 10 + static_cast<std::uint64_t>(c - '0');
+    }
+    name = name.substr(0, dot);
+  }
+  if (number == 0 || number > static_cast<std::uint64_t>(std::numeric_limits<pid_t>::max())) {
+    return std::nullopt;
+  }
+  return static_cast<pid_t>(number);
+}
+
+bool processIsRunning(pid_t pid) {
+  return ::kill(pid, 0) == 0 || errno == EPERM;
+}
+
+// No write takes this long; a temporary this old whose writer seems alive
+// has a writer whose id was reused after a crash.
+constexpr time_t kAbandonedAfterSeconds = 3600;
+
+}  // namespace
+
+std::size_t FileSystem::removeAbandonedTemporaries(const fs::path& directory) {
+  std::vector<fs::path> children;
+  try {
+    children = listDirectory(directory);
+  } catch (const std::exception&) {
+    return 0;
+  }
+  const time_t now = ::time(nullptr);
+  std::size_t removed = 0;
+  for (const fs::path& child : children) {
+    const std::optional<pid_t> writer = temporaryWriter(child.filename().native());
+    if (!writer) continue;
+    struct stat st {};
+    if (::lstat(child.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    const bool stale = now - st.st_mtime > kAbandonedAfterSeconds;
+    const bool live = *writer == ::getpid() || processIsRunning(*writer);
+    if (live && !stale) continue;
+    if (::unlink(child.c_str()) == 0) ++removed;
+  }
+  return removed;
 }
 
 void FileSystem::removeItem(const fs::path& path) {
