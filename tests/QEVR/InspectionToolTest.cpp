@@ -5,6 +5,7 @@
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Json.h>
+#include <QEVRecommendations/QEVRecommendation.h>
 
 #include <gtest/gtest.h>
 
@@ -143,17 +144,58 @@ TEST_F(InspectionToolTest, AnalyzeGivesTheSameFromTheStoreAndFromItsSnapshot) {
   ASSERT_EQ(snapshot.status, 0);
   const fs::path exported = base / "snapshot.json";
   std::ofstream(exported) << snapshot.out;
-  const ToolRun fromFile = runTool(
-      {"analyze", "--snapshot", exported.string(), "--domain", "game", "--json"}, scratch);
+  const ToolRun fromFile =
+      runTool({"analyze", "--snapshot", exported.string(), "--domain", "game", "--json"}, scratch);
   ASSERT_EQ(fromFile.status, 0) << fromFile.err;
 
   const qevr::json::Value parsed = qevr::json::parse(fromStore.out);
   std::vector<std::string> keys;
-  for (const auto& member : parsed.object()) keys.push_back(member.key);
+  for (const auto& member : parsed.object())
+    keys.push_back(member.key);
   EXPECT_EQ(keys, (std::vector<std::string>{"behaviorSummary", "intentAnalysis",
                                             "frustrationAnalysis", "skillAnalysis"}));
   EXPECT_NO_THROW(QEVSkillAnalysis::decode(qevr::json::Decoder(*parsed.find("skillAnalysis"))));
   EXPECT_EQ(withoutDates(fromStore.out), withoutDates(fromFile.out));
+}
+
+TEST_F(InspectionToolTest, RecommendReadsAStoreOrExportedRecordsWithoutChangingAnything) {
+  const auto before = listing(base / "data");
+  const ToolRun fromStore =
+      runTool({"recommend", "--data-dir", dataDir.string(), "--domain", "game", "--json"}, scratch);
+  ASSERT_EQ(fromStore.status, 0) << fromStore.err;
+  EXPECT_EQ(listing(base / "data"), before);
+  const qevr::json::Value list = qevr::json::parse(fromStore.out);
+  ASSERT_EQ(list.type(), qevr::json::Value::Type::array);
+  for (const qevr::json::Value& item : list.array()) {
+    EXPECT_NO_THROW(QEVRecommendation::decode(qevr::json::Decoder(item)));
+  }
+
+  // Exported records only: a frustrated beginner in a game. A missing
+  // snapshot is a failed source, not an error.
+  const fs::path inputs = base / "inputs.json";
+  std::ofstream(inputs)
+      << R"({"skillAnalysis":{"skillLevel":"beginner","evidence":["Repeated retry or failure pattern"],)"
+      << R"("recommendedDifficultyAdjustment":"decrease","confidence":0.53,"generatedAt":0},)"
+      << R"("frustrationAnalysis":{"level":"high","signals":["s"],"likelyCauses":["c"],)"
+      << R"("confidence":0.69,"generatedAt":0}})";
+  const ToolRun fromInputs =
+      runTool({"recommend", "--inputs", inputs.string(), "--domain", "game", "--json"}, scratch);
+  ASSERT_EQ(fromInputs.status, 0) << fromInputs.err;
+  const qevr::json::Value recommended = qevr::json::parse(fromInputs.out);
+  ASSERT_FALSE(recommended.array().empty());
+  bool lowersTheDifficulty = false;
+  for (const qevr::json::Value& item : recommended.array()) {
+    const QEVRecommendation r = QEVRecommendation::decode(qevr::json::Decoder(item));
+    lowersTheDifficulty |= r.type() == QEVRecommendationType::gameplay &&
+                           r.action().kind() == QEVRecommendationAction::Kind::adjustDifficulty;
+  }
+  EXPECT_TRUE(lowersTheDifficulty) << fromInputs.out;
+
+  // The same inputs outside a game give no gameplay advice.
+  const ToolRun shop = runTool(
+      {"recommend", "--inputs", inputs.string(), "--domain", "ecommerce", "--json"}, scratch);
+  ASSERT_EQ(shop.status, 0) << shop.err;
+  EXPECT_EQ(shop.out.find("gameplay"), std::string::npos);
 }
 
 TEST_F(InspectionToolTest, BadStoresFailWithOneLineAndStatusTwo) {
@@ -169,12 +211,19 @@ TEST_F(InspectionToolTest, BadStoresFailWithOneLineAndStatusTwo) {
   };
   const fs::path badSnapshot = base / "bad-snapshot.json";
   std::ofstream(badSnapshot) << R"({"totalSessions":"many"})";
+  const fs::path badInputs = base / "bad-inputs.json";
+  std::ofstream(badInputs) << R"({"snapshot":{"totalSessions":"many"}})";
   const Case cases[] = {
       {{"snapshot", "--data-dir", (base / "missing").string()}, (base / "missing").string()},
       {{"analyze", "--data-dir", damaged.string()}, badGraph.string()},
       {{"analyze", "--snapshot", badSnapshot.string(), "--json"}, badSnapshot.string()},
       {{"analyze", "--snapshot", (base / "absent.json").string()}, "absent.json"},
       {{"analyze", "--domain", "cars"}, "cars"},
+      {{"recommend", "--inputs", badInputs.string()}, "snapshot"},
+      {{"recommend", "--policy", badSnapshot.string(), "--inputs", badSnapshot.string()},
+       badSnapshot.string()},
+      {{"recommend", "--data-dir", damaged.string(), "--json"}, badGraph.string()},
+      {{"recommend", "--domain", "boats"}, "boats"},
       {{"analyze", "--data-dir", dataDir.string(), "--snapshot", "-"}, "exclude"},
       {{"snapshot", "--data-dir", damaged.string(), "--json"}, badGraph.string()},
       {{"snapshot", "--bogus"}, "--bogus"},
