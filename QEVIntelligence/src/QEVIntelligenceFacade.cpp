@@ -1,27 +1,10 @@
 #include <QEVIntelligence/QEVIntelligenceFacade.h>
+#include <QEVRPlatform/FutureTask.h>
 #include <QEVRPlatform/Tasks.h>
 
 #include "QEVIntelligenceRuntime.h"
 
 namespace {
-
-// Runs `body` as a detached task of the pool and hands its result or error
-// to the future.
-template <typename F>
-auto runAsync(F body) {
-  using R = decltype(body(std::stop_token{}));
-  auto promise = std::make_shared<std::promise<R>>();
-  auto future = promise->get_future();
-  qevr::detachTask(qevr::TaskPriority::utility,
-                   [promise, body = std::move(body)](std::stop_token stop) {
-                     try {
-                       promise->set_value(body(stop));
-                     } catch (...) {
-                       promise->set_exception(std::current_exception());
-                     }
-                   });
-  return future;
-}
 
 QEVIntelligenceRuntime& runtime() {
   return QEVIntelligenceRuntime::shared();
@@ -36,7 +19,7 @@ QEVBehaviorSummary summarizeBehavior(std::stop_token stop) {
 }
 
 std::future<QEVBehaviorSummary> summarizeBehaviorAsync() {
-  return runAsync([](std::stop_token stop) { return summarizeBehavior(std::move(stop)); });
+  return qevr::runAsFuture([](std::stop_token stop) { return summarizeBehavior(std::move(stop)); });
 }
 
 QEVIntentAnalysis analyzeIntent(const std::optional<QEVExperienceDomain>& domain,
@@ -45,7 +28,7 @@ QEVIntentAnalysis analyzeIntent(const std::optional<QEVExperienceDomain>& domain
 }
 
 std::future<QEVIntentAnalysis> analyzeIntentAsync(std::optional<QEVExperienceDomain> domain) {
-  return runAsync([domain = std::move(domain)](std::stop_token stop) {
+  return qevr::runAsFuture([domain = std::move(domain)](std::stop_token stop) {
     return analyzeIntent(domain, std::move(stop));
   });
 }
@@ -55,7 +38,7 @@ QEVFrustrationAnalysis detectFrustration(std::stop_token stop) {
 }
 
 std::future<QEVFrustrationAnalysis> detectFrustrationAsync() {
-  return runAsync([](std::stop_token stop) { return detectFrustration(std::move(stop)); });
+  return qevr::runAsFuture([](std::stop_token stop) { return detectFrustration(std::move(stop)); });
 }
 
 QEVSkillAnalysis analyzeSkill(const std::optional<QEVExperienceDomain>& domain,
@@ -64,7 +47,7 @@ QEVSkillAnalysis analyzeSkill(const std::optional<QEVExperienceDomain>& domain,
 }
 
 std::future<QEVSkillAnalysis> analyzeSkillAsync(std::optional<QEVExperienceDomain> domain) {
-  return runAsync([domain = std::move(domain)](std::stop_token stop) {
+  return qevr::runAsFuture([domain = std::move(domain)](std::stop_token stop) {
     return analyzeSkill(domain, std::move(stop));
   });
 }

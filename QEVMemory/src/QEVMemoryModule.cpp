@@ -2,6 +2,7 @@
 #include <QEVMemory/QEVMemoryModule.h>
 
 #include <QEVObserver/QEVObserverModule.h>
+#include <QEVRPlatform/FutureTask.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
 
@@ -158,27 +159,6 @@ std::shared_ptr<QEVMemoryStore> resolveStore() {
   return QEVMemoryIntegration::makeDefaultStore();
 }
 
-template <typename F>
-auto runAsync(F body) {
-  using R = decltype(body(std::stop_token{}));
-  auto promise = std::make_shared<std::promise<R>>();
-  auto future = promise->get_future();
-  qevr::detachTask(qevr::TaskPriority::utility,
-                   [promise, body = std::move(body)](std::stop_token stop) {
-                     try {
-                       if constexpr (std::is_void_v<R>) {
-                         body(stop);
-                         promise->set_value();
-                       } else {
-                         promise->set_value(body(stop));
-                       }
-                     } catch (...) {
-                       promise->set_exception(std::current_exception());
-                     }
-                   });
-  return future;
-}
-
 }  // namespace
 
 namespace QEVR::Memory {
@@ -228,7 +208,7 @@ QEVMemoryStats memoryStats(std::stop_token stop) {
 }
 
 std::future<QEVMemoryStats> memoryStatsAsync() {
-  return runAsync([](std::stop_token stop) { return memoryStats(stop); });
+  return qevr::runAsFuture([](std::stop_token stop) { return memoryStats(stop); });
 }
 
 void clearMemory(std::stop_token stop) {
@@ -238,7 +218,7 @@ void clearMemory(std::stop_token stop) {
 }
 
 std::future<void> clearMemoryAsync() {
-  return runAsync([](std::stop_token stop) { clearMemory(stop); });
+  return qevr::runAsFuture([](std::stop_token stop) { clearMemory(stop); });
 }
 
 QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) {
@@ -247,7 +227,7 @@ QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) {
 }
 
 std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync() {
-  return runAsync([](std::stop_token stop) { return intelligenceSnapshot(stop); });
+  return qevr::runAsFuture([](std::stop_token stop) { return intelligenceSnapshot(stop); });
 }
 
 }  // namespace QEVR::Memory

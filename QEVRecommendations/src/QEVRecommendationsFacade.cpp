@@ -1,29 +1,10 @@
 #include <QEVRecommendations/QEVRecommendationsFacade.h>
 
+#include <QEVRPlatform/FutureTask.h>
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 
 #include <memory>
-
-namespace {
-
-template <typename F>
-auto runAsync(F body) {
-  using R = decltype(body(std::stop_token{}));
-  auto promise = std::make_shared<std::promise<R>>();
-  auto future = promise->get_future();
-  qevr::detachTask(qevr::TaskPriority::utility,
-                   [promise, body = std::move(body)](std::stop_token stop) {
-                     try {
-                       promise->set_value(body(stop));
-                     } catch (...) {
-                       promise->set_exception(std::current_exception());
-                     }
-                   });
-  return future;
-}
-
-}  // namespace
 
 namespace QEVR::Recommendations {
 
@@ -32,7 +13,7 @@ std::vector<QEVRecommendation> generate(std::stop_token stop) {
 }
 
 std::future<std::vector<QEVRecommendation>> generateAsync() {
-  return runAsync([](std::stop_token stop) { return generate(std::move(stop)); });
+  return qevr::runAsFuture([](std::stop_token stop) { return generate(std::move(stop)); });
 }
 
 std::vector<QEVRecommendation> generate(const QEVExperienceDomain& domain,
@@ -43,9 +24,10 @@ std::vector<QEVRecommendation> generate(const QEVExperienceDomain& domain,
 
 std::future<std::vector<QEVRecommendation>> generateAsync(QEVExperienceDomain domain,
                                                           QEVRecommendationPolicy policy) {
-  return runAsync([domain = std::move(domain), policy = std::move(policy)](std::stop_token stop) {
-    return generate(domain, policy, std::move(stop));
-  });
+  return qevr::runAsFuture(
+      [domain = std::move(domain), policy = std::move(policy)](std::stop_token stop) {
+        return generate(domain, policy, std::move(stop));
+      });
 }
 
 void clearCache() {
