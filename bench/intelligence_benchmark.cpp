@@ -4,7 +4,17 @@
 // snapshot comes from memory, so disk stays out of the figures.
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 
+#include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVMemory/QEVMemoryStore.h>
+#include <QEVMemory/QEVSessionGraph.h>
+#include <QEVMemory/QEVUserGraph.h>
+#include <QEVRPlatform/FileSystem.h>
 #include <benchmark/benchmark.h>
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <memory>
 
 #include <string>
 
@@ -113,6 +123,56 @@ void BM_AnalyzeSkillCached(benchmark::State& state) {
   runCached(state, skill);
 }
 
+// What `qevr analyze --data-dir` does after it starts: read the store's
+// session graphs and user graph into a snapshot, then run the four analyses
+// cold. A store at the default limits holds 100 session graphs; its chunk
+// files are never read for a snapshot, so they are left out of the setup.
+void BM_AnalyzeStoreEndToEnd(benchmark::State& state) {
+  std::string pattern = (std::filesystem::temp_directory_path() / "qevr-bench-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) {
+    state.SkipWithError("no temporary directory");
+    return;
+  }
+  const std::filesystem::path root = std::filesystem::path(pattern) / "QEVR" / "Memory";
+  QEVFileMemoryStore store(root, qevr::FileSystem::defaultFileSystem(),
+                           std::make_shared<QEVLZFSECompressionEngine>());
+  const QEVMemoryIntelligenceSnapshot model = snapshotOf100Sessions();
+  QEVUserGraphBuilder user(QEVRUUID::random(), QEVRDate{800000000});
+  for (int i = 0; i < 100; ++i) {
+    QEVSessionGraph graph;
+    graph.sessionId = QEVRUUID::random();
+    graph.startedAt = QEVRDate{800000000.0 + 3600.0 * i};
+    graph.endedAt = graph.startedAt->addingSeconds(900);
+    graph.duration = 900;
+    graph.eventCount = 500;
+    graph.customEventCounts = model.frequentCustomEvents;
+    for (const auto& [name, count] : model.frequentlyVisitedScreens) {
+      if (graph.screenSequence.size() < 12) graph.screenSequence.push_back(name);
+    }
+    for (std::size_t k = 1; k < graph.screenSequence.size(); ++k) {
+      graph.navigationEdges.push_back({graph.screenSequence[k - 1], graph.screenSequence[k], 2});
+    }
+    for (const auto& [id, count] : model.frequentComponents) {
+      graph.componentInteractions.push_back({id, std::nullopt, count, 0});
+    }
+    user.merge(graph);
+    store.saveSessionGraph(graph);
+  }
+  store.saveUserGraph(user.build());
+
+  for (auto _ : state) {
+    const QEVIntelligenceAnalyzers analyzers(
+        std::make_shared<QEVFixedIntelligenceSnapshotProvider>(intelligenceSnapshot(store)));
+    const auto game = QEVExperienceDomain::game();
+    benchmark::DoNotOptimize(analyzers.summarizeBehavior());
+    benchmark::DoNotOptimize(analyzers.analyzeIntent(game));
+    benchmark::DoNotOptimize(analyzers.detectFrustration());
+    benchmark::DoNotOptimize(analyzers.analyzeSkill(game));
+  }
+  std::filesystem::remove_all(pattern);
+}
+
+BENCHMARK(BM_AnalyzeStoreEndToEnd)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_SummarizeBehaviorCold);
 BENCHMARK(BM_SummarizeBehaviorCached);
 BENCHMARK(BM_AnalyzeIntentCold);
