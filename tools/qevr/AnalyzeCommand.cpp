@@ -43,26 +43,14 @@ void printAnalyses(std::ostream& out, const QEVBehaviorSummary& summary,
 }
 
 int runAnalyzeCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-  std::optional<std::filesystem::path> dataDir;
+  InspectionArguments parsed;
   std::optional<std::string> snapshotFile;
-  std::optional<QEVExperienceDomain> domain;
-  bool json = false;
   try {
-    for (std::size_t i = 0; i < args.size(); ++i) {
-      const bool hasValue = i + 1 < args.size();
-      if (args[i] == "--data-dir" && hasValue) {
-        dataDir = args[++i];
-      } else if (args[i] == "--snapshot" && hasValue) {
-        snapshotFile = args[++i];
-      } else if (args[i] == "--domain" && hasValue) {
-        domain = parseDomainArgument(args[++i]);
-      } else if (args[i] == "--json") {
-        json = true;
-      } else {
-        throw InspectionError("unknown argument '" + args[i] + "'");
-      }
+    parsed = parseInspectionArguments(args, {"--snapshot"});
+    if (auto it = parsed.files.find("--snapshot"); it != parsed.files.end()) {
+      snapshotFile = it->second;
     }
-    if (dataDir && snapshotFile) {
+    if (parsed.dataDir && snapshotFile) {
       throw InspectionError("--data-dir and --snapshot exclude each other");
     }
   } catch (const InspectionError& e) {
@@ -75,14 +63,14 @@ int runAnalyzeCommand(const std::vector<std::string>& args, std::ostream& out, s
   std::string output;
   try {
     QEVMemoryIntelligenceSnapshot snapshot =
-        snapshotFile ? snapshotFromFile(*snapshotFile) : snapshotOfStore(dataDir);
+        snapshotFile ? snapshotFromFile(*snapshotFile) : snapshotOfStore(parsed.dataDir);
     const QEVIntelligenceAnalyzers analyzers(
         std::make_shared<QEVFixedIntelligenceSnapshotProvider>(std::move(snapshot)));
     const QEVBehaviorSummary summary = analyzers.summarizeBehavior();
-    const QEVIntentAnalysis intent = analyzers.analyzeIntent(domain);
+    const QEVIntentAnalysis intent = analyzers.analyzeIntent(parsed.domain);
     const QEVFrustrationAnalysis frustration = analyzers.detectFrustration();
-    const QEVSkillAnalysis skill = analyzers.analyzeSkill(domain);
-    if (json) {
+    const QEVSkillAnalysis skill = analyzers.analyzeSkill(parsed.domain);
+    if (parsed.json) {
       qevr::json::Writer writer;  // the default date strategy: seconds since 2001
       writer.beginObject();
       writer.key("behaviorSummary");

@@ -4,6 +4,7 @@
 
 #include <QEVRPlatform/Json.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -15,6 +16,8 @@ namespace {
 // cap, which is a backstop rather than a sensible limit for a tool.
 constexpr std::streamsize kMaxInputBytes = 64 * 1024 * 1024;
 
+}  // namespace
+
 std::string oneLine(std::string text) {
   for (char& c : text) {
     if (c == '\n' || c == '\r') c = ' ';
@@ -22,7 +25,28 @@ std::string oneLine(std::string text) {
   return text;
 }
 
-}  // namespace
+InspectionArguments parseInspectionArguments(const std::vector<std::string>& args,
+                                             std::initializer_list<std::string_view> fileOptions) {
+  InspectionArguments parsed;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const bool hasValue = i + 1 < args.size();
+    const bool isFileOption =
+        std::find(fileOptions.begin(), fileOptions.end(), args[i]) != fileOptions.end();
+    if (args[i] == "--data-dir" && hasValue) {
+      parsed.dataDir = args[++i];
+    } else if (args[i] == "--domain" && hasValue) {
+      parsed.domain = parseDomainArgument(args[++i]);
+    } else if (args[i] == "--json") {
+      parsed.json = true;
+    } else if (isFileOption && hasValue) {
+      parsed.files[args[i]] = args[i + 1];
+      ++i;
+    } else {
+      throw InspectionError("unknown argument '" + args[i] + "'");
+    }
+  }
+  return parsed;
+}
 
 QEVExperienceDomain parseDomainArgument(const std::string& text) {
   if (text == "mobileApp") return QEVExperienceDomain::mobileApp();

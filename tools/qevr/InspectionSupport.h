@@ -6,9 +6,14 @@
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 
 #include <filesystem>
+#include <functional>
+#include <initializer_list>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
 
 // Bad input from the command line or a file, reported as one line and exit
 // status 2.
@@ -16,6 +21,23 @@ class InspectionError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// The arguments analyze and recommend share: --data-dir DIR, --domain D,
+// --json, and the file options each command names (e.g. "--snapshot"),
+// found by option name in `files`.
+struct InspectionArguments {
+  std::optional<std::filesystem::path> dataDir;
+  std::optional<QEVExperienceDomain> domain;
+  bool json = false;
+  std::map<std::string, std::string, std::less<>> files;
+};
+
+// Throws InspectionError for an unknown argument or a missing value.
+InspectionArguments parseInspectionArguments(const std::vector<std::string>& args,
+                                             std::initializer_list<std::string_view> fileOptions);
+
+// `text` with its line breaks turned into blanks, for one-line messages.
+std::string oneLine(std::string text);
 
 // "mobileApp", "game", "ecommerce", "fintech", "telecom" or "custom:TEXT".
 // Throws InspectionError for anything else.

@@ -17,13 +17,6 @@ namespace {
 
 using Values = QEVFixedRecommendationSources::Values;
 
-std::string oneLine(std::string text) {
-  for (char& c : text) {
-    if (c == '\n' || c == '\r') c = ' ';
-  }
-  return text;
-}
-
 // --inputs: one object whose optional keys hold exported records; a missing
 // key (or null) stands for a source that failed.
 Values valuesFromInputs(const std::string& path) {
@@ -98,28 +91,14 @@ void printRecommendations(std::ostream& out, const std::vector<QEVRecommendation
 
 int runRecommendCommand(const std::vector<std::string>& args, std::ostream& out,
                         std::ostream& err) {
-  std::optional<std::filesystem::path> dataDir;
+  InspectionArguments parsed;
   std::optional<std::string> inputsFile;
   std::optional<std::string> policyFile;
-  std::optional<QEVExperienceDomain> domain;
-  bool json = false;
   try {
-    for (std::size_t i = 0; i < args.size(); ++i) {
-      const bool hasValue = i + 1 < args.size();
-      if (args[i] == "--data-dir" && hasValue) {
-        dataDir = args[++i];
-      } else if (args[i] == "--inputs" && hasValue) {
-        inputsFile = args[++i];
-      } else if (args[i] == "--policy" && hasValue) {
-        policyFile = args[++i];
-      } else if (args[i] == "--domain" && hasValue) {
-        domain = parseDomainArgument(args[++i]);
-      } else if (args[i] == "--json") {
-        json = true;
-      } else {
-        throw InspectionError("unknown argument '" + args[i] + "'");
-      }
-    }
+    parsed = parseInspectionArguments(args, {"--inputs", "--policy"});
+    if (auto it = parsed.files.find("--inputs"); it != parsed.files.end()) inputsFile = it->second;
+    if (auto it = parsed.files.find("--policy"); it != parsed.files.end()) policyFile = it->second;
+    const auto& dataDir = parsed.dataDir;
     if (dataDir && inputsFile) throw InspectionError("--data-dir and --inputs exclude each other");
   } catch (const InspectionError& e) {
     err << "qevr recommend: " << e.what() << "\n";
@@ -128,7 +107,7 @@ int runRecommendCommand(const std::vector<std::string>& args, std::ostream& out,
 
   std::string output;
   try {
-    QEVRecommendationPolicy policy = QEVRecommendationPolicy::defaultPolicy(domain);
+    QEVRecommendationPolicy policy = QEVRecommendationPolicy::defaultPolicy(parsed.domain);
     if (policyFile) {
       const std::string text = readInputFile(*policyFile);
       try {
@@ -138,11 +117,12 @@ int runRecommendCommand(const std::vector<std::string>& args, std::ostream& out,
       }
     }
     auto sources = std::make_shared<QEVFixedRecommendationSources>(
-        inputsFile ? valuesFromInputs(*inputsFile) : valuesFromStore(dataDir, domain));
+        inputsFile ? valuesFromInputs(*inputsFile)
+                   : valuesFromStore(parsed.dataDir, parsed.domain));
     const QEVRecommendationsGenerator generator = QEVRecommendationsGenerator::withSources(
         sources, sources, std::make_shared<QEVRecommendationCache>());
-    const std::vector<QEVRecommendation> items = generator.generate(domain, policy);
-    if (json) {
+    const std::vector<QEVRecommendation> items = generator.generate(parsed.domain, policy);
+    if (parsed.json) {
       qevr::json::Writer writer;  // the default date strategy: seconds since 2001
       writer.beginArray();
       for (const QEVRecommendation& item : items)

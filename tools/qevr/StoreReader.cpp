@@ -1,5 +1,7 @@
 #include "StoreReader.h"
 
+#include "InspectionSupport.h"
+
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVRPlatform/Tasks.h>
 
@@ -27,11 +29,6 @@ class ReadOnlyFileSystem final : public qevr::FileSystemWrapper {
     throw std::system_error(EROFS, std::generic_category(), p.string());
   }
 };
-
-std::string oneLine(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  return text;
-}
 
 // Same selection and order as the file store: "*.json" by file name.
 std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
