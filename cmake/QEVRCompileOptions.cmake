@@ -46,6 +46,19 @@ if(QEVR_CCACHE)
   set(CMAKE_C_COMPILER_LAUNCHER "${QEVR_CCACHE}")
 endif()
 
+# Every library object is built position-independent with hidden symbols: the
+# same objects make the static module libraries and the one shared library
+# (libqevr), which exports only what the public headers mark QEVR_API.
+function(qevr_library_settings name)
+  set_target_properties(${name} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden
+    C_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  target_compile_definitions(${name} PRIVATE QEVR_SHARED_LIBRARY)
+  set_property(GLOBAL APPEND PROPERTY QEVR_MODULES ${name})
+endfunction()
+
 # qevr_module(<name> [DEPS ...]): one static library per module directory,
 # public headers under <dir>/include, sources and internal headers in <dir>/src.
 function(qevr_module name)
@@ -60,4 +73,5 @@ function(qevr_module name)
     PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include"
     PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/src")
   target_link_libraries(${name} PUBLIC ${M_DEPS} PRIVATE qevr_options ${M_PRIVATE_DEPS})
+  qevr_library_settings(${name})
 endfunction()
