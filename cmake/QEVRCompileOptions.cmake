@@ -70,8 +70,9 @@ function(qevr_module name)
   endif()
   add_library(${name} STATIC ${_srcs})
   target_include_directories(${name}
-    PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include"
+    PUBLIC "$<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>"
     PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/src")
-  target_link_libraries(${name} PUBLIC ${M_DEPS} PRIVATE qevr_options ${M_PRIVATE_DEPS})
+  target_link_libraries(${name} PUBLIC ${M_DEPS}
+    PRIVATE $<BUILD_INTERFACE:qevr_options> ${M_PRIVATE_DEPS})
   qevr_library_settings(${name})
 endfunction()

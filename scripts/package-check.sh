@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Builds QEVR as a host would install it, static and shared, and proves the
+# installed package works from outside the source tree:
+#   - `cmake --install` into a prefix for each linkage;
+#   - examples/consumer built against each prefix with find_package, and
+#     against the shared one with pkg-config, and run;
+#   - libqevr.so exports only the C API and the public C++ API;
+#   - the Python binding's tests against the installed library;
+#   - a Debian package through CPack.
+#
+#   scripts/package-check.sh [BUILD_DIR]   (default: build/package)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root="$(pwd)"
+build="${1:-build/package}"
+case "$build" in /*) ;; *) build="$root/$build" ;; esac
+jobs="$(nproc 2>/dev/null || echo 2)"
+work="$build/check"
+rm -rf "$work"
+mkdir -p "$work"
+
+configure() {
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DQEVR_BUILD_TESTS=OFF -DQEVR_BUILD_BENCHMARKS=OFF -DQEVR_BUILD_FUZZERS=OFF \
+    -DQEVR_SANITIZER= -DBUILD_SHARED_LIBS="$1" >/dev/null
+}
+
+consumer_with_cmake() {
+  local prefix="$1" name="$2"
+  echo "== consumer ($name): find_package against $prefix"
+  cmake -S "$root/examples/consumer" -B "$work/consumer-$name" -G Ninja \
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+  cmake --build "$work/consumer-$name" >/dev/null
+  "$work/consumer-$name/qevr_consumer" "$work/data-$name"
+}
+
+for linkage in static shared; do
+  flag=OFF
+  [ "$linkage" = shared ] && flag=ON
+  echo "== build ($linkage)"
+  configure "$flag"
+  cmake --build "$build" -j "$jobs" >/dev/null
+  echo "== install ($linkage)"
+  cmake --install "$build" --prefix "$work/prefix-$linkage" >/dev/null
+  consumer_with_cmake "$work/prefix-$linkage" "$linkage"
+done
+
+prefix="$work/prefix-shared"
+libdir="$(find "$prefix" -name 'libqevr.so' -printf '%h\n' | head -n1)"
+if ldd "$work/consumer-shared/qevr_consumer" | grep -q 'libqevr.so.0'; then
+  echo "   the shared consumer loads libqevr.so.0"
+else
+  echo "the shared consumer does not load libqevr.so.0" >&2
+  exit 1
+fi
+soname="$(objdump -p "$libdir/libqevr.so" | awk '/SONAME/ {print $2}')"
+[ "$soname" = libqevr.so.0 ] || { echo "unexpected SONAME '$soname'" >&2; exit 1; }
+
+echo "== exported symbols of libqevr.so"
+nm -D --defined-only "$libdir/libqevr.so" | awk '{print $3}' >"$work/exports.txt"
+stray="$(c++filt <"$work/exports.txt" | grep -v -E '^qevr_|QEV|qevr::' || true)"
+foreign="$(c++filt <"$work/exports.txt" | grep -i -E 'icu_[0-9]|simdjson|u_[a-z]+_[0-9]+$' || true)"
+if [ -n "$stray" ] || [ -n "$foreign" ]; then
+  echo "libqevr.so exports symbols outside the public API:" >&2
+  printf '%s\n%s\n' "$stray" "$foreign" | head -n 40 >&2
+  exit 1
+fi
+echo "   $(wc -l <"$work/exports.txt") symbols, all qevr_* or public C++ API"
+
+echo "== consumer (shared): pkg-config"
+PKG_CONFIG_PATH="$libdir/pkgconfig" make -s -C "$root/examples/consumer" BUILD="$work"
+"$work/qevr_consumer_pc" "$work/data-pc"
+if [ -f "$root/examples/consumer/main.c" ]; then
+  echo "== C consumer (shared): pkg-config"
+  PKG_CONFIG_PATH="$libdir/pkgconfig" make -s -C "$root/examples/consumer" BUILD="$work" c
+  "$work/qevr_consumer_c" "$work/data-c"
+fi
+
+if [ -d "$root/bindings/python/tests" ]; then
+  echo "== Python binding against the installed library"
+  QEVR_LIBRARY="$libdir/libqevr.so" PYTHONPATH="$root/bindings/python" \
+    python3 -m pytest -q "$root/bindings/python/tests"
+fi
+
+echo "== Debian package"
+(cd "$build" && cpack >/dev/null)
+deb="$(ls "$build"/packages/*.deb | head -n1)"
+dpkg-deb -c "$deb" >"$work/deb-contents.txt"
+for wanted in libqevr.so.0 QEVRConfig.cmake qevr.pc QEVR/QEVR.h; do
+  grep -q "$wanted" "$work/deb-contents.txt" || { echo "the package lacks $wanted" >&2; exit 1; }
+done
+echo "   $(basename "$deb")"
+echo "== package check passed"
