@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <threads.h>
 #include <unistd.h>
 
 /* ---- What a refused call must leave alone ---- */
@@ -581,6 +582,54 @@ static void test_end_to_end(const char* data_dir) {
   qevr_string_free(out);
 }
 
+/* ---- Threads ----
+ *
+ * Each thread's refusals name a key of its own; the last error it reads
+ * must be its own, whatever the other threads do meanwhile, and events it
+ * reports concurrently must all be taken. */
+
+enum { kThreads = 4, kRounds = 100 };
+
+typedef struct thread_result {
+  int index;
+  int wrong_errors;
+  int not_dispatched;
+} thread_result;
+
+static int hammer(void* argument) {
+  thread_result* result = (thread_result*)argument;
+  char json[64];
+  char key[16];
+  snprintf(key, sizeof key, "k%d\"", result->index);
+  snprintf(json, sizeof json, "{\"k%d\":1}", result->index);
+  for (int round = 0; round < kRounds; ++round) {
+    int d = 0;
+    if (qevr_memory_configure(json) != QEVR_ERROR_INVALID_JSON) ++result->wrong_errors;
+    if (qevr_track("tick", NULL, &d) != QEVR_OK || d != 1) ++result->not_dispatched;
+    /* The successful call cleared this thread's error; refuse again. */
+    if (qevr_memory_configure(json) != QEVR_ERROR_INVALID_JSON) ++result->wrong_errors;
+    if (strstr(qevr_last_error(), key) == NULL) ++result->wrong_errors;
+  }
+  return 0;
+}
+
+static void test_threads_keep_their_own_errors(void) {
+  thrd_t threads[kThreads];
+  thread_result results[kThreads];
+  CHECK_STATUS(qevr_start(NULL), QEVR_OK, "start for threads");
+  for (int i = 0; i < kThreads; ++i) {
+    results[i] = (thread_result){i, 0, 0};
+    CHECK(thrd_create(&threads[i], hammer, &results[i]) == thrd_success, "thread");
+  }
+  for (int i = 0; i < kThreads; ++i) {
+    thrd_join(threads[i], NULL);
+    CHECK(results[i].wrong_errors == 0, "each thread reads its own error");
+    CHECK(results[i].not_dispatched == 0, "concurrent events all taken");
+  }
+  CHECK_STATUS(qevr_shutdown(), QEVR_OK, "shutdown after threads");
+  wait_idle();
+}
+
 static int remove_entry(const char* path, const struct stat* info, int flag, struct FTW* ftw) {
   (void)info;
   (void)flag;
@@ -606,6 +655,7 @@ int main(void) {
   CHECK_STATUS(qevr_shutdown(), QEVR_OK, "shutdown after the refusal tables");
   wait_idle();
   test_end_to_end(data_dir);
+  test_threads_keep_their_own_errors();
 
   CHECK_STATUS(qevr_set_data_directory(NULL), QEVR_OK, "data dir reset");
   nftw(data_dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
