@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -87,9 +86,10 @@ std::optional<QEVExperienceDomain> domainArgument(const char* json) {
   return decodeArgument("domain_json", [&] { return QEVExperienceDomain::fromJSON(*text); });
 }
 
-// The facade's answer as the C out-parameter.
-qevr_status observe(const char* metadataJSON, int* outDispatched,
-                    const std::function<bool(const QEVObserverMetadata&)>& call) {
+// Runs one observer call and gives its answer as the C out-parameter.
+// `call` checks its own text arguments before it reaches the facade.
+template <typename Call>
+qevr_status observe(const char* metadataJSON, int* outDispatched, Call&& call) {
   if (outDispatched) *outDispatched = 0;
   return guarded([&] {
     const QEVObserverMetadata metadata = metadataArgument(metadataJSON);
