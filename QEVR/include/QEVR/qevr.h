@@ -1,0 +1,229 @@
+/* QEVR for C and for any host with a C foreign-function interface.
+ *
+ * A thin layer over the C++ facades of <QEVR/QEVR.h>: records travel as
+ * UTF-8 JSON text in the same forms the C++ records read and write (their
+ * toJSON/fromJSON), so a binding needs nothing but strings and integers.
+ *
+ * Ownership
+ *   Every `const char*` argument is borrowed for the duration of the call and
+ *   must be NUL-terminated UTF-8. Every `char**` out-parameter receives a new
+ *   NUL-terminated UTF-8 string that the caller owns and releases with
+ *   qevr_string_free(), and nothing else. On failure the out-parameter is set
+ *   to NULL, so freeing it unconditionally is always correct. The texts of
+ *   qevr_version() and qevr_last_error() belong to the library.
+ *
+ * Errors
+ *   Every call that can fail returns a qevr_status. QEVR_OK means the call
+ *   did what it says; any other code means it changed nothing (no
+ *   configuration applied, no event recorded, no state transition) and
+ *   qevr_last_error() describes why. The library never aborts the process
+ *   for bad input: NULL where a value is required, text that is not UTF-8 or
+ *   not JSON, a record of the wrong shape, or a call in the wrong lifecycle
+ *   state all come back as codes.
+ *
+ * Threading
+ *   Any thread may make any call, concurrently. The last-error text is kept
+ *   per thread. The lifecycle calls (qevr_start, qevr_pause, qevr_resume,
+ *   qevr_shutdown) run every module's step on the calling thread and return
+ *   when it is done. The observer calls run on the calling thread (the
+ *   host's UI or game thread, typically) and are cheap. The memory,
+ *   analysis and generate calls block the calling thread on disk reads and
+ *   computation (generate also uses the library's task pool); call them off
+ *   the UI thread and pass a qevr_cancel_token to abandon them early.
+ *
+ * JSON forms accepted (see doc/c-api.md for full examples)
+ *   configuration  {"appId":"com.example.app","environment":{"production":{}},
+ *                   "logLevel":{"info":{}},"isDiagnosticsEnabled":false,...}
+ *   privacy        {"allowScreenTracking":true,"allowGestureTracking":true,...}
+ *   memory options {"maxDiskUsageMB":25,"maxEventAgeDays":30,
+ *                   "maxSessionCount":100,"pruningEnabled":true}
+ *   domain         {"game":{}}, {"mobileApp":{}}, {"custom":{"_0":"travel"}}
+ *   policy         {"minimumConfidence":0.65,"allowUIRecommendations":true,...,
+ *                   "protectedComponentIds":[],"protectedScreenNames":[]}
+ *   metadata       {"score":{"type":"int","value":1200},
+ *                   "mode":{"type":"string","value":"ranked"}}
+ *                  value types: "string", "int", "double", "bool", "date"
+ *                  (a date is seconds since 2001-01-01T00:00:00Z)
+ *   The four option records (configuration, privacy, memory options, policy)
+ *   may leave keys out: a missing key keeps its default, NULL or "{}" is the
+ *   default record, and a key the record does not have is refused. A
+ *   configuration without "appId" uses "qevr.c-api". Results use the same
+ *   forms; dates in results are seconds since 2001-01-01T00:00:00Z.
+ */
+#ifndef QEVR_QEVR_H
+#define QEVR_QEVR_H
+
+#include <QEVRPlatform/Export.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum qevr_status {
+  QEVR_OK = 0,
+  /* A NULL where a value is required, an unknown gesture type, a blank
+   * appId: the text names the argument. */
+  QEVR_ERROR_INVALID_ARGUMENT = 1,
+  /* Text that is not JSON, or JSON that is not the record asked for; the
+   * text gives the path of the value at fault. */
+  QEVR_ERROR_INVALID_JSON = 2,
+  /* An argument string that is not well-formed UTF-8. */
+  QEVR_ERROR_INVALID_UTF8 = 3,
+  /* A lifecycle call the current state does not allow (pause before start,
+   * start while running, ...). */
+  QEVR_ERROR_STATE = 4,
+  /* A part of the system the call needs is not there (no application-support
+   * directory, a module that is not started where one is required). */
+  QEVR_ERROR_UNAVAILABLE = 5,
+  /* The call's qevr_cancel_token was cancelled. */
+  QEVR_ERROR_CANCELLED = 6,
+  /* Reading or writing the memory store failed, or a stored file is
+   * damaged. */
+  QEVR_ERROR_IO = 7,
+  QEVR_ERROR_OUT_OF_MEMORY = 8,
+  /* Anything else: a fault of the library, never of the arguments. */
+  QEVR_ERROR_INTERNAL = 9
+} qevr_status;
+
+typedef enum qevr_lifecycle_state {
+  QEVR_STATE_NOT_STARTED = 0,
+  QEVR_STATE_STARTING = 1,
+  QEVR_STATE_RUNNING = 2,
+  QEVR_STATE_PAUSED = 3,
+  QEVR_STATE_SHUTTING_DOWN = 4,
+  QEVR_STATE_SHUTDOWN = 5
+} qevr_lifecycle_state;
+
+/* Lets a host abandon a blocking call from another thread. Opaque. */
+typedef struct qevr_cancel_token qevr_cancel_token;
+
+/* ---- Strings, errors, version ---- */
+
+/* The library's version, "major.minor.patch". Static; never free it. */
+QEVR_API const char* qevr_version(void);
+
+/* The text of the calling thread's last failed call, or "" when its last
+ * call succeeded. Valid until the same thread makes its next qevr_* call. */
+QEVR_API const char* qevr_last_error(void);
+
+/* A short constant name for a status ("QEVR_ERROR_INVALID_JSON"), or
+ * "unknown" for a value that is none. Static; never free it. */
+QEVR_API const char* qevr_status_name(qevr_status status);
+
+/* Releases a string the library handed out. NULL is ignored. */
+QEVR_API void qevr_string_free(char* text);
+
+/* ---- Cancellation ---- */
+
+/* A new token, not cancelled. Release it with qevr_cancel_token_free once no
+ * call is using it. */
+QEVR_API qevr_status qevr_cancel_token_new(qevr_cancel_token** out_token);
+/* Asks every call given this token to stop; they return
+ * QEVR_ERROR_CANCELLED. Permanent. Safe from any thread. */
+QEVR_API qevr_status qevr_cancel_token_cancel(qevr_cancel_token* token);
+/* NULL is ignored. REQUIRES: no call is still using the token. */
+QEVR_API void qevr_cancel_token_free(qevr_cancel_token* token);
+
+/* ---- Data directory ---- */
+
+/* Moves the application-support directory below which memory keeps its
+ * files (<dir>/QEVR/Memory); NULL restores the platform's answer
+ * ($XDG_DATA_HOME, else ~/.local/share). Process-wide; set it before
+ * qevr_start. */
+QEVR_API qevr_status qevr_set_data_directory(const char* path);
+
+/* Waits until the library's background work (disk saves started by
+ * shutdown, pruning, analyses) is done, or `timeout_ms` has passed.
+ * `out_idle` gets 1 when it is done, 0 on time-out. For hosts that want
+ * what they recorded on disk before they exit or read it back. Blocks. */
+QEVR_API qevr_status qevr_wait_for_background_idle(long long timeout_ms, int* out_idle);
+
+/* ---- Lifecycle ---- */
+
+/* Registers the built-in modules (once per process) and starts them with
+ * the configuration. QEVR_ERROR_STATE unless the state is not-started or
+ * shut down; QEVR_ERROR_INVALID_ARGUMENT for a blank appId. */
+QEVR_API qevr_status qevr_start(const char* configuration_json);
+/* QEVR_ERROR_STATE unless running. */
+QEVR_API qevr_status qevr_pause(void);
+/* QEVR_ERROR_STATE unless paused. */
+QEVR_API qevr_status qevr_resume(void);
+/* Stops the modules in reverse order; the system can start again.
+ * QEVR_ERROR_STATE unless running or paused. */
+QEVR_API qevr_status qevr_shutdown(void);
+/* The current state. Never fails. */
+QEVR_API qevr_lifecycle_state qevr_get_lifecycle_state(void);
+/* "notStarted", "starting", "running", "paused", "shuttingDown",
+ * "shutdown", or "unknown". Static; never free it. */
+QEVR_API const char* qevr_lifecycle_state_name(qevr_lifecycle_state state);
+
+/* ---- Observer ----
+ *
+ * Each call reports one event. `metadata_json` is an object of tagged
+ * values or NULL for none. `out_dispatched` may be NULL; otherwise it gets 1
+ * when the event was dispatched and 0 when the observer refused it (not
+ * running, tracking of that kind switched off, a blank or over-long name),
+ * which is not an error. */
+
+QEVR_API qevr_status qevr_observer_privacy_options(char** out_json);
+/* Takes effect at the next observer call; survives start and shutdown. */
+QEVR_API qevr_status qevr_observer_configure(const char* privacy_options_json);
+
+/* A custom event; `name` is trimmed and holds 1 to 128 characters. */
+QEVR_API qevr_status qevr_track(const char* name, const char* metadata_json, int* out_dispatched);
+QEVR_API qevr_status qevr_screen_view(const char* screen_name, const char* metadata_json,
+                                      int* out_dispatched);
+QEVR_API qevr_status qevr_screen_disappear(const char* screen_name, const char* metadata_json,
+                                           int* out_dispatched);
+/* `from` may be NULL (no previous screen). */
+QEVR_API qevr_status qevr_navigation(const char* from, const char* to, const char* metadata_json,
+                                     int* out_dispatched);
+/* `title` may be NULL. */
+QEVR_API qevr_status qevr_button_tap(const char* component_id, const char* title,
+                                     const char* metadata_json, int* out_dispatched);
+/* `gesture_type` is one of "tap", "doubleTap", "longPress", "swipe",
+ * "pinch", "pan", "rotate", "custom"; `component_id` may be NULL. */
+QEVR_API qevr_status qevr_gesture(const char* gesture_type, const char* component_id,
+                                  const char* metadata_json, int* out_dispatched);
+
+/* ---- Memory ----
+ *
+ * These work whether or not the system runs. `cancel` may be NULL. */
+
+QEVR_API qevr_status qevr_memory_options(char** out_json);
+/* Takes effect at the next pruning run. */
+QEVR_API qevr_status qevr_memory_configure(const char* memory_options_json);
+/* {"estimatedDiskUsageBytes":..,"eventChunkCount":..,"sessionGraphCount":..,
+ *  "hasUserGraph":..,"oldestEventDate":..,"newestEventDate":..} */
+QEVR_API qevr_status qevr_memory_stats(qevr_cancel_token* cancel, char** out_json);
+/* Erases the store on disk. */
+QEVR_API qevr_status qevr_memory_clear(qevr_cancel_token* cancel);
+/* The aggregate, redacted snapshot the analyses read. */
+QEVR_API qevr_status qevr_memory_snapshot(qevr_cancel_token* cancel, char** out_json);
+
+/* ---- Analyses ----
+ *
+ * Deterministic rules over a fresh memory snapshot; results are cached for
+ * 300 seconds. `domain_json` may be NULL (no domain). `cancel` may be NULL. */
+
+QEVR_API qevr_status qevr_summarize_behavior(qevr_cancel_token* cancel, char** out_json);
+QEVR_API qevr_status qevr_analyze_intent(const char* domain_json, qevr_cancel_token* cancel,
+                                         char** out_json);
+QEVR_API qevr_status qevr_detect_frustration(qevr_cancel_token* cancel, char** out_json);
+QEVR_API qevr_status qevr_analyze_skill(const char* domain_json, qevr_cancel_token* cancel,
+                                        char** out_json);
+
+/* ---- Recommendations ---- */
+
+/* A JSON array of recommendations, best first, filtered by the policy; an
+ * empty array while the system is not running. `domain_json` NULL means no
+ * domain; `policy_json` NULL means the default policy for the domain, and
+ * keys it leaves out take that policy's values. `cancel` may be NULL. */
+QEVR_API qevr_status qevr_generate(const char* domain_json, const char* policy_json,
+                                   qevr_cancel_token* cancel, char** out_json);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QEVR_QEVR_H */

@@ -1,0 +1,389 @@
+"""QEVR from Python, through the library's C API (``<QEVR/qevr.h>``).
+
+Pure ctypes: no compiled extension. The shared library is found through the
+``QEVR_LIBRARY`` environment variable (a path), else
+``ctypes.util.find_library("qevr")``.
+
+Records are plain dicts and lists in the records' JSON forms. Option records
+(configuration, privacy, memory options, policy) may leave keys out: those
+keep their defaults. Metadata takes plain Python values (str, int, float,
+bool, datetime), or values already in the tagged form
+``{"type": "int", "value": 3}``. Dates in results are seconds since
+2001-01-01T00:00:00Z; ``to_datetime`` converts one.
+
+Every failure raises a subclass of ``qevr.Error`` that carries the C status
+in ``.code`` and the library's text in ``.message``.
+
+Blocking calls (memory, analyses, generate) release the GIL while they run,
+as every ctypes call does, and accept a ``CancelToken`` that another thread
+may cancel.
+"""
+
+import ctypes
+import ctypes.util
+import datetime
+import json
+import os
+
+__all__ = [
+    "Error", "InvalidArgumentError", "InvalidJSONError", "InvalidUTF8Error",
+    "LifecycleStateError", "UnavailableError", "CancelledError", "InputOutputError",
+    "OutOfMemoryError", "InternalError", "CancelToken", "version", "set_data_directory",
+    "wait_for_background_idle", "start", "pause", "resume", "shutdown", "lifecycle_state",
+    "privacy_options", "configure_privacy", "track", "screen_view", "screen_disappear",
+    "navigation", "button_tap", "gesture", "memory_options", "configure_memory",
+    "memory_stats", "clear_memory", "memory_snapshot", "summarize_behavior", "analyze_intent",
+    "detect_frustration", "analyze_skill", "generate", "to_datetime",
+]
+
+
+class Error(Exception):
+    """A call the library refused; ``code`` is its qevr_status."""
+
+    def __init__(self, code, message):
+        super().__init__(message)
+        self.code = code
+        self.message = message
+
+
+class InvalidArgumentError(Error):
+    """A missing value, an unknown gesture type, a blank appId."""
+
+
+class InvalidJSONError(Error):
+    """Text or a dict that is not the record asked for."""
+
+
+class InvalidUTF8Error(Error):
+    """Bytes given for a text that are not well-formed UTF-8."""
+
+
+class LifecycleStateError(Error):
+    """A lifecycle call the current state does not allow."""
+
+
+class UnavailableError(Error):
+    """A part of the system the call needs is not there."""
+
+
+class CancelledError(Error):
+    """The call's CancelToken was cancelled."""
+
+
+class InputOutputError(Error):
+    """The memory store could not be read or written, or a file is damaged."""
+
+
+class OutOfMemoryError(Error):
+    pass
+
+
+class InternalError(Error):
+    pass
+
+
+# qevr_status values, as in qevr.h.
+_ERRORS = {
+    1: InvalidArgumentError,
+    2: InvalidJSONError,
+    3: InvalidUTF8Error,
+    4: LifecycleStateError,
+    5: UnavailableError,
+    6: CancelledError,
+    7: InputOutputError,
+    8: OutOfMemoryError,
+    9: InternalError,
+}
+
+_STATES = ("notStarted", "starting", "running", "paused", "shuttingDown", "shutdown")
+
+_REFERENCE_DATE = datetime.datetime(2001, 1, 1, tzinfo=datetime.timezone.utc)
+
+
+def _load():
+    path = os.environ.get("QEVR_LIBRARY") or ctypes.util.find_library("qevr")
+    if not path:
+        raise ImportError(
+            "qevr: cannot find libqevr; install QEVR or set QEVR_LIBRARY to the library's path")
+    try:
+        return ctypes.CDLL(path)
+    except OSError as error:
+        raise ImportError(f"qevr: cannot load {path}: {error}") from error
+
+
+_lib = _load()
+
+_c = ctypes.c_char_p
+_out = ctypes.POINTER(ctypes.c_void_p)
+_int_out = ctypes.POINTER(ctypes.c_int)
+_token = ctypes.c_void_p
+_SIGNATURES = {
+    "qevr_version": ([], _c),
+    "qevr_last_error": ([], _c),
+    "qevr_string_free": ([ctypes.c_void_p], None),
+    "qevr_cancel_token_new": ([_out], ctypes.c_int),
+    "qevr_cancel_token_cancel": ([_token], ctypes.c_int),
+    "qevr_cancel_token_free": ([_token], None),
+    "qevr_set_data_directory": ([_c], ctypes.c_int),
+    "qevr_wait_for_background_idle": ([ctypes.c_longlong, _int_out], ctypes.c_int),
+    "qevr_start": ([_c], ctypes.c_int),
+    "qevr_pause": ([], ctypes.c_int),
+    "qevr_resume": ([], ctypes.c_int),
+    "qevr_shutdown": ([], ctypes.c_int),
+    "qevr_get_lifecycle_state": ([], ctypes.c_int),
+    "qevr_observer_privacy_options": ([_out], ctypes.c_int),
+    "qevr_observer_configure": ([_c], ctypes.c_int),
+    "qevr_track": ([_c, _c, _int_out], ctypes.c_int),
+    "qevr_screen_view": ([_c, _c, _int_out], ctypes.c_int),
+    "qevr_screen_disappear": ([_c, _c, _int_out], ctypes.c_int),
+    "qevr_navigation": ([_c, _c, _c, _int_out], ctypes.c_int),
+    "qevr_button_tap": ([_c, _c, _c, _int_out], ctypes.c_int),
+    "qevr_gesture": ([_c, _c, _c, _int_out], ctypes.c_int),
+    "qevr_memory_options": ([_out], ctypes.c_int),
+    "qevr_memory_configure": ([_c], ctypes.c_int),
+    "qevr_memory_stats": ([_token, _out], ctypes.c_int),
+    "qevr_memory_clear": ([_token], ctypes.c_int),
+    "qevr_memory_snapshot": ([_token, _out], ctypes.c_int),
+    "qevr_summarize_behavior": ([_token, _out], ctypes.c_int),
+    "qevr_analyze_intent": ([_c, _token, _out], ctypes.c_int),
+    "qevr_detect_frustration": ([_token, _out], ctypes.c_int),
+    "qevr_analyze_skill": ([_c, _token, _out], ctypes.c_int),
+    "qevr_generate": ([_c, _c, _token, _out], ctypes.c_int),
+}
+for _name, (_args, _result) in _SIGNATURES.items():
+    _function = getattr(_lib, _name)
+    _function.argtypes = _args
+    _function.restype = _result
+
+
+def _free_string(pointer):
+    """Releases a string the library handed out (kept apart so that tests
+    can count the releases)."""
+    _lib.qevr_string_free(pointer)
+
+
+def _check(status):
+    if status != 0:
+        text = (_lib.qevr_last_error() or b"").decode("utf-8", "replace")
+        raise _ERRORS.get(status, Error)(status, text)
+
+
+def _text(value):
+    """A text argument: str is encoded as UTF-8; bytes go as they are, so
+    that the library's own check decides on them; None stays NULL."""
+    if value is None or isinstance(value, bytes):
+        return value
+    if isinstance(value, str):
+        try:
+            return value.encode("utf-8")
+        except UnicodeEncodeError as error:
+            raise InvalidUTF8Error(3, f"not encodable as UTF-8: {error}") from error
+    raise TypeError(f"expected str, bytes or None, got {type(value).__name__}")
+
+
+def _json(value):
+    """A record argument: dicts and lists as JSON, str or bytes as JSON
+    text, None as NULL."""
+    if value is None or isinstance(value, (str, bytes)):
+        return _text(value)
+    return json.dumps(value, ensure_ascii=False, separators=(",", ":")).encode("utf-8")
+
+
+def _domain(domain):
+    """A domain: None, a case name ("game"), or the keyed form."""
+    if isinstance(domain, str) and not domain.lstrip().startswith("{"):
+        return _json({domain: {}})
+    return _json(domain)
+
+
+def _tagged(value):
+    if isinstance(value, dict) and set(value) == {"type", "value"}:
+        return value
+    if isinstance(value, bool):
+        return {"type": "bool", "value": value}
+    if isinstance(value, int):
+        return {"type": "int", "value": value}
+    if isinstance(value, float):
+        return {"type": "double", "value": value}
+    if isinstance(value, str):
+        return {"type": "string", "value": value}
+    if isinstance(value, datetime.datetime):
+        if value.tzinfo is None:
+            raise InvalidArgumentError(1, "metadata dates need a time zone")
+        return {"type": "date", "value": (value - _REFERENCE_DATE).total_seconds()}
+    raise TypeError(f"metadata value of type {type(value).__name__}")
+
+
+def _metadata(metadata):
+    if metadata is None or isinstance(metadata, (str, bytes)):
+        return _text(metadata)
+    return _json({key: _tagged(value) for key, value in metadata.items()})
+
+
+def _token_of(cancel):
+    return None if cancel is None else cancel._handle
+
+
+def _take(function, *args):
+    """Calls `function` with an out-string as its last argument and returns
+    the parsed JSON, freeing the library's string in every case."""
+    out = ctypes.c_void_p()
+    status = function(*args, ctypes.byref(out))
+    try:
+        _check(status)
+        return json.loads(ctypes.string_at(out.value).decode("utf-8"))
+    finally:
+        if out.value:
+            _free_string(out.value)
+
+
+def _observe(function, *args):
+    dispatched = ctypes.c_int(0)
+    _check(function(*args, ctypes.byref(dispatched)))
+    return dispatched.value == 1
+
+
+class CancelToken:
+    """Lets one thread abandon another's blocking call. Close it (or use it
+    as a context manager) once no call is using it."""
+
+    def __init__(self):
+        handle = ctypes.c_void_p()
+        _check(_lib.qevr_cancel_token_new(ctypes.byref(handle)))
+        self._handle = handle.value
+
+    def cancel(self):
+        _check(_lib.qevr_cancel_token_cancel(self._handle))
+
+    def close(self):
+        if self._handle:
+            _lib.qevr_cancel_token_free(self._handle)
+            self._handle = None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def __del__(self):
+        self.close()
+
+
+def to_datetime(seconds):
+    """A result's date (seconds since 2001) as an aware datetime."""
+    return _REFERENCE_DATE + datetime.timedelta(seconds=seconds)
+
+
+def version():
+    return _lib.qevr_version().decode("ascii")
+
+
+def set_data_directory(path):
+    """Memory keeps its files below `path`/QEVR/Memory; None restores the
+    platform's directory. Set it before start()."""
+    _check(_lib.qevr_set_data_directory(_text(None if path is None else os.fspath(path))))
+
+
+def wait_for_background_idle(timeout=60.0):
+    """True once background work (saves started by shutdown) is done."""
+    idle = ctypes.c_int(0)
+    _check(_lib.qevr_wait_for_background_idle(int(timeout * 1000), ctypes.byref(idle)))
+    return idle.value == 1
+
+
+def start(configuration=None):
+    _check(_lib.qevr_start(_json(configuration)))
+
+
+def pause():
+    _check(_lib.qevr_pause())
+
+
+def resume():
+    _check(_lib.qevr_resume())
+
+
+def shutdown():
+    _check(_lib.qevr_shutdown())
+
+
+def lifecycle_state():
+    """"notStarted", "starting", "running", "paused", "shuttingDown" or
+    "shutdown"."""
+    return _STATES[_lib.qevr_get_lifecycle_state()]
+
+
+def privacy_options():
+    return _take(_lib.qevr_observer_privacy_options)
+
+
+def configure_privacy(options=None):
+    _check(_lib.qevr_observer_configure(_json(options)))
+
+
+def track(name, metadata=None):
+    return _observe(_lib.qevr_track, _text(name), _metadata(metadata))
+
+
+def screen_view(screen_name, metadata=None):
+    return _observe(_lib.qevr_screen_view, _text(screen_name), _metadata(metadata))
+
+
+def screen_disappear(screen_name, metadata=None):
+    return _observe(_lib.qevr_screen_disappear, _text(screen_name), _metadata(metadata))
+
+
+def navigation(from_screen, to_screen, metadata=None):
+    return _observe(_lib.qevr_navigation, _text(from_screen), _text(to_screen),
+                    _metadata(metadata))
+
+
+def button_tap(component_id, title=None, metadata=None):
+    return _observe(_lib.qevr_button_tap, _text(component_id), _text(title), _metadata(metadata))
+
+
+def gesture(gesture_type, component_id=None, metadata=None):
+    return _observe(_lib.qevr_gesture, _text(gesture_type), _text(component_id),
+                    _metadata(metadata))
+
+
+def memory_options():
+    return _take(_lib.qevr_memory_options)
+
+
+def configure_memory(options=None):
+    _check(_lib.qevr_memory_configure(_json(options)))
+
+
+def memory_stats(cancel=None):
+    return _take(_lib.qevr_memory_stats, _token_of(cancel))
+
+
+def clear_memory(cancel=None):
+    _check(_lib.qevr_memory_clear(_token_of(cancel)))
+
+
+def memory_snapshot(cancel=None):
+    return _take(_lib.qevr_memory_snapshot, _token_of(cancel))
+
+
+def summarize_behavior(cancel=None):
+    return _take(_lib.qevr_summarize_behavior, _token_of(cancel))
+
+
+def analyze_intent(domain=None, cancel=None):
+    return _take(_lib.qevr_analyze_intent, _domain(domain), _token_of(cancel))
+
+
+def detect_frustration(cancel=None):
+    return _take(_lib.qevr_detect_frustration, _token_of(cancel))
+
+
+def analyze_skill(domain=None, cancel=None):
+    return _take(_lib.qevr_analyze_skill, _domain(domain), _token_of(cancel))
+
+
+def generate(domain=None, policy=None, cancel=None):
+    """Ranked recommendations (a list of dicts); [] while not running."""
+    return _take(_lib.qevr_generate, _domain(domain), _json(policy), _token_of(cancel))
