@@ -78,8 +78,17 @@ fi
 
 if [ -d "$root/bindings/python/tests" ]; then
   echo "== Python binding against the installed library"
+  # The first python3 that has pytest (setup.sh installs Debian's).
+  python=""
+  for candidate in python3 /usr/bin/python3; do
+    if command -v "$candidate" >/dev/null && "$candidate" -c 'import pytest' 2>/dev/null; then
+      python="$candidate"
+      break
+    fi
+  done
+  [ -n "$python" ] || { echo "no python3 with pytest: run scripts/setup.sh test first" >&2; exit 1; }
   QEVR_LIBRARY="$libdir/libqevr.so" PYTHONPATH="$root/bindings/python" \
-    python3 -m pytest -q "$root/bindings/python/tests"
+    "$python" -m pytest -q -p no:cacheprovider "$root/bindings/python/tests"
 fi
 
 echo "== Debian package"
