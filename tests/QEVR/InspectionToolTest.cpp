@@ -405,6 +405,29 @@ TEST_F(InspectionToolTest, DoctorFindsAndQuarantinesEachKindOfDamage) {
   }
 }
 
+// With continuity every simulated session stays known, dated, to the
+// snapshot; the flag may come anywhere among the arguments.
+TEST_F(InspectionToolTest, SimulateWithContinuityKeepsEverySession) {
+  const fs::path data = base / "continuing";
+  const ToolRun run = runTool(
+      {"simulate", "--events", "1500", "--continuity", "--data-dir", data.string(), "--seed", "3"},
+      scratch);
+  ASSERT_EQ(run.status, 0) << run.err;
+  // "simulated N calls (M accepted) in S sessions, ..."
+  const std::size_t in = run.out.find(") in ");
+  ASSERT_NE(in, std::string::npos) << run.out;
+  const std::string sessions = std::to_string(std::stoi(run.out.substr(in + 5)));
+  const ToolRun snapshot = runTool({"snapshot", "--data-dir", data.string(), "--json"}, scratch);
+  ASSERT_EQ(snapshot.status, 0) << snapshot.err;
+  EXPECT_NE(snapshot.out.find("\"totalSessions\":" + sessions + ","), std::string::npos)
+      << sessions << " " << snapshot.out;
+  const ToolRun doctor = runTool({"doctor", "--data-dir", data.string()}, scratch);
+  EXPECT_EQ(doctor.status, 0) << doctor.out;
+  EXPECT_NE(doctor.out.find("\nsession graphs " + sessions + " of"), std::string::npos)
+      << doctor.out;
+  EXPECT_EQ(doctor.out.find("undated"), std::string::npos) << doctor.out;
+}
+
 TEST_F(InspectionToolTest, DoctorNeverReplacesAQuarantinedFile) {
   const fs::path data = copyOfStore(base, memoryRoot(), "doctor-twice");
   const fs::path file = data / "QEVR" / "Memory" / "events" / "BAD.json";
