@@ -357,6 +357,7 @@ TEST_F(InspectionToolTest, DoctorFindsAndQuarantinesEachKindOfDamage) {
       {"link loop", "sessions/100B0000-0000-4000-8000-000000000007.json",
        [](const fs::path& file) { fs::create_symlink(file.filename(), file); },
        "Too many levels of symbolic links", true},
+      {"events not a directory", "events", write("x"), "Not a directory", true},
   };
   if (::geteuid() != 0) {  // permissions do not stop root
     cases.push_back({"unreadable", "events/0A000000-0000-4000-8000-000000000008.json",
@@ -372,7 +373,7 @@ TEST_F(InspectionToolTest, DoctorFindsAndQuarantinesEachKindOfDamage) {
         copyOfStore(base, memoryRoot(), "doctor-" + std::to_string(&c - &cases[0]));
     const fs::path root = data / "QEVR" / "Memory";
     const fs::path file = root / c.relativePath;
-    fs::remove(file);
+    fs::remove_all(file);
     c.plant(file);
     const auto before = contents(data);
 
