@@ -7,6 +7,8 @@
 #include <QEVRPlatform/Tasks.h>
 
 #include <algorithm>
+#include <chrono>
+#include <string>
 
 QEVMemoryRuntime& QEVMemoryRuntime::shared() {
   // Leaked on purpose: background tasks read the options during exit.
@@ -33,6 +35,16 @@ void QEVMemoryRuntime::setDiagnosticsStoreOverride(std::shared_ptr<QEVMemoryStor
 std::shared_ptr<QEVMemoryStore> QEVMemoryRuntime::diagnosticsStoreOverride() const {
   qevr::MutexLock guard(lock);
   return storeOverride;
+}
+
+bool QEVMemoryRuntime::continuity() const {
+  qevr::MutexLock guard(lock);
+  return isContinuityEnabled;
+}
+
+void QEVMemoryRuntime::setContinuity(bool enabled) {
+  qevr::MutexLock guard(lock);
+  isContinuityEnabled = enabled;
 }
 
 namespace QEVMemoryIntegration {
@@ -81,19 +93,52 @@ QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore
       chunkWriter(std::move(stack.writer)),
       pruner(std::move(stack.pruner)) {}
 
+namespace {
+
+// The previous pipeline's last session and user graph may still be on
+// their way to disk; reading before they land would carry on from an older
+// graph, and its late save would then overwrite ours.
+constexpr std::chrono::seconds kPreviousSavesTimeout{10};
+
+}  // namespace
+
+std::optional<QEVUserGraph> QEVMemoryModule::earlierUserGraph(
+    const std::shared_ptr<QEVMemoryPipeline>& previous) const {
+  if (!memoryStore) return std::nullopt;
+  if (previous) previous->waitForGraphSaves(kPreviousSavesTimeout);
+  try {
+    return memoryStore->loadUserGraph();
+  } catch (const std::exception& e) {
+    qevr::platformLog("QEVMemory", "Continuity", qevr::LogType::error,
+                      std::string("User graph unreadable, starting a new one: ") + e.what());
+    return std::nullopt;
+  }
+}
+
 void QEVMemoryModule::start(const QEVRModuleContext& context) {
+  const bool continuing = QEVMemoryRuntime::shared().continuity();
+  std::shared_ptr<QEVMemoryPipeline> previous;
   {
     qevr::MutexLock guard(lock);
     if (isStarted) return;
     isStarted = true;
     isPaused = false;
+    previous = pipeline;
+  }
+  // No sink is registered yet, so no event can arrive while this reads.
+  std::optional<QEVMemoryPipeline::Continuity> continuity;
+  if (continuing) continuity = QEVMemoryPipeline::Continuity{earlierUserGraph(previous)};
+  {
+    qevr::MutexLock guard(lock);
     // The writer was shut down with the previous pipeline; a restarted
     // module saves chunks exactly as after its first start.
     if (chunkWriter) chunkWriter->reopen();
     pipeline = std::make_shared<QEVMemoryPipeline>(
-        events, chunkWriter, memoryStore, [context](QEVRBackgroundOperation operation) {
+        events, chunkWriter, memoryStore,
+        [context](QEVRBackgroundOperation operation) {
           return context.submitBackgroundWork(std::move(operation));
-        });
+        },
+        std::move(continuity));
   }
   std::optional<QEVRUUID> id = QEVObserverIntegration::registerEventSink(shared_from_this());
   if (!id) {
@@ -169,6 +214,14 @@ QEVMemoryOptions options() {
 
 void configure(const QEVMemoryOptions& newOptions) {
   QEVMemoryRuntime::shared().setActiveOptions(newOptions);
+}
+
+void setContinuity(bool enabled) {
+  QEVMemoryRuntime::shared().setContinuity(enabled);
+}
+
+bool continuity() {
+  return QEVMemoryRuntime::shared().continuity();
 }
 
 QEVMemoryStats memoryStats(std::stop_token stop) {

@@ -13,7 +13,7 @@ namespace {
 struct OnceJob {
   std::atomic<bool> claimed{false};
   QEVMemoryDiskScheduler::Job job;
-  std::shared_ptr<std::atomic<int>> inFlight;
+  std::shared_ptr<QEVMemoryDiskScheduler::Progress> progress;
 
   void run() {
     if (claimed.exchange(true, std::memory_order_acq_rel)) return;
@@ -22,7 +22,15 @@ struct OnceJob {
     } catch (...) {
       // Save errors are dropped.
     }
-    inFlight->fetch_sub(1, std::memory_order_acq_rel);
+    job = nullptr;  // what the job holds goes before anyone learns it is done
+    finish(*progress);
+  }
+  static void finish(QEVMemoryDiskScheduler::Progress& progress) {
+    if (progress.inFlight.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    // A waiter tests the count under the lock; passing through it here
+    // means none can be between its test and its wait.
+    { qevr::MutexLock guard(progress.lock); }
+    progress.idle.notify_all();
   }
   void runOnPool(const std::shared_ptr<OnceJob>& self) {
     if (claimed.load(std::memory_order_acquire)) return;
@@ -41,8 +49,8 @@ struct FallbackGuard {
 void QEVMemoryDiskScheduler::schedule(Job job) {
   auto once = std::make_shared<OnceJob>();
   once->job = std::move(job);
-  once->inFlight = inFlight;
-  if (inFlight->fetch_add(1, std::memory_order_acq_rel) >= maxPendingJobs) {
+  once->progress = progress;
+  if (progress->inFlight.fetch_add(1, std::memory_order_acq_rel) >= maxPendingJobs) {
     once->run();  // the disk is behind: pace the caller
     return;
   }
@@ -58,16 +66,41 @@ void QEVMemoryDiskScheduler::schedule(Job job) {
   if (!accepted) once->runOnPool(once);
 }
 
+bool QEVMemoryDiskScheduler::waitUntilIdle(std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> guard(progress->lock.native());
+  return progress->idle.wait_for(
+      guard, timeout, [this] { return progress->inFlight.load(std::memory_order_acquire) == 0; });
+}
+
+namespace {
+
+std::unique_ptr<QEVUserGraphBuilder> makeUserGraphBuilder(
+    const std::optional<QEVMemoryPipeline::Continuity>& continuity) {
+  if (continuity && continuity->earlierUserGraph) {
+    return std::make_unique<QEVUserGraphBuilder>(*continuity->earlierUserGraph);
+  }
+  return std::make_unique<QEVUserGraphBuilder>(QEVRUUID::random(), qevr::now());
+}
+
+}  // namespace
+
 QEVMemoryPipeline::QEVMemoryPipeline(std::shared_ptr<QEVMemoryEventStore> events,
                                      std::shared_ptr<QEVMemoryChunkWriter> writer,
                                      std::shared_ptr<QEVMemoryStore> memoryStore,
-                                     QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit)
+                                     QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit,
+                                     std::optional<Continuity> continuity)
     : eventStore(std::move(events)),
       chunkWriter(std::move(writer)),
       store(std::move(memoryStore)),
       diskScheduler(std::move(backgroundSubmit)),
-      userGraphBuilder(std::make_unique<QEVUserGraphBuilder>(QEVRUUID::random(), qevr::now())),
+      userGraphBuilder(makeUserGraphBuilder(continuity)),
+      datesSessionsByEvents(continuity.has_value()),
       sessionGraphBuilder(std::make_unique<QEVSessionGraphBuilder>()) {}
+
+QEVSessionGraph QEVMemoryPipeline::buildSessionLocked() const {
+  return datesSessionsByEvents ? sessionGraphBuilder->buildDatedByEvents()
+                               : sessionGraphBuilder->build();
+}
 
 std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
     const QEVObserverEvent& event) {
@@ -81,7 +114,7 @@ std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
     const bool endsSession = recorded->type == QEVMemoryEventType::sessionEnd;
     sessionGraphBuilder->ingest(*recorded);
     if (chunkWriter) closed = chunkWriter->append(std::move(*recorded));
-    if (endsSession) completed = completeSessionLocked(sessionGraphBuilder->build());
+    if (endsSession) completed = completeSessionLocked(buildSessionLocked());
   }
   // The save starts after the lock is released: when the disk is behind,
   // this thread saves the chunk itself, and the other delivering threads
@@ -120,7 +153,7 @@ void QEVMemoryPipeline::shutdown() {
     qevr::MutexLock guard(lock);
     if (isShutdown) return;
     isShutdown = true;
-    QEVSessionGraph graph = sessionGraphBuilder->build();
+    QEVSessionGraph graph = buildSessionLocked();
     if (graph.eventCount > 0) completed = completeSessionLocked(graph);
   }
   persist(std::move(completed));

@@ -180,6 +180,8 @@ void QEVSessionGraphBuilder::ingest(const QEVMemoryEvent& event) {
   // The first event names the session; later events cannot rename it.
   if (!sessionId) sessionId = event.sessionId;
   ++eventCount;
+  if (!firstEventAt) firstEventAt = event.timestamp;
+  lastEventAt = event.timestamp;
 
   switch (event.type) {
     case QEVMemoryEventType::screenView:
@@ -266,5 +268,17 @@ QEVSessionGraph QEVSessionGraphBuilder::build() const {
       });
 
   graph.customEventCounts = customEventCounts;
+  return graph;
+}
+
+QEVSessionGraph QEVSessionGraphBuilder::buildDatedByEvents() const {
+  QEVSessionGraph graph = build();
+  qevr::MutexLock guard(lock);
+  if (!graph.startedAt) graph.startedAt = firstEventAt;
+  if (!graph.endedAt) graph.endedAt = lastEventAt;
+  if (graph.startedAt && graph.endedAt) {
+    graph.duration =
+        graph.endedAt->secondsSinceReferenceDate - graph.startedAt->secondsSinceReferenceDate;
+  }
   return graph;
 }

@@ -4,6 +4,8 @@
 
 #include "MemoryJson.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 
 using qevr::json::Decoder;
@@ -70,6 +72,25 @@ QEVUserGraph QEVUserGraph::fromJSON(std::string_view json) {
 
 QEVUserGraphBuilder::QEVUserGraphBuilder(QEVRUUID id, QEVRDate created)
     : userId(id), createdAt(created), updatedAt(created) {}
+
+QEVUserGraphBuilder::QEVUserGraphBuilder(const QEVUserGraph& earlier)
+    : userId(earlier.userId),
+      createdAt(earlier.createdAt),
+      updatedAt(earlier.updatedAt),
+      totalSessions(std::max<std::int64_t>(earlier.totalSessions, 0)),
+      totalEvents(std::max<std::int64_t>(earlier.totalEvents, 0)),
+      frequentlyVisitedScreens(earlier.frequentlyVisitedScreens),
+      frequentComponents(earlier.frequentComponents),
+      frequentCustomEvents(earlier.frequentCustomEvents),
+      lastSeenAt(earlier.lastSeenAt) {
+  // A file may hold anything; an average that is not finite, or one with no
+  // session behind it, would poison every later average.
+  if (!earlier.averageSessionDuration || totalSessions == 0) return;
+  const double total = *earlier.averageSessionDuration * static_cast<double>(totalSessions);
+  if (!std::isfinite(total)) return;
+  sessionsWithDuration = totalSessions;
+  totalSessionDuration = total;
+}
 
 void QEVUserGraphBuilder::merge(const QEVSessionGraph& session) {
   qevr::MutexLock guard(lock);

@@ -230,6 +230,120 @@ TEST_F(MemoryModuleTest, OptionsClampAndApplyToTheNextRun) {
   EXPECT_EQ(Memory::options(), clamped);
 }
 
+// Three runs of an app over one store, an hour apart, one screen each. With
+// continuity the user graph adds the runs up and their sessions keep their
+// dates through later pruning. Without it each start stands alone, and the
+// undated session graphs go at the first pruning run that sees them (the
+// one after the last run's closing chunk may come before or after its
+// session graph is saved).
+TEST_F(MemoryModuleTest, ContinuityCarriesTheUserGraphAndDatesSessionsAcrossRuns) {
+  using Lines = std::vector<std::string>;
+  struct Case {
+    bool continuity;
+    std::int64_t totalSessions;
+    std::vector<Lines> recentScreenSequences;  // any one of these
+    std::int64_t datedSessionFiles;
+  };
+  const Case cases[] = {
+      {true, 3, {{"Run3", "Run2", "Run1"}}, 3},
+      {false, 1, {{}, {"Run3"}}, 0},
+  };
+  registerBoth();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.continuity ? "on" : "off");
+    Memory::clearMemory();
+    Memory::setContinuity(c.continuity);
+    auto clock = std::make_shared<qevr::ManualClock>(qevr::systemClock().now());
+    qevr::setClock(clock);
+    std::optional<QEVRUUID> firstUser;
+    QEVRDate firstCreated{};
+    for (int run = 1; run <= 3; ++run) {
+      start();
+      // The start's pruning run first, so that it never sees this run's files.
+      ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+      clock->advance(60);
+      Observer::screenView("Run" + std::to_string(run), {});
+      clock->advance(60);
+      Observer::track("played", {});
+      QEVR::shutdown();
+      ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+      const auto user = makeStore(root())->loadUserGraph();
+      ASSERT_TRUE(user.has_value());
+      if (!firstUser) {
+        firstUser = user->userId;
+        firstCreated = user->createdAt;
+      } else {
+        EXPECT_EQ(user->userId == *firstUser && user->createdAt == firstCreated, c.continuity);
+      }
+      EXPECT_EQ(user->lastSeenAt.has_value(), c.continuity);
+      clock->advance(3600);
+    }
+    qevr::setClock(nullptr);
+    const QEVMemoryIntelligenceSnapshot snapshot = Memory::intelligenceSnapshot();
+    EXPECT_EQ(snapshot.totalSessions, c.totalSessions);
+    EXPECT_EQ(snapshot.frequentCustomEvents.at("played"), c.totalSessions);
+    EXPECT_THAT(c.recentScreenSequences, ::testing::Contains(snapshot.recentScreenSequences));
+    std::int64_t dated = 0;
+    for (const QEVSessionGraph& graph : makeStore(root())->loadSessionGraphs()) {
+      if (!graph.startedAt || !graph.endedAt) continue;
+      ++dated;
+      EXPECT_NEAR(graph.duration.value_or(0), 60, 1e-3);  // from the first event to the last
+    }
+    EXPECT_EQ(dated, c.datedSessionFiles);
+  }
+  Memory::setContinuity(false);
+}
+
+TEST_F(MemoryModuleTest, ContinuityStartsAfreshFromADamagedUserGraph) {
+  registerBoth();
+  Memory::setContinuity(true);
+  const auto graphFile = root() / "user" / "graph.json";
+  std::filesystem::create_directories(graphFile.parent_path());
+  std::ofstream(graphFile) << R"({"userId":"not a uuid","totalSessions":40})";
+  start();
+  Observer::track("after", {});
+  QEVR::shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  Memory::setContinuity(false);
+  const auto user = makeStore(root())->loadUserGraph();
+  ASSERT_TRUE(user.has_value());
+  EXPECT_EQ(user->totalSessions, 1);
+  EXPECT_EQ(logs->texts("QEVMemory", "Continuity").size(), 1u);
+}
+
+// The setting is read at start: turning it on while memory runs leaves the
+// running session undated (so the user graph never sees a date), and the
+// next start carries on; turning it off then changes nothing until the
+// start after.
+TEST_F(MemoryModuleTest, ContinuityChangesTakeEffectAtTheNextStart) {
+  registerBoth();
+  start();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));  // the start's pruning run
+  Memory::setContinuity(true);
+  EXPECT_TRUE(Memory::continuity());
+  Observer::track("first", {});
+  QEVR::shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  auto user = makeStore(root())->loadUserGraph();
+  ASSERT_TRUE(user.has_value());
+  EXPECT_FALSE(user->lastSeenAt.has_value());
+
+  start();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  Memory::setContinuity(false);
+  EXPECT_FALSE(Memory::continuity());
+  Observer::track("second", {});
+  QEVR::shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  user = makeStore(root())->loadUserGraph();
+  ASSERT_TRUE(user.has_value());
+  EXPECT_EQ(user->totalSessions, 2);
+  EXPECT_TRUE(user->lastSeenAt.has_value());
+  const auto sessions = makeStore(root())->loadSessionGraphs();
+  ASSERT_EQ(sessions.size(), 1u);
+  EXPECT_TRUE(sessions[0].startedAt && sessions[0].endedAt);
+}
+
 // Snapshot rules over a store written directly.
 class SnapshotTest : public ::testing::Test {
  protected:

@@ -84,6 +84,58 @@ TEST(SessionGraphBuilderTest, SessionDatesPreferDateMetadataAndLaterEventsWin) {
   }
 }
 
+// Dating by events fills only what the session's own start and end events
+// left open.
+TEST(SessionGraphBuilderTest, DatingByEventsFillsOnlyMissingDates) {
+  struct Case {
+    const char* name;
+    std::vector<QEVMemoryEvent> events;
+    std::optional<QEVRDate> startedAt, endedAt;
+    std::optional<double> duration;
+  };
+  const Case cases[] = {
+      {"no events", {}, std::nullopt, std::nullopt, std::nullopt},
+      {"neither start nor end",
+       {ev(Type::screenView, "Home", {}, {}, 40), ev(Type::buttonTap, "Home", "b", {}, 10),
+        ev(Type::custom, {}, {}, {{"name", "x"}}, 25)},
+       QEVRDate{40},
+       QEVRDate{25},
+       -15.0},  // the first and last ingested, not the earliest and latest
+      {"start without end",
+       {ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{5}}}, 8),
+        ev(Type::screenView, "Home", {}, {}, 30)},
+       QEVRDate{5},
+       QEVRDate{30},
+       25.0},
+      {"end without start",
+       {ev(Type::screenView, "Home", {}, {}, 12),
+        ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{50}}}, 51)},
+       QEVRDate{12},
+       QEVRDate{50},
+       38.0},
+      {"both",
+       {ev(Type::sessionStart, {}, {}, {}, 3), ev(Type::sessionEnd, {}, {}, {}, 9)},
+       QEVRDate{3},
+       QEVRDate{9},
+       6.0},
+  };
+  for (const Case& c : cases) {
+    QEVSessionGraphBuilder builder;
+    for (const QEVMemoryEvent& event : c.events)
+      builder.ingest(event);
+    const QEVSessionGraph dated = builder.buildDatedByEvents();
+    EXPECT_EQ(dated.startedAt, c.startedAt) << c.name;
+    EXPECT_EQ(dated.endedAt, c.endedAt) << c.name;
+    EXPECT_EQ(dated.duration, c.duration) << c.name;
+    // Everything but the dates is what build() gives.
+    QEVSessionGraph plain = builder.build();
+    plain.startedAt = dated.startedAt;
+    plain.endedAt = dated.endedAt;
+    plain.duration = dated.duration;
+    EXPECT_EQ(dated, plain) << c.name;
+  }
+}
+
 TEST(SessionGraphBuilderTest, EdgesComeOnlyFromNavigationEventsOwnFields) {
   const QEVSessionGraph graph = buildFrom({
       ev(Type::navigation, "Cart", {}, {{"to", "Pay"}, {"from", "Cart"}}),

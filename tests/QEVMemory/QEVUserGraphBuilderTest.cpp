@@ -122,6 +122,55 @@ TEST(UserGraphBuilderTest, SumsSaturateInsteadOfOverflowing) {
   EXPECT_EQ(graph.frequentComponents.at("x"), std::numeric_limits<std::int64_t>::max());
 }
 
+// A builder that carries on from an earlier graph: same identity, totals
+// added to, the earlier average weighted by its sessions.
+TEST(UserGraphBuilderTest, CarryingOnAddsToTheEarlierGraph) {
+  struct Case {
+    const char* name;
+    std::int64_t earlierSessions;
+    std::optional<double> earlierAverage;
+    std::optional<QEVSessionGraph> next;
+    std::int64_t totalSessions;
+    std::optional<double> average;
+  };
+  const Case cases[] = {
+      {"nothing merged", 4, 12.5, std::nullopt, 4, 12.5},
+      {"weighted average", 4, 10.0, session(1500, 1520), 5, 12.0},
+      {"no earlier average", 2, std::nullopt, session(1500, 1530), 3, 30.0},
+      {"undated session", 2, 10.0, session(std::nullopt, std::nullopt), 3, 10.0},
+      {"negative total", -3, 5.0, session(1500, 1510), 1, 10.0},
+      {"average past double", 10, 1e308, session(1500, 1510), 11, 10.0},
+  };
+  for (const Case& c : cases) {
+    QEVUserGraph earlier;
+    earlier.userId = kUserId;
+    earlier.createdAt = kCreatedAt;
+    earlier.updatedAt = QEVRDate{1400};
+    earlier.lastSeenAt = QEVRDate{1400};
+    earlier.totalSessions = c.earlierSessions;
+    earlier.totalEvents = 30;
+    earlier.frequentlyVisitedScreens = {{"Home", 4}};
+    earlier.averageSessionDuration = c.earlierAverage;
+    QEVUserGraphBuilder builder(earlier);
+    QEVUserGraph expected = earlier;
+    if (c.next) {
+      QEVSessionGraph next = *c.next;
+      next.eventCount = 2;
+      next.screenSequence = {"Home", "Shop"};
+      builder.merge(next);
+      expected.totalEvents = 32;
+      expected.frequentlyVisitedScreens = {{"Home", 5}, {"Shop", 1}};
+      if (next.endedAt) {
+        expected.updatedAt = *next.endedAt;
+        expected.lastSeenAt = next.endedAt;
+      }
+    }
+    expected.totalSessions = c.totalSessions;
+    expected.averageSessionDuration = c.average;
+    EXPECT_EQ(builder.build(), expected) << c.name;
+  }
+}
+
 TEST(UserGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
   QEVUserGraphBuilder builder(kUserId, kCreatedAt);
   QEVSessionGraph s = session(1500, 1510.5);

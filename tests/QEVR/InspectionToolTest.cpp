@@ -2,6 +2,7 @@
 #include <QEVIntelligence/QEVIntelligenceModels.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
+#include <QEVMemory/QEVMemoryPruner.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Json.h>
@@ -14,10 +15,12 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -227,6 +230,8 @@ TEST_F(InspectionToolTest, BadStoresFailWithOneLineAndStatusTwo) {
       {{"analyze", "--data-dir", dataDir.string(), "--snapshot", "-"}, "exclude"},
       {{"snapshot", "--data-dir", damaged.string(), "--json"}, badGraph.string()},
       {{"snapshot", "--bogus"}, "--bogus"},
+      {{"doctor", "--data-dir", (base / "missing").string()}, (base / "missing").string()},
+      {{"doctor", "--fix", "--bogus"}, "--bogus"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args[0] + " " + c.args[1]);
@@ -236,6 +241,207 @@ TEST_F(InspectionToolTest, BadStoresFailWithOneLineAndStatusTwo) {
     EXPECT_NE(run.err.find(c.errorMentions), std::string::npos) << run.err;
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
   }
+}
+
+// What `listing` shows, and every regular file's bytes: byte for byte.
+std::map<std::string, std::string> contents(const fs::path& root) {
+  std::map<std::string, std::string> entries = listing(root);
+  for (auto& [path, facts] : entries) {
+    if (fs::is_regular_file(fs::symlink_status(path))) facts += "/" + slurp(path);
+  }
+  return entries;
+}
+
+// A copy of the simulated store under base/<name>; returns its data dir.
+fs::path copyOfStore(const fs::path& base, const fs::path& memoryRoot, const std::string& name) {
+  const fs::path copy = base / name;
+  fs::create_directories(copy / "QEVR");
+  fs::copy(memoryRoot, copy / "QEVR" / "Memory", fs::copy_options::recursive);
+  return copy;
+}
+
+bool pruningSucceeds(const fs::path& memoryRoot) {
+  try {
+    QEVMemoryPruner(memoryRoot, qevr::FileSystem::defaultFileSystem()).prune(QEVMemoryOptions{});
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// The lines of the doctor's report that name damaged files.
+std::vector<std::string> damagedLines(const std::string& report) {
+  std::vector<std::string> lines;
+  std::istringstream in(report);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("  ", 0) == 0) lines.push_back(line.substr(2));
+  }
+  return lines;
+}
+
+TEST_F(InspectionToolTest, DoctorLeavesAHealthyStoreByteForByteAsItWas) {
+  const auto before = contents(base / "data");
+  const auto chunks = QEVFileMemoryStore(memoryRoot(), qevr::FileSystem::defaultFileSystem(),
+                                         std::make_shared<QEVLZFSECompressionEngine>())
+                          .loadEventChunks()
+                          .size();
+  for (const bool fix : {false, true}) {
+    std::vector<std::string> args = {"doctor", "--data-dir", dataDir.string()};
+    if (fix) args.push_back("--fix");
+    const ToolRun run = runTool(args, scratch);
+    EXPECT_EQ(run.status, 0) << run.out << run.err;
+    EXPECT_EQ(run.err, "");
+    EXPECT_NE(run.out.find("\nevent chunks " + std::to_string(chunks) + "\n"), std::string::npos)
+        << run.out;
+    EXPECT_NE(run.out.find("damaged files 0\npruning can run: yes\nhealthy\n"), std::string::npos)
+        << run.out;
+    EXPECT_EQ(contents(base / "data"), before);
+  }
+  EXPECT_FALSE(fs::exists(dataDir / "QEVR" / "Memory-quarantine"));
+}
+
+// Each kind of damage, planted in a copy of the store: the doctor names the
+// file and why, changes nothing without --fix, and with it moves the file
+// aside so that the pruner and the snapshot work again.
+TEST_F(InspectionToolTest, DoctorFindsAndQuarantinesEachKindOfDamage) {
+  struct Case {
+    std::string name;
+    std::string relativePath;
+    std::function<void(const fs::path& file)> plant;
+    std::string reason;  // a part of the reason the report gives
+    bool stopsPruning;
+  };
+  auto write = [](std::string text) {
+    return [text](const fs::path& file) { std::ofstream(file, std::ios::binary) << text; };
+  };
+  // A real chunk, compressed, whose block loses its second half.
+  const auto truncatedChunk = [](const fs::path& file) {
+    QEVMemoryEventChunk chunk;
+    chunk.id = QEVRUUID::random();
+    chunk.createdAt = QEVRDate{800'000'000};
+    for (int i = 0; i < 200; ++i) {
+      chunk.events.push_back({QEVRUUID::random(),
+                              QEVMemoryEventType::custom,
+                              QEVRDate{800'000'000.0 + i},
+                              std::nullopt,
+                              "Home",
+                              std::nullopt,
+                              {{"name", "tick"}},
+                              static_cast<std::uint64_t>(i + 1)});
+    }
+    chunk.eventCount = static_cast<std::int64_t>(chunk.events.size());
+    const std::string json = chunk.toJSON();
+    QEVStoredEventChunk envelope{QEVCompressionType::lzfse, static_cast<std::int64_t>(json.size()),
+                                 QEVLZFSECompressionEngine().compress({json.begin(), json.end()})};
+    envelope.payload.resize(envelope.payload.size() / 2);
+    std::ofstream(file, std::ios::binary) << envelope.toJSON();
+  };
+  std::vector<Case> cases = {
+      {"fifo", "events/0F1F0000-0000-4000-8000-000000000001.json",
+       [](const fs::path& file) { ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0); }, "Invalid argument",
+       true},
+      {"directory", "sessions/D1D1D1D1-0000-4000-8000-000000000002.json",
+       [](const fs::path& file) { fs::create_directory(file); }, "Is a directory", true},
+      {"empty", "events/E0000000-0000-4000-8000-000000000003.json", write(""), "document is empty",
+       true},
+      {"truncated", "events/7C000000-0000-4000-8000-000000000004.json", truncatedChunk,
+       "decompressionFailed", true},
+      {"envelope", "events/E1000000-0000-4000-8000-000000000005.json",
+       write(R"({"compressionType":"zip","uncompressedByteCount":2,"payload":"e30="})"),
+       "compression type", true},
+      {"session JSON", "sessions/5E000000-0000-4000-8000-000000000006.json",
+       write(R"({"sessionId":"5E000000-0000-4000-8000-000000000006","eventCount":)"),
+       "not valid JSON", true},
+      {"user graph", "user/graph.json", write(R"({"userId":"x","totalSessions":3})"), "userId",
+       false},
+      {"link loop", "sessions/100B0000-0000-4000-8000-000000000007.json",
+       [](const fs::path& file) { fs::create_symlink(file.filename(), file); },
+       "Too many levels of symbolic links", true},
+      {"events not a directory", "events", write("x"), "Not a directory", true},
+  };
+  if (::geteuid() != 0) {  // permissions do not stop root
+    cases.push_back({"unreadable", "events/0A000000-0000-4000-8000-000000000008.json",
+                     [](const fs::path& file) {
+                       std::ofstream(file) << "{}";
+                       fs::permissions(file, fs::perms::none);
+                     },
+                     "Permission denied", true});
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path data =
+        copyOfStore(base, memoryRoot(), "doctor-" + std::to_string(&c - &cases[0]));
+    const fs::path root = data / "QEVR" / "Memory";
+    const fs::path file = root / c.relativePath;
+    fs::remove_all(file);
+    c.plant(file);
+    const auto before = contents(data);
+
+    const ToolRun look = runTool({"doctor", "--data-dir", data.string()}, scratch);
+    EXPECT_EQ(look.status, 1) << look.out << look.err;
+    const std::vector<std::string> lines = damagedLines(look.out);
+    ASSERT_EQ(lines.size(), 1u) << look.out;
+    EXPECT_EQ(lines[0].rfind(c.relativePath + ": ", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find(c.reason), std::string::npos) << lines[0];
+    EXPECT_EQ(lines[0].find(root.string()), std::string::npos) << lines[0];
+    EXPECT_EQ(look.out.find("pruning can run: yes") == std::string::npos, c.stopsPruning)
+        << look.out;
+    EXPECT_EQ(contents(data), before);
+    if (c.stopsPruning) {
+      EXPECT_FALSE(pruningSucceeds(root));
+    }
+
+    const ToolRun fix = runTool({"doctor", "--data-dir", data.string(), "--fix"}, scratch);
+    EXPECT_EQ(fix.status, 1) << fix.out << fix.err;
+    EXPECT_NE(fix.out.find("fixed: the store is healthy now"), std::string::npos) << fix.out;
+    EXPECT_FALSE(fs::exists(fs::symlink_status(file)));
+    EXPECT_TRUE(
+        fs::exists(fs::symlink_status(data / "QEVR" / "Memory-quarantine" / c.relativePath)));
+
+    EXPECT_EQ(runTool({"doctor", "--data-dir", data.string()}, scratch).status, 0);
+    QEVFileMemoryStore store(root, qevr::FileSystem::defaultFileSystem(),
+                             std::make_shared<QEVLZFSECompressionEngine>());
+    EXPECT_NO_THROW(intelligenceSnapshot(store));
+    EXPECT_TRUE(pruningSucceeds(root));
+  }
+}
+
+// With continuity every simulated session stays known, dated, to the
+// snapshot; the flag may come anywhere among the arguments.
+TEST_F(InspectionToolTest, SimulateWithContinuityKeepsEverySession) {
+  const fs::path data = base / "continuing";
+  const ToolRun run = runTool(
+      {"simulate", "--events", "1500", "--continuity", "--data-dir", data.string(), "--seed", "3"},
+      scratch);
+  ASSERT_EQ(run.status, 0) << run.err;
+  // "simulated N calls (M accepted) in S sessions, ..."
+  const std::size_t in = run.out.find(") in ");
+  ASSERT_NE(in, std::string::npos) << run.out;
+  const std::string sessions = std::to_string(std::stoi(run.out.substr(in + 5)));
+  const ToolRun snapshot = runTool({"snapshot", "--data-dir", data.string(), "--json"}, scratch);
+  ASSERT_EQ(snapshot.status, 0) << snapshot.err;
+  EXPECT_NE(snapshot.out.find("\"totalSessions\":" + sessions + ","), std::string::npos)
+      << sessions << " " << snapshot.out;
+  const ToolRun doctor = runTool({"doctor", "--data-dir", data.string()}, scratch);
+  EXPECT_EQ(doctor.status, 0) << doctor.out;
+  EXPECT_NE(doctor.out.find("\nsession graphs " + sessions + " of"), std::string::npos)
+      << doctor.out;
+  EXPECT_EQ(doctor.out.find("undated"), std::string::npos) << doctor.out;
+}
+
+TEST_F(InspectionToolTest, DoctorNeverReplacesAQuarantinedFile) {
+  const fs::path data = copyOfStore(base, memoryRoot(), "doctor-twice");
+  const fs::path file = data / "QEVR" / "Memory" / "events" / "BAD.json";
+  const fs::path kept = data / "QEVR" / "Memory-quarantine" / "events" / "BAD.json";
+  const std::string texts[] = {"first", "second", "third"};
+  for (const std::string& text : texts) {
+    std::ofstream(file) << text;
+    const ToolRun run = runTool({"doctor", "--data-dir", data.string(), "--fix"}, scratch);
+    EXPECT_EQ(run.status, 1) << run.out << run.err;
+  }
+  EXPECT_EQ(slurp(kept), "first");
+  EXPECT_EQ(slurp(kept.string() + ".1"), "second");
+  EXPECT_EQ(slurp(kept.string() + ".2"), "third");
 }
 
 }  // namespace

@@ -66,9 +66,12 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
   configuration.isFallbackRecommendationsEnabled = true;
 
   std::optional<std::filesystem::path> dataDir;
+  bool continuity = false;
   for (size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--data-dir" && i + 1 < args.size()) {
       dataDir = args[++i];
+    } else if (args[i] == "--continuity") {
+      continuity = true;
     } else if (args[i] == "--log-level" && i + 1 < args.size()) {
       bool found = false;
       for (auto level :
@@ -100,7 +103,10 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
 
   qevr::ScopedLogSink logs(std::make_shared<PrintingLogSink>(out));
   QEVRRegisterDefaultModules();
+  // Before the first start: each start reads the setting.
+  QEVR::Memory::setContinuity(continuity);
   out << "data directory " << dataDir->string() << "\n";
+  if (continuity) out << "memory continuity on\n";
 
   out << "QEVR " << QEVR::version << " demo\n";
   out << "configuration " << configuration.toJSON() << "\n";

@@ -10,6 +10,8 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "SimulatedUser.h"
 
@@ -31,7 +33,11 @@ std::optional<std::uint64_t> parseCount(const std::string& text) {
 
 }  // namespace
 
-int runSimulateCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+int runSimulateCommand(const std::vector<std::string>& given, std::ostream& out,
+                       std::ostream& err) {
+  // The one flag without a value; the rest come in pairs.
+  std::vector<std::string> args = given;
+  const bool continuity = std::erase(args, std::string("--continuity")) > 0;
   std::optional<std::filesystem::path> dataDir;
   std::optional<std::uint64_t> events, seed = 1;
   for (size_t i = 0; i + 1 < args.size(); i += 2) {
@@ -47,7 +53,7 @@ int runSimulateCommand(const std::vector<std::string>& args, std::ostream& out, 
     }
   }
   if (!dataDir || !events || !seed || args.size() % 2 != 0) {
-    err << "usage: qevr simulate --data-dir DIR --events N [--seed S]\n";
+    err << "usage: qevr simulate --data-dir DIR --events N [--seed S] [--continuity]\n";
     return 2;
   }
   std::error_code error;
@@ -59,6 +65,7 @@ int runSimulateCommand(const std::vector<std::string>& args, std::ostream& out, 
   qevr::setApplicationSupportDirectoryOverride(*dataDir);
   qevr::ScopedLogSink silent(std::make_shared<SilentLogSink>());
   QEVRRegisterDefaultModules();
+  QEVR::Memory::setContinuity(continuity);
 
   QEVRConfiguration configuration;
   configuration.appId = "com.example.qevr-simulate";

@@ -42,15 +42,39 @@ std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& direc
 }
 
 template <typename Decode>
+auto readAndDecode(qevr::FileSystem& files, const fs::path& file, Decode decode) {
+  const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+  return decode(bytes.empty()
+                    ? std::string_view("", 0)
+                    : std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+template <typename Decode>
 auto decodeFile(qevr::FileSystem& files, const fs::path& file, Decode decode) {
   try {
-    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
-    return decode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+    return readAndDecode(files, file, decode);
   } catch (const QEVRCancellationError&) {
     throw;
   } catch (const std::exception& e) {
     throw StoreReadError(file.string() + ": " + oneLine(e.what()));
   }
+}
+
+// The text of `error` in one line, without the absolute path that file
+// errors carry: the report names each file once, by its relative path.
+std::string failureText(const std::exception& error, const fs::path& file) {
+  std::string text = oneLine(error.what());
+  const std::string path = file.string();
+  for (std::size_t at = text.find(path); at != std::string::npos; at = text.find(path)) {
+    const std::size_t from = at > 0 && text[at - 1] == ' ' ? at - 1 : at;
+    text.erase(from, at + path.size() - from);
+  }
+  return text;
+}
+
+// A session graph's date for the pruner: its end, else its start.
+std::optional<QEVRDate> prunerDateOf(const QEVSessionGraph& graph) {
+  return graph.endedAt ? graph.endedAt : graph.startedAt;
 }
 
 [[noreturn]] void refuseWrite() {
@@ -115,6 +139,52 @@ std::uint64_t ReadOnlyMemoryStore::estimatedDiskUsageBytes(std::stop_token stop)
     return 0;  // an estimate, as the file store gives it
   }
   return total;
+}
+
+std::vector<StoreEntryCheck> ReadOnlyMemoryStore::checkEntries(std::stop_token stop) {
+  using Kind = StoreEntryCheck::Kind;
+  std::vector<StoreEntryCheck> checks;
+  // Decodes one file into its check; the decoder gives the pruner's date.
+  auto check = [&](const fs::path& file, Kind kind, auto decode) {
+    qevr::checkCancellation(stop);
+    StoreEntryCheck entry{file.lexically_relative(root), kind, files->fileSize(file).value_or(0),
+                          std::nullopt, std::nullopt};
+    try {
+      entry.prunerDate = readAndDecode(*files, file, decode);
+    } catch (const QEVRCancellationError&) {
+      throw;
+    } catch (const std::exception& e) {
+      entry.failure = failureText(e, file);
+    }
+    checks.push_back(std::move(entry));
+  };
+  // A directory the pruner cannot list stops it as a damaged file does.
+  auto filesIn = [&](const char* name) -> std::vector<fs::path> {
+    try {
+      return jsonFilesIn(*files, root / name);
+    } catch (const std::exception& e) {
+      checks.push_back({name, Kind::directory, 0, failureText(e, root / name), std::nullopt});
+      return {};
+    }
+  };
+  for (const fs::path& file : filesIn("events")) {
+    check(file, Kind::eventChunk, [this](std::string_view text) -> std::optional<QEVRDate> {
+      const QEVMemoryEventChunk chunk = decodeStoredChunkFile(text, *engine);
+      return chunk.closedAt.value_or(chunk.createdAt);
+    });
+  }
+  for (const fs::path& file : filesIn("sessions")) {
+    check(file, Kind::sessionGraph,
+          [](std::string_view text) { return prunerDateOf(QEVSessionGraph::fromJSON(text)); });
+  }
+  const fs::path user = root / "user" / "graph.json";
+  if (files->exists(user)) {
+    check(user, Kind::userGraph, [](std::string_view text) -> std::optional<QEVRDate> {
+      QEVUserGraph::fromJSON(text);
+      return std::nullopt;
+    });
+  }
+  return checks;
 }
 
 void ReadOnlyMemoryStore::saveEventChunk(const QEVMemoryEventChunk&, std::stop_token) {

@@ -14,11 +14,28 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 // One line for standard error: "<path>: <reason>".
 class StoreReadError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// One entry the memory module reads, decoded on its own: a chunk file, a
+// session graph, the user graph, or a directory of them that cannot be
+// listed.
+struct StoreEntryCheck {
+  enum class Kind { eventChunk, sessionGraph, userGraph, directory };
+  std::filesystem::path relativePath;  // below the store's root
+  Kind kind = Kind::eventChunk;
+  std::uint64_t byteCount = 0;
+  // Why it cannot be read or decoded, in one line; absent when it decodes.
+  std::optional<std::string> failure;
+  // For a chunk or session graph that decodes, the date the pruner orders
+  // it by; absent for a session graph that has neither of its dates.
+  std::optional<QEVRDate> prunerDate;
 };
 
 class ReadOnlyMemoryStore final : public QEVMemoryStore {
@@ -37,6 +54,11 @@ class ReadOnlyMemoryStore final : public QEVMemoryStore {
   std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token stop = {}) override;
   std::optional<QEVUserGraph> loadUserGraph(std::stop_token stop = {}) override;
   std::uint64_t estimatedDiskUsageBytes(std::stop_token stop = {}) override;
+
+  // Every file the loads and the pruner read, in their order (chunks,
+  // session graphs, then the user graph), each decoded as they decode it.
+  // A damaged file is reported, never thrown.
+  std::vector<StoreEntryCheck> checkEntries(std::stop_token stop = {});
 
   // Refused with std::logic_error: this store is never written.
   void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop = {}) override;

@@ -7,6 +7,7 @@
 
 #include "AnalyzeCommand.h"
 #include "DemoCommand.h"
+#include "DoctorCommand.h"
 #include "RecommendCommand.h"
 #include "SimulateCommand.h"
 #include "SnapshotCommand.h"
@@ -20,9 +21,9 @@ namespace {
 void printUsage(std::ostream& out) {
   out << "usage: qevr <command> [arguments]\n"
          "  version                         print the library version\n"
-         "  demo [--data-dir DIR] [--log-level LEVEL]\n"
+         "  demo [--data-dir DIR] [--log-level LEVEL] [--continuity]\n"
          "                                  run the system through a short scripted life\n"
-         "  simulate --data-dir DIR --events N [--seed S]\n"
+         "  simulate --data-dir DIR --events N [--seed S] [--continuity]\n"
          "                                  drive a simulated user as fast as possible\n"
          "  snapshot [--data-dir DIR] [--json]\n"
          "                                  the intelligence snapshot of a store (read-only)\n"
@@ -31,6 +32,10 @@ void printUsage(std::ostream& out) {
          "(read-only)\n"
          "  recommend [--domain D] [--policy FILE] [--data-dir DIR | --inputs FILE] [--json]\n"
          "                                  one generation over a store or exported data\n"
+         "  doctor [--data-dir DIR] [--fix]\n"
+         "                                  check every file of a store; --fix moves damaged\n"
+         "                                  ones to QEVR/Memory-quarantine (exit 0 healthy,\n"
+         "                                  1 damaged or damaged and fixed, 3 not all fixed)\n"
 #ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
          "                                  convert a file to or from the compressed format\n"
@@ -56,6 +61,7 @@ int main(int argc, char** argv) {
   if (command == "simulate") return runSimulateCommand(rest, std::cout, std::cerr);
   if (command == "recommend") return runRecommendCommand(rest, std::cout, std::cerr);
   if (command == "analyze") return runAnalyzeCommand(rest, std::cout, std::cerr);
+  if (command == "doctor") return runDoctorCommand(rest, std::cout, std::cerr);
   if (command == "snapshot") return runSnapshotCommand(rest, std::cout, std::cerr);
 #ifdef QEVR_TOOL_HAS_LZFSE
   if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);

@@ -16,6 +16,17 @@ QEVR_API QEVMemoryOptions options();
 // Takes effect at the next pruning run; starts none.
 QEVR_API void configure(const QEVMemoryOptions& options);
 
+// Memory that spans module starts; off by default. When on, a start carries
+// on the user graph that user/graph.json holds (its userId and createdAt
+// kept, its totals added to), and a session whose start or end event never
+// reached memory is dated by its first and last events, so that pruning
+// treats it as any other session. A user graph that does not decode is
+// left alone and the start begins afresh. Read at each start: a change
+// while memory runs takes effect at the next start. The records and their
+// JSON forms are the same either way.
+QEVR_API void setContinuity(bool enabled);
+QEVR_API bool continuity();
+
 QEVR_API QEVMemoryStats memoryStats(std::stop_token stop = {});
 QEVR_API std::future<QEVMemoryStats> memoryStatsAsync();
 // Erases everything on disk (not what a running pipeline holds in memory)

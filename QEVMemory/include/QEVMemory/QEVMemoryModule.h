@@ -28,8 +28,9 @@ class QEVR_API QEVMemoryModuleError : public std::runtime_error {
   bool operator==(const QEVMemoryModuleError&) const { return true; }
 };
 
-// Process-wide: the active options and the facade's store override.
-// Thread safety: `lock` guards both fields and is held only to read or
+// Process-wide: the active options, the continuity setting and the
+// facade's store override.
+// Thread safety: `lock` guards the fields and is held only to read or
 // write them.
 class QEVR_API QEVMemoryRuntime {
  public:
@@ -41,11 +42,15 @@ class QEVR_API QEVMemoryRuntime {
   // and tests; nullptr clears it.
   void setDiagnosticsStoreOverride(std::shared_ptr<QEVMemoryStore> store);
   std::shared_ptr<QEVMemoryStore> diagnosticsStoreOverride() const;
+  // Read by each module start; see QEVR::Memory::setContinuity.
+  bool continuity() const;
+  void setContinuity(bool enabled);
 
  private:
   QEVMemoryRuntime() = default;
   mutable qevr::Mutex lock;
   QEVMemoryOptions options QEVR_GUARDED_BY(lock);
+  bool isContinuityEnabled QEVR_GUARDED_BY(lock) = false;
   std::shared_ptr<QEVMemoryStore> storeOverride QEVR_GUARDED_BY(lock);
 };
 
@@ -86,6 +91,10 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
     std::shared_ptr<const QEVMemoryPruner> pruner;
   };
   static Stack defaultStack();
+  // The user graph a continuing start carries on from: the one in the
+  // store once the previous pipeline's saves have landed, if it decodes.
+  std::optional<QEVUserGraph> earlierUserGraph(
+      const std::shared_ptr<QEVMemoryPipeline>& previous) const;
   QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack);
 
   // Constant after construction.

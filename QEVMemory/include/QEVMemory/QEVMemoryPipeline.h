@@ -13,6 +13,8 @@
 #include <QEVRPlatform/ThreadAnnotations.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -33,11 +35,23 @@ class QEVR_API QEVMemoryDiskScheduler {
 
   // Returns at once (unless the caller has to run the job, see above).
   void schedule(Job job);
-  int pendingJobs() const { return inFlight->load(std::memory_order_acquire); }
+  int pendingJobs() const { return progress->inFlight.load(std::memory_order_acquire); }
+  // Blocks until no job is in flight, or `timeout` has passed; says which.
+  // Must not be called from a job.
+  bool waitUntilIdle(std::chrono::milliseconds timeout) const;
+
+  // Shared with the jobs, which may outlive the scheduler. `lock` only
+  // orders a job's last step against a waiter's test of `inFlight`, so
+  // that no wake-up is lost; it guards no field.
+  struct Progress {
+    std::atomic<int> inFlight{0};
+    qevr::Mutex lock;
+    std::condition_variable idle;
+  };
 
  private:
   const BackgroundSubmit backgroundSubmit;  // may be empty
-  const std::shared_ptr<std::atomic<int>> inFlight = std::make_shared<std::atomic<int>>(0);
+  const std::shared_ptr<Progress> progress = std::make_shared<Progress>();
 };
 
 class QEVR_API QEVMemoryPipeline {
@@ -47,11 +61,22 @@ class QEVR_API QEVMemoryPipeline {
     QEVUserGraph userGraph;  // the aggregate right after this session
   };
 
-  // `chunkWriter` and `store` are both null in memory-only mode.
+  // Memory that spans module starts, when the host asks for it: the user
+  // graph goes on from the one an earlier start left (if there is one), and
+  // a session whose start or end event never arrived is dated by its first
+  // and last events.
+  struct Continuity {
+    std::optional<QEVUserGraph> earlierUserGraph;
+  };
+
+  // `chunkWriter` and `store` are both null in memory-only mode. Without
+  // `continuity` every start is on its own: a new user graph, and sessions
+  // dated by their start and end events only.
   QEVMemoryPipeline(std::shared_ptr<QEVMemoryEventStore> eventStore,
                     std::shared_ptr<QEVMemoryChunkWriter> chunkWriter,
                     std::shared_ptr<QEVMemoryStore> store,
-                    QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit);
+                    QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit,
+                    std::optional<Continuity> continuity = std::nullopt);
 
   // Takes `lock` for the whole event, so events are handled one at a time
   // in the order callers get it; a chunk the event closed is handed to the
@@ -67,7 +92,16 @@ class QEVR_API QEVMemoryPipeline {
 
   bool isShutDown() const;
 
+  // Waits until the session and user graphs scheduled so far are saved (or
+  // failed), at most `timeout`; false if some are still in flight then.
+  bool waitForGraphSaves(std::chrono::milliseconds timeout) const {
+    return diskScheduler.waitUntilIdle(timeout);
+  }
+
  private:
+  // The open session's graph, dated by its events under continuity.
+  QEVSessionGraph buildSessionLocked() const QEVR_REQUIRES(lock);
+
   CompletedSession completeSessionLocked(const QEVSessionGraph& graph) QEVR_REQUIRES(lock);
 
   // Constant after construction.
@@ -76,6 +110,7 @@ class QEVR_API QEVMemoryPipeline {
   const std::shared_ptr<QEVMemoryStore> store;
   QEVMemoryDiskScheduler diskScheduler;
   const std::unique_ptr<QEVUserGraphBuilder> userGraphBuilder;
+  const bool datesSessionsByEvents;
 
   // Lock order: this lock, then one of the event store, the chunk writer or
   // a graph builder at a time, never two of those together.

@@ -48,6 +48,12 @@ class QEVR_API QEVSessionGraphBuilder {
   void ingest(const QEVMemoryEvent& event);
   // The graph so far; the builder is left as it is.
   QEVSessionGraph build() const;
+  // build(), with a missing startedAt taken from the first event's timestamp
+  // and a missing endedAt from the last one's (duration to match): for a
+  // session whose own start or end never reached memory, which would
+  // otherwise have no date and be the first the pruner removes. Unchanged
+  // when no event was ingested.
+  QEVSessionGraph buildDatedByEvents() const;
 
  private:
   using EdgeKey = std::pair<std::optional<std::string>, std::string>;       // (from, to)
@@ -61,6 +67,9 @@ class QEVR_API QEVSessionGraphBuilder {
   std::optional<QEVRUUID> sessionId QEVR_GUARDED_BY(lock);
   std::optional<QEVRDate> startedAt QEVR_GUARDED_BY(lock);
   std::optional<QEVRDate> endedAt QEVR_GUARDED_BY(lock);
+  // Timestamps of the first and the latest ingested event.
+  std::optional<QEVRDate> firstEventAt QEVR_GUARDED_BY(lock);
+  std::optional<QEVRDate> lastEventAt QEVR_GUARDED_BY(lock);
   std::int64_t eventCount QEVR_GUARDED_BY(lock) = 0;
   std::vector<std::string> screenSequence QEVR_GUARDED_BY(lock);
   std::unordered_map<std::string, std::int64_t> customEventCounts QEVR_GUARDED_BY(lock);

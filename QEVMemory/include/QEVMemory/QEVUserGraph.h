@@ -29,6 +29,11 @@ struct QEVR_API QEVUserGraph {
 class QEVR_API QEVUserGraphBuilder {
  public:
   QEVUserGraphBuilder(QEVRUUID userId, QEVRDate createdAt);
+  // Carries on from a graph built earlier (by an earlier start): its userId,
+  // createdAt, dates, totals and maps. The graph keeps only the average
+  // duration, so every earlier session is taken to have had one; negative
+  // totals count as 0.
+  explicit QEVUserGraphBuilder(const QEVUserGraph& earlier);
   void merge(const QEVSessionGraph& session);
   QEVUserGraph build() const;
 

@@ -1,0 +1,217 @@
+#include "DoctorCommand.h"
+
+#include "StoreReader.h"
+
+#include <QEVMemory/QEVMemoryOptions.h>
+#include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/FileSystem.h>
+
+#include <stdio.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#if defined(__APPLE__)
+#include <sys/stat.h>
+#else
+#include <fcntl.h>
+#endif
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Kind = StoreEntryCheck::Kind;
+
+constexpr double kSecondsPerDay = 86'400;
+constexpr std::uint64_t kBytesPerMB = 1'048'576;
+// Quarantined names that are taken get ".1", ".2", ... up to this.
+constexpr int kMaxQuarantineSuffix = 9'999;
+
+// What one look at the store found.
+struct Findings {
+  std::vector<StoreEntryCheck> entries;
+  std::uint64_t diskUsage = 0;
+
+  std::vector<const StoreEntryCheck*> damaged() const {
+    std::vector<const StoreEntryCheck*> found;
+    for (const StoreEntryCheck& entry : entries) {
+      if (entry.failure) found.push_back(&entry);
+    }
+    return found;
+  }
+  // The pruner reads chunks and session graphs, never the user graph.
+  bool pruningCanRun() const {
+    for (const StoreEntryCheck& entry : entries) {
+      if (entry.failure && entry.kind != Kind::userGraph) return false;
+    }
+    return true;
+  }
+};
+
+Findings examine(ReadOnlyMemoryStore& store) {
+  return {store.checkEntries(), store.estimatedDiskUsageBytes()};
+}
+
+std::string dateText(QEVRDate date) {
+  try {
+    return qevr::formatISO8601(date);
+  } catch (const std::exception&) {
+    return std::to_string(date.secondsSinceReferenceDate) + " s";
+  }
+}
+
+void printReport(std::ostream& out, const fs::path& root, const Findings& findings) {
+  const QEVMemoryOptions limits;
+  const QEVRDate cutoff =
+      qevr::now().addingSeconds(-static_cast<double>(limits.maxEventAgeDays) * kSecondsPerDay);
+  std::int64_t chunks = 0, chunksDamaged = 0, sessions = 0, sessionsDamaged = 0, undated = 0,
+               pastAge = 0;
+  std::optional<QEVRDate> oldest;
+  const char* userGraph = "absent";
+  for (const StoreEntryCheck& entry : findings.entries) {
+    const bool isChunk = entry.kind == Kind::eventChunk;
+    const bool isSession = entry.kind == Kind::sessionGraph;
+    chunks += isChunk;
+    sessions += isSession;
+    if (entry.kind == Kind::userGraph) userGraph = entry.failure ? "damaged" : "present";
+    if (entry.failure) {
+      chunksDamaged += isChunk;
+      sessionsDamaged += isSession;
+      continue;
+    }
+    if (isSession && !entry.prunerDate) ++undated;
+    if (!entry.prunerDate) continue;
+    if (*entry.prunerDate < cutoff) ++pastAge;
+    if (!oldest || *entry.prunerDate < *oldest) oldest = entry.prunerDate;
+  }
+
+  out << "store " << root.string() << "\n";
+  out << "event chunks " << chunks;
+  if (chunksDamaged > 0) out << " (" << chunksDamaged << " damaged)";
+  out << "\nsession graphs " << sessions << " of at most " << limits.maxSessionCount;
+  if (sessionsDamaged > 0) out << " (" << sessionsDamaged << " damaged)";
+  if (sessions > limits.maxSessionCount) {
+    out << " (" << sessions - limits.maxSessionCount << " over: pruning removes the oldest)";
+  }
+  out << "\n";
+  if (undated > 0) {
+    out << "undated session graphs " << undated << " (pruning removes them first)\n";
+  }
+  out << "user graph " << userGraph << "\n";
+  out << "disk usage " << findings.diskUsage << " bytes of at most "
+      << static_cast<std::uint64_t>(limits.maxDiskUsageMB) * kBytesPerMB << " ("
+      << limits.maxDiskUsageMB << " MB)\n";
+  out << "oldest dated file " << (oldest ? dateText(*oldest) : std::string("-")) << ", age limit "
+      << limits.maxEventAgeDays << " days (" << pastAge << " files past it)\n";
+
+  const auto damaged = findings.damaged();
+  out << "damaged files " << damaged.size() << "\n";
+  for (const StoreEntryCheck* entry : damaged) {
+    out << "  " << entry->relativePath.generic_string() << ": " << *entry->failure << "\n";
+  }
+  out << "pruning can run: "
+      << (findings.pruningCanRun() ? "yes" : "no (a damaged file in events/ or sessions/ stops it)")
+      << "\n";
+}
+
+// Renames `from` to `to` unless something is at `to` already, in one step,
+// so that a quarantined file is never replaced.
+void moveWithoutReplacing(const fs::path& from, const fs::path& to) {
+#if defined(__APPLE__)
+  const int result = ::renamex_np(from.c_str(), to.c_str(), RENAME_EXCL);
+#else
+  int result = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+  if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
+    // A file system without the flag: test, then rename. Only another
+    // doctor at the same moment could slip in between.
+    std::error_code ignored;
+    if (fs::exists(fs::symlink_status(to, ignored))) {
+      errno = EEXIST;
+    } else {
+      result = ::rename(from.c_str(), to.c_str());
+    }
+  }
+#endif
+  if (result != 0) throw std::system_error(errno, std::generic_category(), "rename");
+}
+
+// Moves one damaged entry below `quarantine`, keeping its relative path.
+// Returns where it went.
+fs::path quarantineEntry(const fs::path& root, const fs::path& quarantine,
+                         const fs::path& relative) {
+  const fs::path target = quarantine / relative;
+  qevr::FileSystem::defaultFileSystem().createDirectories(target.parent_path());
+  for (int suffix = 0; suffix <= kMaxQuarantineSuffix; ++suffix) {
+    fs::path candidate = target;
+    if (suffix > 0) candidate += "." + std::to_string(suffix);
+    try {
+      moveWithoutReplacing(root / relative, candidate);
+      return candidate;
+    } catch (const std::system_error& e) {
+      if (e.code() != std::errc::file_exists) throw;
+    }
+  }
+  throw std::system_error(std::make_error_code(std::errc::file_exists), "no free name");
+}
+
+}  // namespace
+
+int runDoctorCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  std::optional<fs::path> dataDir;
+  bool fix = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--data-dir" && i + 1 < args.size()) {
+      dataDir = args[++i];
+    } else if (args[i] == "--fix") {
+      fix = true;
+    } else {
+      err << "qevr doctor: unknown argument '" << args[i] << "'\n";
+      return 2;
+    }
+  }
+  try {
+    const auto store = ReadOnlyMemoryStore::open(dataDir);
+    const Findings findings = examine(*store);
+    printReport(out, store->rootDirectory(), findings);
+    const auto damaged = findings.damaged();
+    if (damaged.empty()) {
+      out << "healthy\n";
+      return 0;
+    }
+    if (!fix) {
+      out << "damaged (qevr doctor --fix moves the damaged files aside)\n";
+      return 1;
+    }
+
+    // The only writes of the command: each damaged entry is renamed into
+    // the quarantine, which lies beside the store so that nothing reads it.
+    const fs::path& root = store->rootDirectory();
+    const fs::path quarantine = root.parent_path() / "Memory-quarantine";
+    for (const StoreEntryCheck* entry : damaged) {
+      const std::string name = entry->relativePath.generic_string();
+      try {
+        const fs::path moved = quarantineEntry(root, quarantine, entry->relativePath);
+        out << "quarantined " << name << " -> " << moved.string() << "\n";
+      } catch (const std::exception& e) {
+        out << "cannot quarantine " << name << ": " << e.what() << "\n";
+      }
+    }
+    const Findings after = examine(*store);
+    if (after.damaged().empty()) {
+      out << "fixed: the store is healthy now\n";
+      return 1;
+    }
+    out << "still damaged: " << after.damaged().size() << " files\n";
+    return 3;
+  } catch (const std::exception& e) {
+    err << "qevr doctor: " << e.what() << "\n";
+    return 2;
+  }
+}
