@@ -8,6 +8,7 @@
 #include "AnalyzeCommand.h"
 #include "DemoCommand.h"
 #include "RecommendCommand.h"
+#include "ReportCommand.h"
 #include "SimulateCommand.h"
 #include "SnapshotCommand.h"
 #if __has_include("LzfseCommand.h")
@@ -31,6 +32,8 @@ void printUsage(std::ostream& out) {
          "(read-only)\n"
          "  recommend [--domain D] [--policy FILE] [--data-dir DIR | --inputs FILE] [--json]\n"
          "                                  one generation over a store or exported data\n"
+         "  report [--data-dir DIR] -o FILE [--domain D] [--layout dot|builtin]\n"
+         "                                  a self-contained HTML page of a store (read-only)\n"
 #ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
          "                                  convert a file to or from the compressed format\n"
@@ -57,6 +60,7 @@ int main(int argc, char** argv) {
   if (command == "recommend") return runRecommendCommand(rest, std::cout, std::cerr);
   if (command == "analyze") return runAnalyzeCommand(rest, std::cout, std::cerr);
   if (command == "snapshot") return runSnapshotCommand(rest, std::cout, std::cerr);
+  if (command == "report") return runReportCommand(rest, std::cout, std::cerr);
 #ifdef QEVR_TOOL_HAS_LZFSE
   if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);
 #endif
