@@ -370,6 +370,7 @@ constexpr const char* kScript = R"(
     });
   }
   document.body.setAttribute('data-report-nodes', String(data.nodes.length));
+  document.body.setAttribute('data-report-ms', String(Math.round(performance.now())));
   document.body.setAttribute('data-report-ready', 'yes');
 })();
 )";
