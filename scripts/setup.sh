@@ -26,7 +26,8 @@ esac
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake ninja-build pkg-config ccache clang clang-format libclang-rt-dev
-          libicu-dev libsimdjson-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev)
+          libicu-dev libsimdjson-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
+          chromium graphviz)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

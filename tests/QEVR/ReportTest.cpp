@@ -38,14 +38,13 @@ struct LayoutCase {
   const char* name;
   std::size_t nodes;
   std::vector<LayoutEdge> edges;
-  std::size_t reversedEdges;          // how many the layout must turn round
-  std::vector<std::size_t> layers;    // expected layer per node; empty: not checked
-  bool noCrossings = false;           // adjacent-layer edges must not cross
+  std::size_t reversedEdges;        // how many the layout must turn round
+  std::vector<std::size_t> layers;  // expected layer per node; empty: not checked
+  bool noCrossings = false;         // adjacent-layer edges must not cross
 };
 
 bool overlaps(const PlacedNode& a, const PlacedNode& b) {
-  return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height &&
-         b.y < a.y + a.height;
+  return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
 }
 
 std::size_t crossings(const GraphLayout& layout, const std::vector<LayoutEdge>& edges) {
@@ -249,7 +248,10 @@ TEST(ReportTextTest, StoreTextIsEscapedForHtmlAndForInlineScripts) {
       {"Tom & \"Jerry\"", "Tom &amp; &quot;Jerry&quot;"},
       {"<img src=x onerror=alert(1)>", "&lt;img src=x onerror=alert(1)&gt;"},
       {"bell\x07 nul", "bell&#xFFFD; nul"},
-      {"\xC3\x89" "cran\td'accueil\n", "\xC3\x89" "cran\td&#39;accueil\n"},
+      {"\xC3\x89"
+       "cran\td'accueil\n",
+       "\xC3\x89"
+       "cran\td&#39;accueil\n"},
       {"", ""},
   };
   for (const Case& c : cases) {
@@ -420,9 +422,9 @@ TEST_F(ReportToolTest, PageHasEverySectionFetchesNothingAndLeavesTheStoreAlone) 
     EXPECT_EQ(run.err, "");
     EXPECT_NE(run.out.find("wrote " + page.string()), std::string::npos) << run.out;
     const std::string html = slurp(page);
-    for (const char* id : {"overview", "sessions", "flow", "components", "behaviour", "intent",
-                           "frustration", "skill", "recommendations", "report-errors",
-                           "report-data", "flow-svg"}) {
+    for (const char* id :
+         {"overview", "sessions", "flow", "components", "behaviour", "intent", "frustration",
+          "skill", "recommendations", "report-errors", "report-data", "flow-svg"}) {
       EXPECT_NE(html.find("id=\"" + std::string(id) + "\""), std::string::npos) << id;
     }
     EXPECT_NE(html.find("data-node=\"0\""), std::string::npos);

@@ -96,8 +96,8 @@ std::vector<std::pair<QEVSessionGraph, bool>> sessionsOf(
     QEVSessionGraph graph = builder.build();
     graph.startedAt = graph.startedAt.value_or(events.front()->timestamp);
     graph.endedAt = graph.endedAt.value_or(events.back()->timestamp);
-    graph.duration = graph.endedAt->secondsSinceReferenceDate -
-                     graph.startedAt->secondsSinceReferenceDate;
+    graph.duration =
+        graph.endedAt->secondsSinceReferenceDate - graph.startedAt->secondsSinceReferenceDate;
     sessions.emplace_back(std::move(graph), true);
   }
   // Undated sessions first, in the order the store gave them.
@@ -114,7 +114,8 @@ void fillSessions(ReportModel& model,
   model.sessionsLeftOut = first;
   for (std::size_t i = first; i < sessions.size(); ++i) {
     const QEVSessionGraph& graph = sessions[i].first;
-    model.sessions.push_back({graph.startedAt, graph.duration, graph.eventCount, sessions[i].second});
+    model.sessions.push_back(
+        {graph.startedAt, graph.duration, graph.eventCount, sessions[i].second});
   }
 }
 
@@ -142,9 +143,9 @@ void fillFlow(ReportModel& model, const std::vector<std::pair<QEVSessionGraph, b
   }
   std::set<std::string> hotScreens;
   for (const auto& [component, screens] : hotUse) {
-    const auto most = std::max_element(screens.begin(), screens.end(), [](const auto& a, const auto& b) {
-      return a.second < b.second;
-    });
+    const auto most =
+        std::max_element(screens.begin(), screens.end(),
+                         [](const auto& a, const auto& b) { return a.second < b.second; });
     hotScreens.insert(most->first);
   }
   if (sessions.empty()) {
@@ -161,9 +162,8 @@ void fillFlow(ReportModel& model, const std::vector<std::pair<QEVSessionGraph, b
   std::vector<std::string> screens;
   for (const auto& [screen, w] : weight)
     screens.push_back(screen);
-  std::stable_sort(screens.begin(), screens.end(), [&](const auto& a, const auto& b) {
-    return weight[a] > weight[b];
-  });
+  std::stable_sort(screens.begin(), screens.end(),
+                   [&](const auto& a, const auto& b) { return weight[a] > weight[b]; });
   bool hasEntry = false;
   for (const auto& [key, count] : moves)
     hasEntry |= !key.first.has_value();
@@ -315,8 +315,8 @@ int runReportCommand(const std::vector<std::string>& args, std::ostream& out, st
     auto sources = std::make_shared<QEVFixedRecommendationSources>(std::move(values));
     const QEVRecommendationsGenerator generator = QEVRecommendationsGenerator::withSources(
         sources, sources, std::make_shared<QEVRecommendationCache>());
-    for (QEVRecommendation& r : generator.generate(
-             parsed.domain, QEVRecommendationPolicy::defaultPolicy(parsed.domain))) {
+    for (QEVRecommendation& r :
+         generator.generate(parsed.domain, QEVRecommendationPolicy::defaultPolicy(parsed.domain))) {
       model.recommendations.push_back({std::move(r), {}});
     }
     for (ReportRecommendation& item : model.recommendations)

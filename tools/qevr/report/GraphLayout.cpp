@@ -179,9 +179,8 @@ GraphLayout builtinLayout(const LayoutInput& input) {
         sum += static_cast<double>(position[u]);
         ++count;
       }
-      keyed.emplace_back(count ? sum / static_cast<double>(count)
-                               : static_cast<double>(position[v]),
-                         v);
+      keyed.emplace_back(
+          count ? sum / static_cast<double>(count) : static_cast<double>(position[v]), v);
     }
     std::stable_sort(keyed.begin(), keyed.end(),
                      [](const auto& x, const auto& y) { return x.first < y.first; });
@@ -291,9 +290,11 @@ std::vector<std::string_view> wordsOf(std::string_view line) {
   std::vector<std::string_view> words;
   std::size_t i = 0;
   while (i < line.size()) {
-    while (i < line.size() && (line[i] == ' ' || line[i] == '\t' || line[i] == '\r')) ++i;
+    while (i < line.size() && (line[i] == ' ' || line[i] == '\t' || line[i] == '\r'))
+      ++i;
     const std::size_t start = i;
-    while (i < line.size() && line[i] != ' ' && line[i] != '\t' && line[i] != '\r') ++i;
+    while (i < line.size() && line[i] != ' ' && line[i] != '\t' && line[i] != '\r')
+      ++i;
     if (i > start) words.push_back(line.substr(start, i - start));
   }
   return words;
@@ -463,8 +464,7 @@ std::optional<GraphLayout> dotLayout(const LayoutInput& input, const DotRunLimit
     if (count == 2 && fds[1].revents != 0) {
       const ssize_t n = ::write(inWrite.fd, source.data() + written, source.size() - written);
       if (n > 0) written += static_cast<std::size_t>(n);
-      if ((n < 0 && errno != EAGAIN && errno != EINTR) || written == source.size())
-        inWrite.reset();
+      if ((n < 0 && errno != EAGAIN && errno != EINTR) || written == source.size()) inWrite.reset();
     }
     if (fds[0].revents != 0) {
       char buffer[16384];
@@ -487,8 +487,8 @@ std::optional<GraphLayout> dotLayout(const LayoutInput& input, const DotRunLimit
   }
   if (killed) return std::nullopt;
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    failure = "dot failed with status " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status)
-                                                                           : 128 + WTERMSIG(status));
+    failure = "dot failed with status " +
+              std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
     return std::nullopt;
   }
   auto layout = layoutFromDotPlain(output, input);

@@ -46,7 +46,7 @@ struct PlacedNode {
 struct PlacedEdge {
   // 1 + 3k points: a start and k cubic segments (two controls, one end).
   std::vector<Point> route;
-  Point labelAt;         // where the edge's weight is written
+  Point labelAt;          // where the edge's weight is written
   bool reversed = false;  // turned round to break a cycle (builtin layout)
 };
 

@@ -97,8 +97,8 @@ void confidenceMeter(std::ostringstream& page, double confidence) {
        << percent(confidence);
 }
 
-void countTable(std::ostringstream& page, const std::vector<ReportCount>& rows,
-                std::size_t leftOut, const char* what) {
+void countTable(std::ostringstream& page, const std::vector<ReportCount>& rows, std::size_t leftOut,
+                const char* what) {
   if (rows.empty()) {
     page << "<p class=\"muted\">No " << what << " recorded.</p>\n";
     return;
@@ -118,8 +118,7 @@ void countTable(std::ostringstream& page, const std::vector<ReportCount>& rows,
   }
   page << "</tbody></table>\n";
   if (leftOut > 0) {
-    page << "<p class=\"note\">" << leftOut << " less used " << what
-         << " are not listed.</p>\n";
+    page << "<p class=\"note\">" << leftOut << " less used " << what << " are not listed.</p>\n";
   }
 }
 
@@ -149,8 +148,8 @@ void sessionsChart(std::ostringstream& page, const ReportModel& model) {
   const std::size_t labelEvery = std::max<std::size_t>(1, sessions.size() / 6);
   for (std::size_t i = 0; i < sessions.size(); ++i) {
     const ReportSession& s = sessions[i];
-    const double barHeight =
-        plot * static_cast<double>(std::max<std::int64_t>(s.eventCount, 0)) / static_cast<double>(most);
+    const double barHeight = plot * static_cast<double>(std::max<std::int64_t>(s.eventCount, 0)) /
+                             static_cast<double>(most);
     const double x = left + slot * static_cast<double>(i) + slot * 0.15;
     page << "<rect class=\"" << (s.rebuiltFromEvents ? "bar rebuilt" : "bar") << "\" x=\""
          << fixed(x) << "\" y=\"" << fixed(height - bottom - barHeight) << "\" width=\""
@@ -168,7 +167,8 @@ void sessionsChart(std::ostringstream& page, const ReportModel& model) {
   }
   page << "<text class=\"tick\" x=\"" << fixed(left) << "\" y=\"" << fixed(height - 4)
        << "\">events per session, oldest first</text>\n</svg>\n";
-  page << "<p class=\"note\">" << sessions.size() << (sessions.size() == 1 ? " session" : " sessions");
+  page << "<p class=\"note\">" << sessions.size()
+       << (sessions.size() == 1 ? " session" : " sessions");
   if (rebuilt > 0) {
     page << "; " << rebuilt
          << " of them (lighter bars) have no session graph in memory and were rebuilt from "
@@ -182,7 +182,8 @@ void sessionsChart(std::ostringstream& page, const ReportModel& model) {
 }
 
 void flowGraph(std::ostringstream& page, const ReportModel& model) {
-  page << "<p class=\"layout\" id=\"layout-used\">Laid out with the " << escapeHtml(model.layoutName)
+  page << "<p class=\"layout\" id=\"layout-used\">Laid out with the "
+       << escapeHtml(model.layoutName)
        << (model.layoutNote.empty() ? "" : " (" + escapeHtml(model.layoutNote) + ")") << ".</p>\n";
   if (model.nodes.empty()) {
     page << "<p class=\"muted\">No screens recorded.</p>\n";
@@ -203,7 +204,8 @@ void flowGraph(std::ostringstream& page, const ReportModel& model) {
        << fixed((layout.height + 2 * pad) * zoom)
        << "\" role=\"img\" aria-label=\"screen flow\">\n<defs><marker id=\"arrow\" "
           "viewBox=\"0 0 10 10\" refX=\"9\" refY=\"5\" markerUnits=\"userSpaceOnUse\" "
-          "markerWidth=\"11\" markerHeight=\"11\" orient=\"auto\"><path d=\"M0,0 L10,5 L0,10 z\"/></marker></defs>\n";
+          "markerWidth=\"11\" markerHeight=\"11\" orient=\"auto\"><path d=\"M0,0 L10,5 L0,10 "
+          "z\"/></marker></defs>\n";
   for (std::size_t e = 0; e < model.edges.size() && e < layout.edges.size(); ++e) {
     const PlacedEdge& placed = layout.edges[e];
     if (placed.route.size() < 4) continue;
@@ -256,11 +258,11 @@ void recommendations(std::ostringstream& page, const ReportModel& model) {
     const QEVRecommendation& r = item.recommendation;
     qevr::json::Writer action;
     r.action().encode(action);
-    page << "<li class=\"card\"><h3>" << ++rank << ". " << escapeHtml(r.title()) << " <span class=\"badge\">"
-         << rawValueOf(r.type()) << "</span> <span class=\"badge priority-"
-         << rawValueOf(r.priority()) << "\">" << rawValueOf(r.priority())
-         << "</span></h3>\n<p>" << escapeHtml(r.summary()) << "</p>\n<p><b>Why:</b> "
-         << escapeHtml(r.reason()) << "</p>\n<p><b>Confidence:</b> ";
+    page << "<li class=\"card\"><h3>" << ++rank << ". " << escapeHtml(r.title())
+         << " <span class=\"badge\">" << rawValueOf(r.type())
+         << "</span> <span class=\"badge priority-" << rawValueOf(r.priority()) << "\">"
+         << rawValueOf(r.priority()) << "</span></h3>\n<p>" << escapeHtml(r.summary())
+         << "</p>\n<p><b>Why:</b> " << escapeHtml(r.reason()) << "</p>\n<p><b>Confidence:</b> ";
     confidenceMeter(page, r.confidence());
     page << "</p>\n<p><b>Evidence:</b></p>";
     list(page, r.evidence());
@@ -384,16 +386,28 @@ std::vector<std::string> sourceSectionsOf(const QEVRecommendation& recommendatio
     if (!contains(sections, id)) sections.emplace_back(id);
   };
   switch (recommendation.type()) {
-    case QEVRecommendationType::gameplay: add("skill"); break;
-    case QEVRecommendationType::navigation: add("flow"); break;
-    case QEVRecommendationType::feature: add("intent"); break;
-    case QEVRecommendationType::ui: add("components"); break;
-    case QEVRecommendationType::personalization: add("behaviour"); break;
-    case QEVRecommendationType::diagnostic: add("overview"); break;
+    case QEVRecommendationType::gameplay:
+      add("skill");
+      break;
+    case QEVRecommendationType::navigation:
+      add("flow");
+      break;
+    case QEVRecommendationType::feature:
+      add("intent");
+      break;
+    case QEVRecommendationType::ui:
+      add("components");
+      break;
+    case QEVRecommendationType::personalization:
+      add("behaviour");
+      break;
+    case QEVRecommendationType::diagnostic:
+      add("overview");
+      break;
   }
   for (const std::string& line : recommendation.evidence()) {
-    if (model.intent &&
-        (line == "intent: " + model.intent->primaryIntent || contains(model.intent->evidence, line)))
+    if (model.intent && (line == "intent: " + model.intent->primaryIntent ||
+                         contains(model.intent->evidence, line)))
       add("intent");
     if (model.frustration && (contains(model.frustration->signals, line) ||
                               contains(model.frustration->likelyCauses, line)))
@@ -421,7 +435,8 @@ std::string renderReportPage(const ReportModel& model) {
        << escapeHtml(dateText(model.generatedAt)) << " UTC \u00B7 domain "
        << escapeHtml(model.domainLabel) << "</p>\n<nav><a href=\"#overview\">Overview</a>"
        << "<a href=\"#sessions\">Sessions</a><a href=\"#flow\">Screen flow</a>"
-       << "<a href=\"#components\">Components</a><a href=\"#behaviour\">Behaviour</a><a href=\"#intent\">Intent</a>"
+       << "<a href=\"#components\">Components</a><a href=\"#behaviour\">Behaviour</a><a "
+          "href=\"#intent\">Intent</a>"
        << "<a href=\"#frustration\">Frustration</a><a href=\"#skill\">Skill</a>"
        << "<a href=\"#recommendations\">Recommendations</a></nav></header>\n<main>\n";
 
@@ -500,8 +515,7 @@ std::string renderReportPage(const ReportModel& model) {
 
   page << "<section id=\"skill\"><h2>Skill</h2>\n";
   if (model.skill) {
-    page << "<p class=\"level\">" << rawValueOf(model.skill->skillLevel)
-         << "</p><p>Difficulty: "
+    page << "<p class=\"level\">" << rawValueOf(model.skill->skillLevel) << "</p><p>Difficulty: "
          << escapeHtml(model.skill->recommendedDifficultyAdjustment.value_or("-"))
          << "</p><p>Confidence ";
     confidenceMeter(page, model.skill->confidence);
