@@ -84,50 +84,49 @@ GraphLayout builtinLayout(const LayoutInput& input) {
     if (valid(edge) && edge.from != edge.to) outgoing[edge.from].push_back(e);
   }
 
-  // Cycle breaking: an edge into a node still on the depth-first stack
-  // closes a cycle and is turned round. Iterative, so a long chain cannot
-  // exhaust the call stack.
+  // Cycle breaking by distance from the start: a breadth-first search from
+  // the nodes in input order gives every node a depth, and only the edges
+  // that lead one step deeper take part in the layering. Every other edge
+  // (back to a shallower node, or across to one as deep) is set aside and
+  // drawn beside the boxes. Unlike a depth-first search this keeps a
+  // strongly connected flow, where every screen leads to every other,
+  // shallow and wide instead of stretching it into one long chain.
   std::vector<char> reversed(m, 0);
   {
-    enum : char { unseen, onStack, finished };
-    std::vector<char> state(n, unseen);
-    std::vector<std::pair<std::size_t, std::size_t>> stack;  // (node, next outgoing index)
+    constexpr std::size_t unseen = static_cast<std::size_t>(-1);
+    std::vector<std::size_t> depth(n, unseen);
+    std::vector<std::size_t> queue;
     for (std::size_t root = 0; root < n; ++root) {
-      if (state[root] != unseen) continue;
-      state[root] = onStack;
-      stack.emplace_back(root, 0);
-      while (!stack.empty()) {
-        const std::size_t v = stack.back().first;
-        const std::size_t i = stack.back().second;
-        if (i == outgoing[v].size()) {
-          state[v] = finished;
-          stack.pop_back();
-          continue;
-        }
-        ++stack.back().second;
-        const std::size_t e = outgoing[v][i];
-        const std::size_t w = input.edges[e].to;
-        if (state[w] == onStack) {
-          reversed[e] = 1;
-        } else if (state[w] == unseen) {
-          state[w] = onStack;
-          stack.emplace_back(w, 0);
+      if (depth[root] != unseen) continue;
+      depth[root] = 0;
+      queue.assign(1, root);
+      for (std::size_t head = 0; head < queue.size(); ++head) {
+        const std::size_t v = queue[head];
+        for (std::size_t e : outgoing[v]) {
+          const std::size_t w = input.edges[e].to;
+          if (depth[w] == unseen) {
+            depth[w] = depth[v] + 1;
+            queue.push_back(w);
+          }
         }
       }
     }
+    for (std::size_t e = 0; e < m; ++e) {
+      const LayoutEdge& edge = input.edges[e];
+      if (!valid(edge) || edge.from == edge.to) continue;
+      reversed[e] = depth[edge.to] != depth[edge.from] + 1;
+    }
   }
 
-  // Longest-path layering over the acyclic graph, in topological order.
-  std::vector<std::vector<std::size_t>> down(n), up(n);  // neighbours along the DAG
+  // Longest-path layering over the edges kept, in topological order.
+  std::vector<std::vector<std::size_t>> down(n), up(n);  // neighbours along the kept edges
   std::vector<std::size_t> indegree(n, 0);
   for (std::size_t e = 0; e < m; ++e) {
     const LayoutEdge& edge = input.edges[e];
-    if (!valid(edge) || edge.from == edge.to) continue;
-    const std::size_t a = reversed[e] ? edge.to : edge.from;
-    const std::size_t b = reversed[e] ? edge.from : edge.to;
-    down[a].push_back(b);
-    up[b].push_back(a);
-    ++indegree[b];
+    if (!valid(edge) || edge.from == edge.to || reversed[e]) continue;
+    down[edge.from].push_back(edge.to);
+    up[edge.to].push_back(edge.from);
+    ++indegree[edge.to];
   }
   std::vector<std::size_t> layerOf(n, 0);
   {
@@ -221,9 +220,25 @@ GraphLayout builtinLayout(const LayoutInput& input) {
     layerWidth[l] += kNodeGap * static_cast<double>(layers[l].size() - 1);
     widest = std::max(widest, layerWidth[l]);
   }
-  double y = kMargin;
+  // Loops and back edges swing out beside the boxes; leave them room on
+  // both sides.
+  bool swingsOut = false;
+  for (std::size_t e = 0; e < m; ++e) {
+    const LayoutEdge& edge = input.edges[e];
+    swingsOut |= valid(edge) && (edge.from == edge.to || reversed[e]);
+  }
+  const double sideRoom = swingsOut ? 2 * kLoopReach : 0;
+  // Edges between boxes of one layer arc over it; the top layer needs room
+  // above it for them.
+  bool arcsOverTop = false;
+  for (std::size_t e = 0; e < m; ++e) {
+    const LayoutEdge& edge = input.edges[e];
+    arcsOverTop |=
+        valid(edge) && edge.from != edge.to && layerOf[edge.from] == 0 && layerOf[edge.to] == 0;
+  }
+  double y = kMargin + (arcsOverTop ? kLoopReach : 0);
   for (std::size_t l = 0; l < layerCount; ++l) {
-    double x = kMargin + (widest - layerWidth[l]) / 2;
+    double x = kMargin + sideRoom + (widest - layerWidth[l]) / 2;
     for (std::size_t v : layers[l]) {
       layout.nodes[v] = {x, y + (layerHeight[l] - heights[v]) / 2, widths[v], heights[v], l};
       x += widths[v] + kNodeGap;
@@ -231,7 +246,7 @@ GraphLayout builtinLayout(const LayoutInput& input) {
     y += layerHeight[l] + (l + 1 < layerCount ? kLayerGap : 0);
   }
 
-  bool swingsOut = false;
+  const double middle = kMargin + sideRoom + widest / 2;
   for (std::size_t e = 0; e < m; ++e) {
     const LayoutEdge& edge = input.edges[e];
     if (!valid(edge)) continue;
@@ -242,24 +257,34 @@ GraphLayout builtinLayout(const LayoutInput& input) {
     if (edge.from == edge.to) {
       const Point a{s.x + s.width, s.y + s.height * 0.3}, b{s.x + s.width, s.y + s.height * 0.7};
       placed.route = {a, {a.x + kLoopReach, s.y - 6}, {b.x + kLoopReach, s.y + s.height + 6}, b};
-      swingsOut = true;
     } else if (!placed.reversed) {
       const Point a{s.x + s.width / 2, s.y + s.height}, b{t.x + t.width / 2, t.y};
       const double dy = (b.y - a.y) / 2;
       placed.route = {a, {a.x, a.y + dy}, {b.x, b.y - dy}, b};
+    } else if (s.layer == t.layer) {
+      const Point a{s.x + s.width / 2, s.y}, b{t.x + t.width / 2, t.y};
+      const double lift = kLoopReach * 1.2;
+      placed.route = {a, {a.x, std::min(a.y, b.y) - lift}, {b.x, std::min(a.y, b.y) - lift}, b};
     } else {
-      // Back up the layers along the right-hand side, clear of the forward
-      // edges that leave from the bottom.
-      const Point a{s.x + s.width, s.y + s.height / 2}, b{t.x + t.width, t.y + t.height / 2};
+      // Back up the layers beside the boxes, on the side of the graph the
+      // edge starts on, clear of the forward edges that leave from the
+      // bottom.
       const double span = static_cast<double>(std::min<std::size_t>(s.layer - t.layer, 4));
-      const double reach = std::max(a.x, b.x) + kLoopReach * (0.75 + 0.25 * span);
-      placed.route = {a, {reach, a.y}, {reach, b.y}, b};
-      swingsOut = true;
+      const double swing = kLoopReach * (0.75 + 0.25 * span);
+      if (s.x + s.width / 2 >= middle) {
+        const Point a{s.x + s.width, s.y + s.height / 2}, b{t.x + t.width, t.y + t.height / 2};
+        const double reach = std::max(a.x, b.x) + swing;
+        placed.route = {a, {reach, a.y}, {reach, b.y}, b};
+      } else {
+        const Point a{s.x, s.y + s.height / 2}, b{t.x, t.y + t.height / 2};
+        const double reach = std::min(a.x, b.x) - swing;
+        placed.route = {a, {reach, a.y}, {reach, b.y}, b};
+      }
     }
     placed.labelAt = labelPoint(placed.route);
   }
 
-  layout.width = n == 0 ? 0 : kMargin * 2 + widest + (swingsOut ? 2 * kLoopReach : 0);
+  layout.width = n == 0 ? 0 : kMargin * 2 + widest + 2 * sideRoom;
   layout.height = n == 0 ? 0 : y + kMargin;
   return layout;
 }

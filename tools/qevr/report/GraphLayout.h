@@ -46,8 +46,10 @@ struct PlacedNode {
 struct PlacedEdge {
   // 1 + 3k points: a start and k cubic segments (two controls, one end).
   std::vector<Point> route;
-  Point labelAt;          // where the edge's weight is written
-  bool reversed = false;  // turned round to break a cycle (builtin layout)
+  Point labelAt;  // where the edge's weight is written
+  // Set aside to break cycles (builtin layout): it runs back up the
+  // layers or across one, and is drawn beside or above the boxes.
+  bool reversed = false;
 };
 
 struct GraphLayout {
@@ -57,8 +59,8 @@ struct GraphLayout {
   double height = 0;
 };
 
-// Longest-path layering after breaking cycles by depth-first search from the
-// nodes in input order (so put the most important node first), then
+// Longest-path layering after breaking cycles by breadth-first distance from
+// the nodes in input order (so put the starting node first), then
 // barycentre sweeps over the layers to reduce crossings. Self-loops are
 // drawn as loops beside their node. Edges with an index out of range are
 // given an empty route. Linear in the edges per sweep; callers bound the

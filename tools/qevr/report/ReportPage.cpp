@@ -145,7 +145,8 @@ void sessionsChart(std::ostringstream& page, const ReportModel& model) {
        << "\" text-anchor=\"end\">" << most << "</text>\n"
        << "<text class=\"tick\" x=\"" << fixed(left - 6) << "\" y=\"" << fixed(height - bottom)
        << "\" text-anchor=\"end\">0</text>\n";
-  const std::size_t labelEvery = std::max<std::size_t>(1, sessions.size() / 6);
+  // A date label is about 70 px wide; label only as many bars as fit.
+  const std::size_t labelEvery = static_cast<std::size_t>(std::ceil(76 / slot));
   for (std::size_t i = 0; i < sessions.size(); ++i) {
     const ReportSession& s = sessions[i];
     const double barHeight = plot * static_cast<double>(std::max<std::int64_t>(s.eventCount, 0)) /
@@ -157,7 +158,7 @@ void sessionsChart(std::ostringstream& page, const ReportModel& model) {
          << escapeHtml(dateText(s.startedAt)) << ": " << s.eventCount << " events, "
          << escapeHtml(durationText(s.durationSeconds))
          << (s.rebuiltFromEvents ? " (rebuilt from events)" : "") << "</title></rect>\n";
-    if (i % labelEvery == 0 || i + 1 == sessions.size()) {
+    if (i % labelEvery == 0) {
       page << "<text class=\"tick\" x=\"" << fixed(x + slot * 0.35) << "\" y=\""
            << fixed(height - bottom + 16) << "\" text-anchor=\"middle\">"
            << escapeHtml(s.startedAt ? dateText(s.startedAt).substr(5, 11)
