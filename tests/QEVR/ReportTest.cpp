@@ -355,7 +355,8 @@ std::string slurp(const fs::path& path) {
   return buffer.str();
 }
 
-ToolRun runTool(std::vector<std::string> args, const fs::path& scratch) {
+ToolRun runTool(std::vector<std::string> args, const fs::path& scratch,
+                const std::string& path = "") {
   args.insert(args.begin(), QEVR_TOOL_PATH);
   std::vector<char*> argv;
   for (auto& a : args)
@@ -371,7 +372,18 @@ ToolRun runTool(std::vector<std::string> args, const fs::path& scratch) {
                                    0600);
   ToolRun run;
   pid_t pid = -1;
-  const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  // With `path`, the child sees only that PATH, so a test chooses which
+  // `dot` it finds.
+  std::vector<std::string> variables;
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (path.empty() || std::string_view(*e).substr(0, 5) != "PATH=") variables.emplace_back(*e);
+  }
+  if (!path.empty()) variables.push_back("PATH=" + path);
+  std::vector<char*> envp;
+  for (auto& v : variables)
+    envp.push_back(v.data());
+  envp.push_back(nullptr);
+  const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) return run;
   int status = 0;
@@ -518,6 +530,38 @@ TEST_F(ReportToolTest, LargeStoresAreCutToWhatAPageCanShowWithANote) {
   EXPECT_EQ(html.find("data-edge=\"" + std::to_string(kMaxLayoutEdges) + "\""), std::string::npos);
   EXPECT_NE(html.find("10 older sessions are not charted."), std::string::npos);
   EXPECT_EQ(occurrences(html, "<rect class=\"bar"), 120u);
+}
+
+TEST_F(ReportToolTest, FallsBackToTheBuiltinLayoutWhenDotFailsOrIsMissing) {
+  struct Case {
+    const char* name;
+    const char* dotScript;  // empty: no dot on PATH
+    std::string note;
+  };
+  const Case cases[] = {
+      {"missing", "", "dot is not installed"},
+      {"fails", "#!/bin/sh\nexit 3\n", "dot failed with status 3"},
+      {"writes nonsense", "#!/bin/sh\ncat >/dev/null\necho graph 1 x y\n",
+       "dot&#39;s output could not be read"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path bin = base / (std::string("bin-") + c.name);
+    fs::create_directories(bin);
+    if (*c.dotScript != '\0') {
+      std::ofstream(bin / "dot") << c.dotScript;
+      fs::permissions(bin / "dot", fs::perms::owner_all);
+    }
+    const fs::path page = base / (std::string("fallback-") + c.name + ".html");
+    const ToolRun run = runTool(
+        {"report", "--data-dir", (base / "data").string(), "-o", page.string(), "--layout", "dot"},
+        scratch, bin.string());
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("builtin layered layout"), std::string::npos) << run.out;
+    EXPECT_NE(slurp(page).find("Laid out with the builtin layered layout (" + c.note +
+                               ", so the builtin layout was used)."),
+              std::string::npos);
+  }
 }
 
 TEST_F(ReportToolTest, BadUsageAndUnreadableStoresFailWithOneLineAndNoPage) {
