@@ -27,7 +27,7 @@ cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake ninja-build pkg-config ccache clang clang-format libclang-rt-dev
           libicu-dev libsimdjson-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
-          python3 python3-pytest)
+          python3 python3-pytest chromium graphviz)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

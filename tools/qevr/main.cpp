@@ -9,6 +9,7 @@
 #include "DemoCommand.h"
 #include "DoctorCommand.h"
 #include "RecommendCommand.h"
+#include "ReportCommand.h"
 #include "SimulateCommand.h"
 #include "SnapshotCommand.h"
 #if __has_include("LzfseCommand.h")
@@ -36,6 +37,8 @@ void printUsage(std::ostream& out) {
          "                                  check every file of a store; --fix moves damaged\n"
          "                                  ones to QEVR/Memory-quarantine (exit 0 healthy,\n"
          "                                  1 damaged or damaged and fixed, 3 not all fixed)\n"
+         "  report [--data-dir DIR] -o FILE [--domain D] [--layout dot|builtin]\n"
+         "                                  a self-contained HTML page of a store (read-only)\n"
 #ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
          "                                  convert a file to or from the compressed format\n"
@@ -63,6 +66,7 @@ int main(int argc, char** argv) {
   if (command == "analyze") return runAnalyzeCommand(rest, std::cout, std::cerr);
   if (command == "doctor") return runDoctorCommand(rest, std::cout, std::cerr);
   if (command == "snapshot") return runSnapshotCommand(rest, std::cout, std::cerr);
+  if (command == "report") return runReportCommand(rest, std::cout, std::cerr);
 #ifdef QEVR_TOOL_HAS_LZFSE
   if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);
 #endif
