@@ -324,6 +324,18 @@ qevr_status qevr_memory_options(char** out_json) {
   });
 }
 
+qevr_status qevr_memory_set_continuity(int enabled) {
+  return guarded([&] { QEVR::Memory::setContinuity(enabled != 0); });
+}
+
+qevr_status qevr_memory_continuity(int* out_enabled) {
+  return guarded([&] {
+    if (out_enabled == nullptr)
+      throw Failure(QEVR_ERROR_INVALID_ARGUMENT, "out_enabled must not be NULL");
+    *out_enabled = QEVR::Memory::continuity() ? 1 : 0;
+  });
+}
+
 qevr_status qevr_memory_configure(const char* memory_options_json) {
   return guarded([&] {
     const std::string completed = completedRecordJSON(memory_options_json, "memory_options_json",

@@ -8,6 +8,8 @@
 #include <QEVRPlatform/Json.h>
 #include <QEVRecommendations/QEVRecommendation.h>
 
+#include "ToolTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -26,66 +28,10 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
-
 namespace fs = std::filesystem;
+using namespace tooltest;
 
 namespace {
-
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
-
-// Runs the tool with `args`, standard output and error captured in files.
-ToolRun runTool(const std::vector<std::string>& args, const fs::path& scratch) {
-  std::vector<std::string> all = {QEVR_TOOL_PATH};
-  all.insert(all.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : all)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
-  const std::string outPath = (scratch / "stdout").string();
-  const std::string errPath = (scratch / "stderr").string();
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  ToolRun run;
-  pid_t pid = -1;
-  const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return run;
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.out = slurp(outPath);
-  run.err = slurp(errPath);
-  return run;
-}
-
-// Every entry below `root` with what a write would change.
-std::map<std::string, std::string> listing(const fs::path& root) {
-  std::map<std::string, std::string> entries;
-  for (const auto& entry : fs::recursive_directory_iterator(root)) {
-    struct stat info {};
-    ::lstat(entry.path().c_str(), &info);
-    entries[entry.path().string()] =
-        std::to_string(info.st_ino) + "/" + std::to_string(info.st_size) + "/" +
-        std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec);
-  }
-  return entries;
-}
 
 class InspectionToolTest : public ::testing::Test {
  protected:

@@ -3,6 +3,7 @@
 #include "GraphLayout.h"
 #include "HtmlText.h"
 #include "ReportPage.h"
+#include "ToolTestSupport.h"
 
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVMemory/QEVMemoryStore.h>
@@ -25,10 +26,9 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
-
 namespace fs = std::filesystem;
 using namespace report;
+using namespace tooltest;
 
 namespace {
 
@@ -341,71 +341,6 @@ TEST(ReportTextTest, RecommendationsLinkToTheAnalysesTheyCameFrom) {
 }
 
 // --- qevr report end to end -------------------------------------------------
-
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
-
-ToolRun runTool(std::vector<std::string> args, const fs::path& scratch,
-                const std::string& path = "") {
-  args.insert(args.begin(), QEVR_TOOL_PATH);
-  std::vector<char*> argv;
-  for (auto& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
-  const std::string outPath = (scratch / "stdout").string();
-  const std::string errPath = (scratch / "stderr").string();
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  ToolRun run;
-  pid_t pid = -1;
-  // With `path`, the child sees only that PATH, so a test chooses which
-  // `dot` it finds.
-  std::vector<std::string> variables;
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (path.empty() || std::string_view(*e).substr(0, 5) != "PATH=") variables.emplace_back(*e);
-  }
-  if (!path.empty()) variables.push_back("PATH=" + path);
-  std::vector<char*> envp;
-  for (auto& v : variables)
-    envp.push_back(v.data());
-  envp.push_back(nullptr);
-  const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return run;
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.out = slurp(outPath);
-  run.err = slurp(errPath);
-  return run;
-}
-
-// Every entry below `root` with what a write would change.
-std::map<std::string, std::string> listing(const fs::path& root) {
-  std::map<std::string, std::string> entries;
-  for (const auto& entry : fs::recursive_directory_iterator(root)) {
-    struct stat info {};
-    ::lstat(entry.path().c_str(), &info);
-    entries[entry.path().string()] =
-        std::to_string(info.st_ino) + "/" + std::to_string(info.st_size) + "/" +
-        std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec);
-  }
-  return entries;
-}
 
 class ReportToolTest : public ::testing::Test {
  protected:

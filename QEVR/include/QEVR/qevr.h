@@ -196,6 +196,11 @@ QEVR_API qevr_status qevr_memory_configure(const char* memory_options_json);
 /* {"estimatedDiskUsageBytes":..,"eventChunkCount":..,"sessionGraphCount":..,
  *  "hasUserGraph":..,"oldestEventDate":..,"newestEventDate":..} */
 QEVR_API qevr_status qevr_memory_stats(qevr_cancel_token* cancel, char** out_json);
+/* Memory across app runs, off by default: with it on, a start carries on
+ * from the stored user graph and dates sessions by their events. Read at
+ * each start; a change while running takes effect at the next start. */
+QEVR_API qevr_status qevr_memory_set_continuity(int enabled);
+QEVR_API qevr_status qevr_memory_continuity(int* out_enabled);
 /* Erases the store on disk. */
 QEVR_API qevr_status qevr_memory_clear(qevr_cancel_token* cancel);
 /* The aggregate, redacted snapshot the analyses read. */

@@ -141,6 +141,8 @@ _SIGNATURES = {
     "qevr_gesture": ([_c, _c, _c, _int_out], ctypes.c_int),
     "qevr_memory_options": ([_out], ctypes.c_int),
     "qevr_memory_configure": ([_c], ctypes.c_int),
+    "qevr_memory_set_continuity": ([ctypes.c_int], ctypes.c_int),
+    "qevr_memory_continuity": ([_int_out], ctypes.c_int),
     "qevr_memory_stats": ([_token, _out], ctypes.c_int),
     "qevr_memory_clear": ([_token], ctypes.c_int),
     "qevr_memory_snapshot": ([_token, _out], ctypes.c_int),
@@ -354,6 +356,17 @@ def memory_options():
 
 def configure_memory(options=None):
     _check(_lib.qevr_memory_configure(_json(options)))
+
+
+def set_continuity(enabled):
+    """Memory across app runs (off by default); read at each start."""
+    _check(_lib.qevr_memory_set_continuity(1 if enabled else 0))
+
+
+def continuity():
+    enabled = ctypes.c_int(0)
+    _check(_lib.qevr_memory_continuity(ctypes.byref(enabled)))
+    return bool(enabled.value)
 
 
 def memory_stats(cancel=None):

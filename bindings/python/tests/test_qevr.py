@@ -122,3 +122,18 @@ def test_missing_library_is_an_import_error(tmp_path):
                             capture_output=True, text=True)
     assert result.returncode != 0
     assert "ImportError: qevr: cannot load" in result.stderr
+
+
+def test_continuity_carries_sessions_across_runs(data_dir):
+    qevr.clear_memory()
+    assert qevr.continuity() is False
+    qevr.set_continuity(True)
+    try:
+        for run in range(3):
+            qevr.start({"appId": "com.example.python"})
+            assert qevr.screen_view(f"Run {run}")
+            qevr.shutdown()
+            assert qevr.wait_for_background_idle()
+        assert qevr.memory_snapshot()["totalSessions"] == 3
+    finally:
+        qevr.set_continuity(False)

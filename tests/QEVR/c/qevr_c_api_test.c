@@ -306,6 +306,10 @@ static qevr_status null_idle_out(void) {
   return qevr_wait_for_background_idle(0, NULL);
 }
 
+static qevr_status null_continuity_out(void) {
+  return qevr_memory_continuity(NULL);
+}
+
 static void test_null_arguments_are_refused(void) {
   static const struct {
     qevr_status (*call)(void);
@@ -329,6 +333,7 @@ static void test_null_arguments_are_refused(void) {
       {null_token_out, "out_token"},
       {null_token_cancel, "token"},
       {null_idle_out, "out_idle"},
+      {null_continuity_out, "out_enabled"},
   };
   world before = world_capture();
   for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
