@@ -40,7 +40,8 @@ milliseconds() { date +%s%3N; }
 render() {
   local page="$1" name="$2"
   shift 2
-  timeout 120 "$browser" --headless --no-sandbox --disable-gpu --no-first-run \
+  # Containers often give /dev/shm only a few MB: keep shared memory in /tmp.
+  timeout 120 "$browser" --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --no-first-run \
     --user-data-dir="$work/profile-$name" --enable-logging=stderr --v=0 "$@" \
     "file://$page" >"$work/$name.dom" 2>"$work/$name.log" ||
     fail "$browser exited with status $? on $page"
