@@ -3,21 +3,10 @@
 #include "QEVIntelligencePatterns.h"
 
 QEVBehaviorSummary QEVBehaviorSummarizer::summarize(std::stop_token stop) const {
-  qevr::checkCancellation(stop);
-  const QEVIntelligenceContext context =
-      contextBuilder.buildContext(std::nullopt, preferredExecutionMode, stop);
-  qevr::checkCancellation(stop);
-
-  const QEVIntelligenceCache::Key key{QEVIntelligenceAnalysisType::behaviorSummary,
-                                      contextHash(context), std::nullopt};
-  if (auto cached = cache->value<QEVBehaviorSummary>(key)) return std::move(*cached);
-
-  fallThroughProviderStage(
-      [&] { runProviderStage(*this, QEVPromptTemplateType::behaviorSummary, context); });
-
-  QEVBehaviorSummary result = deterministicSummary(context);
-  cache->store(result, key);
-  return result;
+  return runAnalysisPipeline<QEVBehaviorSummary>(
+      *this, QEVIntelligenceAnalysisType::behaviorSummary, QEVPromptTemplateType::behaviorSummary,
+      std::nullopt, std::nullopt, stop,
+      [](const QEVIntelligenceContext& context) { return deterministicSummary(context); });
 }
 
 QEVBehaviorSummary QEVBehaviorSummarizer::deterministicSummary(

@@ -81,21 +81,10 @@ std::int64_t backAndForthCount(std::string_view summary) {
 }
 
 QEVFrustrationAnalysis QEVFrustrationDetector::detect(std::stop_token stop) const {
-  qevr::checkCancellation(stop);
-  const QEVIntelligenceContext context =
-      contextBuilder.buildContext(diagnosticsSummary, preferredExecutionMode, stop);
-  qevr::checkCancellation(stop);
-
-  const QEVIntelligenceCache::Key key{QEVIntelligenceAnalysisType::frustrationAnalysis,
-                                      contextHash(context), std::nullopt};
-  if (auto cached = cache->value<QEVFrustrationAnalysis>(key)) return std::move(*cached);
-
-  fallThroughProviderStage(
-      [&] { runProviderStage(*this, QEVPromptTemplateType::frustrationDetection, context); });
-
-  QEVFrustrationAnalysis result = deterministicAnalysis(context);
-  cache->store(result, key);
-  return result;
+  return runAnalysisPipeline<QEVFrustrationAnalysis>(
+      *this, QEVIntelligenceAnalysisType::frustrationAnalysis,
+      QEVPromptTemplateType::frustrationDetection, diagnosticsSummary, std::nullopt, stop,
+      [](const QEVIntelligenceContext& context) { return deterministicAnalysis(context); });
 }
 
 QEVFrustrationAnalysis QEVFrustrationDetector::deterministicAnalysis(

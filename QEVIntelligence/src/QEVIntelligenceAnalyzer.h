@@ -16,6 +16,8 @@
 #include "QEVPromptEngine.h"
 
 #include <memory>
+#include <optional>
+#include <string>
 
 // A value; copies share the engine, the registry, the snapshot source and
 // the cache. Default-made fields are those of a default analyser: the
@@ -49,4 +51,31 @@ void fallThroughProviderStage(Stage&& stage) {
   } catch (...) {
     // The deterministic rules answer instead.
   }
+}
+
+// The pipeline itself. The cache key hashes the plain context and carries
+// the domain's label on its own; the provider stage sees the context with the
+// domain hint; `rules` computes the result from the plain context.
+template <typename Result, typename Rules>
+Result runAnalysisPipeline(const QEVIntelligenceAnalyzerFields& fields,
+                           QEVIntelligenceAnalysisType analysis, QEVPromptTemplateType prompt,
+                           const std::optional<QEVIntelligenceDiagnosticsSummary>& diagnostics,
+                           const std::optional<QEVExperienceDomain>& domain,
+                           const std::stop_token& stop, Rules&& rules) {
+  qevr::checkCancellation(stop);
+  const QEVIntelligenceContext context =
+      fields.contextBuilder.buildContext(diagnostics, fields.preferredExecutionMode, stop);
+  qevr::checkCancellation(stop);
+
+  const QEVIntelligenceCache::Key key{
+      analysis, contextHash(context),
+      domain ? std::optional<std::string>(experienceDomainLabel(*domain)) : std::nullopt};
+  if (auto cached = fields.cache->value<Result>(key)) return std::move(*cached);
+
+  fallThroughProviderStage(
+      [&] { runProviderStage(fields, prompt, context.withDomainHint(domain)); });
+
+  Result result = rules(context);
+  fields.cache->store(result, key);
+  return result;
 }

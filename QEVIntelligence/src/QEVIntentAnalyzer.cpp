@@ -81,24 +81,11 @@ bool matches(const IntentRule& rule, std::string_view corpus) {
 
 QEVIntentAnalysis QEVIntentAnalyzer::analyze(const std::optional<QEVExperienceDomain>& domain,
                                              std::stop_token stop) const {
-  qevr::checkCancellation(stop);
-  const QEVIntelligenceContext context =
-      contextBuilder.buildContext(std::nullopt, preferredExecutionMode, stop);
-  qevr::checkCancellation(stop);
-  const QEVIntelligenceContext hinted = context.withDomainHint(domain);
-
-  // The hash is of the plain context; the domain reaches the key on its own.
-  const QEVIntelligenceCache::Key key{
-      QEVIntelligenceAnalysisType::intentAnalysis, contextHash(context),
-      domain ? std::optional<std::string>(experienceDomainLabel(*domain)) : std::nullopt};
-  if (auto cached = cache->value<QEVIntentAnalysis>(key)) return std::move(*cached);
-
-  fallThroughProviderStage(
-      [&] { runProviderStage(*this, QEVPromptTemplateType::intentAnalysis, hinted); });
-
-  QEVIntentAnalysis result = deterministicAnalysis(context, domain);
-  cache->store(result, key);
-  return result;
+  return runAnalysisPipeline<QEVIntentAnalysis>(
+      *this, QEVIntelligenceAnalysisType::intentAnalysis, QEVPromptTemplateType::intentAnalysis,
+      std::nullopt, domain, stop, [&](const QEVIntelligenceContext& context) {
+        return deterministicAnalysis(context, domain);
+      });
 }
 
 QEVIntentAnalysis QEVIntentAnalyzer::deterministicAnalysis(

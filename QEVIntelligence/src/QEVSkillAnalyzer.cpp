@@ -30,23 +30,10 @@ std::string joinedWithBlanks(const std::vector<std::string>& items) {
 
 QEVSkillAnalysis QEVSkillAnalyzer::analyze(const std::optional<QEVExperienceDomain>& domain,
                                            std::stop_token stop) const {
-  qevr::checkCancellation(stop);
-  const QEVIntelligenceContext context =
-      contextBuilder.buildContext(std::nullopt, preferredExecutionMode, stop);
-  qevr::checkCancellation(stop);
-  const QEVIntelligenceContext hinted = context.withDomainHint(domain);
-
-  const QEVIntelligenceCache::Key key{
-      QEVIntelligenceAnalysisType::skillAnalysis, contextHash(context),
-      domain ? std::optional<std::string>(experienceDomainLabel(*domain)) : std::nullopt};
-  if (auto cached = cache->value<QEVSkillAnalysis>(key)) return std::move(*cached);
-
-  fallThroughProviderStage(
-      [&] { runProviderStage(*this, QEVPromptTemplateType::skillAnalysis, hinted); });
-
-  QEVSkillAnalysis result = deterministicAnalysis(context);
-  cache->store(result, key);
-  return result;
+  return runAnalysisPipeline<QEVSkillAnalysis>(
+      *this, QEVIntelligenceAnalysisType::skillAnalysis, QEVPromptTemplateType::skillAnalysis,
+      std::nullopt, domain, stop,
+      [](const QEVIntelligenceContext& context) { return deterministicAnalysis(context); });
 }
 
 QEVSkillAnalysis QEVSkillAnalyzer::deterministicAnalysis(const QEVIntelligenceContext& context) {
