@@ -37,20 +37,7 @@ double decodeConfidence(const Decoder& decoder) {
 
 void writeStrings(Writer& writer, std::string_view key, const std::vector<std::string>& items) {
   writer.key(key);
-  writer.beginArray();
-  for (const std::string& item : items)
-    writer.string(item);
-  writer.endArray();
-}
-
-std::vector<std::string> readStrings(const Decoder& decoder) {
-  if (!decoder.isArray()) decoder.at(0);  // throws the type mismatch
-  std::vector<std::string> items;
-  const std::size_t count = decoder.size();
-  items.reserve(count);
-  for (std::size_t i = 0; i < count; ++i)
-    items.push_back(decoder.at(i).asString());
-  return items;
+  writer.strings(items);
 }
 
 void writeTail(Writer& writer, double confidence, QEVRDate generatedAt) {
@@ -264,9 +251,9 @@ void QEVBehaviorSummary::encode(Writer& writer) const {
 
 QEVBehaviorSummary QEVBehaviorSummary::decode(const Decoder& decoder) {
   const double confidence = decodeConfidence(decoder);
-  return QEVBehaviorSummary(decoder["summary"].asString(), readStrings(decoder["dominantScreens"]),
-                            readStrings(decoder["dominantActions"]),
-                            readStrings(decoder["behaviorPatterns"]), confidence,
+  return QEVBehaviorSummary(decoder["summary"].asString(), decoder["dominantScreens"].asStrings(),
+                            decoder["dominantActions"].asStrings(),
+                            decoder["behaviorPatterns"].asStrings(), confidence,
                             decoder["generatedAt"].asDate());
 }
 
@@ -292,9 +279,9 @@ void QEVIntentAnalysis::encode(Writer& writer) const {
 
 QEVIntentAnalysis QEVIntentAnalysis::decode(const Decoder& decoder) {
   const double confidence = decodeConfidence(decoder);
-  return QEVIntentAnalysis(
-      decoder["primaryIntent"].asString(), readStrings(decoder["secondaryIntents"]),
-      readStrings(decoder["evidence"]), confidence, decoder["generatedAt"].asDate());
+  return QEVIntentAnalysis(decoder["primaryIntent"].asString(),
+                           decoder["secondaryIntents"].asStrings(), decoder["evidence"].asStrings(),
+                           confidence, decoder["generatedAt"].asDate());
 }
 
 QEVFrustrationAnalysis::QEVFrustrationAnalysis(QEVFrustrationLevel level_,
@@ -327,8 +314,8 @@ QEVFrustrationAnalysis QEVFrustrationAnalysis::decode(const Decoder& decoder) {
                       "Cannot initialize QEVFrustrationLevel from invalid String value " +
                           levelDecoder.asString());
   }
-  return QEVFrustrationAnalysis(*level, readStrings(decoder["signals"]),
-                                readStrings(decoder["likelyCauses"]), confidence,
+  return QEVFrustrationAnalysis(*level, decoder["signals"].asStrings(),
+                                decoder["likelyCauses"].asStrings(), confidence,
                                 decoder["generatedAt"].asDate());
 }
 
@@ -367,7 +354,7 @@ QEVSkillAnalysis QEVSkillAnalysis::decode(const Decoder& decoder) {
   if (auto value = decoder.optional("recommendedDifficultyAdjustment")) {
     adjustment = value->asString();
   }
-  return QEVSkillAnalysis(*level, readStrings(decoder["evidence"]), std::move(adjustment),
+  return QEVSkillAnalysis(*level, decoder["evidence"].asStrings(), std::move(adjustment),
                           confidence, decoder["generatedAt"].asDate());
 }
 

@@ -290,6 +290,16 @@ std::string Decoder::asString() const {
   return current->string();
 }
 
+std::vector<std::string> Decoder::asStrings() const {
+  if (!isArray()) failType("an array");
+  std::vector<std::string> items;
+  const std::size_t count = size();
+  items.reserve(count);
+  for (std::size_t i = 0; i < count; ++i)
+    items.push_back(at(i).asString());
+  return items;
+}
+
 bool Decoder::asBool() const {
   if (current->type() != Value::Type::boolean) failType("a boolean");
   return current->boolean();

@@ -178,6 +178,13 @@ void Writer::string(std::string_view text) {
   afterValue();
 }
 
+void Writer::strings(const std::vector<std::string>& items) {
+  beginArray();
+  for (const std::string& item : items)
+    string(item);
+  endArray();
+}
+
 void Writer::boolean(bool flag) {
   beforeValue();
   out.append(flag ? "true" : "false");

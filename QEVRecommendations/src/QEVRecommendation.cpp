@@ -111,7 +111,7 @@ void QEVRecommendation::encode(Writer& writer) const {
   writer.key("reason");
   writer.string(reasonText);
   writer.key("evidence");
-  qevr::recommendations::writeStrings(writer, evidenceLines);
+  writer.strings(evidenceLines);
   writer.key("action");
   proposedAction.encode(writer);
   writer.key("createdAt");
@@ -140,7 +140,7 @@ QEVRecommendation QEVRecommendation::decode(const Decoder& decoder) {
   const auto priority = decodeRaw<QEVRecommendationPriority>(decoder["priority"], kPriorities,
                                                              "QEVRecommendationPriority");
   std::string reason = decoder["reason"].asString();
-  std::vector<std::string> evidence = qevr::recommendations::readStrings(decoder["evidence"]);
+  std::vector<std::string> evidence = decoder["evidence"].asStrings();
   const QEVRDate createdAt = decoder["createdAt"].asDate();
   std::optional<QEVRDate> expiresAt;
   if (auto member = decoder.optional("expiresAt")) expiresAt = member->asDate();

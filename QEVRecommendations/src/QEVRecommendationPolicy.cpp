@@ -20,7 +20,7 @@ void writeSet(Writer& writer, std::string_view key, const std::unordered_set<std
 }
 
 std::unordered_set<std::string> readSet(const Decoder& decoder) {
-  std::vector<std::string> items = qevr::recommendations::readStrings(decoder);
+  std::vector<std::string> items = decoder.asStrings();
   return std::unordered_set<std::string>(std::make_move_iterator(items.begin()),
                                          std::make_move_iterator(items.end()));
 }

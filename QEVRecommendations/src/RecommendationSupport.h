@@ -59,23 +59,6 @@ std::optional<std::size_t> indexOf(const std::array<std::string_view, N>& names,
   return std::nullopt;
 }
 
-inline void writeStrings(json::Writer& writer, const std::vector<std::string>& items) {
-  writer.beginArray();
-  for (const std::string& item : items)
-    writer.string(item);
-  writer.endArray();
-}
-
-inline std::vector<std::string> readStrings(const json::Decoder& decoder) {
-  if (!decoder.isArray()) decoder.at(0);  // throws the type mismatch
-  std::vector<std::string> items;
-  const std::size_t count = decoder.size();
-  items.reserve(count);
-  for (std::size_t i = 0; i < count; ++i)
-    items.push_back(decoder.at(i).asString());
-  return items;
-}
-
 inline void writeOptionalString(json::Writer& writer, std::string_view key,
                                 const std::optional<std::string>& value) {
   if (!value) return;

@@ -240,6 +240,8 @@ class QEVR_API Decoder {
   bool isArray() const { return current->type() == Value::Type::array; }
 
   std::string asString() const;
+  // An array of strings. Anything else fails as at() or asString() would.
+  std::vector<std::string> asStrings() const;
   bool asBool() const;
   std::int64_t asInt64() const;
   std::uint64_t asUInt64() const;
@@ -289,6 +291,8 @@ class QEVR_API Writer {
   void key(std::string_view name);
 
   void string(std::string_view text);
+  // An array of strings.
+  void strings(const std::vector<std::string>& items);
   void boolean(bool flag);
   void integer(std::int64_t number);
   void unsignedInteger(std::uint64_t number);
