@@ -19,7 +19,21 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Candidate = QEVMemoryPruner::PruningCandidate;
+using Kind = QEVMemoryPruner::PruningCandidate::Kind;
+
+// A candidate as a run keeps it: by name within its kind's directory, so
+// that a full store's thousands of candidates cost a few bytes each rather
+// than a parsed path each.
+struct Candidate {
+  std::string name;
+  Kind kind;
+  QEVRDate date;
+  std::uint64_t byteCount = 0;
+};
+
+const char* directoryOf(Kind kind) {
+  return kind == Kind::event ? "events" : "sessions";
+}
 
 constexpr double kSecondsPerDay = 86'400;
 constexpr std::uint64_t kBytesPerMB = 1'048'576;
@@ -50,7 +64,8 @@ std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
 std::vector<qevr::DirectoryEntry> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
   if (!files.exists(directory)) return {};
   std::vector<qevr::DirectoryEntry> found = files.listDirectoryWithIdentities(directory);
-  std::erase_if(found, [](const qevr::DirectoryEntry& e) { return e.path.extension() != ".json"; });
+  std::erase_if(
+      found, [](const qevr::DirectoryEntry& e) { return fs::path(e.name).extension() != ".json"; });
   return found;
 }
 
@@ -81,30 +96,30 @@ struct FileFacts {
 };
 
 // Learns the dates of a run's files: from the memo of earlier runs when a
-// file's identity is unchanged, else by reading and decoding it. The
-// listing's identity gives the size too, so a known file costs no further
-// system call. `seen` collects what this run knows, for the next.
+// file's identity is unchanged, else by reading and decoding it. `seen`
+// collects what this run knows, for the next.
 class DateReader {
  public:
   DateReader(qevr::FileSystem& fileSystem, const QEVMemoryPruner::DateMemo& known)
       : files(fileSystem), memo(known) {}
 
   template <typename Decode>
-  FileFacts factsOf(const qevr::DirectoryEntry& entry, Decode decode) {
-    const fs::path& file = entry.path;
-    // The size is the entry's own, a link's included, as fileSize gives it.
-    const std::uint64_t size =
-        entry.identity ? entry.identity->size : files.fileSize(file).value_or(0);
+  FileFacts factsOf(const fs::path& directory, const qevr::DirectoryEntry& entry, Decode decode) {
     // Only a plain file is remembered: a link's own identity says nothing
-    // of what it points to.
+    // of what it points to. A remembered file needs neither its path nor
+    // another system call, as the listing gave its size too.
     std::optional<qevr::FileIdentity> before = entry.identity;
     if (before && !before->isRegularFile) before.reset();
     if (before) {
       if (const std::optional<QEVRDate> date = lookUp(memo, *before)) {
         keep(*before, *date);
-        return {*date, size};
+        return {*date, before->size};
       }
     }
+    const fs::path file = directory / entry.name;
+    // The size is the entry's own, a link's included, as fileSize gives it.
+    const std::uint64_t size =
+        entry.identity ? entry.identity->size : files.fileSize(file).value_or(0);
     const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
     bytesRead += bytes.size();
     const QEVRDate date = decode(asText(bytes));
@@ -114,6 +129,9 @@ class DateReader {
     return {date, size};
   }
 
+  void expect(std::size_t fileCount) {
+    found.reserve(std::min(fileCount, QEVMemoryPruner::maxRememberedDates));
+  }
   QEVMemoryPruner::DateMemo& seen() { return found; }
   std::uint64_t readBytes() const { return bytesRead; }
 
@@ -143,22 +161,30 @@ std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& r
   // The block format of a chunk file carries its own length, so any LZFSE
   // engine with the standard limit reads what the store wrote.
   const QEVLZFSECompressionEngine engine;
+  const fs::path events = root / "events";
+  const fs::path sessions = root / "sessions";
+  std::vector<qevr::DirectoryEntry> chunkFiles = jsonFilesIn(files, events);
+  std::vector<qevr::DirectoryEntry> sessionFiles = jsonFilesIn(files, sessions);
+  // Sized once: grown by doubling, the largest buffers of a run would be
+  // copied and freed between the short-lived ones of the decoding.
   std::vector<Candidate> all;
-  for (const qevr::DirectoryEntry& file : jsonFilesIn(files, root / "events")) {
+  all.reserve(chunkFiles.size() + sessionFiles.size());
+  dates.expect(all.capacity());
+  for (qevr::DirectoryEntry& file : chunkFiles) {
     qevr::checkCancellation(stop);
-    const FileFacts facts = dates.factsOf(file, [&engine](std::string_view text) {
+    const FileFacts facts = dates.factsOf(events, file, [&engine](std::string_view text) {
       const QEVMemoryEventChunk chunk = decodeStoredChunkFile(text, engine);
       return chunk.closedAt.value_or(chunk.createdAt);
     });
-    all.push_back({file.path, Candidate::Kind::event, facts.date, facts.byteCount});
+    all.push_back({std::move(file.name), Kind::event, facts.date, facts.byteCount});
   }
-  for (const qevr::DirectoryEntry& file : jsonFilesIn(files, root / "sessions")) {
+  for (qevr::DirectoryEntry& file : sessionFiles) {
     qevr::checkCancellation(stop);
-    const FileFacts facts = dates.factsOf(file, [](std::string_view text) {
+    const FileFacts facts = dates.factsOf(sessions, file, [](std::string_view text) {
       const QEVSessionGraph graph = QEVSessionGraph::fromJSON(text);
       return graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast));
     });
-    all.push_back({file.path, Candidate::Kind::session, facts.date, facts.byteCount});
+    all.push_back({std::move(file.name), Kind::session, facts.date, facts.byteCount});
   }
   return all;
 }
@@ -182,7 +208,7 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
   // age pass has already marked.
   std::vector<std::size_t> sessions;
   for (std::size_t i = 0; i < all.size(); ++i) {
-    if (all[i].kind == Candidate::Kind::session) sessions.push_back(i);
+    if (all[i].kind == Kind::session) sessions.push_back(i);
   }
   std::stable_sort(sessions.begin(), sessions.end(),
                    [&](std::size_t a, std::size_t b) { return all[a].date > all[b].date; });
@@ -249,11 +275,9 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
                                                std::stop_token stop) const {
   if (!options.pruningEnabled) return {};
 
-  // A run decodes the whole store and takes long; at background priority a
-  // thread waiting on a chunk save never picks it up while helping.
   std::uint64_t readBytes = 0;
   const QEVMemoryPruningSummary summary =
-      qevr::detachTask(qevr::TaskPriority::background, [&](std::stop_token) {
+      qevr::detachTask(qevr::TaskPriority::utility, [&](std::stop_token) {
         qevr::checkCancellation(stop);
         const QEVRDate now = qevr::now();
         const std::shared_ptr<const DateMemo> known = rememberedDates();
@@ -290,14 +314,12 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         QEVMemoryPruningSummary result;
         for (std::size_t i = 0; i < all.size(); ++i) {
           if (!marked[i]) continue;
-          const fs::path& file = all[i].url;
+          const fs::path file = root / directoryOf(all[i].kind) / all[i].name;
           if (!files.exists(file)) continue;
           const std::uint64_t size = files.fileSize(file).value_or(0);
           files.removeItem(file);
           result.freedBytes = saturatingAdd(result.freedBytes, size);
-          const fs::path directory = file.parent_path().filename();
-          if (directory == "events") ++result.deletedEventChunks;
-          if (directory == "sessions") ++result.deletedSessionGraphs;
+          ++(all[i].kind == Kind::event ? result.deletedEventChunks : result.deletedSessionGraphs);
         }
         return result;
       }).value();

@@ -60,7 +60,7 @@ class ScriptedFileSystem final : public qevr::FileSystemWrapper {
     ++calls;
     std::vector<qevr::DirectoryEntry> entries = FileSystemWrapper::listDirectoryWithIdentities(p);
     for (qevr::DirectoryEntry& entry : entries)
-      withMadeUpSize(entry.path, entry.identity);
+      withMadeUpSize(entry.name, entry.identity);
     return entries;
   }
   std::optional<qevr::FileIdentity> fileIdentity(const fs::path& p) override {

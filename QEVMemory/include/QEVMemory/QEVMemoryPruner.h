@@ -28,8 +28,9 @@ struct QEVR_API QEVMemoryPruningSummary {
 // remembered from one run to the next, keyed by the file's identity, so a
 // run over an unchanged store reads no file. The memo is mutable state
 // behind its own lock (a const pruner is shared by the module and the chunk
-// writer); the time of the last heap trim is the only other, an atomic. A file is read again once
-// its identity changes, a damaged file is never remembered, and files that are gone are forgotten.
+// writer); the time of the last heap trim is the only other, an atomic. A
+// file is read again once its identity changes, a damaged file is never
+// remembered, and files that are gone are forgotten.
 class QEVR_API QEVMemoryPruner {
  public:
   struct PruningCandidate {
@@ -79,12 +80,12 @@ class QEVR_API QEVMemoryPruner {
   const std::filesystem::path root;
   qevr::FileSystem& files;
 
-  // Guards the pointer only: a run reads a memo that is never changed once
-  // published, and publishes a new one when it ends.
   // steady_clock ticks of the last heap trim after a run; runs that read
   // little trim at most every few seconds.
   mutable std::atomic<std::int64_t> lastRelease{0};
 
+  // Guards the pointer only: a run reads a memo that is never changed once
+  // published, and publishes a new one when it ends.
   mutable qevr::Mutex memoLock;
   mutable std::shared_ptr<const DateMemo> memo QEVR_GUARDED_BY(memoLock);
 };

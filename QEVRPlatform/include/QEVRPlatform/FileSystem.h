@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace qevr {
@@ -32,10 +33,12 @@ struct FileIdentity {
   bool operator==(const FileIdentity&) const = default;
 };
 
-// A child of a directory and its identity as the listing found it (absent
-// if the entry could not be looked at, e.g. it went in between).
+// A child of a directory, by name, and its identity as the listing found it
+// (absent if the entry could not be looked at, e.g. it went in between).
+// Only the name is kept: a listing of thousands of files would otherwise
+// hold a parsed path, with its parts, for every one of them.
 struct DirectoryEntry {
-  std::filesystem::path path;
+  std::string name;
   std::optional<FileIdentity> identity;
 };
 

@@ -263,7 +263,7 @@ std::vector<DirectoryEntry> FileSystem::listDirectoryWithIdentities(const fs::pa
       if (::fstatat(::dirfd(directory), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
         identity = identityOf(st);
       }
-      entries.push_back({path / name, identity});
+      entries.push_back({std::string(name), identity});
     }
   } catch (...) {
     ::closedir(directory);
