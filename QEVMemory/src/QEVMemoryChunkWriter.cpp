@@ -115,20 +115,34 @@ void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chun
   } catch (...) {
     return;  // The chunk is lost; there is no retry and no pruning.
   }
+  if (!pruner) return;
+  // During a burst the queued run waits behind the saves; every so many
+  // saves a pool thread runs one itself, so that the store stays near its
+  // budget. Never the host's thread: it only saves.
+  if (!onCallingThread &&
+      savesSinceRun.fetch_add(1, std::memory_order_acq_rel) + 1 >= savesPerRunDuringBurst) {
+    runPrune({});
+  }
   schedulePrune();
 }
 
+void QEVMemoryChunkWriter::Shared::runPrune(std::stop_token stop) {
+  savesSinceRun.store(0, std::memory_order_release);
+  try {
+    pruner->prune(optionsProvider(), stop);
+  } catch (...) {
+    // A failed or refused run is dropped.
+  }
+}
+
 void QEVMemoryChunkWriter::Shared::schedulePrune() {
-  if (!pruner) return;
   if (pruneQueued.exchange(true, std::memory_order_acq_rel)) return;  // merged with the queued run
+  // Behind the saves, so that a burst is written first; see saveThenPrune
+  // for the runs in between.
   qevr::detachTask(qevr::TaskPriority::background,
                    [state = shared_from_this()](std::stop_token stop) {
                      // Cleared as the run starts: a chunk saved from now on queues the next.
                      state->pruneQueued.store(false, std::memory_order_release);
-                     try {
-                       state->pruner->prune(state->optionsProvider(), stop);
-                     } catch (...) {
-                       // A failed or refused run is dropped.
-                     }
+                     state->runPrune(stop);
                    });
 }

@@ -48,6 +48,9 @@ class QEVR_API QEVMemoryChunkWriter {
   static constexpr std::int64_t defaultMaxEventsPerChunk = 100;
   static constexpr std::int64_t currentSchemaVersion = 1;
   static constexpr int maxPendingSaves = 16;
+  // While saves keep the pool busy, a pool thread runs the pruning itself
+  // after this many of them (about 300 KB of chunks).
+  static constexpr int savesPerRunDuringBurst = 64;
 
   QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> store, std::int64_t maxEventsPerChunk,
                        std::int64_t schemaVersion, std::shared_ptr<const QEVMemoryPruner> pruner,
@@ -92,6 +95,8 @@ class QEVR_API QEVMemoryChunkWriter {
     // True while a pruning run is queued and has not started; a run clears
     // it as it starts, so a chunk saved during a run queues one more.
     std::atomic<bool> pruneQueued{false};
+    // Chunks saved on the pool since the last run began.
+    std::atomic<int> savesSinceRun{0};
     std::atomic<int> inFlight{0};
     std::shared_ptr<QEVMemoryStore> store;
     std::shared_ptr<const QEVMemoryPruner> pruner;
@@ -99,6 +104,7 @@ class QEVR_API QEVMemoryChunkWriter {
 
     void saveThenPrune(const QEVMemoryEventChunk& chunk, bool onCallingThread);
     void schedulePrune();
+    void runPrune(std::stop_token stop);
   };
   const std::shared_ptr<Shared> shared;
 };
