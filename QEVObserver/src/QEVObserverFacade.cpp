@@ -85,7 +85,7 @@ bool runPipeline(const Messages& messages, Build&& build, Allowed&& allowed, boo
       event = std::move(*event).withScreenName(std::move(current));
     }
   }
-  std::optional<QEVObserverEvent> clean = event->sanitized();
+  std::optional<QEVObserverEvent> clean = std::move(*event).sanitized();
   if (!clean) {
     logLine(messages.sanitizationFailed);
     return false;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 using qevr::json::Decoder;
 using qevr::json::Writer;
@@ -51,13 +52,42 @@ QEVObserverPrivacyOptions QEVObserverPrivacyOptions::fromJSON(std::string_view j
 
 namespace QEVObserverSanitization {
 
-bool isSensitiveKey(std::string_view key) {
-  static constexpr std::array<std::string_view, 6> kFragments = {"password", "token", "secret",
+namespace {
+
+constexpr std::array<std::string_view, 6> kSensitiveFragments = {"password", "token", "secret",
                                                                  "auth",     "email", "phone"};
+
+// Whether `text` contains `fragment` (lower-case ASCII) with ASCII letters
+// compared regardless of case.
+bool containsIgnoringAsciiCase(std::string_view text, std::string_view fragment) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  for (std::size_t start = 0; start + fragment.size() <= text.size(); ++start) {
+    std::size_t i = 0;
+    while (i < fragment.size() && lower(text[start + i]) == fragment[i])
+      ++i;
+    if (i == fragment.size()) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool isSensitiveKey(std::string_view key) {
+  // Every key of every event passes here, twice; most are ASCII, whose
+  // lower case needs no copy. Other text goes through full case mapping,
+  // where a character outside ASCII may lower to one inside it (the Kelvin
+  // sign to "k").
+  const bool ascii = std::all_of(key.begin(), key.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii) {
+    return std::any_of(
+        kSensitiveFragments.begin(), kSensitiveFragments.end(),
+        [&](std::string_view fragment) { return containsIgnoringAsciiCase(key, fragment); });
+  }
   const std::string lower = qevr::text::lowercased(key);
-  return std::any_of(kFragments.begin(), kFragments.end(), [&](std::string_view fragment) {
-    return lower.find(fragment) != std::string::npos;
-  });
+  return std::any_of(
+      kSensitiveFragments.begin(), kSensitiveFragments.end(),
+      [&](std::string_view fragment) { return lower.find(fragment) != std::string::npos; });
 }
 
 }  // namespace QEVObserverSanitization
@@ -65,13 +95,17 @@ bool isSensitiveKey(std::string_view key) {
 namespace {
 
 // Trimmed and cut to the limit; blank gives an empty string.
-std::string boundedText(std::string_view text) {
+std::string_view boundedView(std::string_view text) {
   std::string_view trimmed = qevr::text::trim(text);
   // A text of at most maxLength bytes needs no cluster count.
   if (trimmed.size() > QEVObserverSanitization::maxLength) {
     trimmed = qevr::text::graphemePrefix(trimmed, QEVObserverSanitization::maxLength);
   }
-  return std::string(trimmed);
+  return trimmed;
+}
+
+std::string boundedText(std::string_view text) {
+  return std::string(boundedView(text));
 }
 
 std::optional<std::string> boundedOptional(const std::optional<std::string>& text) {
@@ -83,7 +117,7 @@ std::optional<std::string> boundedOptional(const std::optional<std::string>& tex
 
 }  // namespace
 
-std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() const {
+std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() const& {
   QEVObserverMetadata clean;
   clean.reserve(entries.size());
   for (const auto& [rawKey, value] : entries) {
@@ -98,6 +132,33 @@ std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() const {
   try {
     return QEVObserverEvent(eventId, eventType, time, session, boundedOptional(screen),
                             boundedOptional(component), std::move(clean));
+  } catch (const QEVObserverEventValidationError&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() && {
+  // A key that changes could meet another on its way; which one stays is
+  // settled by the copying path.
+  for (const auto& [key, value] : entries) {
+    const std::string_view bounded = boundedView(key);
+    if (bounded.empty() || bounded.size() != key.size()) return std::as_const(*this).sanitized();
+  }
+  for (auto it = entries.begin(); it != entries.end();) {
+    if (QEVObserverSanitization::isSensitiveKey(it->first)) {
+      it = entries.erase(it);
+      continue;
+    }
+    if (const std::string* text = it->second.stringValue()) {
+      const std::string_view bounded = boundedView(*text);
+      if (bounded.size() != text->size())
+        it->second = QEVObserverMetadataValue(std::string(bounded));
+    }
+    ++it;
+  }
+  try {
+    return QEVObserverEvent(eventId, eventType, time, session, boundedOptional(screen),
+                            boundedOptional(component), std::move(entries));
   } catch (const QEVObserverEventValidationError&) {
     return std::nullopt;
   }

@@ -160,12 +160,24 @@ TEST(ObserverSanitizationTest, SensitiveKeysAreDroppedInAnyCaseAndPosition) {
                                     {"Auth_Code", "e"},
                                     {"xSECRETx", "f"},
                                     {"PassWord", "g"},
+                                    {"to\u212Aen", "h"},  // Kelvin sign: lowers to "token"
+                                    {"PHONE_\u00DC", "i"},
                                     {" color ", "blue"},
+                                    {"\u00C9MAIL", "j"},  // lowers to "\u00E9mail": no "email"
+                                    {"autH", "k"},
+                                    {"phon", 1},
                                     {"Size", 3}});
   auto clean = event.sanitized();
   ASSERT_TRUE(clean.has_value());
-  QEVObserverMetadata expected{{"color", "blue"}, {"Size", 3}};
+  QEVObserverMetadata expected{{"color", "blue"}, {"\u00C9MAIL", "j"}, {"phon", 1}, {"Size", 3}};
   EXPECT_EQ(clean->metadata(), expected);
+  // A moved-from event gives the same, whether its keys need trimming or not.
+  EXPECT_EQ(QEVObserverEvent(event).sanitized(), clean);
+  QEVObserverMetadata cleanKeys = event.metadata();
+  cleanKeys.erase(" color ");
+  auto inPlace = make(Type::gesture, cleanKeys);
+  EXPECT_EQ(QEVObserverEvent(inPlace).sanitized(), inPlace.sanitized());
+  EXPECT_EQ(QEVObserverEvent(inPlace).sanitized()->metadata().size(), 3u);
 }
 
 TEST(ObserverSanitizationTest, TextsAreBoundedTo1024Characters) {
@@ -182,6 +194,7 @@ TEST(ObserverSanitizationTest, TextsAreBoundedTo1024Characters) {
   EXPECT_EQ(*clean->metadata().at("n").intValue(), 5);
   EXPECT_EQ(clean->componentId()->size(), 1024u);
   EXPECT_FALSE(clean->screenName().has_value());  // blank screen: absent, not a failure
+  EXPECT_EQ(QEVObserverEvent(event).sanitized(), clean);
 }
 
 TEST(ObserverSanitizationTest, FailsOnlyForACustomEventLeftWithoutAName) {

@@ -189,7 +189,9 @@ class QEVR_API QEVObserverEvent {
   // The event with sensitive metadata keys dropped and every text bounded to
   // 1024 characters; absent when the result breaks the constructor's rule
   // (a custom event left without a usable name).
-  std::optional<QEVObserverEvent> sanitized() const;
+  std::optional<QEVObserverEvent> sanitized() const&;
+  // The same, reusing this event's metadata when its keys need no change.
+  std::optional<QEVObserverEvent> sanitized() &&;
 
   bool operator==(const QEVObserverEvent&) const = default;
 
