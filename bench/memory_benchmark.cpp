@@ -27,6 +27,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -45,7 +46,29 @@ fs::path temporaryDirectory() {
   return pattern;
 }
 
-// A started system with observer and memory on a fresh data directory.
+// Without HOME, XDG_DATA_HOME or an override there is no application-support
+// directory, and the memory module keeps to memory. Restores both after.
+class NoDataDirectory {
+ public:
+  NoDataDirectory() {
+    for (const char* name : {"HOME", "XDG_DATA_HOME"}) {
+      const char* value = std::getenv(name);
+      saved.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+      ::unsetenv(name);
+    }
+  }
+  ~NoDataDirectory() {
+    for (const auto& [name, value] : saved) {
+      if (value) ::setenv(name, value->c_str(), 1);
+    }
+  }
+
+ private:
+  std::vector<std::pair<const char*, std::optional<std::string>>> saved;
+};
+
+// A started system with observer and memory on a fresh data directory, or
+// with none.
 class RunningSystem {
  public:
   explicit RunningSystem(bool disk = true)
@@ -123,6 +146,17 @@ void BM_TrackIntoMemoryWithDisk(benchmark::State& state) {
 }
 BENCHMARK(BM_TrackIntoMemoryWithDisk)->UseRealTime();
 
+// The same with no data directory: graphs only, no chunk ever saved, so the
+// difference to the case above is what disk costs the host.
+void BM_TrackIntoMemoryOnly(benchmark::State& state) {
+  NoDataDirectory memoryOnly;
+  RunningSystem system(/*disk=*/false);
+  timeEachCall(state, [] {
+    benchmark::DoNotOptimize(QEVR::Observer::track("level_completed1", kMetadata));
+  });
+}
+BENCHMARK(BM_TrackIntoMemoryOnly)->UseRealTime();
+
 void BM_IntelligenceSnapshot100Sessions(benchmark::State& state) {
   const fs::path dir = temporaryDirectory();
   QEVFileMemoryStore store(dir, qevr::FileSystem::defaultFileSystem(),
@@ -175,14 +209,8 @@ void BM_ResidentMemoryGrowth(benchmark::State& state) {
   }
   const std::int64_t total = state.range(0);
   const bool disk = state.range(1) != 0;
-  std::string savedHome;
-  if (!disk) {
-    // Without HOME, XDG_DATA_HOME or an override there is no application-
-    // support directory: the module keeps to memory.
-    if (const char* home = std::getenv("HOME")) savedHome = home;
-    ::unsetenv("HOME");
-    ::unsetenv("XDG_DATA_HOME");
-  }
+  std::optional<NoDataDirectory> memoryOnly;
+  if (!disk) memoryOnly.emplace();
   for (auto _ : state) {
     std::optional<RunningSystem> system;
     system.emplace(disk);
@@ -208,7 +236,6 @@ void BM_ResidentMemoryGrowth(benchmark::State& state) {
     state.counters["rss_end_MB"] = afterAll;
     state.counters["growth_MB"] = afterAll - after100k;
   }
-  if (!savedHome.empty()) ::setenv("HOME", savedHome.c_str(), 1);
 }
 BENCHMARK(BM_ResidentMemoryGrowth)
     ->Args({10'000'000, 0})
