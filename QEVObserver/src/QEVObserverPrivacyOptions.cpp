@@ -117,7 +117,11 @@ std::optional<std::string> boundedOptional(const std::optional<std::string>& tex
 
 }  // namespace
 
-std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() const& {
+namespace {
+
+// Sensitive keys dropped, keys and string values bounded. Two raw keys that
+// bound to one keep the value of the later in iteration order.
+QEVObserverMetadata sanitizedCopy(const QEVObserverMetadata& entries) {
   QEVObserverMetadata clean;
   clean.reserve(entries.size());
   for (const auto& [rawKey, value] : entries) {
@@ -129,20 +133,16 @@ std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() const& {
       clean.insert_or_assign(std::move(key), value);
     }
   }
-  try {
-    return QEVObserverEvent(eventId, eventType, time, session, boundedOptional(screen),
-                            boundedOptional(component), std::move(clean));
-  } catch (const QEVObserverEventValidationError&) {
-    return std::nullopt;
-  }
+  return clean;
 }
 
-std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() && {
-  // A key that changes could meet another on its way; which one stays is
-  // settled by the copying path.
+// The same without a new map, when no key needs bounding (the usual case,
+// in which no two keys can meet). Returns false, having changed nothing,
+// otherwise.
+bool sanitizeInPlace(QEVObserverMetadata& entries) {
   for (const auto& [key, value] : entries) {
     const std::string_view bounded = boundedView(key);
-    if (bounded.empty() || bounded.size() != key.size()) return std::as_const(*this).sanitized();
+    if (bounded.empty() || bounded.size() != key.size()) return false;
   }
   for (auto it = entries.begin(); it != entries.end();) {
     if (QEVObserverSanitization::isSensitiveKey(it->first)) {
@@ -156,6 +156,17 @@ std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() && {
     }
     ++it;
   }
+  return true;
+}
+
+}  // namespace
+
+std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() const& {
+  return QEVObserverEvent(*this).sanitized();
+}
+
+std::optional<QEVObserverEvent> QEVObserverEvent::sanitized() && {
+  if (!sanitizeInPlace(entries)) entries = sanitizedCopy(entries);
   try {
     return QEVObserverEvent(eventId, eventType, time, session, boundedOptional(screen),
                             boundedOptional(component), std::move(entries));
