@@ -207,9 +207,9 @@ std::optional<std::string> optionalName(std::string_view raw) {
   return name;
 }
 
-QEVObserverMetadata metadata(const QEVObserverMetadata& raw) {
+QEVObserverMetadata metadata(const QEVObserverMetadata& raw, std::size_t room) {
   QEVObserverMetadata result;
-  result.reserve(raw.size());
+  result.reserve(raw.size() + room);
   for (const auto& [rawKey, value] : raw) {
     std::string key = repairedAndTrimmed(rawKey);
     if (key.empty()) throw QEVObserverEventInputValidationError::emptyMetadataKey();

@@ -118,7 +118,7 @@ bool track(std::string_view name, const QEVObserverMetadata& metadata) {
       kTrack,
       [&] {
         std::string trimmed = validate::requiredName(name);
-        QEVObserverMetadata entries = validate::metadata(metadata);
+        QEVObserverMetadata entries = validate::metadata(metadata, 1);  // and "name"
         return QEVObserverEvent::custom(std::move(trimmed), QEVRUUID::random(), qevr::now(),
                                         std::nullopt, std::nullopt, std::nullopt,
                                         std::move(entries));
@@ -168,7 +168,7 @@ bool navigation(std::optional<std::string_view> from, std::string_view to,
         std::string destination = validate::requiredName(to);
         std::optional<std::string> source;
         if (from) source = validate::optionalName(*from);
-        QEVObserverMetadata entries = validate::metadata(metadata);
+        QEVObserverMetadata entries = validate::metadata(metadata, 2);  // and "to", "from"
         entries.insert_or_assign("to", QEVObserverMetadataValue(destination));
         if (source) entries.insert_or_assign("from", QEVObserverMetadataValue(*source));
         return QEVObserverEvent(QEVRUUID::random(), QEVObserverEventType::navigation, qevr::now(),
@@ -193,7 +193,7 @@ bool buttonTap(std::string_view componentId, std::optional<std::string_view> tit
         std::string id = validate::requiredName(componentId);
         std::optional<std::string> label;
         if (title) label = validate::optionalName(*title);
-        QEVObserverMetadata entries = validate::metadata(metadata);
+        QEVObserverMetadata entries = validate::metadata(metadata, 1);  // and "title"
         if (label) entries.insert_or_assign("title", QEVObserverMetadataValue(std::move(*label)));
         return QEVObserverEvent(QEVRUUID::random(), QEVObserverEventType::buttonTap, qevr::now(),
                                 std::nullopt, std::nullopt, std::move(id), std::move(entries));
@@ -218,7 +218,7 @@ bool gesture(QEVGestureType type, std::optional<std::string_view> componentId,
       [&] {
         std::optional<std::string> id;
         if (componentId) id = validate::requiredName(*componentId);
-        QEVObserverMetadata entries = validate::metadata(metadata);
+        QEVObserverMetadata entries = validate::metadata(metadata, 1);  // and "gestureType"
         entries.insert_or_assign("gestureType",
                                  QEVObserverMetadataValue(std::string(rawValueOf(type))));
         return QEVObserverEvent(QEVRUUID::random(), QEVObserverEventType::gesture, qevr::now(),

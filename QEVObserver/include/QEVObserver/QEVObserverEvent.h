@@ -223,5 +223,6 @@ QEVR_API std::string requiredName(std::string_view raw);
 QEVR_API std::optional<std::string> optionalName(std::string_view raw);
 // Keys trimmed; blank -> emptyMetadataKey; too long -> metadataKeyTooLong.
 // String values are repaired like keys; values are otherwise untouched.
-QEVR_API QEVObserverMetadata metadata(const QEVObserverMetadata& raw);
+// `room` is how many keys the caller adds afterwards.
+QEVR_API QEVObserverMetadata metadata(const QEVObserverMetadata& raw, std::size_t room = 0);
 }  // namespace QEVObserverInputValidation
