@@ -136,13 +136,7 @@ void QEVMemoryChunkWriter::Shared::runPrune(std::stop_token stop) {
 }
 
 void QEVMemoryChunkWriter::Shared::schedulePrune() {
-  if (pruneQueued.exchange(true, std::memory_order_acq_rel)) return;  // merged with the queued run
   // Behind the saves, so that a burst is written first; see saveThenPrune
   // for the runs in between.
-  qevr::detachTask(qevr::TaskPriority::background,
-                   [state = shared_from_this()](std::stop_token stop) {
-                     // Cleared as the run starts: a chunk saved from now on queues the next.
-                     state->pruneQueued.store(false, std::memory_order_release);
-                     state->runPrune(stop);
-                   });
+  queuedRun.request([state = shared_from_this()](std::stop_token stop) { state->runPrune(stop); });
 }

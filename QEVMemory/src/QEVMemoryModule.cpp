@@ -150,18 +150,11 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
     qevr::MutexLock guard(lock);
     sinkIdentifier = id;
   }
-  if (pruner && !startRunQueued->exchange(true, std::memory_order_acq_rel)) {
-    qevr::detachTask(qevr::TaskPriority::background,
-                     [runner = pruner, queued = startRunQueued](std::stop_token stop) {
-                       // Cleared as the run begins: a start from now on queues the next.
-                       queued->store(false, std::memory_order_release);
-                       runner->removeAbandonedTemporaries();
-                       try {
-                         runner->prune(QEVMemoryRuntime::shared().activeOptions(), stop);
-                       } catch (...) {
-                         // Dropped, like every background failure.
-                       }
-                     });
+  if (pruner) {
+    startRun.request([runner = pruner](std::stop_token stop) {
+      runner->removeAbandonedTemporaries();
+      runner->prune(QEVMemoryRuntime::shared().activeOptions(), stop);
+    });
   }
 }
 

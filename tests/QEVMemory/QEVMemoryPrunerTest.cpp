@@ -3,6 +3,7 @@
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,11 +12,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <limits>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -428,6 +432,54 @@ TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunEvenWhenOnceKnownGood) {
   // Mended, the store is pruned again.
   real.removeItem(file);
   EXPECT_EQ(pruner.prune(QEVMemoryOptions()).deletedEventChunks, 1);
+}
+
+// Requests made while a run waits join it; a request made once the run has
+// begun queues the next. The pool is held busy so that "waits" is certain.
+TEST(QEVMemoryQueuedPruneRunTest, RequestsJoinAWaitingRunButNotARunningOne) {
+  QEVMemoryQueuedPruneRun queued;
+  std::atomic<int> runs{0};
+  auto count = [&](std::stop_token) { ++runs; };
+
+  std::atomic<bool> release{false};
+  std::atomic<unsigned> busy{0};
+  const unsigned threads = qevr::taskPoolSize();
+  for (unsigned i = 0; i < threads; ++i) {
+    qevr::detachTask(qevr::TaskPriority::high, [&](std::stop_token) {
+      ++busy;
+      while (!release.load())
+        std::this_thread::yield();
+    });
+  }
+  while (busy.load() < threads)
+    std::this_thread::yield();
+  for (int i = 0; i < 5; ++i)
+    queued.request(count);
+  release = true;
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
+  EXPECT_EQ(runs.load(), 1);
+
+  // A run that has begun no longer takes requests.
+  std::atomic<bool> begun{false}, finish{false};
+  queued.request([&](std::stop_token) {
+    ++runs;
+    begun = true;
+    while (!finish.load())
+      std::this_thread::yield();
+  });
+  while (!begun.load())
+    std::this_thread::yield();
+  queued.request(count);
+  finish = true;
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
+  EXPECT_EQ(runs.load(), 3);
+
+  // A failing run is dropped and the next request queues anew.
+  queued.request([](std::stop_token) { throw std::runtime_error("disk gone"); });
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
+  queued.request(count);
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
+  EXPECT_EQ(runs.load(), 4);
 }
 
 }  // namespace

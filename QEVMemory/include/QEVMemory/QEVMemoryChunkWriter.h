@@ -92,9 +92,8 @@ class QEVR_API QEVMemoryChunkWriter {
   // The store, pruner and options, and the counters, shared with the
   // background tasks, which may outlive the writer.
   struct Shared : std::enable_shared_from_this<Shared> {
-    // True while a pruning run is queued and has not started; a run clears
-    // it as it starts, so a chunk saved during a run queues one more.
-    std::atomic<bool> pruneQueued{false};
+    // The run that saves ask for; a chunk saved during a run queues one more.
+    QEVMemoryQueuedPruneRun queuedRun;
     // Chunks saved on the pool since the last run began.
     std::atomic<int> savesSinceRun{0};
     std::atomic<int> inFlight{0};

@@ -103,12 +103,9 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
   const std::shared_ptr<QEVMemoryStore> memoryStore;
   const std::shared_ptr<QEVMemoryChunkWriter> chunkWriter;
   const std::shared_ptr<const QEVMemoryPruner> pruner;
-  // True while the run a start queued has not begun. A start meanwhile
-  // leaves it at that: the queued run reads the options and the files as
-  // it begins, so it does all a second run would. A host that starts and
-  // stops in quick succession thus queues one run, not one per start.
-  const std::shared_ptr<std::atomic<bool>> startRunQueued =
-      std::make_shared<std::atomic<bool>>(false);
+  // The run each start asks for. A host that starts and stops in quick
+  // succession queues one run, not one per start.
+  QEVMemoryQueuedPruneRun startRun;
 
   mutable qevr::Mutex lock;
   std::shared_ptr<QEVMemoryPipeline> pipeline QEVR_GUARDED_BY(lock);
