@@ -1,5 +1,6 @@
 #include "DoctorCommand.h"
 
+#include "InspectionSupport.h"
 #include "StoreReader.h"
 
 #include <QEVMemory/QEVMemoryOptions.h>
@@ -164,18 +165,10 @@ fs::path quarantineEntry(const fs::path& root, const fs::path& quarantine,
 }  // namespace
 
 int runDoctorCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-  std::optional<fs::path> dataDir;
-  bool fix = false;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--data-dir" && i + 1 < args.size()) {
-      dataDir = args[++i];
-    } else if (args[i] == "--fix") {
-      fix = true;
-    } else {
-      err << "qevr doctor: unknown argument '" << args[i] << "'\n";
-      return 2;
-    }
-  }
+  const auto parsed = parseStoreSwitchArguments(args, "--fix", "doctor", err);
+  if (!parsed) return 2;
+  const std::optional<fs::path>& dataDir = parsed->dataDir;
+  const bool fix = parsed->switchGiven;
   try {
     const auto store = ReadOnlyMemoryStore::open(dataDir);
     const Findings findings = examine(*store);

@@ -25,6 +25,24 @@ std::string oneLine(std::string text) {
   return text;
 }
 
+std::optional<StoreSwitchArguments> parseStoreSwitchArguments(const std::vector<std::string>& args,
+                                                              std::string_view switchName,
+                                                              std::string_view command,
+                                                              std::ostream& err) {
+  StoreSwitchArguments parsed;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--data-dir" && i + 1 < args.size()) {
+      parsed.dataDir = args[++i];
+    } else if (args[i] == switchName) {
+      parsed.switchGiven = true;
+    } else {
+      err << "qevr " << command << ": unknown argument '" << args[i] << "'\n";
+      return std::nullopt;
+    }
+  }
+  return parsed;
+}
+
 InspectionArguments parseInspectionArguments(const std::vector<std::string>& args,
                                              std::initializer_list<std::string_view> fileOptions) {
   InspectionArguments parsed;

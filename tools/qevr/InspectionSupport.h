@@ -1,5 +1,5 @@
-// What the inspection commands (snapshot, analyze, recommend) share: their
-// domain argument, and reading a snapshot from a store or from a file.
+// What the inspection commands (doctor, snapshot, analyze, recommend) share:
+// their arguments, and reading a snapshot from a store or from a file.
 #pragma once
 
 #include <QEVIntelligence/QEVIntelligenceModels.h>
@@ -10,6 +10,7 @@
 #include <initializer_list>
 #include <map>
 #include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -35,6 +36,20 @@ struct InspectionArguments {
 // Throws InspectionError for an unknown argument or a missing value.
 InspectionArguments parseInspectionArguments(const std::vector<std::string>& args,
                                              std::initializer_list<std::string_view> fileOptions);
+
+// The arguments of the store commands that take one switch besides
+// --data-dir DIR (doctor --fix, snapshot --json).
+struct StoreSwitchArguments {
+  std::optional<std::filesystem::path> dataDir;
+  bool switchGiven = false;
+};
+
+// Absent for anything else, after "qevr COMMAND: unknown argument 'X'" on
+// `err`.
+std::optional<StoreSwitchArguments> parseStoreSwitchArguments(const std::vector<std::string>& args,
+                                                              std::string_view switchName,
+                                                              std::string_view command,
+                                                              std::ostream& err);
 
 // `text` with its line breaks turned into blanks, for one-line messages.
 std::string oneLine(std::string text);

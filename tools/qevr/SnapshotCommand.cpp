@@ -67,21 +67,12 @@ void printSnapshotReport(std::ostream& out, const QEVMemoryIntelligenceSnapshot&
 }
 
 int runSnapshotCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-  std::optional<std::filesystem::path> dataDir;
-  bool json = false;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--data-dir" && i + 1 < args.size()) {
-      dataDir = args[++i];
-    } else if (args[i] == "--json") {
-      json = true;
-    } else {
-      err << "qevr snapshot: unknown argument '" << args[i] << "'\n";
-      return 2;
-    }
-  }
+  const auto parsed = parseStoreSwitchArguments(args, "--json", "snapshot", err);
+  if (!parsed) return 2;
+  const bool json = parsed->switchGiven;
   QEVMemoryIntelligenceSnapshot snapshot;
   try {
-    snapshot = snapshotOfStore(dataDir);
+    snapshot = snapshotOfStore(parsed->dataDir);
   } catch (const std::exception& e) {
     err << "qevr snapshot: " << e.what() << "\n";
     return 2;
