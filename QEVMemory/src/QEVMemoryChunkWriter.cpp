@@ -17,11 +17,13 @@ std::uint64_t QEVMemoryEventStore::nextSequenceNumber() const {
 QEVMemoryChunkWriter::QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> chunkStore,
                                            std::int64_t maxEvents, std::int64_t version,
                                            std::shared_ptr<const QEVMemoryPruner> chunkPruner,
-                                           OptionsProvider options)
+                                           OptionsProvider options,
+                                           std::chrono::milliseconds longestWait)
     : maxEventsPerChunk(maxEvents), schemaVersion(version), shared(std::make_shared<Shared>()) {
   shared->store = std::move(chunkStore);
   shared->pruner = std::move(chunkPruner);
   shared->optionsProvider = std::move(options);
+  shared->pacingWait = longestWait;
 }
 
 std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::append(QEVMemoryEvent event) {
@@ -86,13 +88,12 @@ bool QEVMemoryChunkWriter::isShutDown() const {
 
 void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk) {
   if (!chunk) return;
-  if (shared->inFlight.fetch_add(1, std::memory_order_acq_rel) >= maxPendingSaves) {
-    // The disk is behind: save here, which paces the host to the disk
-    // instead of queueing chunks without bound. Directly, not through a task
-    // to wait on: a waiting thread runs other queued saves and graph jobs
-    // meanwhile, and the host would pay for all of them.
+  if (!shared->takeSlot()) {
+    // The pool did not drain in time (it may be stuck behind work that
+    // waits for this very thread): save here, directly, so that nothing
+    // queued runs on the host meanwhile and no chunk waits without bound.
     shared->saveThenPrune(*chunk, /*onCallingThread=*/true);
-    shared->inFlight.fetch_sub(1, std::memory_order_acq_rel);
+    shared->releaseSlot();
     return;
   }
   // The task holds the shared state, never the writer, which may be gone
@@ -100,8 +101,39 @@ void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk)
   qevr::detachTask(qevr::TaskPriority::utility,
                    [state = shared, saved = std::move(*chunk)](std::stop_token) {
                      state->saveThenPrune(saved, /*onCallingThread=*/false);
-                     state->inFlight.fetch_sub(1, std::memory_order_acq_rel);
+                     state->releaseSlot();
                    });
+}
+
+bool QEVMemoryChunkWriter::Shared::takeSlot() {
+  int seen = inFlight.load(std::memory_order_seq_cst);
+  while (seen < maxPendingSaves) {
+    if (inFlight.compare_exchange_weak(seen, seen + 1, std::memory_order_seq_cst)) return true;
+  }
+  // The disk is behind. Wait until the pool has worked the queue down to
+  // resumeAt, not merely for the next free slot: the host then pauses once
+  // every dozen chunks instead of at every one.
+  bool drained = false;
+  {
+    std::unique_lock<std::mutex> guard(pacing.native());
+    pacedWaiters.fetch_add(1, std::memory_order_seq_cst);
+    drained = roomAgain.wait_for(
+        guard, pacingWait, [this] { return inFlight.load(std::memory_order_seq_cst) <= resumeAt; });
+    pacedWaiters.fetch_sub(1, std::memory_order_seq_cst);
+  }
+  // Counted either way: a save on this thread is in flight as well.
+  inFlight.fetch_add(1, std::memory_order_seq_cst);
+  return drained;
+}
+
+void QEVMemoryChunkWriter::Shared::releaseSlot() {
+  const int left = inFlight.fetch_sub(1, std::memory_order_seq_cst) - 1;
+  // A waiter counts itself before it tests inFlight, and this reads the
+  // count after lowering inFlight, so one of the two sees the other.
+  if (left > resumeAt || pacedWaiters.load(std::memory_order_seq_cst) == 0) return;
+  // Passing through the lock puts this wake-up after any waiter's test.
+  { qevr::MutexLock guard(pacing); }
+  roomAgain.notify_all();
 }
 
 void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk,

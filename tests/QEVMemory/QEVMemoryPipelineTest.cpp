@@ -9,6 +9,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <vector>
 
 #include "MemoryTestSupport.h"
 
@@ -125,43 +126,81 @@ class GatedStore : public RecordingStore {
   std::function<void()> whileSavingHere;
 };
 
-// With every save slot taken, the thread that brings one more chunk saves it
-// itself, directly: were it to wait on the pool it would pick up one of the
-// queued saves, stuck at the gate, and never return. And it does so after
-// the pipeline's lock is released, so another thread's event goes through
-// meanwhile (else the callback below would wait forever).
-TEST(ChunkWriterTest, AFullWriterSavesOnTheCallingThreadOutsideThePipelineLock) {
-  auto store = std::make_shared<GatedStore>();
-  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr);
-  QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr);
-  const auto event = [](double at) {
-    return observerEvent(Type::screenView, QEVRDate{at}, std::nullopt, {}, "Home");
-  };
-  for (int i = 0; i < QEVMemoryChunkWriter::maxPendingSaves; ++i)
-    pipeline.handle(event(i));
-  EXPECT_EQ(writer->pendingSaves(), QEVMemoryChunkWriter::maxPendingSaves);
+// Sixteen saves wait at the gate; then `hosts` threads each bring one more
+// chunk, and the test waits until all of them are paced.
+struct FullWriter {
+  std::shared_ptr<GatedStore> store = std::make_shared<GatedStore>();
+  std::shared_ptr<QEVMemoryChunkWriter> writer;
+  QEVMemoryPipeline pipeline;
 
+  static QEVObserverEvent event(double at) {
+    return observerEvent(Type::screenView, QEVRDate{at}, std::nullopt, {}, "Home");
+  }
+  explicit FullWriter(std::chrono::milliseconds pacingWait)
+      : writer(std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr, pacingWait)),
+        pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr) {
+    for (int i = 0; i < QEVMemoryChunkWriter::maxPendingSaves; ++i)
+      pipeline.handle(event(i));
+  }
+  std::size_t saved() {
+    qevr::MutexLock guard(store->lock);
+    return store->chunks.size();
+  }
+};
+
+// A host that finds every slot taken waits, without the pipeline's lock (the
+// second host gets through it) and without saving anything itself, until the
+// pool has worked the queue down to resumeAt.
+TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilThePoolHasDrained) {
+  FullWriter full(std::chrono::minutes(1));
+  EXPECT_EQ(full.writer->pendingSaves(), QEVMemoryChunkWriter::maxPendingSaves);
+  std::vector<std::size_t> savedWhenReturned(2);
+  std::vector<std::thread> hosts;
+  for (int h = 0; h < 2; ++h) {
+    hosts.emplace_back([&, h] {
+      full.pipeline.handle(FullWriter::event(100 + h));
+      savedWhenReturned[h] = full.saved();
+    });
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (full.writer->pacedThreads() < 2 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  EXPECT_EQ(full.writer->pacedThreads(), 2);
+  EXPECT_EQ(full.saved(), 0u);
+  full.store->opener.set_value();
+  for (std::thread& host : hosts)
+    host.join();
+  for (std::size_t saved : savedWhenReturned) {
+    EXPECT_GE(saved, static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves -
+                                              QEVMemoryChunkWriter::resumeAt));
+  }
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  EXPECT_EQ(full.store->savedHere, 0);
+  EXPECT_EQ(full.saved(), static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
+}
+
+// When the pool does not drain in time, the waiting thread saves its chunk
+// itself, directly: were it to wait on a task it would pick up one of the
+// queued saves, stuck at the gate, and never return. It does so after the
+// pipeline's lock is released, so another thread's event goes through
+// meanwhile (else the callback below would wait forever).
+TEST(ChunkWriterTest, AStuckPoolLeavesTheSaveToTheWaitingThreadOutsideThePipelineLock) {
+  FullWriter full(std::chrono::milliseconds(20));
   std::atomic<bool> otherEventHandled{false};
-  store->whileSavingHere = [&] {
+  full.store->whileSavingHere = [&] {
     std::thread other([&] {
-      // Also full: saved on that thread as well.
-      pipeline.handle(event(100));
+      full.pipeline.handle(FullWriter::event(100));  // also stuck: saved on that thread
       otherEventHandled = true;
     });
     other.join();
   };
-  pipeline.handle(event(99));
+  full.pipeline.handle(FullWriter::event(99));
   EXPECT_TRUE(otherEventHandled);
-  EXPECT_EQ(store->savedHere, 2);
-  {
-    qevr::MutexLock guard(store->lock);
-    EXPECT_EQ(store->chunks.size(), 2u);  // the two saved here; the rest still wait
-  }
-  store->opener.set_value();
+  EXPECT_EQ(full.store->savedHere, 2);
+  EXPECT_EQ(full.saved(), 2u);  // the two saved here; the rest still wait
+  full.store->opener.set_value();
   ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  qevr::MutexLock guard(store->lock);
-  EXPECT_EQ(store->chunks.size(),
-            static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
+  EXPECT_EQ(full.saved(), static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
 }
 
 TEST(EventStoreTest, NumbersWithoutGapsFromOne) {

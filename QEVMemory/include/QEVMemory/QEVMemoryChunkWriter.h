@@ -11,6 +11,8 @@
 #include <QEVRPlatform/ThreadAnnotations.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -35,12 +37,15 @@ class QEVR_API QEVMemoryEventStore {
 // followed by a pruning run.
 //
 // Thread safety: `lock` guards the open chunk and `isShutdown`; it is never
-// held while a task starts or a save runs. Pruning runs that have not
-// started yet are merged (they would all see the same files), so however
-// fast chunks arrive at most one run waits. When more than
-// maxPendingSaves saves are in flight, the next save runs on the caller's
-// thread instead, directly and without running any other queued work:
-// memory stays bounded and no chunk is dropped.
+// held while a task starts, a save runs or a host waits. Pruning runs that
+// have not started yet are merged (they would all see the same files), so
+// however fast chunks arrive at most one run waits. When maxPendingSaves
+// saves are in flight, the thread that brings the next chunk waits until the
+// pool is down to resumeAt: memory stays bounded, no chunk is dropped, and a
+// host that outruns the disk pauses once per dozen chunks, not at each one.
+// It never runs queued work meanwhile. Should the pool not drain in time
+// (its threads may be the very hosts that wait), the chunk is saved on the
+// waiting thread, directly.
 class QEVR_API QEVMemoryChunkWriter {
  public:
   using OptionsProvider = std::function<QEVMemoryOptions()>;
@@ -48,13 +53,19 @@ class QEVR_API QEVMemoryChunkWriter {
   static constexpr std::int64_t defaultMaxEventsPerChunk = 100;
   static constexpr std::int64_t currentSchemaVersion = 1;
   static constexpr int maxPendingSaves = 16;
+  // A host that finds every slot taken waits until no more than resumeAt
+  // saves are left, for at most longestPacingWait; then it saves the chunk
+  // itself.
+  static constexpr int resumeAt = maxPendingSaves / 4;
+  static constexpr std::chrono::milliseconds longestPacingWait{200};
   // While saves keep the pool busy, a pool thread runs the pruning itself
   // after this many of them (about 300 KB of chunks).
   static constexpr int savesPerRunDuringBurst = 64;
 
   QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> store, std::int64_t maxEventsPerChunk,
                        std::int64_t schemaVersion, std::shared_ptr<const QEVMemoryPruner> pruner,
-                       OptionsProvider optionsProvider);
+                       OptionsProvider optionsProvider,
+                       std::chrono::milliseconds longestWait = longestPacingWait);
 
   // Adds the event to the open chunk (opening one if needed). Returns the
   // chunk it closed, if any. Refused after shutdown.
@@ -74,6 +85,8 @@ class QEVR_API QEVMemoryChunkWriter {
 
   // Saves in flight (started, not finished).
   int pendingSaves() const { return shared->inFlight.load(std::memory_order_acquire); }
+  // Threads waiting for the pool to drain.
+  int pacedThreads() const { return shared->pacedWaiters.load(std::memory_order_acquire); }
 
  private:
   std::optional<QEVMemoryEventChunk> closeLocked(QEVRDate closedAt) QEVR_REQUIRES(lock);
@@ -97,10 +110,21 @@ class QEVR_API QEVMemoryChunkWriter {
     // Chunks saved on the pool since the last run began.
     std::atomic<int> savesSinceRun{0};
     std::atomic<int> inFlight{0};
+    // Hosts waiting in takeSlot. `pacing` guards no field: it only orders a
+    // waiter's test of inFlight against a save's wake-up, so none is lost.
+    std::atomic<int> pacedWaiters{0};
+    qevr::Mutex pacing;
+    std::condition_variable roomAgain;
+    std::chrono::milliseconds pacingWait = longestPacingWait;  // set before any save
     std::shared_ptr<QEVMemoryStore> store;
     std::shared_ptr<const QEVMemoryPruner> pruner;
     OptionsProvider optionsProvider;
 
+    // Counts one more save in flight. True when the pool may take it; false
+    // when the pool did not drain within longestPacingWait and the caller
+    // has to save it itself.
+    bool takeSlot();
+    void releaseSlot();
     void saveThenPrune(const QEVMemoryEventChunk& chunk, bool onCallingThread);
     void schedulePrune();
     void runPrune(std::stop_token stop);
