@@ -19,11 +19,12 @@ QEVMemoryChunkWriter::QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> chunk
                                            std::shared_ptr<const QEVMemoryPruner> chunkPruner,
                                            OptionsProvider options,
                                            std::chrono::milliseconds longestWait)
-    : maxEventsPerChunk(maxEvents), schemaVersion(version), shared(std::make_shared<Shared>()) {
+    : maxEventsPerChunk(maxEvents),
+      schemaVersion(version),
+      shared(std::make_shared<Shared>(longestWait)) {
   shared->store = std::move(chunkStore);
   shared->pruner = std::move(chunkPruner);
   shared->optionsProvider = std::move(options);
-  shared->pacingWait = longestWait;
 }
 
 std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::append(QEVMemoryEvent event) {
@@ -88,12 +89,11 @@ bool QEVMemoryChunkWriter::isShutDown() const {
 
 void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk) {
   if (!chunk) return;
-  if (!shared->takeSlot()) {
-    // The pool did not drain in time (it may be stuck behind work that
-    // waits for this very thread): save here, directly, so that nothing
-    // queued runs on the host meanwhile and no chunk waits without bound.
+  if (!shared->saves.enter()) {
+    // The pool did not drain in time: save here, directly, not through a
+    // task to wait on, which would have this thread run other queued work.
     shared->saveThenPrune(*chunk, /*onCallingThread=*/true);
-    shared->releaseSlot();
+    shared->saves.leave();
     return;
   }
   // The task holds the shared state, never the writer, which may be gone
@@ -101,39 +101,8 @@ void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk)
   qevr::detachTask(qevr::TaskPriority::utility,
                    [state = shared, saved = std::move(*chunk)](std::stop_token) {
                      state->saveThenPrune(saved, /*onCallingThread=*/false);
-                     state->releaseSlot();
+                     state->saves.leave();
                    });
-}
-
-bool QEVMemoryChunkWriter::Shared::takeSlot() {
-  int seen = inFlight.load(std::memory_order_seq_cst);
-  while (seen < maxPendingSaves) {
-    if (inFlight.compare_exchange_weak(seen, seen + 1, std::memory_order_seq_cst)) return true;
-  }
-  // The disk is behind. Wait until the pool has worked the queue down to
-  // resumeAt, not merely for the next free slot: the host then pauses once
-  // every dozen chunks instead of at every one.
-  bool drained = false;
-  {
-    std::unique_lock<std::mutex> guard(pacing.native());
-    pacedWaiters.fetch_add(1, std::memory_order_seq_cst);
-    drained = roomAgain.wait_for(
-        guard, pacingWait, [this] { return inFlight.load(std::memory_order_seq_cst) <= resumeAt; });
-    pacedWaiters.fetch_sub(1, std::memory_order_seq_cst);
-  }
-  // Counted either way: a save on this thread is in flight as well.
-  inFlight.fetch_add(1, std::memory_order_seq_cst);
-  return drained;
-}
-
-void QEVMemoryChunkWriter::Shared::releaseSlot() {
-  const int left = inFlight.fetch_sub(1, std::memory_order_seq_cst) - 1;
-  // A waiter counts itself before it tests inFlight, and this reads the
-  // count after lowering inFlight, so one of the two sees the other.
-  if (left > resumeAt || pacedWaiters.load(std::memory_order_seq_cst) == 0) return;
-  // Passing through the lock puts this wake-up after any waiter's test.
-  { qevr::MutexLock guard(pacing); }
-  roomAgain.notify_all();
 }
 
 void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk,

@@ -2,8 +2,10 @@
 
 #include <QEVRPlatform/Tasks.h>
 
-QEVMemoryDiskScheduler::QEVMemoryDiskScheduler(BackgroundSubmit submit)
-    : backgroundSubmit(std::move(submit)) {}
+QEVMemoryDiskScheduler::QEVMemoryDiskScheduler(BackgroundSubmit submit,
+                                               std::chrono::milliseconds longestWait)
+    : backgroundSubmit(std::move(submit)),
+      jobs(std::make_shared<QEVMemoryInFlightGate>(maxPendingJobs, resumeAt, longestWait)) {}
 
 namespace {
 
@@ -13,7 +15,7 @@ namespace {
 struct OnceJob {
   std::atomic<bool> claimed{false};
   QEVMemoryDiskScheduler::Job job;
-  std::shared_ptr<QEVMemoryDiskScheduler::Progress> progress;
+  std::shared_ptr<QEVMemoryInFlightGate> jobs;
 
   void run() {
     if (claimed.exchange(true, std::memory_order_acq_rel)) return;
@@ -23,14 +25,7 @@ struct OnceJob {
       // Save errors are dropped.
     }
     job = nullptr;  // what the job holds goes before anyone learns it is done
-    finish(*progress);
-  }
-  static void finish(QEVMemoryDiskScheduler::Progress& progress) {
-    if (progress.inFlight.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    // A waiter tests the count under the lock; passing through it here
-    // means none can be between its test and its wait.
-    { qevr::MutexLock guard(progress.lock); }
-    progress.idle.notify_all();
+    jobs->leave();
   }
   void runOnPool(const std::shared_ptr<OnceJob>& self) {
     if (claimed.load(std::memory_order_acquire)) return;
@@ -49,9 +44,9 @@ struct FallbackGuard {
 void QEVMemoryDiskScheduler::schedule(Job job) {
   auto once = std::make_shared<OnceJob>();
   once->job = std::move(job);
-  once->progress = progress;
-  if (progress->inFlight.fetch_add(1, std::memory_order_acq_rel) >= maxPendingJobs) {
-    once->run();  // the disk is behind: pace the caller
+  once->jobs = jobs;
+  if (!jobs->enter()) {
+    once->run();  // the pool did not drain in time
     return;
   }
   bool accepted = false;
@@ -64,12 +59,6 @@ void QEVMemoryDiskScheduler::schedule(Job job) {
   // A refused job runs anyway. (Only an unclaimed job runs, so a guard that
   // already fell back makes this a no-op.)
   if (!accepted) once->runOnPool(once);
-}
-
-bool QEVMemoryDiskScheduler::waitUntilIdle(std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> guard(progress->lock.native());
-  return progress->idle.wait_for(
-      guard, timeout, [this] { return progress->inFlight.load(std::memory_order_acquire) == 0; });
 }
 
 namespace {
@@ -117,8 +106,8 @@ std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
     if (endsSession) completed = completeSessionLocked(buildSessionLocked());
   }
   // The save starts after the lock is released: when the disk is behind,
-  // this thread saves the chunk itself, and the other delivering threads
-  // must not wait for that. Chunk files carry no order among themselves,
+  // this thread waits for the pool, and the other delivering threads must
+  // not wait behind it. Chunk files carry no order among themselves,
   // so nothing depends on which save starts first.
   if (chunkWriter) chunkWriter->enqueueSave(std::move(closed));
   return completed;

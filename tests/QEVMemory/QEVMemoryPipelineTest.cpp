@@ -203,6 +203,37 @@ TEST(ChunkWriterTest, AStuckPoolLeavesTheSaveToTheWaitingThreadOutsideThePipelin
   EXPECT_EQ(full.saved(), static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
 }
 
+// Graph jobs are paced the same way: the caller of the seventeenth job waits
+// for the pool instead of running a save itself.
+TEST(DiskSchedulerTest, ABurstOfJobsPacesTheCallerUntilThePoolHasDrained) {
+  QEVMemoryDiskScheduler scheduler(nullptr, std::chrono::minutes(1));
+  std::promise<void> opener;
+  std::shared_future<void> gate = opener.get_future().share();
+  std::atomic<int> done{0};
+  std::atomic<int> onCaller{0};
+  const std::thread::id caller = std::this_thread::get_id();
+  const auto job = [&] {
+    if (std::this_thread::get_id() == caller) ++onCaller;
+    gate.wait();
+    ++done;
+  };
+  for (int i = 0; i < QEVMemoryDiskScheduler::maxPendingJobs; ++i)
+    scheduler.schedule(job);
+  EXPECT_EQ(scheduler.pendingJobs(), QEVMemoryDiskScheduler::maxPendingJobs);
+  std::thread opens([&] {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (scheduler.pacedThreads() < 1 && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
+    opener.set_value();
+  });
+  scheduler.schedule(job);
+  EXPECT_GE(done.load(), QEVMemoryDiskScheduler::maxPendingJobs - QEVMemoryDiskScheduler::resumeAt);
+  opens.join();
+  ASSERT_TRUE(scheduler.waitUntilIdle(kIdle));
+  EXPECT_EQ(done.load(), QEVMemoryDiskScheduler::maxPendingJobs + 1);
+  EXPECT_EQ(onCaller.load(), 0);
+}
+
 TEST(EventStoreTest, NumbersWithoutGapsFromOne) {
   QEVMemoryEventStore events;
   for (std::uint64_t i = 1; i <= 3; ++i) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QEVMemory/QEVMemoryEvent.h>
+#include <QEVMemory/QEVMemoryInFlightGate.h>
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVMemory/QEVMemoryPruner.h>
 #include <QEVMemory/QEVMemoryStore.h>
@@ -12,7 +13,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -39,13 +39,12 @@ class QEVR_API QEVMemoryEventStore {
 // Thread safety: `lock` guards the open chunk and `isShutdown`; it is never
 // held while a task starts, a save runs or a host waits. Pruning runs that
 // have not started yet are merged (they would all see the same files), so
-// however fast chunks arrive at most one run waits. When maxPendingSaves
-// saves are in flight, the thread that brings the next chunk waits until the
-// pool is down to resumeAt: memory stays bounded, no chunk is dropped, and a
-// host that outruns the disk pauses once per dozen chunks, not at each one.
-// It never runs queued work meanwhile. Should the pool not drain in time
-// (its threads may be the very hosts that wait), the chunk is saved on the
-// waiting thread, directly.
+// however fast chunks arrive at most one run waits. Saves in flight pass
+// through a QEVMemoryInFlightGate: at maxPendingSaves, the thread that brings
+// the next chunk waits until the pool is down to resumeAt, so memory stays
+// bounded, no chunk is dropped, and a host that outruns the disk pauses once
+// per dozen chunks. When the wait times out, that thread saves the chunk
+// itself, directly, running no other queued work.
 class QEVR_API QEVMemoryChunkWriter {
  public:
   using OptionsProvider = std::function<QEVMemoryOptions()>;
@@ -54,8 +53,8 @@ class QEVR_API QEVMemoryChunkWriter {
   static constexpr std::int64_t currentSchemaVersion = 1;
   static constexpr int maxPendingSaves = 16;
   // A host that finds every slot taken waits until no more than resumeAt
-  // saves are left, for at most longestPacingWait; then it saves the chunk
-  // itself.
+  // saves are left, for at most longestPacingWait (or the writer's own
+  // longestWait); then it saves the chunk itself.
   static constexpr int resumeAt = maxPendingSaves / 4;
   static constexpr std::chrono::milliseconds longestPacingWait{200};
   // While saves keep the pool busy, a pool thread runs the pruning itself
@@ -84,9 +83,9 @@ class QEVR_API QEVMemoryChunkWriter {
   void enqueueSave(std::optional<QEVMemoryEventChunk> chunk);
 
   // Saves in flight (started, not finished).
-  int pendingSaves() const { return shared->inFlight.load(std::memory_order_acquire); }
+  int pendingSaves() const { return shared->saves.inFlight(); }
   // Threads waiting for the pool to drain.
-  int pacedThreads() const { return shared->pacedWaiters.load(std::memory_order_acquire); }
+  int pacedThreads() const { return shared->saves.waitingThreads(); }
 
  private:
   std::optional<QEVMemoryEventChunk> closeLocked(QEVRDate closedAt) QEVR_REQUIRES(lock);
@@ -105,26 +104,17 @@ class QEVR_API QEVMemoryChunkWriter {
   // The store, pruner and options, and the counters, shared with the
   // background tasks, which may outlive the writer.
   struct Shared : std::enable_shared_from_this<Shared> {
+    explicit Shared(std::chrono::milliseconds longestWait)
+        : saves(maxPendingSaves, resumeAt, longestWait) {}
     // The run that saves ask for; a chunk saved during a run queues one more.
     QEVMemoryQueuedPruneRun queuedRun;
     // Chunks saved on the pool since the last run began.
     std::atomic<int> savesSinceRun{0};
-    std::atomic<int> inFlight{0};
-    // Hosts waiting in takeSlot. `pacing` guards no field: it only orders a
-    // waiter's test of inFlight against a save's wake-up, so none is lost.
-    std::atomic<int> pacedWaiters{0};
-    qevr::Mutex pacing;
-    std::condition_variable roomAgain;
-    std::chrono::milliseconds pacingWait = longestPacingWait;  // set before any save
+    QEVMemoryInFlightGate saves;
     std::shared_ptr<QEVMemoryStore> store;
     std::shared_ptr<const QEVMemoryPruner> pruner;
     OptionsProvider optionsProvider;
 
-    // Counts one more save in flight. True when the pool may take it; false
-    // when the pool did not drain within longestPacingWait and the caller
-    // has to save it itself.
-    bool takeSlot();
-    void releaseSlot();
     void saveThenPrune(const QEVMemoryEventChunk& chunk, bool onCallingThread);
     void schedulePrune();
     void runPrune(std::stop_token stop);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <QEVMemory/QEVMemoryChunkWriter.h>
+#include <QEVMemory/QEVMemoryInFlightGate.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVMemory/QEVSessionGraph.h>
 #include <QEVMemory/QEVUserGraph.h>
@@ -14,7 +15,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,35 +23,34 @@
 // on a plain utility task otherwise, so a refused job runs anyway. A job the
 // worker accepted but dropped unrun (its shutdown cancelled it before it
 // started) also falls back to a plain task: each job runs exactly once.
-// When more than maxPendingJobs are in flight, a job runs on the caller's
-// thread instead, so a burst of short sessions cannot queue without bound.
+// Jobs in flight pass through a QEVMemoryInFlightGate, so a burst of short
+// sessions cannot queue without bound: past maxPendingJobs the caller waits
+// for the pool, and runs the job itself only if that wait times out.
 class QEVR_API QEVMemoryDiskScheduler {
  public:
   using BackgroundSubmit = std::function<bool(QEVRBackgroundOperation)>;
   using Job = std::function<void()>;
   static constexpr int maxPendingJobs = 16;
+  static constexpr int resumeAt = maxPendingJobs / 4;
+  static constexpr std::chrono::milliseconds longestPacingWait{200};
 
-  explicit QEVMemoryDiskScheduler(BackgroundSubmit backgroundSubmit);
+  explicit QEVMemoryDiskScheduler(BackgroundSubmit backgroundSubmit,
+                                  std::chrono::milliseconds longestWait = longestPacingWait);
 
-  // Returns at once (unless the caller has to run the job, see above).
+  // Returns at once, unless the caller is paced (see above).
   void schedule(Job job);
-  int pendingJobs() const { return progress->inFlight.load(std::memory_order_acquire); }
+  int pendingJobs() const { return jobs->inFlight(); }
+  int pacedThreads() const { return jobs->waitingThreads(); }
   // Blocks until no job is in flight, or `timeout` has passed; says which.
   // Must not be called from a job.
-  bool waitUntilIdle(std::chrono::milliseconds timeout) const;
-
-  // Shared with the jobs, which may outlive the scheduler. `lock` only
-  // orders a job's last step against a waiter's test of `inFlight`, so
-  // that no wake-up is lost; it guards no field.
-  struct Progress {
-    std::atomic<int> inFlight{0};
-    qevr::Mutex lock;
-    std::condition_variable idle;
-  };
+  bool waitUntilIdle(std::chrono::milliseconds timeout) const {
+    return jobs->waitUntilIdle(timeout);
+  }
 
  private:
   const BackgroundSubmit backgroundSubmit;  // may be empty
-  const std::shared_ptr<Progress> progress = std::make_shared<Progress>();
+  // Shared with the jobs, which may outlive the scheduler.
+  const std::shared_ptr<QEVMemoryInFlightGate> jobs;
 };
 
 class QEVR_API QEVMemoryPipeline {
