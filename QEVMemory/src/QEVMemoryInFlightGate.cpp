@@ -3,11 +3,8 @@
 #include <algorithm>
 #include <mutex>
 
-QEVMemoryInFlightGate::QEVMemoryInFlightGate(int maxInFlight, int resumeBelow,
-                                             std::chrono::milliseconds wait)
-    : limit(std::max(maxInFlight, 1)),
-      resumeAt(std::clamp(resumeBelow, 0, std::max(maxInFlight, 1) - 1)),
-      longestWait(wait) {}
+QEVMemoryInFlightGate::QEVMemoryInFlightGate(int maxInFlight, std::chrono::milliseconds wait)
+    : limit(std::max(maxInFlight, 1)), resumeAt(resumeAtFor(limit)), longestWait(wait) {}
 
 bool QEVMemoryInFlightGate::enter() {
   int seen = count.load(std::memory_order_seq_cst);

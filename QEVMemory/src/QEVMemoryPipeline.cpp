@@ -5,7 +5,7 @@
 QEVMemoryDiskScheduler::QEVMemoryDiskScheduler(BackgroundSubmit submit,
                                                std::chrono::milliseconds longestWait)
     : backgroundSubmit(std::move(submit)),
-      jobs(std::make_shared<QEVMemoryInFlightGate>(maxPendingJobs, resumeAt, longestWait)) {}
+      jobs(std::make_shared<QEVMemoryInFlightGate>(maxPendingJobs, longestWait)) {}
 
 namespace {
 

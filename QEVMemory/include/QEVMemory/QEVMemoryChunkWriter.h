@@ -53,18 +53,18 @@ class QEVR_API QEVMemoryChunkWriter {
   static constexpr std::int64_t currentSchemaVersion = 1;
   static constexpr int maxPendingSaves = 16;
   // A host that finds every slot taken waits until no more than resumeAt
-  // saves are left, for at most longestPacingWait (or the writer's own
-  // longestWait); then it saves the chunk itself.
-  static constexpr int resumeAt = maxPendingSaves / 4;
-  static constexpr std::chrono::milliseconds longestPacingWait{200};
+  // saves are left, for at most `longestWait`; then it saves the chunk
+  // itself.
+  static constexpr int resumeAt = QEVMemoryInFlightGate::resumeAtFor(maxPendingSaves);
   // While saves keep the pool busy, a pool thread runs the pruning itself
   // after this many of them (about 300 KB of chunks).
   static constexpr int savesPerRunDuringBurst = 64;
 
-  QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> store, std::int64_t maxEventsPerChunk,
-                       std::int64_t schemaVersion, std::shared_ptr<const QEVMemoryPruner> pruner,
-                       OptionsProvider optionsProvider,
-                       std::chrono::milliseconds longestWait = longestPacingWait);
+  QEVMemoryChunkWriter(
+      std::shared_ptr<QEVMemoryStore> store, std::int64_t maxEventsPerChunk,
+      std::int64_t schemaVersion, std::shared_ptr<const QEVMemoryPruner> pruner,
+      OptionsProvider optionsProvider,
+      std::chrono::milliseconds longestWait = QEVMemoryInFlightGate::defaultLongestWait);
 
   // Adds the event to the open chunk (opening one if needed). Returns the
   // chunk it closed, if any. Refused after shutdown.
@@ -104,8 +104,7 @@ class QEVR_API QEVMemoryChunkWriter {
   // The store, pruner and options, and the counters, shared with the
   // background tasks, which may outlive the writer.
   struct Shared : std::enable_shared_from_this<Shared> {
-    explicit Shared(std::chrono::milliseconds longestWait)
-        : saves(maxPendingSaves, resumeAt, longestWait) {}
+    explicit Shared(std::chrono::milliseconds longestWait) : saves(maxPendingSaves, longestWait) {}
     // The run that saves ask for; a chunk saved during a run queues one more.
     QEVMemoryQueuedPruneRun queuedRun;
     // Chunks saved on the pool since the last run began.

@@ -10,9 +10,9 @@
 #include <condition_variable>
 
 // Counts work in flight. A thread that brings more while `limit` items are
-// in flight waits until no more than `resumeAt` are left, not merely for the
-// next free place: a producer that outruns the pool then pauses once per
-// (limit - resumeAt) items instead of at each one. It runs nothing while it
+// in flight waits until no more than a quarter of them are left, not merely
+// for the next free place: a producer that outruns the pool then pauses once
+// per three quarters of `limit` instead of at each item. It runs nothing while it
 // waits. Should the pool not get there within `longestWait` (its threads may
 // be the very producers that wait), the thread is let through and told to do
 // its work itself.
@@ -22,7 +22,12 @@
 // follows a decrement, so that no wake-up is lost.
 class QEVR_API QEVMemoryInFlightGate {
  public:
-  QEVMemoryInFlightGate(int limit, int resumeAt, std::chrono::milliseconds longestWait);
+  static constexpr std::chrono::milliseconds defaultLongestWait{200};
+  // The count at which a paced thread goes on.
+  static constexpr int resumeAtFor(int limit) { return limit / 4; }
+
+  explicit QEVMemoryInFlightGate(int limit,
+                                 std::chrono::milliseconds longestWait = defaultLongestWait);
 
   // Counts one more item in flight, after waiting if the limit is reached.
   // True when the item may go to the pool; false when the wait timed out

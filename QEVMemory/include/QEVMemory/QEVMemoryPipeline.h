@@ -31,11 +31,11 @@ class QEVR_API QEVMemoryDiskScheduler {
   using BackgroundSubmit = std::function<bool(QEVRBackgroundOperation)>;
   using Job = std::function<void()>;
   static constexpr int maxPendingJobs = 16;
-  static constexpr int resumeAt = maxPendingJobs / 4;
-  static constexpr std::chrono::milliseconds longestPacingWait{200};
+  static constexpr int resumeAt = QEVMemoryInFlightGate::resumeAtFor(maxPendingJobs);
 
-  explicit QEVMemoryDiskScheduler(BackgroundSubmit backgroundSubmit,
-                                  std::chrono::milliseconds longestWait = longestPacingWait);
+  explicit QEVMemoryDiskScheduler(
+      BackgroundSubmit backgroundSubmit,
+      std::chrono::milliseconds longestWait = QEVMemoryInFlightGate::defaultLongestWait);
 
   // Returns at once, unless the caller is paced (see above).
   void schedule(Job job);
