@@ -21,6 +21,8 @@ constexpr const char* kEventsDirectory = "events";
 constexpr const char* kSessionsDirectory = "sessions";
 constexpr const char* kUserDirectory = "user";
 constexpr const char* kUserGraphFile = "graph.json";
+constexpr const char* kLiveDirectory = "live";
+constexpr const char* kMarkerExtension = ".lock";
 
 // An empty vector may have no buffer at all; the JSON reader is never
 // handed a null pointer, even with a length of 0.
@@ -257,4 +259,74 @@ void QEVFileMemoryStore::clearAll(std::stop_token stop) {
   runFileWork(stop, [&] {
     if (files.exists(root)) files.removeItem(root);
   });
+}
+
+std::unique_ptr<qevr::LockedFile> QEVMemoryStore::lockSessionMarker(const QEVRUUID&, bool) {
+  return nullptr;
+}
+
+std::vector<QEVRUUID> QEVMemoryStore::sessionMarkers() {
+  return {};
+}
+
+bool QEVMemoryStore::hasSessionGraph(const QEVRUUID& sessionId) {
+  for (const QEVSessionGraph& graph : loadSessionGraphs()) {
+    if (graph.sessionId == sessionId) return true;
+  }
+  return false;
+}
+
+std::size_t QEVMemoryStore::forEachEventChunk(
+    const std::function<void(QEVMemoryEventChunk&&)>& visit) {
+  std::vector<QEVMemoryEventChunk> chunks;
+  try {
+    chunks = loadEventChunks();
+  } catch (const std::exception&) {
+    return 1;
+  }
+  for (QEVMemoryEventChunk& chunk : chunks)
+    visit(std::move(chunk));
+  return 0;
+}
+
+std::unique_ptr<qevr::LockedFile> QEVFileMemoryStore::lockSessionMarker(const QEVRUUID& sessionId,
+                                                                        bool create) {
+  const fs::path directory = root / kLiveDirectory;
+  if (create) files.createDirectories(directory);
+  return files.tryLockFile(directory / (sessionId.uuidString() + kMarkerExtension), create);
+}
+
+std::vector<QEVRUUID> QEVFileMemoryStore::sessionMarkers() {
+  const fs::path directory = root / kLiveDirectory;
+  std::vector<QEVRUUID> found;
+  if (!files.exists(directory)) return found;
+  for (const fs::path& file : files.listDirectory(directory)) {
+    if (file.extension() != kMarkerExtension) continue;
+    if (auto id = QEVRUUID::parse(file.stem().native()); id && id->uuidString() == file.stem()) {
+      found.push_back(*id);
+    }
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+bool QEVFileMemoryStore::hasSessionGraph(const QEVRUUID& sessionId) {
+  return files.exists(root / kSessionsDirectory / fileNameFor(sessionId));
+}
+
+std::size_t QEVFileMemoryStore::forEachEventChunk(
+    const std::function<void(QEVMemoryEventChunk&&)>& visit) {
+  std::size_t skipped = 0;
+  for (const fs::path& file : jsonFilesIn(files, root / kEventsDirectory)) {
+    std::optional<QEVMemoryEventChunk> chunk;
+    try {
+      const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+      chunk = decodeStoredChunkFile(asText(bytes), *engine);
+    } catch (const std::exception&) {
+      ++skipped;  // gone since the listing, or damaged: doctor's business
+      continue;
+    }
+    visit(std::move(*chunk));
+  }
+  return skipped;
 }

@@ -41,7 +41,26 @@ std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::append(QEVMemoryEvent e
   if (static_cast<std::int64_t>(activeEvents.size()) >= maxEventsPerChunk || endsSession) {
     return closeLocked(timestamp);
   }
-  return std::nullopt;
+  if (!openChunkSaveAfter) return std::nullopt;
+  if (!oldestUnsavedAt) oldestUnsavedAt = timestamp;
+  if (timestamp.secondsSinceReferenceDate - oldestUnsavedAt->secondsSinceReferenceDate <=
+      *openChunkSaveAfter) {
+    return std::nullopt;
+  }
+  // A copy: the open chunk goes on filling up.
+  QEVMemoryEventChunk copy;
+  copy.id = *activeChunkId;
+  copy.sessionId = activeSessionId;
+  copy.createdAt = *activeCreatedAt;
+  copy.eventCount = static_cast<std::int64_t>(activeEvents.size());
+  copy.schemaVersion = schemaVersion;
+  copy.events = activeEvents;
+  oldestUnsavedAt.reset();
+  {
+    qevr::MutexLock order(shared->openChunkLock);
+    ++shared->openChunks[copy.id].savesPending;
+  }
+  return copy;
 }
 
 std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::closeActiveChunk(QEVRDate closedAt) {
@@ -62,10 +81,15 @@ std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::closeLocked(QEVRDate cl
     chunk->events.reserve(activeEvents.size());
     for (auto& e : activeEvents)
       chunk->events.push_back(std::move(e));
+    qevr::MutexLock order(shared->openChunkLock);
+    if (auto copied = shared->openChunks.find(chunk->id); copied != shared->openChunks.end()) {
+      ++copied->second.savesPending;
+    }
   }
   activeChunkId.reset();
   activeSessionId.reset();
   activeCreatedAt.reset();
+  oldestUnsavedAt.reset();
   activeEvents.clear();  // keeps its storage for the next chunk
   return chunk;
 }
@@ -77,9 +101,10 @@ std::optional<QEVMemoryEventChunk> QEVMemoryChunkWriter::shutdown(QEVRDate now) 
   return closeLocked(now);
 }
 
-void QEVMemoryChunkWriter::reopen() {
+void QEVMemoryChunkWriter::reopen(std::optional<double> openChunkSaveAfterSeconds) {
   qevr::MutexLock guard(lock);
   isShutdown = false;
+  openChunkSaveAfter = openChunkSaveAfterSeconds;
 }
 
 bool QEVMemoryChunkWriter::isShutDown() const {
@@ -87,32 +112,89 @@ bool QEVMemoryChunkWriter::isShutDown() const {
   return isShutdown;
 }
 
-void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk) {
+namespace {
+
+void beforeSave(QEVMemoryChunkWriter::SaveCompanion* companion) {
+  if (!companion) return;
+  try {
+    companion->beforeSave();
+  } catch (...) {
+    // The chunk is worth keeping all the same.
+  }
+}
+
+}  // namespace
+
+void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk,
+                                       std::shared_ptr<SaveCompanion> companion) {
   if (!chunk) return;
   if (!shared->saves.enter()) {
     // The pool did not drain in time: save here, directly, not through a
     // task to wait on, which would have this thread run other queued work.
+    beforeSave(companion.get());
     shared->saveThenPrune(*chunk, /*onCallingThread=*/true);
+    if (companion) companion->afterSave();
     shared->saves.leave();
     return;
   }
   // The task holds the shared state, never the writer, which may be gone
-  // before its saves finish.
+  // before its saves finish. The companion hears of the save before the
+  // save leaves the gate, so whoever waits for idle saves also sees what
+  // the companion starts.
   qevr::detachTask(qevr::TaskPriority::utility,
-                   [state = shared, saved = std::move(*chunk)](std::stop_token) {
+                   [state = shared, saved = std::move(*chunk),
+                    with = std::move(companion)](std::stop_token) mutable {
+                     beforeSave(with.get());
                      state->saveThenPrune(saved, /*onCallingThread=*/false);
+                     if (with) with->afterSave();
+                     with.reset();
                      state->saves.leave();
                    });
 }
 
-void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk,
-                                                 bool onCallingThread) {
-  try {
+void QEVMemoryChunkWriter::Shared::save(const QEVMemoryEventChunk& chunk, bool onCallingThread) {
+  auto write = [&] {
     if (onCallingThread) {
       store->saveEventChunkOnCallingThread(chunk);
     } else {
       store->saveEventChunk(chunk);
     }
+  };
+  bool wasOpen = false;
+  {
+    qevr::MutexLock order(openChunkLock);
+    wasOpen = openChunks.contains(chunk.id);
+  }
+  if (!wasOpen) {
+    write();
+    return;
+  }
+  // An open chunk's copies and its closed form: only ever more events, so
+  // a late copy cannot undo a newer save.
+  qevr::MutexLock order(openChunkLock);
+  OpenChunk& known = openChunks[chunk.id];
+  const std::pair<std::int64_t, bool> content{chunk.eventCount, chunk.closedAt.has_value()};
+  auto settle = [&] {
+    if (--known.savesPending <= 0 && known.newest.second) openChunks.erase(chunk.id);
+  };
+  if (content <= known.newest) {
+    settle();
+    return;
+  }
+  try {
+    write();
+  } catch (...) {
+    settle();
+    throw;
+  }
+  known.newest = content;
+  settle();
+}
+
+void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk,
+                                                 bool onCallingThread) {
+  try {
+    save(chunk, onCallingThread);
   } catch (...) {
     return;  // The chunk is lost; there is no retry and no pruning.
   }

@@ -100,6 +100,10 @@ namespace {
 // graph, and its late save would then overwrite ours.
 constexpr std::chrono::seconds kPreviousSavesTimeout{10};
 
+// Under continuity, how old the oldest unsaved event of the open chunk may
+// get before a copy of the chunk goes to disk: what a killed run can lose.
+constexpr double kOpenChunkSaveAfterSeconds = 30;
+
 }  // namespace
 
 std::optional<QEVUserGraph> QEVMemoryModule::earlierUserGraph(
@@ -132,7 +136,9 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
     qevr::MutexLock guard(lock);
     // The writer was shut down with the previous pipeline; a restarted
     // module saves chunks exactly as after its first start.
-    if (chunkWriter) chunkWriter->reopen();
+    if (chunkWriter) {
+      chunkWriter->reopen(continuing ? std::optional(kOpenChunkSaveAfterSeconds) : std::nullopt);
+    }
     pipeline = std::make_shared<QEVMemoryPipeline>(
         events, chunkWriter, memoryStore,
         [context](QEVRBackgroundOperation operation) {
@@ -146,10 +152,13 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
     isStarted = false;
     throw QEVMemoryModuleError();
   }
+  std::shared_ptr<QEVMemoryPipeline> started;
   {
     qevr::MutexLock guard(lock);
     sinkIdentifier = id;
+    started = pipeline;
   }
+  if (continuing) started->scheduleRecovery();
   if (pruner) {
     startRun.request([runner = pruner](std::stop_token stop) {
       runner->removeAbandonedTemporaries();

@@ -1,5 +1,8 @@
 #include <QEVMemory/QEVMemoryPipeline.h>
 
+#include "QEVMemoryOpenSession.h"
+#include "QEVMemorySessionRecovery.h"
+
 #include <QEVRPlatform/Tasks.h>
 
 QEVMemoryDiskScheduler::QEVMemoryDiskScheduler(BackgroundSubmit submit,
@@ -61,6 +64,21 @@ void QEVMemoryDiskScheduler::schedule(Job job) {
   if (!accepted) once->runOnPool(once);
 }
 
+// The user graphs of one pipeline are written in the order they were
+// built, whichever job gets to the disk first: a save that finds a later
+// graph already written writes nothing. `lock` is held for the write.
+struct QEVMemoryPipeline::UserGraphSaves {
+  qevr::Mutex lock;
+  std::uint64_t written QEVR_GUARDED_BY(lock) = 0;
+
+  void save(QEVMemoryStore& store, const QEVUserGraph& graph, std::uint64_t generation) {
+    qevr::MutexLock guard(lock);
+    if (generation <= written) return;
+    store.saveUserGraph(graph);
+    written = generation;
+  }
+};
+
 namespace {
 
 std::unique_ptr<QEVUserGraphBuilder> makeUserGraphBuilder(
@@ -81,9 +99,11 @@ QEVMemoryPipeline::QEVMemoryPipeline(std::shared_ptr<QEVMemoryEventStore> events
     : eventStore(std::move(events)),
       chunkWriter(std::move(writer)),
       store(std::move(memoryStore)),
-      diskScheduler(std::move(backgroundSubmit)),
+      diskScheduler(std::make_shared<QEVMemoryDiskScheduler>(std::move(backgroundSubmit))),
       userGraphBuilder(makeUserGraphBuilder(continuity)),
       datesSessionsByEvents(continuity.has_value()),
+      userGraphAtStart(continuity ? continuity->earlierUserGraph : std::nullopt),
+      userGraphSaves(std::make_shared<UserGraphSaves>()),
       sessionGraphBuilder(std::make_unique<QEVSessionGraphBuilder>()) {}
 
 QEVSessionGraph QEVMemoryPipeline::buildSessionLocked() const {
@@ -94,6 +114,7 @@ QEVSessionGraph QEVMemoryPipeline::buildSessionLocked() const {
 std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
     const QEVObserverEvent& event) {
   std::optional<QEVMemoryEventChunk> closed;
+  std::shared_ptr<QEVMemoryOpenSession> savedWith;
   std::optional<CompletedSession> completed;
   {
     qevr::MutexLock guard(lock);
@@ -101,55 +122,121 @@ std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
     std::optional<QEVMemoryEvent> recorded = eventStore->record(event);
     if (!recorded) return std::nullopt;
     const bool endsSession = recorded->type == QEVMemoryEventType::sessionEnd;
+    if (datesSessionsByEvents && store && !openSession && recorded->sessionId) {
+      openSession = std::make_shared<QEVMemoryOpenSession>(store, *recorded->sessionId);
+    }
     sessionGraphBuilder->ingest(*recorded);
     if (chunkWriter) closed = chunkWriter->append(std::move(*recorded));
+    // Counted here, in the order chunks come out, so that the session's
+    // completion below cannot overtake a save queued by another thread.
+    if (closed && openSession) {
+      openSession->saveQueued();
+      savedWith = openSession;
+    }
     if (endsSession) completed = completeSessionLocked(buildSessionLocked());
   }
   // The save starts after the lock is released: when the disk is behind,
   // this thread waits for the pool, and the other delivering threads must
   // not wait behind it. Chunk files carry no order among themselves,
   // so nothing depends on which save starts first.
-  if (chunkWriter) chunkWriter->enqueueSave(std::move(closed));
+  if (chunkWriter) chunkWriter->enqueueSave(std::move(closed), std::move(savedWith));
   return completed;
 }
 
 QEVMemoryPipeline::CompletedSession QEVMemoryPipeline::completeSessionLocked(
     const QEVSessionGraph& graph) {
   userGraphBuilder->merge(graph);
-  CompletedSession completed{graph, userGraphBuilder->build()};
+  CompletedSession completed{graph, userGraphBuilder->build(), ++userGraphGeneration,
+                             std::exchange(openSession, nullptr)};
   sessionGraphBuilder = std::make_unique<QEVSessionGraphBuilder>();
   return completed;
 }
 
+void QEVMemoryPipeline::saveCompleted(QEVMemoryStore& store, UserGraphSaves& userGraphs,
+                                      const CompletedSession& done) {
+  if (done.openSession) {
+    // The marker says what the user graph will count before it does; if
+    // that cannot be written, neither graph is, and the next start
+    // recovers the session from its chunks instead.
+    done.openSession->recordFold({done.userGraph.userId, done.userGraph.totalSessions});
+  }
+  // The session graph first; the user graph whether or not that failed.
+  bool sessionSaved = false;
+  try {
+    store.saveSessionGraph(done.sessionGraph);
+    sessionSaved = true;
+  } catch (...) {
+  }
+  userGraphs.save(store, done.userGraph, done.generation);
+  if (done.openSession && sessionSaved) done.openSession->markComplete();
+}
+
 void QEVMemoryPipeline::persist(std::optional<CompletedSession> completed) {
   if (!completed || !store) return;
-  diskScheduler.schedule([memoryStore = store, done = std::move(*completed)] {
-    // The session graph first; the user graph whether or not that failed.
+  auto done = std::make_shared<const CompletedSession>(std::move(*completed));
+  std::shared_ptr<QEVMemoryOpenSession> open = done->openSession;
+  auto job = [memoryStore = store, userGraphs = userGraphSaves, done = std::move(done)] {
     try {
-      memoryStore->saveSessionGraph(done.sessionGraph);
+      saveCompleted(*memoryStore, *userGraphs, *done);
     } catch (...) {
     }
-    try {
-      memoryStore->saveUserGraph(done.userGraph);
-    } catch (...) {
-    }
+  };
+  if (!open) {
+    diskScheduler->schedule(std::move(job));
+    return;
+  }
+  // After the session's last chunk is on disk; the job holds the session,
+  // so its marker goes (if complete) when the job is done with it.
+  open->whenSavesDone([scheduler = diskScheduler, job = std::move(job)]() mutable {
+    scheduler->schedule(std::move(job));
   });
 }
 
 void QEVMemoryPipeline::shutdown() {
   std::optional<CompletedSession> completed;
+  std::optional<QEVMemoryEventChunk> closed;
+  std::shared_ptr<QEVMemoryOpenSession> savedWith;
   {
     qevr::MutexLock guard(lock);
     if (isShutdown) return;
     isShutdown = true;
+    // The last chunk is queued before the session completes, so that the
+    // completion waits for it.
+    if (chunkWriter) closed = chunkWriter->shutdown(qevr::now());
+    if (closed && openSession) {
+      openSession->saveQueued();
+      savedWith = openSession;
+    }
     QEVSessionGraph graph = buildSessionLocked();
     if (graph.eventCount > 0) completed = completeSessionLocked(graph);
   }
+  if (chunkWriter) chunkWriter->enqueueSave(std::move(closed), std::move(savedWith));
   persist(std::move(completed));
-  if (chunkWriter) chunkWriter->enqueueSave(chunkWriter->shutdown(qevr::now()));
 }
 
 bool QEVMemoryPipeline::isShutDown() const {
   qevr::MutexLock guard(lock);
   return isShutdown;
+}
+
+bool QEVMemoryPipeline::waitForGraphSaves(std::chrono::milliseconds timeout) const {
+  // A session's graph job is scheduled by its last chunk save, before that
+  // save counts as done: once the chunk saves are idle, the jobs are known.
+  const bool chunksIdle = !chunkWriter || chunkWriter->waitUntilSavesIdle(timeout);
+  return diskScheduler->waitUntilIdle(timeout) && chunksIdle;
+}
+
+void QEVMemoryPipeline::scheduleRecovery() {
+  if (!datesSessionsByEvents || !store) return;
+  diskScheduler->schedule([self = shared_from_this()] {
+    auto fold = [&self](const QEVSessionGraph& graph) {
+      qevr::MutexLock guard(self->lock);
+      self->userGraphBuilder->merge(graph);
+      return std::pair{self->userGraphBuilder->build(), ++self->userGraphGeneration};
+    };
+    auto save = [&self](const QEVUserGraph& graph, std::uint64_t generation) {
+      self->userGraphSaves->save(*self->store, graph, generation);
+    };
+    QEVMemoryRecovery::run(*self->store, self->userGraphAtStart, fold, save, {});
+  });
 }

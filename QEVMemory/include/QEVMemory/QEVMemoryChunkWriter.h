@@ -17,6 +17,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 // Converts observer events and numbers them from 1, one process-lifetime
@@ -45,9 +47,27 @@ class QEVR_API QEVMemoryEventStore {
 // bounded, no chunk is dropped, and a host that outruns the disk pauses once
 // per dozen chunks. When the wait times out, that thread saves the chunk
 // itself, directly, running no other queued work.
+//
+// Open chunks (memory across app runs only): with an open-chunk interval
+// set, an event that finds unsaved events in the open chunk older than the
+// interval (by event time) makes append hand out a copy of the open chunk,
+// without closedAt, to be saved under the chunk's own name; the closed chunk
+// later replaces that file. Saves of such a chunk are ordered: a copy with
+// fewer events never replaces one with more.
 class QEVR_API QEVMemoryChunkWriter {
  public:
   using OptionsProvider = std::function<QEVMemoryOptions()>;
+
+  // Goes with a chunk to its save: told before the file is written and
+  // after the attempt, on the thread that saves. Lives until the save is
+  // over. Neither call may throw out of afterSave; a throw from beforeSave
+  // is dropped and the chunk saved anyway.
+  class SaveCompanion {
+   public:
+    virtual ~SaveCompanion() = default;
+    virtual void beforeSave() {}
+    virtual void afterSave() {}
+  };
 
   static constexpr std::int64_t defaultMaxEventsPerChunk = 100;
   static constexpr std::int64_t currentSchemaVersion = 1;
@@ -74,13 +94,19 @@ class QEVR_API QEVMemoryChunkWriter {
   // Marks the writer shut down and closes its open chunk at `now`; nothing
   // the second time.
   std::optional<QEVMemoryEventChunk> shutdown(QEVRDate now);
-  // Accepts events again, for a module that starts anew.
-  void reopen();
+  // Accepts events again, for a module that starts anew. With
+  // `openChunkSaveAfterSeconds`, open chunks are saved as described above.
+  void reopen(std::optional<double> openChunkSaveAfterSeconds = std::nullopt);
   bool isShutDown() const;
 
   // Saves `chunk` on a background task, then prunes. Does nothing for no
   // chunk. Save and pruning errors are dropped.
-  void enqueueSave(std::optional<QEVMemoryEventChunk> chunk);
+  void enqueueSave(std::optional<QEVMemoryEventChunk> chunk,
+                   std::shared_ptr<SaveCompanion> companion = nullptr);
+  // Blocks until no save is in flight, or `timeout` has passed; says which.
+  bool waitUntilSavesIdle(std::chrono::milliseconds timeout) const {
+    return shared->saves.waitUntilIdle(timeout);
+  }
 
   // Saves in flight (started, not finished).
   int pendingSaves() const { return shared->saves.inFlight(); }
@@ -100,6 +126,9 @@ class QEVR_API QEVMemoryChunkWriter {
   std::optional<QEVRDate> activeCreatedAt QEVR_GUARDED_BY(lock);
   std::vector<QEVMemoryEvent> activeEvents QEVR_GUARDED_BY(lock);
   bool isShutdown QEVR_GUARDED_BY(lock) = false;
+  std::optional<double> openChunkSaveAfter QEVR_GUARDED_BY(lock);
+  // The time of the oldest event of the open chunk that no saved copy holds.
+  std::optional<QEVRDate> oldestUnsavedAt QEVR_GUARDED_BY(lock);
 
   // The store, pruner and options, and the counters, shared with the
   // background tasks, which may outlive the writer.
@@ -114,7 +143,20 @@ class QEVR_API QEVMemoryChunkWriter {
     std::shared_ptr<const QEVMemoryPruner> pruner;
     OptionsProvider optionsProvider;
 
+    // A chunk that was handed out while open: the newest content written
+    // so far, as (event count, closed), and its saves not yet done. It is
+    // forgotten once its closed form is written and no save is pending.
+    struct OpenChunk {
+      std::pair<std::int64_t, bool> newest{0, false};
+      int savesPending = 0;
+    };
+    // The saves of such chunks hold `openChunkLock` for the whole write;
+    // other chunks never take it. Lock order: the writer's lock, then this.
+    qevr::Mutex openChunkLock;
+    std::unordered_map<QEVRUUID, OpenChunk> openChunks QEVR_GUARDED_BY(openChunkLock);
+
     void saveThenPrune(const QEVMemoryEventChunk& chunk, bool onCallingThread);
+    void save(const QEVMemoryEventChunk& chunk, bool onCallingThread);
     void schedulePrune();
     void runPrune(std::stop_token stop);
   };

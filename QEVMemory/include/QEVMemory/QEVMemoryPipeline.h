@@ -53,17 +53,26 @@ class QEVR_API QEVMemoryDiskScheduler {
   const std::shared_ptr<QEVMemoryInFlightGate> jobs;
 };
 
-class QEVR_API QEVMemoryPipeline {
+class QEVMemoryOpenSession;
+
+class QEVR_API QEVMemoryPipeline : public std::enable_shared_from_this<QEVMemoryPipeline> {
  public:
   struct CompletedSession {
     QEVSessionGraph sessionGraph;
     QEVUserGraph userGraph;  // the aggregate right after this session
+    // The place of `userGraph` among this pipeline's user graphs: a save
+    // never replaces a later one.
+    std::uint64_t generation = 0;
+    // Under continuity with a store: the session's marker and chunk saves.
+    std::shared_ptr<QEVMemoryOpenSession> openSession;
   };
 
-  // Memory that spans module starts, when the host asks for it: the user
-  // graph goes on from the one an earlier start left (if there is one), and
-  // a session whose start or end event never arrived is dated by its first
-  // and last events.
+  // Memory that spans module starts and app runs, when the host asks for
+  // it: the user graph goes on from the one an earlier start left (if there
+  // is one), a session whose start or end event never arrived is dated by
+  // its first and last events, each open session is marked in the store
+  // until its graphs are saved, and recoverInterruptedSessions counts the
+  // sessions of runs that died.
   struct Continuity {
     std::optional<QEVUserGraph> earlierUserGraph;
   };
@@ -91,13 +100,22 @@ class QEVR_API QEVMemoryPipeline {
 
   bool isShutDown() const;
 
-  // Waits until the session and user graphs scheduled so far are saved (or
-  // failed), at most `timeout`; false if some are still in flight then.
-  bool waitForGraphSaves(std::chrono::milliseconds timeout) const {
-    return diskScheduler.waitUntilIdle(timeout);
-  }
+  // Waits until the chunks, then the session and user graphs, scheduled so
+  // far are saved (or failed), at most `timeout` each; false if some are
+  // still in flight then.
+  bool waitForGraphSaves(std::chrono::milliseconds timeout) const;
+
+  // Under continuity with a store: queues the recovery of the sessions of
+  // runs that died (see QEVMemoryRecovery) as a graph job. They are folded
+  // into this pipeline's user graph. Returns at once.
+  void scheduleRecovery();
 
  private:
+  struct UserGraphSaves;
+  // Saves the graphs of a completed session; see persist.
+  static void saveCompleted(QEVMemoryStore& store, UserGraphSaves& userGraphs,
+                            const CompletedSession& done);
+
   // The open session's graph, dated by its events under continuity.
   QEVSessionGraph buildSessionLocked() const QEVR_REQUIRES(lock);
 
@@ -107,13 +125,19 @@ class QEVR_API QEVMemoryPipeline {
   const std::shared_ptr<QEVMemoryEventStore> eventStore;
   const std::shared_ptr<QEVMemoryChunkWriter> chunkWriter;
   const std::shared_ptr<QEVMemoryStore> store;
-  QEVMemoryDiskScheduler diskScheduler;
+  // Shared with the jobs, which a session's last chunk save may start.
+  const std::shared_ptr<QEVMemoryDiskScheduler> diskScheduler;
   const std::unique_ptr<QEVUserGraphBuilder> userGraphBuilder;
   const bool datesSessionsByEvents;
+  const std::optional<QEVUserGraph> userGraphAtStart;  // under continuity
+  const std::shared_ptr<UserGraphSaves> userGraphSaves;
 
   // Lock order: this lock, then one of the event store, the chunk writer or
   // a graph builder at a time, never two of those together.
   mutable qevr::Mutex lock;
   std::unique_ptr<QEVSessionGraphBuilder> sessionGraphBuilder QEVR_GUARDED_BY(lock);
   bool isShutdown QEVR_GUARDED_BY(lock) = false;
+  std::uint64_t userGraphGeneration QEVR_GUARDED_BY(lock) = 0;
+  // The open session's marker and saves; continuity with a store only.
+  std::shared_ptr<QEVMemoryOpenSession> openSession QEVR_GUARDED_BY(lock);
 };

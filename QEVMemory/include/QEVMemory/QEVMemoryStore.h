@@ -3,6 +3,7 @@
 //   <root>/events/<UUID>.json    one envelope per closed chunk
 //   <root>/sessions/<UUID>.json  one session graph
 //   <root>/user/graph.json       the user graph
+//   <root>/live/<UUID>.lock      a session still being written (continuity)
 //
 // <root> defaults to <application support>/QEVR/Memory. Every file is
 // written atomically, whole; the layout is shared with QEVMemoryPruner.
@@ -17,6 +18,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -50,6 +52,23 @@ class QEVR_API QEVMemoryStore {
   virtual std::uint64_t estimatedDiskUsageBytes(std::stop_token stop = {}) = 0;
   // Removes the root with everything below it; nothing if it is absent.
   virtual void clearAll(std::stop_token stop = {}) = 0;
+
+  // What memory across app runs needs of a store. These run on the calling
+  // thread; a store that keeps no markers has none, and then no session of
+  // a run that died is ever recovered from it.
+  //
+  // The marker of a session whose events are on disk before its graph:
+  // created (durably) and locked with `create`, else only locked if it is
+  // there and no live holder has it. nullptr when it is held, or absent.
+  virtual std::unique_ptr<qevr::LockedFile> lockSessionMarker(const QEVRUUID& sessionId,
+                                                              bool create);
+  // The sessions that have a marker, held or not.
+  virtual std::vector<QEVRUUID> sessionMarkers();
+  virtual bool hasSessionGraph(const QEVRUUID& sessionId);
+  // Hands each chunk that decodes to `visit`, one at a time, in the order of
+  // loadEventChunks; a file that does not decode is skipped. Returns how
+  // many were skipped.
+  virtual std::size_t forEachEventChunk(const std::function<void(QEVMemoryEventChunk&&)>& visit);
 };
 
 class QEVR_API QEVFileMemoryStoreError : public std::runtime_error {
@@ -106,6 +125,11 @@ class QEVR_API QEVFileMemoryStore : public QEVMemoryStore {
   std::optional<QEVUserGraph> loadUserGraph(std::stop_token stop = {}) override;
   std::uint64_t estimatedDiskUsageBytes(std::stop_token stop = {}) override;
   void clearAll(std::stop_token stop = {}) override;
+  std::unique_ptr<qevr::LockedFile> lockSessionMarker(const QEVRUUID& sessionId,
+                                                      bool create) override;
+  std::vector<QEVRUUID> sessionMarkers() override;
+  bool hasSessionGraph(const QEVRUUID& sessionId) override;
+  std::size_t forEachEventChunk(const std::function<void(QEVMemoryEventChunk&&)>& visit) override;
 
  private:
   void writeEventChunk(const QEVMemoryEventChunk& chunk);

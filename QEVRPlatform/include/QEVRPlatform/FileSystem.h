@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -40,6 +41,25 @@ struct FileIdentity {
 struct DirectoryEntry {
   std::string name;
   std::optional<FileIdentity> identity;
+};
+
+// A file held under an exclusive lock for as long as this object lives.
+// The lock is advisory and belongs to this one opening of the file: a second
+// LockedFile on the same path is refused, in this process as in any other,
+// and the lock goes when its holder does, however that process ends.
+// Thread safety: one thread at a time.
+class QEVR_API LockedFile {
+ public:
+  virtual ~LockedFile() = default;
+  // The whole contents; fails with EFBIG when larger than `maxBytes`.
+  virtual std::vector<std::uint8_t> read(std::uint64_t maxBytes) = 0;
+  // Replaces the contents in place and flushes them with fsync. Not atomic:
+  // a crash during the write may leave a part, so a reader must be able to
+  // tell a complete content from a cut one.
+  virtual void overwrite(std::span<const std::uint8_t> bytes) = 0;
+  // Removes the file from its directory while the lock is still held, and
+  // flushes the directory, so that the removal survives a power loss.
+  virtual void remove() = 0;
 };
 
 class QEVR_API FileSystem {
@@ -108,6 +128,14 @@ class QEVR_API FileSystem {
   // Removes a file, or a directory with everything below it. A path that
   // does not exist is an error (ENOENT).
   virtual void removeItem(const std::filesystem::path& path);
+
+  // Opens `path` and locks it without waiting. With `create`, a missing file
+  // is made (0600, its directory must exist) and its directory flushed, so a
+  // crash cannot lose the new name. Returns nullptr when another holder has
+  // the lock, or, without `create`, when there is no such file; a file that
+  // its holder removed while this call waited for the lock counts as absent.
+  // Other failures throw.
+  virtual std::unique_ptr<LockedFile> tryLockFile(const std::filesystem::path& path, bool create);
 };
 
 // Forwards every call to another FileSystem; override what you need.
@@ -148,6 +176,9 @@ class QEVR_API FileSystemWrapper : public FileSystem {
     return base.removeAbandonedTemporaries(directory);
   }
   void removeItem(const std::filesystem::path& p) override { base.removeItem(p); }
+  std::unique_ptr<LockedFile> tryLockFile(const std::filesystem::path& p, bool create) override {
+    return base.tryLockFile(p, create);
+  }
 
  protected:
   FileSystem& target() { return base; }

@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -46,6 +48,15 @@ class FileDescriptor {
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
   int get() const { return fd; }
+  FileDescriptor(FileDescriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+      if (fd >= 0) ::close(fd);
+      fd = std::exchange(other.fd, -1);
+    }
+    return *this;
+  }
+  int release() { return std::exchange(fd, -1); }
   // Closes now and reports the error close(2) gives, which for some file
   // systems is where a failed write first shows.
   int close() {
@@ -332,6 +343,79 @@ std::size_t FileSystem::removeAbandonedTemporaries(const fs::path& directory) {
     if (::unlink(child.c_str()) == 0) ++removed;
   }
   return removed;
+}
+
+namespace {
+
+class PosixLockedFile final : public LockedFile {
+ public:
+  PosixLockedFile(fs::path lockedPath, int descriptor)
+      : path(std::move(lockedPath)), fd(descriptor) {}
+
+  std::vector<std::uint8_t> read(std::uint64_t maxBytes) override {
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0) throwErrno(errno, "stat", path);
+    if (static_cast<std::uint64_t>(st.st_size) > maxBytes) throwErrno(EFBIG, "read", path);
+    std::vector<std::uint8_t> bytes(static_cast<size_t>(st.st_size));
+    size_t filled = 0;
+    while (filled < bytes.size()) {
+      const ssize_t got = ::pread(fd.get(), bytes.data() + filled, bytes.size() - filled,
+                                  static_cast<off_t>(filled));
+      if (got < 0) {
+        if (errno == EINTR) continue;
+        throwErrno(errno, "read", path);
+      }
+      if (got == 0) break;
+      filled += static_cast<size_t>(got);
+    }
+    bytes.resize(filled);
+    return bytes;
+  }
+
+  void overwrite(std::span<const std::uint8_t> bytes) override {
+    if (::ftruncate(fd.get(), 0) != 0) throwErrno(errno, "truncate", path);
+    if (::lseek(fd.get(), 0, SEEK_SET) < 0) throwErrno(errno, "seek", path);
+    writeAll(fd.get(), bytes, path);
+    if (::fsync(fd.get()) != 0) throwErrno(errno, "fsync", path);
+  }
+
+  void remove() override {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) throwErrno(errno, "remove", path);
+    syncDirectory(path.parent_path());
+  }
+
+ private:
+  const fs::path path;
+  FileDescriptor fd;  // closing it releases the lock
+};
+
+}  // namespace
+
+std::unique_ptr<LockedFile> FileSystem::tryLockFile(const fs::path& path, bool create) {
+  const int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | (create ? O_CREAT : 0);
+  FileDescriptor fd(::open(path.c_str(), flags, 0600));
+  if (fd.get() < 0) {
+    if (!create && errno == ENOENT) return nullptr;
+    throwErrno(errno, create ? "create" : "open", path);
+  }
+  // flock, not fcntl: its lock belongs to the open file, so two openings in
+  // one process exclude each other as two processes do.
+  if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) return nullptr;
+    throwErrno(errno, "lock", path);
+  }
+  // The holder before us may have removed the file just before letting go;
+  // then this lock is on a name nobody can find any more.
+  struct stat opened {
+  }, named{};
+  if (::fstat(fd.get(), &opened) != 0) throwErrno(errno, "stat", path);
+  if (!S_ISREG(opened.st_mode)) throwErrno(EINVAL, "lock", path);
+  if (::stat(path.c_str(), &named) != 0 || named.st_ino != opened.st_ino ||
+      named.st_dev != opened.st_dev) {
+    return nullptr;
+  }
+  if (create) syncDirectory(path.parent_path());
+  return std::make_unique<PosixLockedFile>(path, fd.release());
 }
 
 void FileSystem::removeItem(const fs::path& path) {

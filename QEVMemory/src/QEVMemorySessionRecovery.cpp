@@ -1,0 +1,96 @@
+#include "QEVMemorySessionRecovery.h"
+
+#include "QEVMemoryOpenSession.h"
+
+#include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Tasks.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace {
+
+// A fold record is a few dozen bytes; anything longer is not one.
+constexpr std::uint64_t kMaxMarkerBytes = 4096;
+
+QEVSessionGraph graphOf(std::vector<QEVMemoryEvent>& events) {
+  std::sort(events.begin(), events.end(), [](const QEVMemoryEvent& a, const QEVMemoryEvent& b) {
+    return a.sequenceNumber < b.sequenceNumber;
+  });
+  QEVSessionGraphBuilder builder;
+  for (const QEVMemoryEvent& event : events)
+    builder.ingest(event);
+  return builder.buildDatedByEvents();
+}
+
+}  // namespace
+
+QEVMemoryRecovery::Result QEVMemoryRecovery::run(
+    QEVMemoryStore& store, const std::optional<QEVUserGraph>& userGraphAtStart, const Fold& fold,
+    const SaveUserGraph& saveUserGraph, std::stop_token stop) {
+  Result result;
+  // A marker that its run still holds (another live process, or an earlier
+  // start of this one still saving) is not ours to touch.
+  std::map<QEVRUUID, std::unique_ptr<qevr::LockedFile>> abandoned;
+  for (const QEVRUUID& id : store.sessionMarkers()) {
+    if (auto marker = store.lockSessionMarker(id, /*create=*/false)) {
+      abandoned.emplace(id, std::move(marker));
+    }
+  }
+  if (abandoned.empty()) return result;
+
+  std::map<QEVRUUID, std::vector<QEVMemoryEvent>> events;
+  store.forEachEventChunk([&](QEVMemoryEventChunk&& chunk) {
+    for (QEVMemoryEvent& event : chunk.events) {
+      if (event.sessionId && abandoned.contains(*event.sessionId)) {
+        events[*event.sessionId].push_back(std::move(event));
+      }
+    }
+  });
+
+  for (auto& [id, marker] : abandoned) {
+    qevr::checkCancellation(stop);
+    try {
+      const std::vector<std::uint8_t> bytes = marker->read(kMaxMarkerBytes);
+      const auto record = QEVMemoryFoldRecord::parse(
+          std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+      std::vector<QEVMemoryEvent>& own = events[id];
+      if (record && userGraphAtStart && record->isCountedIn(*userGraphAtStart)) {
+        // Counted before the crash; only its graph may be missing.
+        if (!own.empty() && !store.hasSessionGraph(id)) store.saveSessionGraph(graphOf(own));
+        marker->remove();
+        ++result.alreadyCounted;
+        continue;
+      }
+      if (own.empty()) {
+        marker->remove();
+        ++result.empty;
+        continue;
+      }
+      const QEVSessionGraph graph = graphOf(own);
+      const auto [userGraph, generation] = fold(graph);
+      const std::string text =
+          QEVMemoryFoldRecord{userGraph.userId, userGraph.totalSessions}.toJSON();
+      marker->overwrite(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+      store.saveSessionGraph(graph);
+      saveUserGraph(userGraph, generation);
+      marker->remove();
+      ++result.recovered;
+    } catch (const QEVRCancellationError&) {
+      throw;
+    } catch (const std::exception&) {
+      // Kept for the next start, with whatever record it got.
+    }
+  }
+  events.clear();
+  if (result.recovered > 0) {
+    qevr::platformLog("QEVMemory", "Continuity", qevr::LogType::info,
+                      "Recovered " + std::to_string(result.recovered) +
+                          " interrupted session(s) into the user graph");
+  }
+  return result;
+}
