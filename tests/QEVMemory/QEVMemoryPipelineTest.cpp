@@ -5,9 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <future>
+#include <map>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -79,6 +83,47 @@ TEST(ChunkWriterTest, ClosesAtTheLimitAndAtSessionEnd) {
   EXPECT_EQ(lone->eventCount, 1);
   EXPECT_EQ(lone->createdAt, lone->closedAt);
   EXPECT_FALSE(writer.closeActiveChunk(QEVRDate{300}).has_value());
+}
+
+TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30SecondsOld) {
+  auto store = std::make_shared<RecordingStore>();
+  QEVMemoryChunkWriter writer(store, 100, 1, nullptr, nullptr);
+  writer.reopen(30);
+  // (event time, events in the copy it makes; 0 for none)
+  const std::vector<std::pair<double, std::int64_t>> steps = {{0, 0},  {10, 0}, {30, 0}, {31, 4},
+                                                              {40, 0}, {61, 0}, {71, 7}, {72, 0}};
+  std::vector<QEVMemoryEventChunk> copies;
+  std::uint64_t sequence = 0;
+  for (const auto& [at, copied] : steps) {
+    auto out = writer.append(memoryEvent(QEVMemoryEventType::gesture, at, ++sequence));
+    ASSERT_EQ(out.has_value(), copied > 0) << "at " << at;
+    if (!out) continue;
+    EXPECT_EQ(out->eventCount, copied);
+    EXPECT_FALSE(out->closedAt.has_value());
+    copies.push_back(std::move(*out));
+  }
+  auto closed = writer.append(memoryEvent(QEVMemoryEventType::sessionEnd, 80, ++sequence));
+  ASSERT_TRUE(closed.has_value());
+  EXPECT_EQ(closed->id, copies.front().id);  // one file, replaced
+  EXPECT_EQ(closed->eventCount, 9);
+
+  // Saves that reach the disk out of order never go back to fewer events.
+  writer.enqueueSave(copies[1]);
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  writer.enqueueSave(closed);
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  writer.enqueueSave(copies[0]);
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  {
+    qevr::MutexLock guard(store->lock);
+    ASSERT_EQ(store->chunks.size(), 2u);
+    EXPECT_EQ(store->chunks[0].eventCount, 7);
+    EXPECT_EQ(store->chunks[1].eventCount, 9);
+  }
+  // Without the interval, as without memory across runs: no copies.
+  writer.reopen();
+  for (double at : {100.0, 200.0, 300.0})
+    EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::gesture, at, ++sequence)));
 }
 
 TEST(ChunkWriterTest, ShutdownClosesOnceRefusesEventsAndReopenRestores) {
@@ -323,6 +368,193 @@ TEST_F(PipelineTest, MemoryOnlyPipelineStillCompletesSessions) {
   ASSERT_TRUE(completed.has_value());
   pipeline.persist(completed);  // nowhere to write: nothing happens
   EXPECT_EQ(completed->userGraph.totalEvents, 1);
+}
+
+// The real file system until the power goes: after `cutAfter` durable
+// writes, every write fails and nothing more reaches the disk. A removal is
+// durable only once a later write flushes its directory; the cut drops the
+// ones still waiting. The cut also ends the run's locks, as a dead process's.
+class PowerCutFileSystem : public qevr::FileSystemWrapper {
+ public:
+  explicit PowerCutFileSystem(int cutAfterWrites)
+      : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()), left(cutAfterWrites) {}
+
+  void writeFileAtomically(const std::filesystem::path& p,
+                           std::span<const std::uint8_t> bytes) override {
+    durable(p.parent_path(), [&] { target().writeFileAtomically(p, bytes); });
+  }
+  void removeItem(const std::filesystem::path& p) override {
+    qevr::MutexLock guard(lock);
+    if (left <= 0) failLocked();
+    if (!target().exists(p)) throw std::system_error(ENOENT, std::generic_category(), "remove");
+    unsyncedRemovals.push_back(p);
+  }
+  std::unique_ptr<qevr::LockedFile> tryLockFile(const std::filesystem::path& p,
+                                                bool create) override {
+    std::unique_ptr<qevr::LockedFile> inner;
+    if (create) {
+      durable(p.parent_path(), [&] { inner = target().tryLockFile(p, true); });
+    } else {
+      inner = target().tryLockFile(p, false);
+    }
+    if (!inner) return nullptr;
+    auto held = std::make_shared<Held>(std::move(inner));
+    qevr::MutexLock guard(lock);
+    locks.push_back(held);
+    return std::make_unique<CutLockedFile>(*this, held, p);
+  }
+
+  // Ends the run: what was not durable is gone, and its locks with it.
+  void cut() {
+    qevr::MutexLock guard(lock);
+    left = 0;
+    unsyncedRemovals.clear();
+    for (auto& held : locks) {
+      qevr::MutexLock heldGuard(held->lock);
+      held->file.reset();
+    }
+  }
+  int writesDone() {
+    qevr::MutexLock guard(lock);
+    return done;
+  }
+
+ private:
+  struct Held {
+    explicit Held(std::unique_ptr<qevr::LockedFile> f) : file(std::move(f)) {}
+    qevr::Mutex lock;
+    std::unique_ptr<qevr::LockedFile> file QEVR_GUARDED_BY(lock);
+  };
+  class CutLockedFile : public qevr::LockedFile {
+   public:
+    CutLockedFile(PowerCutFileSystem& f, std::shared_ptr<Held> h, std::filesystem::path p)
+        : files(f), held(std::move(h)), path(std::move(p)) {}
+    std::vector<std::uint8_t> read(std::uint64_t maxBytes) override {
+      qevr::MutexLock guard(held->lock);
+      if (!held->file) throw std::system_error(EIO, std::generic_category(), "read");
+      return held->file->read(maxBytes);
+    }
+    void overwrite(std::span<const std::uint8_t> bytes) override {
+      files.durable(path.parent_path(), [&] {
+        qevr::MutexLock guard(held->lock);
+        if (!held->file) throw std::system_error(EIO, std::generic_category(), "write");
+        held->file->overwrite(bytes);
+      });
+    }
+    void remove() override {
+      files.durable(path.parent_path(), [&] {
+        qevr::MutexLock guard(held->lock);
+        if (!held->file) throw std::system_error(EIO, std::generic_category(), "remove");
+        held->file->remove();
+      });
+    }
+
+   private:
+    PowerCutFileSystem& files;
+    const std::shared_ptr<Held> held;
+    const std::filesystem::path path;
+  };
+
+  [[noreturn]] void failLocked() QEVR_REQUIRES(lock) {
+    throw std::system_error(EIO, std::generic_category(), "power cut");
+  }
+  // A write that flushes `directory`, and with it the removals made there.
+  template <typename Write>
+  void durable(const std::filesystem::path& directory, Write write) {
+    qevr::MutexLock guard(lock);
+    if (left <= 0) failLocked();
+    write();
+    --left;
+    ++done;
+    std::erase_if(unsyncedRemovals, [&](const std::filesystem::path& removed) {
+      if (removed.parent_path() != directory) return false;
+      std::error_code ignored;
+      std::filesystem::remove_all(removed, ignored);
+      return true;
+    });
+  }
+
+  qevr::Mutex lock;  // guards the fields below; held across the writes themselves
+  int left QEVR_GUARDED_BY(lock);
+  int done QEVR_GUARDED_BY(lock) = 0;
+  std::vector<std::filesystem::path> unsyncedRemovals QEVR_GUARDED_BY(lock);
+  std::vector<std::shared_ptr<Held>> locks QEVR_GUARDED_BY(lock);
+};
+
+// One run of an app with memory across runs over `files`: it recovers the
+// runs before, then records `sessions` sessions of `steps` events, each
+// ended by its sessionEnd but the last, which only the shutdown ends.
+void runApp(const std::filesystem::path& root, qevr::FileSystem& files, int sessions, int steps,
+            double startAt) {
+  auto store = std::make_shared<QEVFileMemoryStore>(root, files,
+                                                    std::make_shared<QEVLZFSECompressionEngine>());
+  std::optional<QEVUserGraph> earlier;
+  try {
+    earlier = store->loadUserGraph();
+  } catch (const std::exception&) {
+  }
+  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr);
+  writer->reopen(30);
+  auto pipeline =
+      std::make_shared<QEVMemoryPipeline>(std::make_shared<QEVMemoryEventStore>(), writer, store,
+                                          nullptr, QEVMemoryPipeline::Continuity{earlier});
+  pipeline->scheduleRecovery();
+  double at = startAt;
+  for (int s = 0; s < sessions; ++s) {
+    const QEVRUUID session = QEVRUUID::random();
+    for (int i = 0; i < steps; ++i)
+      pipeline->persist(
+          pipeline->handle(observerEvent(Type::screenView, QEVRDate{at += 20}, session, {}, "S")));
+    if (s + 1 < sessions) {
+      pipeline->persist(
+          pipeline->handle(observerEvent(Type::sessionEnd, QEVRDate{at += 1}, session)));
+    }
+  }
+  pipeline->shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+}
+
+// Power cuts at every write of a run, and again at a write of the recovery
+// that follows: once a run ends cleanly, every event on disk is counted
+// exactly once, in a session graph of its own session and in the user graph.
+TEST(PowerLossTest, EveryCutOfARunAndOfItsRecoveryEndsWithEachSavedEventCountedOnce) {
+  TemporaryDirectory measure;
+  PowerCutFileSystem uncut(1'000'000);
+  runApp(measure.path / "Memory", uncut, 2, 6, 0);
+  const int writesOfARun = uncut.writesDone();
+  ASSERT_GT(writesOfARun, 8);
+
+  for (int cutAt = 0; cutAt <= writesOfARun; ++cutAt) {
+    SCOPED_TRACE("cut after write " + std::to_string(cutAt));
+    TemporaryDirectory directory;
+    const std::filesystem::path root = directory.path / "Memory";
+    runApp(root, qevr::FileSystem::defaultFileSystem(), 1, 5, 0);  // a clean run before
+    PowerCutFileSystem crashing(cutAt);
+    runApp(root, crashing, 2, 6, 1000);
+    crashing.cut();
+    PowerCutFileSystem recovering(cutAt % 6);  // its recovery is cut too
+    runApp(root, recovering, 0, 0, 5000);
+    recovering.cut();
+    runApp(root, qevr::FileSystem::defaultFileSystem(), 0, 0, 9000);
+
+    auto store = makeStore(root);
+    std::map<QEVRUUID, std::int64_t> onDisk, inGraphs;
+    std::int64_t total = 0;
+    for (const QEVMemoryEventChunk& chunk : store->loadEventChunks()) {
+      for (const QEVMemoryEvent& event : chunk.events) {
+        ++onDisk[*event.sessionId];
+        ++total;
+      }
+    }
+    for (const QEVSessionGraph& graph : store->loadSessionGraphs())
+      inGraphs[*graph.sessionId] = graph.eventCount;
+    EXPECT_EQ(inGraphs, onDisk);
+    const std::optional<QEVUserGraph> user = store->loadUserGraph();
+    ASSERT_TRUE(user.has_value());
+    EXPECT_EQ(user->totalEvents, total);
+    EXPECT_EQ(user->totalSessions, static_cast<std::int64_t>(inGraphs.size()));
+    EXPECT_TRUE(store->sessionMarkers().empty());
+  }
 }
 
 }  // namespace

@@ -14,9 +14,15 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
+#include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -90,6 +96,186 @@ TEST(CrashSafetyTest, EveryFileDecodesAfterFiftyKills) {
   EXPECT_NO_THROW(store.loadUserGraph());
   std::printf("after 50 kills: %zu chunk files and %zu session graphs, all decode\n", chunkFiles,
               sessionFiles);
+  fs::remove_all(dataDir);
+}
+
+// One run of the lifecycle host, its stdout on a pipe.
+struct HostRun {
+  pid_t pid = -1;
+  int output = -1;
+};
+
+HostRun spawnHost(const fs::path& dataDir, int launch, int sessions, int eventsPerSession) {
+  std::vector<std::string> args = {QEVR_LIFECYCLE_HOST_PATH, dataDir.string(),
+                                   std::to_string(launch), std::to_string(sessions),
+                                   std::to_string(eventsPerSession)};
+  std::vector<char*> argv;
+  for (auto& a : args)
+    argv.push_back(a.data());
+  argv.push_back(nullptr);
+  int pipeEnds[2];
+  if (::pipe(pipeEnds) != 0) return {};
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
+  ::posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
+  HostRun run;
+  if (::posix_spawn(&run.pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) run.pid = -1;
+  ::posix_spawn_file_actions_destroy(&actions);
+  ::close(pipeEnds[1]);
+  run.output = pipeEnds[0];
+  return run;
+}
+
+// Reads the host's lines until one satisfies `stop` or the output ends;
+// returns them all.
+template <typename Stop>
+std::vector<std::string> readLinesUntil(HostRun& run, std::string& pending, Stop stop) {
+  std::vector<std::string> lines;
+  char buffer[4096];
+  for (;;) {
+    size_t end = 0;
+    while ((end = pending.find('\n')) != std::string::npos) {
+      lines.push_back(pending.substr(0, end));
+      pending.erase(0, end + 1);
+      if (stop(lines.back())) return lines;
+    }
+    const ssize_t got = ::read(run.output, buffer, sizeof buffer);
+    if (got <= 0) return lines;
+    pending.append(buffer, static_cast<size_t>(got));
+  }
+}
+
+// Everything the host printed; call once it has exited.
+std::vector<std::string> linesOf(HostRun& run) {
+  std::string pending;
+  std::vector<std::string> lines =
+      readLinesUntil(run, pending, [](const std::string&) { return false; });
+  ::close(run.output);
+  return lines;
+}
+
+int waitForExit(pid_t pid) {
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return status;
+}
+
+// What the store holds, counted the ways the invariants need.
+struct StoreCounts {
+  std::map<QEVRUUID, std::int64_t> chunkEventsBySession;
+  std::map<QEVRUUID, std::int64_t> graphEventsBySession;
+  std::map<std::int64_t, std::set<std::int64_t>> stepsByLaunch;  // the "n" of each step
+  std::int64_t chunkEvents = 0;
+  std::optional<QEVUserGraph> userGraph;
+};
+
+StoreCounts countStore(const fs::path& root) {
+  QEVFileMemoryStore store(root, qevr::FileSystem::defaultFileSystem(),
+                           std::make_shared<QEVLZFSECompressionEngine>());
+  StoreCounts counts;
+  for (const QEVMemoryEventChunk& chunk : store.loadEventChunks()) {
+    for (const QEVMemoryEvent& event : chunk.events) {
+      ++counts.chunkEvents;
+      if (event.sessionId) ++counts.chunkEventsBySession[*event.sessionId];
+      auto launch = event.metadata.find("launch");
+      auto n = event.metadata.find("n");
+      if (launch != event.metadata.end() && n != event.metadata.end()) {
+        counts.stepsByLaunch[*launch->second.intValue()].insert(*n->second.intValue());
+      }
+    }
+  }
+  for (const QEVSessionGraph& graph : store.loadSessionGraphs()) {
+    if (graph.sessionId) counts.graphEventsBySession[*graph.sessionId] = graph.eventCount;
+  }
+  counts.userGraph = store.loadUserGraph();
+  return counts;
+}
+
+void expectEverySavedEventCountedOnce(const StoreCounts& counts) {
+  EXPECT_EQ(counts.graphEventsBySession, counts.chunkEventsBySession)
+      << "a session graph per session on disk, counting exactly its saved events";
+  ASSERT_TRUE(counts.userGraph.has_value());
+  EXPECT_EQ(counts.userGraph->totalEvents, counts.chunkEvents);
+  EXPECT_EQ(counts.userGraph->totalSessions,
+            static_cast<std::int64_t>(counts.graphEventsBySession.size()));
+}
+
+// Launches of an app with memory across runs, each killed at a random
+// moment (some while the start still recovers the run before), then clean
+// ones. Every event that reached the disk ends up counted once, and a kill
+// loses no step more than 30 s (30 steps) older than the last one the host
+// saw through.
+TEST(CrashSafetyTest, KilledLaunchesAreRecoveredOnceAndLoseAtMostTheirLast30Seconds) {
+  std::string pattern = (fs::temp_directory_path() / "qevr-lifecycle-XXXXXX").string();
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  const fs::path dataDir = pattern;
+  const fs::path root = dataDir / "QEVR" / "Memory";
+  constexpr int kKilledLaunches = 12;
+  constexpr int kStepsOfALostSecond = 1;  // the host's clock: one second per step
+  constexpr int kLossBoundSteps = 30 / kStepsOfALostSecond;
+
+  std::mt19937 random(20261123);
+  std::uniform_int_distribution<int> killAfterStep(0, 239);
+  std::map<int, std::int64_t> lastSeenStep;  // per killed launch
+  for (int launch = 0; launch < kKilledLaunches; ++launch) {
+    HostRun run = spawnHost(dataDir, launch, /*sessions=*/3, /*eventsPerSession=*/80);
+    ASSERT_GT(run.pid, 0);
+    std::string pending;
+    std::vector<std::string> seen;
+    if (launch % 4 == 0) {
+      // In start-up, where the run before is being recovered.
+      std::this_thread::sleep_for(std::chrono::milliseconds(launch / 4));
+    } else {
+      const int step = killAfterStep(random);
+      seen = readLinesUntil(run, pending, [step](const std::string& line) {
+        return line == "done" || std::stoi(line) >= step;
+      });
+    }
+    ::kill(run.pid, SIGKILL);
+    waitForExit(run.pid);
+    for (std::string& line : linesOf(run))
+      seen.push_back(std::move(line));
+    lastSeenStep[launch] = -1;
+    for (const std::string& line : seen) {
+      if (line != "done") lastSeenStep[launch] = std::stoll(line);
+    }
+  }
+
+  HostRun clean = spawnHost(dataDir, kKilledLaunches, /*sessions=*/1, /*eventsPerSession=*/0);
+  ASSERT_GT(clean.pid, 0);
+  const int status = waitForExit(clean.pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(linesOf(clean), std::vector<std::string>{"done"});  // a launch that records nothing
+
+  const StoreCounts counts = countStore(root);
+  expectEverySavedEventCountedOnce(counts);
+  EXPECT_TRUE(!fs::exists(root / "live") || fs::is_empty(root / "live"))
+      << "every session marker recovered and removed";
+  std::int64_t lostSteps = 0;
+  for (const auto& [launch, last] : lastSeenStep) {
+    const std::set<std::int64_t> none;
+    auto found = counts.stepsByLaunch.find(launch);
+    const std::set<std::int64_t>& saved =
+        found == counts.stepsByLaunch.end() ? none : found->second;
+    for (std::int64_t n = 0; n <= last - kLossBoundSteps - 1; ++n) {
+      EXPECT_TRUE(saved.contains(n)) << "launch " << launch << " lost step " << n << " of the "
+                                     << last + 1 << " it saw through";
+    }
+    for (std::int64_t n = 0; n <= last; ++n)
+      lostSteps += saved.contains(n) ? 0 : 1;
+  }
+  std::printf("%d killed launches lost %lld of the steps they saw through\n", kKilledLaunches,
+              static_cast<long long>(lostSteps));
+
+  // A further launch counts only its own session.
+  HostRun further = spawnHost(dataDir, kKilledLaunches + 1, /*sessions=*/1, /*eventsPerSession=*/5);
+  ASSERT_GT(further.pid, 0);
+  waitForExit(further.pid);
+  linesOf(further);
+  const StoreCounts after = countStore(root);
+  expectEverySavedEventCountedOnce(after);
+  EXPECT_EQ(after.graphEventsBySession.size(), counts.graphEventsBySession.size() + 1);
   fs::remove_all(dataDir);
 }
 
