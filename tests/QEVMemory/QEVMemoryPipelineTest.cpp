@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "MemoryTestSupport.h"
+#include "QEVMemorySessionRecovery.h"
 
 namespace {
 
@@ -512,6 +513,54 @@ void runApp(const std::filesystem::path& root, qevr::FileSystem& files, int sess
   }
   pipeline->shutdown();
   ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+}
+
+class CountingReads : public qevr::FileSystemWrapper {
+ public:
+  CountingReads() : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()) {}
+  std::vector<std::uint8_t> readFile(const std::filesystem::path& p, std::uint64_t max) override {
+    ++reads;
+    return FileSystemWrapper::readFile(p, max);
+  }
+  std::atomic<int> reads{0};
+};
+
+TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) {
+  TemporaryDirectory directory;
+  CountingReads files;
+  auto store = std::make_shared<QEVFileMemoryStore>(directory.path / "Memory", files,
+                                                    std::make_shared<QEVLZFSECompressionEngine>());
+  const QEVRUUID session = QEVRUUID::random();
+  QEVMemoryEventChunk chunk;
+  chunk.id = QEVRUUID::random();
+  chunk.sessionId = session;
+  chunk.createdAt = QEVRDate{10};
+  chunk.events.push_back(memoryEvent(QEVMemoryEventType::gesture, 10, 1));
+  chunk.events.back().sessionId = session;
+  chunk.eventCount = 1;
+  store->saveEventChunk(chunk);
+  int folds = 0;
+  auto fold = [&](const QEVSessionGraph& graph) {
+    ++folds;
+    QEVUserGraphBuilder builder(QEVRUUID::random(), QEVRDate{0});
+    builder.merge(graph);
+    return std::pair{builder.build(), std::uint64_t{1}};
+  };
+  auto save = [&](const QEVUserGraph& graph, std::uint64_t) { store->saveUserGraph(graph); };
+  using Result = QEVMemoryRecovery::Result;
+
+  auto held = store->lockSessionMarker(session, /*create=*/true);  // a live run's
+  ASSERT_NE(held, nullptr);
+  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, {}), Result{});
+  EXPECT_EQ(folds, 0);
+  held.reset();  // that run dies
+  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, {}), (Result{1, 0, 0}));
+  EXPECT_EQ(store->loadSessionGraphs().size(), 1u);
+  EXPECT_TRUE(store->sessionMarkers().empty());
+  files.reads = 0;
+  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, {}), Result{});
+  EXPECT_EQ(files.reads.load(), 0) << "nothing abandoned, nothing read";
+  EXPECT_EQ(folds, 1);
 }
 
 // Power cuts at every write of a run, and again at a write of the recovery

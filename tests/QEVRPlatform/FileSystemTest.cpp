@@ -251,6 +251,29 @@ TEST_F(FileSystemTest, ApplicationSupportOverrideWinsAndCanBeCleared) {
 }
 
 // A wrapper overrides one operation; the rest passes through.
+TEST_F(FileSystemTest, ALockedFileExcludesEveryOtherOpeningUntilItsHolderGoes) {
+  const fs::path marker = root / "m.lock";
+  EXPECT_EQ(files.tryLockFile(marker, /*create=*/false), nullptr);  // absent
+  auto holder = files.tryLockFile(marker, /*create=*/true);
+  ASSERT_NE(holder, nullptr);
+  // A second opening in the same process is refused as another process is.
+  EXPECT_EQ(files.tryLockFile(marker, false), nullptr);
+  EXPECT_EQ(files.tryLockFile(marker, true), nullptr);
+  holder->overwrite(bytesOf("a longer first content"));
+  holder->overwrite(bytesOf("short"));
+  EXPECT_EQ(holder->read(1024), bytesOf("short"));
+  EXPECT_EQ(errnoOf([&] { holder->read(4); }), EFBIG);
+  holder.reset();  // the holder goes: its lock with it, the file stays
+  auto next = files.tryLockFile(marker, false);
+  ASSERT_NE(next, nullptr);
+  EXPECT_EQ(next->read(1024), bytesOf("short"));
+  next->remove();
+  EXPECT_FALSE(files.exists(marker));
+  next.reset();
+  EXPECT_EQ(files.tryLockFile(marker, false), nullptr);
+  EXPECT_NE(errnoOf([&] { files.tryLockFile(root / "no" / "such.lock", true); }), 0);
+}
+
 class FailingWrites : public qevr::FileSystemWrapper {
  public:
   using FileSystemWrapper::FileSystemWrapper;
