@@ -16,14 +16,21 @@ QEVR_API QEVMemoryOptions options();
 // Takes effect at the next pruning run; starts none.
 QEVR_API void configure(const QEVMemoryOptions& options);
 
-// Memory that spans module starts; off by default. When on, a start carries
-// on the user graph that user/graph.json holds (its userId and createdAt
-// kept, its totals added to), and a session whose start or end event never
-// reached memory is dated by its first and last events, so that pruning
-// treats it as any other session. A user graph that does not decode is
-// left alone and the start begins afresh. Read at each start: a change
-// while memory runs takes effect at the next start. The records and their
-// JSON forms are the same either way.
+// Memory across module starts and app runs, however they end; off by
+// default. When on, a start carries on the user graph that user/graph.json
+// holds (its userId and createdAt kept, its totals added to), and a session
+// whose start or end event never reached memory is dated by its first and
+// last events, so that pruning treats it as any other session. A user
+// graph that does not decode is left alone and the start begins afresh.
+// Each open session is marked in the store while it runs, and a start
+// recovers, in the background and exactly once, the sessions of runs that
+// died before completing them; their graphs and user graph count are
+// visible once that background work is done (qevr::waitForBackgroundIdle).
+// The open chunk is copied to disk once its oldest unsaved event is 30 s
+// old, so a killed run loses at most its last 30 seconds of events.
+// doc/memory_store_format.md gives the details. Read at each start: a
+// change while memory runs takes effect at the next start. The records and
+// their JSON forms are the same either way. Any thread; takes a lock only.
 QEVR_API void setContinuity(bool enabled);
 QEVR_API bool continuity();
 
