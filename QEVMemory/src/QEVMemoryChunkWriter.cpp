@@ -174,21 +174,18 @@ void QEVMemoryChunkWriter::Shared::save(const QEVMemoryEventChunk& chunk, bool o
   qevr::MutexLock order(openChunkLock);
   OpenChunk& known = openChunks[chunk.id];
   const std::pair<std::int64_t, bool> content{chunk.eventCount, chunk.closedAt.has_value()};
-  auto settle = [&] {
-    if (--known.savesPending <= 0 && known.newest.second) openChunks.erase(chunk.id);
-  };
-  if (content <= known.newest) {
-    settle();
-    return;
+  bool written = false;
+  if (content > known.newest) {
+    try {
+      write();
+      written = true;
+    } catch (...) {
+      if (--known.savesPending <= 0 && known.newest.second) openChunks.erase(chunk.id);
+      throw;
+    }
   }
-  try {
-    write();
-  } catch (...) {
-    settle();
-    throw;
-  }
-  known.newest = content;
-  settle();
+  if (written) known.newest = content;
+  if (--known.savesPending <= 0 && known.newest.second) openChunks.erase(chunk.id);
 }
 
 void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chunk,
