@@ -71,10 +71,10 @@ struct QEVMemoryPipeline::UserGraphSaves {
   qevr::Mutex lock;
   std::uint64_t written QEVR_GUARDED_BY(lock) = 0;
 
-  void save(QEVMemoryStore& store, const QEVUserGraph& graph, std::uint64_t generation) {
+  void save(QEVMemoryStore& target, const QEVUserGraph& graph, std::uint64_t generation) {
     qevr::MutexLock guard(lock);
     if (generation <= written) return;
-    store.saveUserGraph(graph);
+    target.saveUserGraph(graph);
     written = generation;
   }
 };
@@ -152,7 +152,7 @@ QEVMemoryPipeline::CompletedSession QEVMemoryPipeline::completeSessionLocked(
   return completed;
 }
 
-void QEVMemoryPipeline::saveCompleted(QEVMemoryStore& store, UserGraphSaves& userGraphs,
+void QEVMemoryPipeline::saveCompleted(QEVMemoryStore& target, UserGraphSaves& userGraphs,
                                       const CompletedSession& done) {
   if (done.openSession) {
     // The marker says what the user graph will count before it does; if
@@ -163,11 +163,11 @@ void QEVMemoryPipeline::saveCompleted(QEVMemoryStore& store, UserGraphSaves& use
   // The session graph first; the user graph whether or not that failed.
   bool sessionSaved = false;
   try {
-    store.saveSessionGraph(done.sessionGraph);
+    target.saveSessionGraph(done.sessionGraph);
     sessionSaved = true;
   } catch (...) {
   }
-  userGraphs.save(store, done.userGraph, done.generation);
+  userGraphs.save(target, done.userGraph, done.generation);
   if (done.openSession && sessionSaved) done.openSession->markComplete();
 }
 

@@ -113,7 +113,7 @@ class QEVR_API QEVMemoryPipeline : public std::enable_shared_from_this<QEVMemory
  private:
   struct UserGraphSaves;
   // Saves the graphs of a completed session; see persist.
-  static void saveCompleted(QEVMemoryStore& store, UserGraphSaves& userGraphs,
+  static void saveCompleted(QEVMemoryStore& target, UserGraphSaves& userGraphs,
                             const CompletedSession& done);
 
   // The open session's graph, dated by its events under continuity.
