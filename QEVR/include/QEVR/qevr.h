@@ -47,8 +47,11 @@
  *   The four option records (configuration, privacy, memory options, policy)
  *   may leave keys out: a missing key keeps its default, NULL or "{}" is the
  *   default record, and a key the record does not have is refused. A
- *   configuration without "appId" uses "qevr.c-api". Results use the same
- *   forms; dates in results are seconds since 2001-01-01T00:00:00Z.
+ *   configuration without "appId" uses "qevr.c-api"; its other defaults
+ *   turn background processing and the built-in recommendation engines on
+ *   and every AI service off, so {"appId":"com.example.app"} is enough for
+ *   recommendations. Results use the same forms; dates in results are
+ *   seconds since 2001-01-01T00:00:00Z.
  */
 #ifndef QEVR_QEVR_H
 #define QEVR_QEVR_H

@@ -295,6 +295,10 @@ def wait_for_background_idle(timeout=60.0):
 
 
 def start(configuration=None):
+    """Starts the system. Keys the configuration leaves out take the
+    library's defaults, under which ``{"appId": "com.example.app"}`` alone
+    gives recommendations (background processing and the built-in engines
+    on, AI services off)."""
     _check(_lib.qevr_start(_json(configuration)))
 
 

@@ -478,6 +478,9 @@ static void test_end_to_end(const char* data_dir) {
                QEVR_OK, "start");
   CHECK(qevr_get_lifecycle_state() == QEVR_STATE_RUNNING, "running");
   record_a_visit();
+  /* Enough use of one component for a recommendation about it. */
+  for (int i = 0; i < 5; ++i)
+    CHECK_STATUS(qevr_button_tap("play", NULL, NULL, NULL), QEVR_OK, "play again");
 
   /* Privacy: a switched-off kind is refused until the defaults return. */
   CHECK_STATUS(qevr_observer_configure("{\"allowCustomEvents\":false}"), QEVR_OK, "privacy off");
@@ -517,7 +520,8 @@ static void test_end_to_end(const char* data_dir) {
   CHECK_CONTAINS(out, "level_completed", "snapshot custom events");
   qevr_string_free(out);
 
-  CHECK_STATUS(qevr_start(NULL), QEVR_OK, "restart");
+  /* Only an appId: the defaults of every other key make recommendations. */
+  CHECK_STATUS(qevr_start("{\"appId\":\"com.example.c-test\"}"), QEVR_OK, "restart");
   static const struct {
     const char* label;
     int which;
@@ -556,6 +560,7 @@ static void test_end_to_end(const char* data_dir) {
 
   out = TAKE(qevr_generate("{\"game\":{}}", NULL, NULL, &out), "generate");
   CHECK(out && out[0] == '[' && out[strlen(out) - 1] == ']', "generate gives an array");
+  CHECK_CONTAINS(out, "\"componentId\":\"play\"", "the earlier session's play button");
   qevr_string_free(out);
   out = TAKE(qevr_generate("{\"game\":{}}", "{\"maxRecommendations\":0}", NULL, &out),
              "generate, none allowed");
