@@ -65,7 +65,18 @@ if [ -n "$stray" ] || [ -n "$foreign" ]; then
   printf '%s\n%s\n' "$stray" "$foreign" | head -n 40 >&2
   exit 1
 fi
-echo "   $(wc -l <"$work/exports.txt") symbols, all qevr_* or public C++ API"
+# And the other way round: every function the C header declares is there
+# (the names without their version, name@@QEVR_0).
+sed 's/@.*//' "$work/exports.txt" >"$work/export-names.txt"
+missing=""
+for name in $(sed -n -E 's/^QEVR_API .*[ *](qevr_[a-z0-9_]+)\(.*/\1/p' "$prefix/include/QEVR/qevr.h"); do
+  grep -qx "$name" "$work/export-names.txt" || missing="$missing $name"
+done
+if [ -n "$missing" ]; then
+  echo "libqevr.so lacks functions that qevr.h declares:$missing" >&2
+  exit 1
+fi
+echo "   $(wc -l <"$work/exports.txt") symbols, all qevr_* or public C++ API, every qevr.h function among them"
 
 echo "== consumer (shared): pkg-config"
 PKG_CONFIG_PATH="$libdir/pkgconfig" make -s -C "$root/examples/consumer" BUILD="$work"

@@ -375,6 +375,62 @@ TEST_F(InspectionToolTest, SimulateWithContinuityKeepsEverySession) {
   EXPECT_EQ(doctor.out.find("undated"), std::string::npos) << doctor.out;
 }
 
+// The text from the line `header` to the next "== " header, or "" without it.
+std::string section(const std::string& out, const std::string& header) {
+  const std::size_t begin = out.find("\n" + header);
+  if (begin == std::string::npos) return "";
+  const std::size_t end = out.find("\n== ", begin + 1);
+  return out.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+}
+
+// The demo runs as an app does: each launch sees the sessions completed
+// before it, in this run and, over the same directory, in the earlier run.
+TEST_F(InspectionToolTest, DemoLaunchesCarryOnFromTheSessionsBeforeThem) {
+  struct Expect {
+    const char* section;
+    std::vector<std::string> present;
+    std::vector<std::string> absent;
+  };
+  const std::vector<std::vector<Expect>> runs = {
+      {{"== launches 2 to 4",
+        {"launch 2: 1 earlier session, ", "launch 3: 2 earlier sessions, ",
+         "launch 4: 3 earlier sessions, ", "\"totalSessions\":4,"},
+        {"launch 4: 3 earlier sessions, 0 recommendations"}},
+       {"== the shopper",
+        {"launch 1: 0 earlier sessions, 0 recommendations;", "launch 2: 1 earlier session, "},
+        {"launch 2: 1 earlier session, 0 recommendations"}},
+       {"== the player",
+        {"launch 1: 0 earlier sessions, 0 recommendations;", "launch 2: 1 earlier session, ",
+         "1. [gameplay"},
+        {"launch 2: 1 earlier session, 0 recommendations"}}},
+      {{"== launches 2 to 4",
+        {"launch 2: 5 earlier sessions, ", "launch 4: 7 earlier sessions, ",
+         "\"totalSessions\":8,"},
+        {}},
+       {"== the shopper",
+        {"launch 1: 2 earlier sessions, ", "launch 2: 3 earlier sessions, "},
+        {", 0 recommendations"}},
+       {"== the player",
+        {"launch 1: 2 earlier sessions, ", "launch 2: 3 earlier sessions, "},
+        {", 0 recommendations"}}},
+  };
+  const fs::path data = base / "demo";
+  for (std::size_t r = 0; r < runs.size(); ++r) {
+    SCOPED_TRACE("run " + std::to_string(r + 1));
+    const ToolRun run = runTool({"demo", "--data-dir", data.string()}, scratch);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    for (const Expect& expect : runs[r]) {
+      const std::string text = section(run.out, expect.section);
+      ASSERT_NE(text, "") << expect.section << "\n" << run.out;
+      for (const std::string& line : expect.present)
+        EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
+      for (const std::string& line : expect.absent)
+        EXPECT_EQ(text.find(line), std::string::npos) << line << "\n" << text;
+    }
+  }
+}
+
 TEST_F(InspectionToolTest, DoctorNeverReplacesAQuarantinedFile) {
   const fs::path data = copyOfStore(base, memoryRoot(), "doctor-twice");
   const fs::path file = data / "QEVR" / "Memory" / "events" / "BAD.json";

@@ -60,6 +60,7 @@ QEVRConfiguration sample() {
   c.isDiagnosticsEnabled = true;
   c.isBackgroundProcessingEnabled = true;
   c.isLocalLLMEnabled = true;
+  c.isFallbackRecommendationsEnabled = false;  // not the default: both values are pinned
   return c;
 }
 
@@ -95,6 +96,8 @@ TEST(ConfigurationTest, EveryKeyIsRequiredAndTyped) {
   std::string wrongType = json;
   wrongType.replace(wrongType.find("true"), 4, "\"true\"");
   EXPECT_THROW(QEVRConfiguration::fromJSON(wrongType), DecodingError);
+  // The C++ record has defaults; its JSON form does not borrow them.
+  EXPECT_THROW(QEVRConfiguration::fromJSON(R"({"appId":"com.example.app"})"), DecodingError);
 }
 
 TEST(ConfigurationTest, ErrorsCompareByCaseAndMessage) {

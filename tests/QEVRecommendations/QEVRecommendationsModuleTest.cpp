@@ -104,29 +104,41 @@ TEST_F(QEVRecommendationsModuleTest, AvailabilityFollowsTheConfiguration) {
                                 "Recommendations module started"}));
 }
 
-TEST_F(QEVRecommendationsModuleTest, EachFlagMakesRecommendationsAvailable) {
-  struct Case {
-    bool onDevice, cloud, local, fallback, available;
+TEST_F(QEVRecommendationsModuleTest, EachFlagAndTheDefaultsMakeRecommendationsAvailable) {
+  auto flags = [](bool onDevice, bool cloud, bool local, bool fallback) {
+    QEVRConfiguration c = configuration(fallback);
+    c.isOnDeviceAIEnabled = onDevice;
+    c.isCloudAIEnabled = cloud;
+    c.isLocalLLMEnabled = local;
+    return c;
   };
-  const Case cases[] = {{false, false, false, false, false},
-                        {true, false, false, false, true},
-                        {false, true, false, false, true},
-                        {false, false, true, false, true},
-                        {false, false, false, true, true}};
+  // What a host gets when it names nothing but its appId.
+  QEVRConfiguration onlyAppId;
+  onlyAppId.appId = "com.example.recommendations-tests";
+  const struct {
+    const char* label;
+    QEVRConfiguration configuration;
+    bool available;
+  } cases[] = {
+      {"no flag", flags(false, false, false, false), false},
+      {"on-device AI", flags(true, false, false, false), true},
+      {"cloud AI", flags(false, true, false, false), true},
+      {"local LLM", flags(false, false, true, false), true},
+      {"fallback", flags(false, false, false, true), true},
+      {"only appId", onlyAppId, true},
+  };
+  storeUserGraph();
   registry().registerModule(QEVRecommendationsIntegration::makeModule());
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.available);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
     sink->clear();
-    QEVRConfiguration config = configuration(c.fallback);
-    config.isOnDeviceAIEnabled = c.onDevice;
-    config.isCloudAIEnabled = c.cloud;
-    config.isLocalLLMEnabled = c.local;
-    QEVR::start(config);
+    QEVR::start(c.configuration);
     EXPECT_EQ(
         sink->texts("com.qevr.recommendations", "Lifecycle"),
         std::vector<std::string>{c.available ? "Recommendations module started"
                                              : "Recommendations unavailable by configuration; "
                                                "module inactive"});
+    EXPECT_EQ(Recommendations::generate().empty(), !c.available);
     QEVR::shutdown();
   }
 }

@@ -14,7 +14,11 @@
 #include <QEVRPlatform/Tasks.h>
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -54,6 +58,46 @@ void printState(std::ostream& out, std::string_view step) {
       << (QEVR::isRunning() ? " (running)" : "") << "\n";
 }
 
+// How long the move to the background waits for the saves it starts.
+constexpr std::chrono::seconds kSaveWait{60};
+
+std::string plural(std::int64_t count, std::string_view noun) {
+  return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
+}
+
+// What a launch found when it started: the analyses and generate see only
+// sessions that completed before it.
+struct LaunchStart {
+  std::int64_t earlierSessions = 0;
+  std::vector<QEVRecommendation> recommendations;
+};
+
+// One foreground period of an app, as a host runs it: start; read what the
+// earlier sessions left; the user's visit; then, as when the app goes to the
+// background, shutdown and a bounded wait for the saves. Throws what start,
+// memory or generation throw; false when the saves did not finish in time.
+bool runLaunch(const QEVRConfiguration& configuration, const QEVExperienceDomain& domain,
+               const std::function<std::uint64_t()>& visit, LaunchStart& found,
+               std::uint64_t& accepted) {
+  QEVR::start(configuration);
+  found.earlierSessions = QEVR::Memory::intelligenceSnapshot().totalSessions;
+  found.recommendations =
+      QEVR::Recommendations::generate(domain, QEVRecommendationPolicy::defaultPolicy(domain));
+  accepted = visit();
+  QEVR::shutdown();
+  return qevr::waitForBackgroundIdle(kSaveWait);
+}
+
+std::string summaryOf(const LaunchStart& found) {
+  std::string line =
+      plural(found.earlierSessions, "earlier session") + ", " +
+      plural(static_cast<std::int64_t>(found.recommendations.size()), "recommendation");
+  if (!found.recommendations.empty()) {
+    line += " (best: " + found.recommendations.front().title() + ")";
+  }
+  return line;
+}
+
 }  // namespace
 
 int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -66,12 +110,9 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
   configuration.isFallbackRecommendationsEnabled = true;
 
   std::optional<std::filesystem::path> dataDir;
-  bool continuity = false;
   for (size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--data-dir" && i + 1 < args.size()) {
       dataDir = args[++i];
-    } else if (args[i] == "--continuity") {
-      continuity = true;
     } else if (args[i] == "--log-level" && i + 1 < args.size()) {
       bool found = false;
       for (auto level :
@@ -104,12 +145,14 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
   qevr::ScopedLogSink logs(std::make_shared<PrintingLogSink>(out));
   QEVRRegisterDefaultModules();
   // Before the first start: each start reads the setting.
-  QEVR::Memory::setContinuity(continuity);
+  QEVR::Memory::setContinuity(true);
   out << "data directory " << dataDir->string() << "\n";
-  if (continuity) out << "memory continuity on\n";
-
   out << "QEVR " << QEVR::version << " demo\n";
+  out << "memory continuity on: each launch carries on from the sessions before it\n";
   out << "configuration " << configuration.toJSON() << "\n";
+
+  // Launch 1: a short scripted visit, every step shown.
+  out << "\n== launch 1: a scripted visit\n";
   printState(out, "initial");
   try {
     QEVR::start(configuration);
@@ -119,7 +162,7 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
   }
   printState(out, "start");
 
-  // A short scripted visit, seen through a sink of our own.
+  // Seen through a sink of our own.
   auto sink = std::make_shared<PrintingEventSink>(out);
   const auto sinkId = QEVObserverIntegration::registerEventSink(sink);
   out << "sink registered: " << (sinkId ? "yes" : "no") << "\n";
@@ -146,27 +189,40 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
   report("track while paused", QEVR::Observer::track("paused_event", {}));
   QEVR::resume();
   printState(out, "resume again");
+  out << "to the background: shutdown, then wait for the saves\n";
   QEVR::shutdown();
   printState(out, "shutdown");
   QEVR::shutdown();
   printState(out, "shutdown again");
-
-  // Three more visits of a simulated user, one session each.
-  {
-    qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
-    SimulatedUser user(2026);
-    for (int session = 0; session < 3; ++session) {
-      QEVR::start(configuration);
-      const auto accepted = user.visit(150);
-      QEVR::shutdown();
-      out << "simulated session " << session + 1 << ": " << accepted << " of 150 calls accepted\n";
-    }
-  }
-
-  if (!qevr::waitForBackgroundIdle(std::chrono::seconds(60))) {
+  if (!qevr::waitForBackgroundIdle(kSaveWait)) {
     err << "qevr demo: background work did not finish within 60 s\n";
     return 1;
   }
+  out << "saves done: the session is complete\n";
+
+  // Launches 2 to 4: a simulated user, one session each. Each start sees
+  // every session completed before it.
+  out << "\n== launches 2 to 4: a simulated user, 150 calls each\n";
+  const auto game = QEVExperienceDomain::game();
+  try {
+    qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
+    SimulatedUser user(2026);
+    for (int launch = 2; launch <= 4; ++launch) {
+      LaunchStart found;
+      std::uint64_t accepted = 0;
+      if (!runLaunch(
+              configuration, game, [&] { return user.visit(150); }, found, accepted)) {
+        err << "qevr demo: background work did not finish within 60 s\n";
+        return 1;
+      }
+      out << "launch " << launch << ": " << summaryOf(found) << "; " << accepted
+          << " of 150 calls accepted\n";
+    }
+  } catch (const std::exception& e) {
+    err << "qevr demo: " << e.what() << "\n";
+    return 1;
+  }
+
   try {
     const QEVMemoryStats stats = QEVR::Memory::memoryStats();
     out << "memoryStats " << toIsoJSON(stats) << "\n";
@@ -175,7 +231,6 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
     // The system is shut down: the analyses run on the default analysers,
     // over the same store.
     out << "analyses of the simulated user (domain game)\n";
-    const auto game = QEVExperienceDomain::game();
     printAnalyses(out, QEVR::Intelligence::summarizeBehavior(),
                   QEVR::Intelligence::analyzeIntent(game), QEVR::Intelligence::detectFrustration(),
                   QEVR::Intelligence::analyzeSkill(game));
@@ -184,8 +239,8 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
     return 1;
   }
 
-  // Two more users, each with a store of their own: what the system
-  // recommends once it has seen one visit of each.
+  // Two more users, each with a store of their own and two launches: what
+  // the second launch recommends from the first one's visit.
   struct Persona {
     const char* name;
     QEVExperienceDomain domain;
@@ -204,27 +259,36 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
       QEVRRuntimeStore::shared().moduleRegistry().removeAll();
       QEVRRegisterDefaultModules();
       qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
-      QEVR::start(configuration);
-      const std::uint64_t accepted = persona.visit();
-      QEVR::shutdown();
-      // The visit's session and user graphs reach the disk in the background.
-      if (!qevr::waitForBackgroundIdle(std::chrono::seconds(60))) {
+      out << "\n== the " << persona.name << " (" << experienceDomainLabel(persona.domain)
+          << "), store " << (home / "QEVR" / "Memory").string() << "\n";
+      LaunchStart first;
+      std::uint64_t accepted = 0;
+      if (!runLaunch(configuration, persona.domain, persona.visit, first, accepted)) {
         err << "qevr demo: background work did not finish within 60 s\n";
         return 1;
       }
-      QEVR::start(configuration);
-      const auto policy = QEVRecommendationPolicy::defaultPolicy(persona.domain);
-      const std::vector<QEVRecommendation> items =
-          QEVR::Recommendations::generate(persona.domain, policy);
-      QEVR::shutdown();
-      out << "\nrecommendations for the " << persona.name << " ("
-          << experienceDomainLabel(persona.domain) << ", " << accepted << " events, store "
-          << (home / "QEVR" / "Memory").string() << ")\n";
-      printAnalyses(out, QEVR::Intelligence::summarizeBehavior(),
-                    QEVR::Intelligence::analyzeIntent(persona.domain),
-                    QEVR::Intelligence::detectFrustration(),
-                    QEVR::Intelligence::analyzeSkill(persona.domain));
-      printRecommendations(out, items);
+      out << "launch 1: " << summaryOf(first) << "; " << accepted << " events\n";
+      // The second launch prints what it starts with, then comes back for more.
+      LaunchStart second;
+      std::optional<QEVBehaviorSummary> summary;
+      std::optional<QEVIntentAnalysis> intent;
+      std::optional<QEVFrustrationAnalysis> frustration;
+      std::optional<QEVSkillAnalysis> skill;
+      auto visitAgain = [&] {
+        summary = QEVR::Intelligence::summarizeBehavior();
+        intent = QEVR::Intelligence::analyzeIntent(persona.domain);
+        frustration = QEVR::Intelligence::detectFrustration();
+        skill = QEVR::Intelligence::analyzeSkill(persona.domain);
+        return persona.visit();
+      };
+      if (!runLaunch(configuration, persona.domain, visitAgain, second, accepted)) {
+        err << "qevr demo: background work did not finish within 60 s\n";
+        return 1;
+      }
+      out << "launch 2: " << summaryOf(second) << "; " << accepted << " events\n";
+      out << "what launch 2 started from\n";
+      printAnalyses(out, *summary, *intent, *frustration, *skill);
+      printRecommendations(out, second.recommendations);
     }
   } catch (const std::exception& e) {
     err << "qevr demo: " << e.what() << "\n";

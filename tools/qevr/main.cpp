@@ -22,8 +22,8 @@ namespace {
 void printUsage(std::ostream& out) {
   out << "usage: qevr <command> [arguments]\n"
          "  version                         print the library version\n"
-         "  demo [--data-dir DIR] [--log-level LEVEL] [--continuity]\n"
-         "                                  run the system through a short scripted life\n"
+         "  demo [--data-dir DIR] [--log-level LEVEL]\n"
+         "                                  run the system through several app launches\n"
          "  simulate --data-dir DIR --events N [--seed S] [--continuity]\n"
          "                                  drive a simulated user as fast as possible\n"
          "  snapshot [--data-dir DIR] [--json]\n"

@@ -47,8 +47,11 @@
  *   The four option records (configuration, privacy, memory options, policy)
  *   may leave keys out: a missing key keeps its default, NULL or "{}" is the
  *   default record, and a key the record does not have is refused. A
- *   configuration without "appId" uses "qevr.c-api". Results use the same
- *   forms; dates in results are seconds since 2001-01-01T00:00:00Z.
+ *   configuration without "appId" uses "qevr.c-api"; its other defaults
+ *   turn background processing and the built-in recommendation engines on
+ *   and every AI service off, so {"appId":"com.example.app"} is enough for
+ *   recommendations. Results use the same forms; dates in results are
+ *   seconds since 2001-01-01T00:00:00Z.
  */
 #ifndef QEVR_QEVR_H
 #define QEVR_QEVR_H
@@ -123,6 +126,60 @@ QEVR_API qevr_status qevr_cancel_token_new(qevr_cancel_token** out_token);
 QEVR_API qevr_status qevr_cancel_token_cancel(qevr_cancel_token* token);
 /* NULL is ignored. REQUIRES: no call is still using the token. */
 QEVR_API void qevr_cancel_token_free(qevr_cancel_token* token);
+
+/* ---- Diagnostics ----
+ *
+ * QEVR reports what it does in short fixed lines: a module that starts or
+ * is unavailable by configuration, an event the observer refused, a pruning
+ * run, a cleared store. No line ever holds data of the host or its user
+ * (names, metadata, paths). By default the lines go to the platform's log
+ * (syslog on Linux); a host can take them instead. */
+
+/* How serious a line is, from least to most. */
+typedef enum qevr_log_level {
+  /* The core's trace and debug lines, when the configuration lets them. */
+  QEVR_LOG_DEBUG = 0,
+  /* What happened: a start, a pruning run, a cleared store. */
+  QEVR_LOG_INFO = 1,
+  /* A warning: a lifecycle step the system ignored. */
+  QEVR_LOG_DEFAULT = 2,
+  /* An event the observer refused, a stored file it could not read. */
+  QEVR_LOG_ERROR = 3,
+  /* A critical line. */
+  QEVR_LOG_FAULT = 4
+} qevr_log_level;
+
+/* Receives one log line. `subsystem` ("QEVMemory", "QEVRCore", ...) and
+ * `category` ("Lifecycle", "Events", ...) say where it comes from; `text`
+ * is the line. All three are NUL-terminated UTF-8, borrowed for the call
+ * only: copy what you keep. `user_data` is the pointer given with the
+ * callback. */
+typedef void (*qevr_log_callback)(const char* subsystem, const char* category, qevr_log_level level,
+                                  const char* text, void* user_data);
+
+/* Sends every log line to `callback` from now on, with `user_data`; NULL
+ * restores the platform's log. Process-wide; the last call wins. Fails only
+ * when out of memory, and then leaves the previous callback in place.
+ *
+ * The callback is called on the thread that logs: the caller's own thread
+ * inside a qevr_* call, or one of the library's background threads. It can
+ * run on several threads at once, so it must be thread-safe. It is never
+ * called while QEVR holds one of its locks, so it may call qevr_* functions
+ * without deadlocking, with three cautions: a call that logs calls the
+ * callback again on the same thread (do not loop); it delays the thread
+ * that logged, which may be the host's UI thread or a background save (keep
+ * it short, and do not call qevr_wait_for_background_idle from it: on a
+ * background thread it waits for itself until its time-out); and the
+ * last error it leaves is replaced by that of the call that logged. It
+ * must return normally (no longjmp, no C++ exception).
+ *
+ * When this returns, the previous callback is no longer running on any
+ * thread and will not be called again, so its user_data can be released;
+ * this call waits for lines still being delivered to it. Called from inside
+ * a callback, it cannot wait for its own caller and does not wait at all:
+ * lines then in flight on other threads may still reach the previous
+ * callback. */
+QEVR_API qevr_status qevr_set_log_callback(qevr_log_callback callback, void* user_data);
 
 /* ---- Data directory ---- */
 

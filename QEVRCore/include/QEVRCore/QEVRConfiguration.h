@@ -35,16 +35,24 @@ QEVR_API std::string_view caseNameOf(QEVRLifecycleState value);
 
 // What the host passes to QEVR::start. No validation of its own: a blank
 // `appId` is refused by QEVR::start, not here.
+//
+// The default values are a configuration that works: a host that names only
+// `appId` gets modules whose background work the start's worker tracks, and
+// recommendations from the built-in engines, which need no model; no AI
+// service is asked for. They are defaults of the C++ record only: the JSON
+// form below still needs every key.
 struct QEVR_API QEVRConfiguration {
   std::string appId;  // stored exactly as given, not trimmed
   QEVREnvironment environment = QEVREnvironment::production;
   QEVRLogLevel logLevel = QEVRLogLevel::info;
   bool isDiagnosticsEnabled = false;
-  bool isBackgroundProcessingEnabled = false;
+  bool isBackgroundProcessingEnabled = true;
   bool isOnDeviceAIEnabled = false;
   bool isCloudAIEnabled = false;
   bool isLocalLLMEnabled = false;
-  bool isFallbackRecommendationsEnabled = false;
+  // Without it (and without the three AI flags) the recommendations module
+  // starts inactive and every generation is empty.
+  bool isFallbackRecommendationsEnabled = true;
 
   bool operator==(const QEVRConfiguration&) const = default;
 

@@ -17,12 +17,24 @@ in ``.code`` and the library's text in ``.message``.
 Blocking calls (memory, analyses, generate) release the GIL while they run,
 as every ctypes call does, and accept a ``CancelToken`` that another thread
 may cancel.
+
+The library's log lines go to the standard ``logging`` module, under the
+logger ``"qevr"``, from the moment the module is imported (``use_logging``
+turns that off and on). Each record's message is ``"<subsystem>/<category>:
+<text>"``; the record also carries ``qevr_subsystem`` and ``qevr_category``.
+Levels: debug is DEBUG, info is INFO, the library's "default" level (its
+warnings, such as a lifecycle step it ignored) is WARNING, error is ERROR and
+fault is CRITICAL. Lines come from whichever thread logs, background threads
+included. No line holds host data. The logger has a ``NullHandler``, as a
+library's should: configure ``logging`` to see the lines.
 """
 
+import atexit
 import ctypes
 import ctypes.util
 import datetime
 import json
+import logging
 import os
 
 __all__ = [
@@ -33,7 +45,8 @@ __all__ = [
     "privacy_options", "configure_privacy", "track", "screen_view", "screen_disappear",
     "navigation", "button_tap", "gesture", "memory_options", "configure_memory",
     "memory_stats", "clear_memory", "memory_snapshot", "summarize_behavior", "analyze_intent",
-    "detect_frustration", "analyze_skill", "generate", "to_datetime",
+    "detect_frustration", "analyze_skill", "generate", "to_datetime", "set_continuity",
+    "continuity", "use_logging",
 ]
 
 
@@ -117,10 +130,13 @@ _c = ctypes.c_char_p
 _out = ctypes.POINTER(ctypes.c_void_p)
 _int_out = ctypes.POINTER(ctypes.c_int)
 _token = ctypes.c_void_p
+# qevr_log_callback: subsystem, category, level, text, user_data.
+_LOG_CALLBACK = ctypes.CFUNCTYPE(None, _c, _c, ctypes.c_int, _c, ctypes.c_void_p)
 _SIGNATURES = {
     "qevr_version": ([], _c),
     "qevr_last_error": ([], _c),
     "qevr_string_free": ([ctypes.c_void_p], None),
+    "qevr_set_log_callback": ([_LOG_CALLBACK, ctypes.c_void_p], ctypes.c_int),
     "qevr_cancel_token_new": ([_out], ctypes.c_int),
     "qevr_cancel_token_cancel": ([_token], ctypes.c_int),
     "qevr_cancel_token_free": ([_token], None),
@@ -156,6 +172,47 @@ for _name, (_args, _result) in _SIGNATURES.items():
     _function = getattr(_lib, _name)
     _function.argtypes = _args
     _function.restype = _result
+
+
+_logger = logging.getLogger("qevr")
+_logger.addHandler(logging.NullHandler())
+
+# qevr_log_level values, as in qevr.h.
+_LOG_LEVELS = {
+    0: logging.DEBUG,
+    1: logging.INFO,
+    2: logging.WARNING,
+    3: logging.ERROR,
+    4: logging.CRITICAL,
+}
+
+
+def _forward_line(subsystem, category, level, text, _user_data):
+    python_level = _LOG_LEVELS.get(level, logging.WARNING)
+    if not _logger.isEnabledFor(python_level):
+        return
+    try:
+        subsystem = subsystem.decode("utf-8", "replace")
+        category = category.decode("utf-8", "replace")
+        _logger.log(python_level, "%s/%s: %s", subsystem, category,
+                    text.decode("utf-8", "replace"),
+                    extra={"qevr_subsystem": subsystem, "qevr_category": category})
+    except Exception:  # an exception cannot cross back into C
+        pass
+
+
+# The one ctypes callback object, referenced here for the life of the module:
+# the library may call it from any thread for as long as it is registered,
+# and a collected callback would be a call into freed memory.
+_log_callback = _LOG_CALLBACK(_forward_line)
+_no_log_callback = _LOG_CALLBACK()  # NULL
+
+
+def use_logging(enabled=True):
+    """Routes the library's log lines to ``logging`` (the default since
+    import) or, with False, back to the platform's log (syslog on Linux).
+    When it returns, no line is still on its way to ``logging``."""
+    _check(_lib.qevr_set_log_callback(_log_callback if enabled else _no_log_callback, None))
 
 
 def _free_string(pointer):
@@ -295,6 +352,10 @@ def wait_for_background_idle(timeout=60.0):
 
 
 def start(configuration=None):
+    """Starts the system. Keys the configuration leaves out take the
+    library's defaults, under which ``{"appId": "com.example.app"}`` alone
+    gives recommendations (background processing and the built-in engines
+    on, AI services off)."""
     _check(_lib.qevr_start(_json(configuration)))
 
 
@@ -400,3 +461,10 @@ def analyze_skill(domain=None, cancel=None):
 def generate(domain=None, policy=None, cancel=None):
     """Ranked recommendations (a list of dicts); [] while not running."""
     return _take(_lib.qevr_generate, _domain(domain), _json(policy), _token_of(cancel))
+
+
+use_logging(True)
+# Background threads of the library outlive the interpreter: they must not
+# call into Python once it is being torn down. Handing the lines back to the
+# platform waits for any line still on its way to Python.
+atexit.register(use_logging, False)

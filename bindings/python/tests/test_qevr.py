@@ -1,6 +1,7 @@
 """The binding end to end against the library the build made (QEVR_LIBRARY),
 and the errors it must raise."""
 
+import logging
 import os
 import subprocess
 import sys
@@ -37,10 +38,11 @@ def freed(monkeypatch):
 
 def test_end_to_end(data_dir, freed):
     qevr.clear_memory()
-    qevr.start({"appId": "com.example.python", "isBackgroundProcessingEnabled": True})
+    qevr.start({"appId": "com.example.python"})
     assert qevr.lifecycle_state() == "running"
     assert qevr.screen_view("Home")
-    assert qevr.button_tap("play", "Play", {"slot": 2, "ranked": True})
+    for _ in range(6):
+        assert qevr.button_tap("play", "Play", {"slot": 2, "ranked": True})
     assert qevr.navigation("Home", "Level 1")
     assert qevr.gesture("swipe")
     assert qevr.track("level_completed", {"score": 1200, "accuracy": 0.875, "mode": "ranked"})
@@ -65,8 +67,10 @@ def test_end_to_end(data_dir, freed):
     assert 0.0 <= qevr.analyze_intent("game")["confidence"] <= 1.0
     assert qevr.detect_frustration()["level"] in ("none", "low", "medium", "high")
     assert "skillLevel" in qevr.analyze_skill({"custom": {"_0": "travel"}})
+    # Only an appId was given: the defaults recommend, among others about
+    # the button the earlier session used most.
     recommendations = qevr.generate("game")
-    assert isinstance(recommendations, list)
+    assert "play" in [r["action"].get("componentId") for r in recommendations]
     assert qevr.generate("game", {"maxRecommendations": 0}) == []
     qevr.shutdown()
     assert qevr.generate("game") == []
@@ -137,3 +141,62 @@ def test_continuity_carries_sessions_across_runs(data_dir):
         assert qevr.memory_snapshot()["totalSessions"] == 3
     finally:
         qevr.set_continuity(False)
+
+
+def _start_and_stop(configuration):
+    qevr.start(configuration)
+    qevr.shutdown()
+
+
+@pytest.mark.parametrize(
+    "action, level, message",
+    [
+        (qevr.clear_memory, logging.INFO,
+         "QEVMemory/Diagnostics: Cleared local QEVMemory storage"),
+        (lambda: qevr.screen_view("Home"), logging.ERROR,
+         "QEVObserver/Events: Screen view ignored because QEVObserver is not running"),
+        (lambda: _start_and_stop({"appId": "com.example.python",
+                                  "isFallbackRecommendationsEnabled": False}), logging.INFO,
+         "com.qevr.recommendations/Lifecycle: "
+         "Recommendations unavailable by configuration; module inactive"),
+    ],
+)
+def test_log_lines_reach_logging_under_qevr(data_dir, caplog, action, level, message):
+    caplog.set_level(logging.DEBUG, logger="qevr")
+    action()
+    assert qevr.wait_for_background_idle()
+    lines = [(r.name, r.levelno, r.getMessage()) for r in caplog.records]
+    assert ("qevr", level, message) in lines
+    subsystem, category = message.split(": ", 1)[0].split("/")
+    assert any(r.qevr_subsystem == subsystem and r.qevr_category == category
+               for r in caplog.records)
+
+
+def test_use_logging_false_hands_lines_back_to_the_platform(data_dir, caplog):
+    caplog.set_level(logging.DEBUG, logger="qevr")
+    qevr.use_logging(False)
+    try:
+        qevr.clear_memory()
+        assert [r for r in caplog.records if r.name == "qevr"] == []
+    finally:
+        qevr.use_logging(True)
+    qevr.clear_memory()
+    assert [r.getMessage() for r in caplog.records if r.name == "qevr"] == [
+        "QEVMemory/Diagnostics: Cleared local QEVMemory storage"]
+
+
+def test_exit_with_background_work_still_logging(tmp_path):
+    """The interpreter may exit while the library's threads still log (the
+    pruning run a start queues): they must not call into a finalised
+    Python."""
+    script = (
+        "import qevr, sys\n"
+        f"qevr.set_data_directory({str(tmp_path)!r})\n"
+        "for run in range(3):\n"
+        "    qevr.start({'appId': 'com.example.python'})\n"
+        "    qevr.screen_view('Home')\n"
+        "    qevr.shutdown()\n"
+    )
+    result = subprocess.run([sys.executable, "-c", script], env=dict(os.environ),
+                            capture_output=True, text=True)
+    assert result.returncode == 0, result.stderr

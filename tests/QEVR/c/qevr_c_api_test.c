@@ -478,6 +478,9 @@ static void test_end_to_end(const char* data_dir) {
                QEVR_OK, "start");
   CHECK(qevr_get_lifecycle_state() == QEVR_STATE_RUNNING, "running");
   record_a_visit();
+  /* Enough use of one component for a recommendation about it. */
+  for (int i = 0; i < 5; ++i)
+    CHECK_STATUS(qevr_button_tap("play", NULL, NULL, NULL), QEVR_OK, "play again");
 
   /* Privacy: a switched-off kind is refused until the defaults return. */
   CHECK_STATUS(qevr_observer_configure("{\"allowCustomEvents\":false}"), QEVR_OK, "privacy off");
@@ -517,7 +520,8 @@ static void test_end_to_end(const char* data_dir) {
   CHECK_CONTAINS(out, "level_completed", "snapshot custom events");
   qevr_string_free(out);
 
-  CHECK_STATUS(qevr_start(NULL), QEVR_OK, "restart");
+  /* Only an appId: the defaults of every other key make recommendations. */
+  CHECK_STATUS(qevr_start("{\"appId\":\"com.example.c-test\"}"), QEVR_OK, "restart");
   static const struct {
     const char* label;
     int which;
@@ -556,6 +560,7 @@ static void test_end_to_end(const char* data_dir) {
 
   out = TAKE(qevr_generate("{\"game\":{}}", NULL, NULL, &out), "generate");
   CHECK(out && out[0] == '[' && out[strlen(out) - 1] == ']', "generate gives an array");
+  CHECK_CONTAINS(out, "\"componentId\":\"play\"", "the earlier session's play button");
   qevr_string_free(out);
   out = TAKE(qevr_generate("{\"game\":{}}", "{\"maxRecommendations\":0}", NULL, &out),
              "generate, none allowed");
@@ -585,6 +590,144 @@ static void test_end_to_end(const char* data_dir) {
   out = TAKE(qevr_memory_stats(NULL, &out), "stats after clear");
   CHECK_CONTAINS(out, "\"eventChunkCount\":0", "cleared");
   qevr_string_free(out);
+}
+
+/* ---- Log callback ---- */
+
+enum { kMaxLines = 512 };
+
+typedef struct log_line {
+  char subsystem[48];
+  char category[32];
+  qevr_log_level level;
+  char text[128];
+} log_line;
+
+/* Lines arrive on any thread, background ones included. */
+static struct {
+  pthread_mutex_t lock;
+  log_line lines[kMaxLines];
+  int count;
+  int foreign_user_data;
+  int reentered;
+} captured = {PTHREAD_MUTEX_INITIALIZER, {{{0}, {0}, QEVR_LOG_DEBUG, {0}}}, 0, 0, 0};
+
+static void capture_line(const char* subsystem, const char* category, qevr_log_level level,
+                         const char* text, void* user_data) {
+  pthread_mutex_lock(&captured.lock);
+  if (user_data != &captured) ++captured.foreign_user_data;
+  if (captured.count < kMaxLines) {
+    log_line* line = &captured.lines[captured.count];
+    snprintf(line->subsystem, sizeof line->subsystem, "%s", subsystem);
+    snprintf(line->category, sizeof line->category, "%s", category);
+    line->level = level;
+    snprintf(line->text, sizeof line->text, "%s", text);
+  }
+  ++captured.count;
+  pthread_mutex_unlock(&captured.lock);
+}
+
+/* Calls back into QEVR, as the header allows: a call that succeeds and one
+ * that fails, whose error the call that logged must replace. */
+static void reentrant_line(const char* subsystem, const char* category, qevr_log_level level,
+                           const char* text, void* user_data) {
+  capture_line(subsystem, category, level, text, user_data);
+  char* options = NULL;
+  const int read = qevr_memory_options(&options) == QEVR_OK && options != NULL;
+  qevr_string_free(options);
+  const int refused = qevr_memory_configure("{\"notAKey\":1}") == QEVR_ERROR_INVALID_JSON;
+  pthread_mutex_lock(&captured.lock);
+  if (read && refused) ++captured.reentered;
+  pthread_mutex_unlock(&captured.lock);
+}
+
+/* One of the counters of `captured`, read under its lock. */
+static int captured_read(const int* counter) {
+  pthread_mutex_lock(&captured.lock);
+  const int value = *counter;
+  pthread_mutex_unlock(&captured.lock);
+  return value;
+}
+
+static int captured_count(void) {
+  return captured_read(&captured.count);
+}
+
+/* Whether a line exactly like this one arrived since line `from`. */
+static int captured_since(int from, const char* subsystem, const char* category,
+                          qevr_log_level level, const char* text) {
+  int found = 0;
+  pthread_mutex_lock(&captured.lock);
+  for (int i = from; i < captured.count && i < kMaxLines && !found; ++i) {
+    const log_line* line = &captured.lines[i];
+    found = strcmp(line->subsystem, subsystem) == 0 && strcmp(line->category, category) == 0 &&
+            line->level == level && strcmp(line->text, text) == 0;
+  }
+  pthread_mutex_unlock(&captured.lock);
+  return found;
+}
+
+static qevr_status log_clear(void) {
+  return qevr_memory_clear(NULL);
+}
+static qevr_status log_start_without_recommendations(void) {
+  qevr_status s =
+      qevr_start("{\"appId\":\"com.example.c-test\",\"isFallbackRecommendationsEnabled\":false}");
+  if (s == QEVR_OK) s = qevr_shutdown();
+  return s;
+}
+static qevr_status log_start_with_defaults(void) {
+  qevr_status s = qevr_start("{\"appId\":\"com.example.c-test\"}");
+  if (s == QEVR_OK) s = qevr_shutdown();
+  return s;
+}
+static qevr_status log_screen_view_while_stopped(void) {
+  return qevr_screen_view("Home", NULL, NULL);
+}
+
+static void test_log_callback(void) {
+  static const struct {
+    const char* label;
+    qevr_status (*call)(void);
+    const char* subsystem;
+    const char* category;
+    qevr_log_level level;
+    const char* text;
+  } rows[] = {
+      {"clear memory", log_clear, "QEVMemory", "Diagnostics", QEVR_LOG_INFO,
+       "Cleared local QEVMemory storage"},
+      {"recommendations off", log_start_without_recommendations, "com.qevr.recommendations",
+       "Lifecycle", QEVR_LOG_INFO, "Recommendations unavailable by configuration; module inactive"},
+      {"defaults", log_start_with_defaults, "com.qevr.recommendations", "Lifecycle", QEVR_LOG_INFO,
+       "Recommendations module started"},
+      {"observer not running", log_screen_view_while_stopped, "QEVObserver", "Events",
+       QEVR_LOG_ERROR, "Screen view ignored because QEVObserver is not running"},
+  };
+  static const qevr_log_callback callbacks[] = {capture_line, reentrant_line};
+  for (size_t c = 0; c < sizeof callbacks / sizeof callbacks[0]; ++c) {
+    CHECK_STATUS(qevr_set_log_callback(callbacks[c], &captured), QEVR_OK, "install callback");
+    for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
+      const int from = captured_count();
+      CHECK_STATUS(rows[i].call(), QEVR_OK, rows[i].label);
+      /* A callback's own failed call does not become the caller's error. */
+      CHECK(qevr_last_error()[0] == '\0', rows[i].label);
+      CHECK(captured_since(from, rows[i].subsystem, rows[i].category, rows[i].level, rows[i].text),
+            rows[i].label);
+    }
+  }
+  wait_idle();
+  CHECK(captured_read(&captured.reentered) > 0, "the callback called back into QEVR");
+
+  /* NULL restores the platform's log: nothing reaches the old callback,
+   * whatever runs in the background meanwhile. */
+  CHECK_STATUS(qevr_set_log_callback(NULL, NULL), QEVR_OK, "restore the default");
+  const int before = captured_count();
+  CHECK_STATUS(log_start_with_defaults(), QEVR_OK, "a life without the callback");
+  CHECK_STATUS(log_clear(), QEVR_OK, "clear without the callback");
+  wait_idle();
+  CHECK(captured_count() == before, "no line after NULL");
+  CHECK(captured_read(&captured.foreign_user_data) == 0, "user_data reaches the callback");
+  CHECK(captured_count() <= kMaxLines, "every line kept");
 }
 
 /* ---- Threads ----
@@ -662,6 +805,7 @@ int main(void) {
   CHECK_STATUS(qevr_shutdown(), QEVR_OK, "shutdown after the refusal tables");
   wait_idle();
   test_end_to_end(data_dir);
+  test_log_callback();
   test_threads_keep_their_own_errors();
 
   CHECK_STATUS(qevr_set_data_directory(NULL), QEVR_OK, "data dir reset");
