@@ -112,9 +112,10 @@ std::optional<QEVUserGraph> QEVMemoryModule::earlierUserGraph(
   if (previous) previous->waitForGraphSaves(kPreviousSavesTimeout);
   try {
     return memoryStore->loadUserGraph();
-  } catch (const std::exception& e) {
+  } catch (const std::exception&) {
+    // The error's text may name a path below the user's home: not for a log.
     qevr::platformLog("QEVMemory", "Continuity", qevr::LogType::error,
-                      std::string("User graph unreadable, starting a new one: ") + e.what());
+                      "User graph unreadable, starting a new one");
     return std::nullopt;
   }
 }
