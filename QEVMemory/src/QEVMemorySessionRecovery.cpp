@@ -43,6 +43,27 @@ QEVMemoryRecovery::Result QEVMemoryRecovery::run(
   }
   if (abandoned.empty()) return result;
 
+  // A record that the user graph this run starts from does not count is
+  // from a fold that never landed, in a sequence of folds that is gone.
+  // Its count could match one of this run's folds by chance, so it is
+  // cleared before this run folds anything; if that fails, nothing is
+  // folded now and the next start tries again.
+  std::map<QEVRUUID, std::optional<QEVMemoryFoldRecord>> records;
+  try {
+    for (auto& [id, marker] : abandoned) {
+      const std::vector<std::uint8_t> bytes = marker->read(kMaxMarkerBytes);
+      auto record = QEVMemoryFoldRecord::parse(
+          std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+      if (record && !(userGraphAtStart && record->isCountedIn(*userGraphAtStart))) {
+        marker->overwrite({});
+        record.reset();
+      }
+      records[id] = record;
+    }
+  } catch (const std::exception&) {
+    return result;
+  }
+
   std::map<QEVRUUID, std::vector<QEVMemoryEvent>> events;
   store.forEachEventChunk([&](QEVMemoryEventChunk&& chunk) {
     for (QEVMemoryEvent& event : chunk.events) {
@@ -55,11 +76,8 @@ QEVMemoryRecovery::Result QEVMemoryRecovery::run(
   for (auto& [id, marker] : abandoned) {
     qevr::checkCancellation(stop);
     try {
-      const std::vector<std::uint8_t> bytes = marker->read(kMaxMarkerBytes);
-      const auto record = QEVMemoryFoldRecord::parse(
-          std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
       std::vector<QEVMemoryEvent>& own = events[id];
-      if (record && userGraphAtStart && record->isCountedIn(*userGraphAtStart)) {
+      if (records[id]) {
         // Counted before the crash; only its graph may be missing.
         if (!own.empty() && !store.hasSessionGraph(id)) store.saveSessionGraph(graphOf(own));
         marker->remove();
