@@ -130,8 +130,9 @@ class QEVR_API FileSystem {
   virtual void removeItem(const std::filesystem::path& path);
 
   // Opens `path` and locks it without waiting. With `create`, a missing file
-  // is made (0600, its directory must exist) and its directory flushed, so a
-  // crash cannot lose the new name. Returns nullptr when another holder has
+  // is made (0600, its directory must exist) already locked, so that no
+  // other opening can lock it first, and its directory is flushed, so that
+  // a crash cannot lose the new name. Returns nullptr when another holder has
   // the lock, or, without `create`, when there is no such file; a file that
   // its holder removed while this call waited for the lock counts as absent.
   // Other failures throw.

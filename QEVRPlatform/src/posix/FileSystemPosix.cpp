@@ -391,19 +391,45 @@ class PosixLockedFile final : public LockedFile {
 
 }  // namespace
 
-std::unique_ptr<LockedFile> FileSystem::tryLockFile(const fs::path& path, bool create) {
-  const int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | (create ? O_CREAT : 0);
-  FileDescriptor fd(::open(path.c_str(), flags, 0600));
-  if (fd.get() < 0) {
-    if (!create && errno == ENOENT) return nullptr;
-    throwErrno(errno, create ? "create" : "open", path);
-  }
+namespace {
+
+// Locks `fd` without waiting: false when another opening holds it.
+bool lockNow(int fd, const fs::path& path) {
   // flock, not fcntl: its lock belongs to the open file, so two openings in
   // one process exclude each other as two processes do.
-  if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK) return nullptr;
-    throwErrno(errno, "lock", path);
+  if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno == EWOULDBLOCK) return false;
+  throwErrno(errno, "lock", path);
+}
+
+}  // namespace
+
+std::unique_ptr<LockedFile> FileSystem::tryLockFile(const fs::path& path, bool create) {
+  if (create) {
+    // A new file appears under its name already locked: made and locked
+    // under a temporary name, then linked into place. Nobody can lock it
+    // between its creation and ours.
+    const fs::path temporary = temporarySibling(path);
+    FileDescriptor fd(
+        ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (fd.get() < 0) throwErrno(errno, "create", temporary);
+    const bool linked =
+        lockNow(fd.get(), temporary) && ::link(temporary.c_str(), path.c_str()) == 0;
+    const int linkError = errno;
+    ::unlink(temporary.c_str());
+    if (linked) {
+      syncDirectory(path.parent_path());
+      return std::make_unique<PosixLockedFile>(path, fd.release());
+    }
+    if (linkError != EEXIST) throwErrno(linkError, "create", path);
+    // The name is taken: lock that file, as without `create`.
   }
+  FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (fd.get() < 0) {
+    if (errno == ENOENT) return nullptr;
+    throwErrno(errno, "open", path);
+  }
+  if (!lockNow(fd.get(), path)) return nullptr;
   // The holder before us may have removed the file just before letting go;
   // then this lock is on a name nobody can find any more.
   struct stat opened {
@@ -414,7 +440,6 @@ std::unique_ptr<LockedFile> FileSystem::tryLockFile(const fs::path& path, bool c
       named.st_dev != opened.st_dev) {
     return nullptr;
   }
-  if (create) syncDirectory(path.parent_path());
   return std::make_unique<PosixLockedFile>(path, fd.release());
 }
 
