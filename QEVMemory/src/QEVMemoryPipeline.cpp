@@ -146,6 +146,7 @@ std::optional<QEVMemoryPipeline::CompletedSession> QEVMemoryPipeline::handle(
 QEVMemoryPipeline::CompletedSession QEVMemoryPipeline::completeSessionLocked(
     const QEVSessionGraph& graph) {
   userGraphBuilder->merge(graph);
+  if (datesSessionsByEvents && graph.sessionId) foldedSessions.insert(*graph.sessionId);
   CompletedSession completed{graph, userGraphBuilder->build(), ++userGraphGeneration,
                              std::exchange(openSession, nullptr)};
   sessionGraphBuilder = std::make_unique<QEVSessionGraphBuilder>();
@@ -237,6 +238,10 @@ void QEVMemoryPipeline::scheduleRecovery() {
     auto save = [&self](const QEVUserGraph& graph, std::uint64_t generation) {
       self->userGraphSaves->save(*self->store, graph, generation);
     };
-    QEVMemoryRecovery::run(*self->store, self->userGraphAtStart, fold, save, {});
+    auto foldedHere = [&self](const QEVRUUID& id) {
+      qevr::MutexLock guard(self->lock);
+      return self->foldedSessions.contains(id);
+    };
+    QEVMemoryRecovery::run(*self->store, self->userGraphAtStart, fold, save, foldedHere, {});
   });
 }

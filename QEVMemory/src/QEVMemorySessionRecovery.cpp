@@ -31,13 +31,14 @@ QEVSessionGraph graphOf(std::vector<QEVMemoryEvent>& events) {
 
 QEVMemoryRecovery::Result QEVMemoryRecovery::run(
     QEVMemoryStore& store, const std::optional<QEVUserGraph>& userGraphAtStart, const Fold& fold,
-    const SaveUserGraph& saveUserGraph, std::stop_token stop) {
+    const SaveUserGraph& saveUserGraph, const std::function<bool(const QEVRUUID&)>& foldedHere,
+    std::stop_token stop) {
   Result result;
   // A marker that its run still holds (another live process, or an earlier
   // start of this one still saving) is not ours to touch.
   std::map<QEVRUUID, std::unique_ptr<qevr::LockedFile>> abandoned;
   for (const QEVRUUID& id : store.sessionMarkers()) {
-    if (auto marker = store.lockSessionMarker(id, /*create=*/false)) {
+    if (auto marker = store.lockSessionMarker(id, /*create=*/false); marker && !foldedHere(id)) {
       abandoned.emplace(id, std::move(marker));
     }
   }

@@ -31,6 +31,9 @@ struct QEVMemoryRecovery {
   // `userGraphAtStart` is the stored user graph this run started from: a
   // session whose marker shows it counted there is not counted again. A
   // session whose recovery fails keeps its marker for the next start.
+  // `foldedHere` names the sessions this run has counted itself: one of
+  // those whose saves failed leaves its marker unheld, and is left alone.
   static Result run(QEVMemoryStore& store, const std::optional<QEVUserGraph>& userGraphAtStart,
-                    const Fold& fold, const SaveUserGraph& saveUserGraph, std::stop_token stop);
+                    const Fold& fold, const SaveUserGraph& saveUserGraph,
+                    const std::function<bool(const QEVRUUID&)>& foldedHere, std::stop_token stop);
 };

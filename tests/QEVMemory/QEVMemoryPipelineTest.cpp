@@ -548,17 +548,19 @@ TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) 
   };
   auto save = [&](const QEVUserGraph& graph, std::uint64_t) { store->saveUserGraph(graph); };
   using Result = QEVMemoryRecovery::Result;
+  auto notHere = [](const QEVRUUID&) { return false; };
 
   auto held = store->lockSessionMarker(session, /*create=*/true);  // a live run's
   ASSERT_NE(held, nullptr);
-  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, {}), Result{});
+  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {}), Result{});
   EXPECT_EQ(folds, 0);
   held.reset();  // that run dies
-  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, {}), (Result{1, 0, 0}));
+  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {}),
+            (Result{1, 0, 0}));
   EXPECT_EQ(store->loadSessionGraphs().size(), 1u);
   EXPECT_TRUE(store->sessionMarkers().empty());
   files.reads = 0;
-  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, {}), Result{});
+  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {}), Result{});
   EXPECT_EQ(files.reads.load(), 0) << "nothing abandoned, nothing read";
   EXPECT_EQ(folds, 1);
 }

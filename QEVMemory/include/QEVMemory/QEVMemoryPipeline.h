@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <unordered_set>
 
 // Runs graph jobs on the system's background worker when it takes them, and
 // on a plain utility task otherwise, so a refused job runs anyway. A job the
@@ -140,4 +141,7 @@ class QEVR_API QEVMemoryPipeline : public std::enable_shared_from_this<QEVMemory
   std::uint64_t userGraphGeneration QEVR_GUARDED_BY(lock) = 0;
   // The open session's marker and saves; continuity with a store only.
   std::shared_ptr<QEVMemoryOpenSession> openSession QEVR_GUARDED_BY(lock);
+  // The sessions this pipeline counted itself, under continuity: its
+  // recovery must not count one again whose marker a failed save left.
+  std::unordered_set<QEVRUUID> foldedSessions QEVR_GUARDED_BY(lock);
 };
