@@ -5,6 +5,11 @@
 
 #include <QEVRPlatform/Tasks.h>
 
+#include <algorithm>
+#include <limits>
+#include <map>
+#include <set>
+
 QEVMemoryDiskScheduler::QEVMemoryDiskScheduler(BackgroundSubmit submit,
                                                std::chrono::milliseconds longestWait)
     : backgroundSubmit(std::move(submit)),
@@ -64,19 +69,72 @@ void QEVMemoryDiskScheduler::schedule(Job job) {
   if (!accepted) once->runOnPool(once);
 }
 
-// The user graphs of one pipeline are written in the order they were
-// built, whichever job gets to the disk first: a save that finds a later
-// graph already written writes nothing. `lock` is held for the write.
+// The user graphs of one pipeline reach the disk in the order they were
+// built, and only once every session they count has its fold recorded in
+// its marker. Graph jobs run side by side, and a later graph counts every
+// earlier fold: written while an earlier session's record is still
+// missing, it would let a recovery count that session a second time. A
+// graph that must wait is kept, and written by the settle that lets it
+// through; a graph older than the one on disk is not written at all.
 struct QEVMemoryPipeline::UserGraphSaves {
-  qevr::Mutex lock;
-  std::uint64_t written QEVR_GUARDED_BY(lock) = 0;
+  using WhenWritten = std::function<void()>;
 
-  void save(QEVMemoryStore& target, const QEVUserGraph& graph, std::uint64_t generation) {
-    qevr::MutexLock guard(lock);
-    if (generation <= written) return;
-    target.saveUserGraph(graph);
-    written = generation;
+  // The fold of `generation` needs a record before any graph counting it
+  // is written. Called as the fold is made; takes no lock held over I/O.
+  void expectRecord(std::uint64_t generation) {
+    qevr::MutexLock guard(stateLock);
+    unrecorded.insert(generation);
   }
+
+  // The fold of `generation` is recorded (or needed no record) and `graph`
+  // is the user graph right after it; `whenWritten` runs once a graph that
+  // counts it is on disk. Without a graph, its record could not be
+  // written, and this pipeline writes no user graph from that fold on.
+  // Throws when the write fails.
+  void settle(QEVMemoryStore& target, std::uint64_t generation, std::optional<QEVUserGraph> graph,
+              WhenWritten whenWritten) {
+    std::map<std::uint64_t, Ready> batch;
+    {
+      qevr::MutexLock guard(stateLock);
+      unrecorded.erase(generation);
+      if (!graph) {
+        refusedFrom = std::min(refusedFrom, generation);
+        ready.erase(ready.lower_bound(refusedFrom), ready.end());
+      } else if (generation < refusedFrom) {
+        ready.emplace(generation, Ready{std::move(*graph), std::move(whenWritten)});
+      }
+      const std::uint64_t limit =
+          unrecorded.empty() ? refusedFrom : std::min(refusedFrom, *unrecorded.begin());
+      while (!ready.empty() && ready.begin()->first < limit)
+        batch.insert(ready.extract(ready.begin()));
+    }
+    if (batch.empty()) return;
+    {
+      qevr::MutexLock guard(writeLock);
+      const auto& [newest, last] = *batch.rbegin();
+      if (newest > written) {
+        target.saveUserGraph(last.graph);
+        written = newest;
+      }
+    }
+    for (auto& [counted, entry] : batch) {
+      if (entry.whenWritten) entry.whenWritten();
+    }
+  }
+
+ private:
+  struct Ready {
+    QEVUserGraph graph;
+    WhenWritten whenWritten;
+  };
+
+  qevr::Mutex stateLock;  // guards the three below; never held over I/O
+  std::set<std::uint64_t> unrecorded QEVR_GUARDED_BY(stateLock);
+  std::map<std::uint64_t, Ready> ready QEVR_GUARDED_BY(stateLock);
+  std::uint64_t refusedFrom QEVR_GUARDED_BY(stateLock) = std::numeric_limits<std::uint64_t>::max();
+
+  qevr::Mutex writeLock;  // guards `written`; held over the write
+  std::uint64_t written QEVR_GUARDED_BY(writeLock) = 0;
 };
 
 namespace {
@@ -147,7 +205,9 @@ QEVMemoryPipeline::CompletedSession QEVMemoryPipeline::completeSessionLocked(
     const QEVSessionGraph& graph) {
   userGraphBuilder->merge(graph);
   if (datesSessionsByEvents && graph.sessionId) foldedSessions.insert(*graph.sessionId);
-  CompletedSession completed{graph, userGraphBuilder->build(), ++userGraphGeneration,
+  const std::uint64_t generation = ++userGraphGeneration;
+  if (openSession) userGraphSaves->expectRecord(generation);
+  CompletedSession completed{graph, userGraphBuilder->build(), generation,
                              std::exchange(openSession, nullptr)};
   sessionGraphBuilder = std::make_unique<QEVSessionGraphBuilder>();
   return completed;
@@ -156,10 +216,15 @@ QEVMemoryPipeline::CompletedSession QEVMemoryPipeline::completeSessionLocked(
 void QEVMemoryPipeline::saveCompleted(QEVMemoryStore& target, UserGraphSaves& userGraphs,
                                       const CompletedSession& done) {
   if (done.openSession) {
-    // The marker says what the user graph will count before it does; if
-    // that cannot be written, neither graph is, and the next start
-    // recovers the session from its chunks instead.
-    done.openSession->recordFold({done.userGraph.userId, done.userGraph.totalSessions});
+    // The marker says what the user graph will count before any user graph
+    // does; if that cannot be written, no graph counting the session is,
+    // and the next start recovers it from its chunks instead.
+    try {
+      done.openSession->recordFold({done.userGraph.userId, done.userGraph.totalSessions});
+    } catch (...) {
+      userGraphs.settle(target, done.generation, std::nullopt, nullptr);
+      throw;
+    }
   }
   // The session graph first; the user graph whether or not that failed.
   bool sessionSaved = false;
@@ -168,8 +233,11 @@ void QEVMemoryPipeline::saveCompleted(QEVMemoryStore& target, UserGraphSaves& us
     sessionSaved = true;
   } catch (...) {
   }
-  userGraphs.save(target, done.userGraph, done.generation);
-  if (done.openSession && sessionSaved) done.openSession->markComplete();
+  UserGraphSaves::WhenWritten complete;
+  if (done.openSession && sessionSaved) {
+    complete = [open = done.openSession] { open->markComplete(); };
+  }
+  userGraphs.settle(target, done.generation, done.userGraph, std::move(complete));
 }
 
 void QEVMemoryPipeline::persist(std::optional<CompletedSession> completed) {
@@ -233,15 +301,19 @@ void QEVMemoryPipeline::scheduleRecovery() {
     auto fold = [&self](const QEVSessionGraph& graph) {
       qevr::MutexLock guard(self->lock);
       self->userGraphBuilder->merge(graph);
-      return std::pair{self->userGraphBuilder->build(), ++self->userGraphGeneration};
+      const std::uint64_t generation = ++self->userGraphGeneration;
+      self->userGraphSaves->expectRecord(generation);
+      return std::pair{self->userGraphBuilder->build(), generation};
     };
-    auto save = [&self](const QEVUserGraph& graph, std::uint64_t generation) {
-      self->userGraphSaves->save(*self->store, graph, generation);
+    auto settle = [&self](std::uint64_t generation, std::optional<QEVUserGraph> graph,
+                          std::function<void()> whenWritten) {
+      self->userGraphSaves->settle(*self->store, generation, std::move(graph),
+                                   std::move(whenWritten));
     };
     auto foldedHere = [&self](const QEVRUUID& id) {
       qevr::MutexLock guard(self->lock);
       return self->foldedSessions.contains(id);
     };
-    QEVMemoryRecovery::run(*self->store, self->userGraphAtStart, fold, save, foldedHere, {});
+    QEVMemoryRecovery::run(*self->store, self->userGraphAtStart, fold, settle, foldedHere, {});
   });
 }

@@ -31,7 +31,7 @@ QEVSessionGraph graphOf(std::vector<QEVMemoryEvent>& events) {
 
 QEVMemoryRecovery::Result QEVMemoryRecovery::run(
     QEVMemoryStore& store, const std::optional<QEVUserGraph>& userGraphAtStart, const Fold& fold,
-    const SaveUserGraph& saveUserGraph, const std::function<bool(const QEVRUUID&)>& foldedHere,
+    const Settle& settle, const std::function<bool(const QEVRUUID&)>& foldedHere,
     std::stop_token stop) {
   Result result;
   // A marker that its run still holds (another live process, or an earlier
@@ -91,14 +91,37 @@ QEVMemoryRecovery::Result QEVMemoryRecovery::run(
         continue;
       }
       const QEVSessionGraph graph = graphOf(own);
-      const auto [userGraph, generation] = fold(graph);
+      auto [userGraph, generation] = fold(graph);
       const std::string text =
           QEVMemoryFoldRecord{userGraph.userId, userGraph.totalSessions}.toJSON();
-      marker->overwrite(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
-      store.saveSessionGraph(graph);
-      saveUserGraph(userGraph, generation);
-      marker->remove();
+      try {
+        marker->overwrite(
+            std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+      } catch (...) {
+        settle(generation, std::nullopt, nullptr);
+        throw;
+      }
       ++result.recovered;
+      bool graphSaved = false;
+      try {
+        store.saveSessionGraph(graph);
+        graphSaved = true;
+      } catch (...) {
+      }
+      // The marker goes once a user graph counting the session is on disk,
+      // which may be a later fold's, written by another job.
+      std::function<void()> tidy;
+      if (graphSaved) {
+        tidy = [held = std::shared_ptr<qevr::LockedFile>(std::move(marker))] {
+          try {
+            held->remove();
+          } catch (...) {
+            // Its record shows the session as counted: the next start
+            // only tidies it up.
+          }
+        };
+      }
+      settle(generation, std::move(userGraph), std::move(tidy));
     } catch (const QEVRCancellationError&) {
       throw;
     } catch (const std::exception&) {

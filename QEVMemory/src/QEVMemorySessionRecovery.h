@@ -15,10 +15,14 @@
 struct QEVMemoryRecovery {
   // Adds a recovered session to the user graph this run carries on, and
   // returns that graph right after it with its place in the order of saves.
+  // Every fold must then be settled.
   using Fold = std::function<std::pair<QEVUserGraph, std::uint64_t>(const QEVSessionGraph&)>;
-  // Writes such a user graph, unless a later one is already written.
-  // Throws when the write fails.
-  using SaveUserGraph = std::function<void(const QEVUserGraph&, std::uint64_t)>;
+  // The fold of that place is recorded in its marker, and the graph may be
+  // written once every earlier fold is recorded too; `whenWritten` runs
+  // once a user graph counting the session is on disk. Without a graph, the
+  // record could not be written. Throws when a write fails.
+  using Settle = std::function<void(std::uint64_t, std::optional<QEVUserGraph>,
+                                    std::function<void()> whenWritten)>;
 
   struct Result {
     int recovered = 0;       // rebuilt from their chunks and counted now
@@ -34,6 +38,6 @@ struct QEVMemoryRecovery {
   // `foldedHere` names the sessions this run has counted itself: one of
   // those whose saves failed leaves its marker unheld, and is left alone.
   static Result run(QEVMemoryStore& store, const std::optional<QEVUserGraph>& userGraphAtStart,
-                    const Fold& fold, const SaveUserGraph& saveUserGraph,
+                    const Fold& fold, const Settle& settle,
                     const std::function<bool(const QEVRUUID&)>& foldedHere, std::stop_token stop);
 };

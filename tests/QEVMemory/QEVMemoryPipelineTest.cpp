@@ -7,10 +7,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <map>
+#include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -546,7 +548,11 @@ TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) 
     builder.merge(graph);
     return std::pair{builder.build(), std::uint64_t{1}};
   };
-  auto save = [&](const QEVUserGraph& graph, std::uint64_t) { store->saveUserGraph(graph); };
+  auto save = [&](std::uint64_t, std::optional<QEVUserGraph> graph, std::function<void()> then) {
+    ASSERT_TRUE(graph.has_value());
+    store->saveUserGraph(*graph);
+    if (then) then();
+  };
   using Result = QEVMemoryRecovery::Result;
   auto notHere = [](const QEVRUUID&) { return false; };
 
@@ -563,6 +569,69 @@ TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) 
   EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {}), Result{});
   EXPECT_EQ(files.reads.load(), 0) << "nothing abandoned, nothing read";
   EXPECT_EQ(folds, 1);
+}
+
+// Holds the run's first chunk write until a user graph is written (or a
+// second has passed), so that a later session's graph job runs first; notes
+// whether the first session's marker held its record by then.
+class FirstChunkLast : public qevr::FileSystemWrapper {
+ public:
+  explicit FirstChunkLast(std::filesystem::path marker)
+      : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()), firstMarker(std::move(marker)) {}
+
+  void writeFileAtomically(const std::filesystem::path& p,
+                           std::span<const std::uint8_t> bytes) override {
+    {
+      std::unique_lock guard(mutex);
+      if (p.filename() == "graph.json") {
+        if (!recordedFirst) recordedFirst = std::filesystem::file_size(firstMarker) > 0;
+        wake.notify_all();
+      } else if (p.parent_path().filename() == "events" && !heldOne) {
+        heldOne = true;
+        wake.wait_for(guard, std::chrono::seconds(1), [&] { return recordedFirst.has_value(); });
+      }
+    }
+    FileSystemWrapper::writeFileAtomically(p, bytes);
+  }
+  std::optional<bool> firstRecordedBeforeUserGraph() {
+    std::unique_lock guard(mutex);
+    return recordedFirst;
+  }
+
+ private:
+  const std::filesystem::path firstMarker;
+  std::mutex mutex;  // guards the fields below
+  std::condition_variable wake;
+  bool heldOne = false;
+  std::optional<bool> recordedFirst;  // set at the first user graph write
+};
+
+// Graph jobs run side by side: a later session's user graph, which counts
+// the first session too, must wait for the first session's record.
+TEST(RecoveryTest, NoUserGraphCountsASessionBeforeItsMarkerSaysSo) {
+  TemporaryDirectory directory;
+  const std::filesystem::path root = directory.path / "Memory";
+  const QEVRUUID first = QEVRUUID::random();
+  FirstChunkLast files(root / "live" / (first.uuidString() + ".lock"));
+  auto store = std::make_shared<QEVFileMemoryStore>(root, files,
+                                                    std::make_shared<QEVLZFSECompressionEngine>());
+  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr);
+  auto pipeline =
+      std::make_shared<QEVMemoryPipeline>(std::make_shared<QEVMemoryEventStore>(), writer, store,
+                                          nullptr, QEVMemoryPipeline::Continuity{});
+  double at = 0;
+  for (const QEVRUUID session : {first, QEVRUUID::random()}) {
+    for (int i = 0; i < 3; ++i)
+      pipeline->persist(
+          pipeline->handle(observerEvent(Type::screenView, QEVRDate{at += 1}, session, {}, "S")));
+    pipeline->persist(
+        pipeline->handle(observerEvent(Type::sessionEnd, QEVRDate{at += 1}, session)));
+  }
+  pipeline->shutdown();
+  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  EXPECT_EQ(files.firstRecordedBeforeUserGraph(), std::optional<bool>(true));
+  EXPECT_EQ(store->loadUserGraph()->totalSessions, 2);
+  EXPECT_TRUE(store->sessionMarkers().empty());
 }
 
 // Power cuts at every write of a run, and again at a write of the recovery
