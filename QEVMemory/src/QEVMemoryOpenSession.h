@@ -6,10 +6,11 @@
 // open. A start that finds a marker nobody holds knows that the run that
 // wrote it died, and recovers the session from its chunks
 // (QEVMemorySessionRecovery). The marker goes once the session graph and a
-// user graph that counts the session are both on disk. Just before that
-// user graph is written, the marker records what it will count (a
-// QEVMemoryFoldRecord), so that a recovery after a crash in between can
-// tell whether the count landed, and no session is ever counted twice.
+// user graph that counts the session are both on disk. Before any user
+// graph that counts the session is written, the marker records what it
+// will count (a QEVMemoryFoldRecord), so that a recovery after a crash in
+// between can tell whether the count landed, and no session is ever
+// counted twice.
 //
 // The graphs wait for the session's chunks: the completion handed to
 // whenSavesDone runs only after every chunk save queued before it, so a
