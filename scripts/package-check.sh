@@ -46,8 +46,11 @@ for linkage in static shared; do
 done
 
 prefix="$work/prefix-shared"
-libdir="$(find "$prefix" -name 'libqevr.so' -printf '%h\n' | head -n1)"
-if ldd "$work/consumer-shared/qevr_consumer" | grep -q 'libqevr.so.0'; then
+libdir="$(find "$prefix" -name 'libqevr.so' -printf '%h\n' -quit)"
+# Read whole before matching: under pipefail, `grep -q` quitting early can
+# fail the pipeline with ldd's SIGPIPE although the line was there.
+loaded="$(ldd "$work/consumer-shared/qevr_consumer")"
+if grep -q 'libqevr.so.0' <<<"$loaded"; then
   echo "   the shared consumer loads libqevr.so.0"
 else
   echo "the shared consumer does not load libqevr.so.0" >&2
@@ -104,7 +107,8 @@ fi
 
 echo "== Debian package"
 (cd "$build" && cpack >/dev/null)
-deb="$(ls "$build"/packages/*.deb | head -n1)"
+debs=("$build"/packages/*.deb)
+deb="${debs[0]}"
 dpkg-deb -c "$deb" >"$work/deb-contents.txt"
 for wanted in libqevr.so.0 QEVRConfig.cmake qevr.pc QEVR/QEVR.h; do
   grep -q "$wanted" "$work/deb-contents.txt" || { echo "the package lacks $wanted" >&2; exit 1; }
