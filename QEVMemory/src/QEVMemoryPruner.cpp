@@ -261,7 +261,7 @@ void QEVMemoryPruner::remember(std::shared_ptr<const DateMemo> next) const {
 
 std::size_t QEVMemoryPruner::removeAbandonedTemporaries() const {
   std::size_t removed = 0;
-  for (const char* directory : {"events", "sessions", "user"}) {
+  for (const char* directory : {"events", "sessions", "user", "live"}) {
     removed += files.removeAbandonedTemporaries(root / directory);
   }
   return removed;
