@@ -53,9 +53,9 @@ class QEVR_API QEVMemoryPruner {
   QEVMemoryPruningSummary prune(const QEVMemoryOptions& options, std::stop_token stop = {}) const;
 
   // Removes what writes cut short by a crash left in events/, sessions/,
-  // user/ and live/ (where a new marker is made): their temporaries are outside every limit and nothing else would
-  // ever delete them. Writes still in progress keep theirs. Returns how many
-  // went; never throws.
+  // user/ and live/ (where a new marker is made): their temporaries are
+  // outside every limit and nothing else would ever delete them. Writes
+  // still in progress keep theirs. Returns how many went; never throws.
   std::size_t removeAbandonedTemporaries() const;
 
   const std::filesystem::path& rootDirectory() const { return root; }
