@@ -324,7 +324,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         return result;
       }).value();
 
-  const std::int64_t nowTicks = std::chrono::steady_clock::now().time_since_epoch().count();
+  const std::int64_t nowTicks = qevr::monotonicNow().time_since_epoch().count();
   std::int64_t last = lastRelease.load(std::memory_order_relaxed);
   const auto every =
       std::chrono::duration_cast<std::chrono::steady_clock::duration>(kReleaseAtLeastEvery).count();

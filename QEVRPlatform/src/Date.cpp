@@ -67,6 +67,10 @@ std::optional<int> digits(std::string_view text, std::size_t position, std::size
 
 }  // namespace
 
+std::chrono::steady_clock::time_point monotonicNow() {
+  return std::chrono::steady_clock::now();
+}
+
 const Clock& systemClock() {
   static const SystemClock* const clock = new SystemClock;  // never destroyed, as above
   return *clock;

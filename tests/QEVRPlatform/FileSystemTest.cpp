@@ -242,6 +242,21 @@ TEST_F(FileSystemTest, RemoveItemTakesTreesAndReportsMissing) {
   EXPECT_EQ(errnoOf([&] { files.removeItem(root / "x"); }), ENOENT);
 }
 
+TEST_F(FileSystemTest, MoveWithoutReplacingRefusesAnyTakenName) {
+  files.writeFileAtomically(root / "a", bytesOf("a"));
+  files.writeFileAtomically(root / "b", bytesOf("b"));
+  fs::create_symlink(root / "nowhere", root / "dangling");
+  for (const char* taken : {"b", "dangling"}) {
+    EXPECT_EQ(errnoOf([&] { files.moveWithoutReplacing(root / "a", root / taken); }), EEXIST)
+        << taken;
+  }
+  EXPECT_EQ(files.readFile(root / "b", 8), bytesOf("b"));
+  files.moveWithoutReplacing(root / "a", root / "c");
+  EXPECT_FALSE(files.exists(root / "a"));
+  EXPECT_EQ(files.readFile(root / "c", 8), bytesOf("a"));
+  EXPECT_EQ(errnoOf([&] { files.moveWithoutReplacing(root / "a", root / "d"); }), ENOENT);
+}
+
 TEST_F(FileSystemTest, ApplicationSupportOverrideWinsAndCanBeCleared) {
   const auto before = files.applicationSupportDirectory();
   qevr::setApplicationSupportDirectoryOverride(root);

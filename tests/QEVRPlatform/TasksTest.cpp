@@ -1,3 +1,4 @@
+#include <QEVRPlatform/Process.h>
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 
@@ -6,7 +7,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -294,6 +297,57 @@ TEST(TasksTest, WaitForIdleSeesEveryTaskFinished) {
   ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
   EXPECT_EQ(done.load(), 100);
   EXPECT_GE(qevr::taskPoolSize(), 2u);
+}
+
+// Another program, fed and read at once: a large input through cat must not
+// wait on a full pipe, and every way of not finishing says why.
+TEST(ProcessTest, RunsToTheEndOrSaysWhyNot) {
+  const std::string big(1 << 20, 'x');
+  struct Case {
+    const char* why;
+    std::string program;
+    std::vector<std::string> arguments;
+    std::string input;
+    qevr::ProcessLimits limits;
+    std::optional<int> status;
+    std::string output;
+    std::string failure;
+  };
+  const Case cases[] = {
+      {"echo", "cat", {}, big, {std::chrono::seconds(20), 2u << 20}, 0, big, ""},
+      {"exit status", "sh", {"-c", "exit 3"}, "", {}, 3, "", ""},
+      {"signal", "sh", {"-c", "kill -TERM $$"}, "", {}, 128 + 15, "", ""},
+      {"missing",
+       "qevr-no-such-program",
+       {},
+       "",
+       {},
+       std::nullopt,
+       "",
+       "qevr-no-such-program is not installed"},
+      {"timeout",
+       "sleep",
+       {"5"},
+       "",
+       {std::chrono::milliseconds(50), 1024},
+       std::nullopt,
+       "",
+       "sleep did not finish within 50 ms"},
+      {"too much",
+       "cat",
+       {},
+       big,
+       {std::chrono::seconds(20), 1000},
+       std::nullopt,
+       "",
+       "cat wrote more than 1000 bytes"},
+  };
+  for (const Case& c : cases) {
+    const qevr::ProcessResult run = qevr::runProcess(c.program, c.arguments, c.input, c.limits);
+    EXPECT_EQ(run.status, c.status) << c.why;
+    EXPECT_EQ(run.output == c.output, true) << c.why << ": " << run.output.size() << " bytes";
+    EXPECT_EQ(run.failure, c.failure) << c.why;
+  }
 }
 
 }  // namespace

@@ -7,22 +7,12 @@
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/FileSystem.h>
 
-#include <stdio.h>
-
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
-
-#if defined(__APPLE__)
-#include <sys/stat.h>
-#else
-#include <fcntl.h>
-#endif
 
 namespace fs = std::filesystem;
 
@@ -122,27 +112,6 @@ void printReport(std::ostream& out, const fs::path& root, const Findings& findin
       << "\n";
 }
 
-// Renames `from` to `to` unless something is at `to` already, in one step,
-// so that a quarantined file is never replaced.
-void moveWithoutReplacing(const fs::path& from, const fs::path& to) {
-#if defined(__APPLE__)
-  const int result = ::renamex_np(from.c_str(), to.c_str(), RENAME_EXCL);
-#else
-  int result = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
-  if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
-    // A file system without the flag: test, then rename. Only another
-    // doctor at the same moment could slip in between.
-    std::error_code ignored;
-    if (fs::exists(fs::symlink_status(to, ignored))) {
-      errno = EEXIST;
-    } else {
-      result = ::rename(from.c_str(), to.c_str());
-    }
-  }
-#endif
-  if (result != 0) throw std::system_error(errno, std::generic_category(), "rename");
-}
-
 // Moves one damaged entry below `quarantine`, keeping its relative path.
 // Returns where it went.
 fs::path quarantineEntry(const fs::path& root, const fs::path& quarantine,
@@ -153,7 +122,7 @@ fs::path quarantineEntry(const fs::path& root, const fs::path& quarantine,
     fs::path candidate = target;
     if (suffix > 0) candidate += "." + std::to_string(suffix);
     try {
-      moveWithoutReplacing(root / relative, candidate);
+      qevr::FileSystem::defaultFileSystem().moveWithoutReplacing(root / relative, candidate);
       return candidate;
     } catch (const std::system_error& e) {
       if (e.code() != std::errc::file_exists) throw;

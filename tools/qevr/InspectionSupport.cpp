@@ -2,19 +2,21 @@
 
 #include "StoreReader.h"
 
+#include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Json.h>
 
 #include <algorithm>
-#include <fstream>
+#include <cstdint>
 #include <iostream>
 #include <iterator>
-#include <sstream>
+#include <system_error>
+#include <vector>
 
 namespace {
 
 // Inspection inputs are exported records: far below the JSON parser's own
 // cap, which is a backstop rather than a sensible limit for a tool.
-constexpr std::streamsize kMaxInputBytes = 64 * 1024 * 1024;
+constexpr std::uint64_t kMaxInputBytes = 64 * 1024 * 1024;
 
 }  // namespace
 
@@ -88,14 +90,14 @@ std::string readInputFile(const std::string& path) {
   }
   std::error_code error;
   if (std::filesystem::is_directory(path, error)) throw InspectionError(path + ": is a directory");
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw InspectionError(path + ": cannot be opened");
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  content = buffer.str();
-  if (content.size() > static_cast<std::size_t>(kMaxInputBytes)) {
-    throw InspectionError(path + ": larger than 64 MiB");
+  std::vector<std::uint8_t> bytes;
+  try {
+    bytes = qevr::FileSystem::defaultFileSystem().readFile(path, kMaxInputBytes);
+  } catch (const std::system_error& e) {
+    if (e.code() == std::errc::file_too_large) throw InspectionError(path + ": larger than 64 MiB");
+    throw InspectionError(path + ": cannot be opened");
   }
+  content.assign(bytes.begin(), bytes.end());
   return content;
 }
 

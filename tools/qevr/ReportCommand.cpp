@@ -6,19 +6,19 @@
 #include "report/ReportPage.h"
 
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
+#include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationsGenerator.h>
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <fstream>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 
 namespace fs = std::filesystem;
 using namespace report;
@@ -241,22 +241,10 @@ bool isInside(const fs::path& file, const fs::path& directory) {
 // Written beside the target and renamed over it, so a reader never sees
 // half a page.
 void writeAtomically(const fs::path& target, const std::string& content) {
-  const fs::path temporary =
-      target.string() + ".tmp-" + std::to_string(static_cast<long>(::getpid()));
-  {
-    std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-    file.write(content.data(), static_cast<std::streamsize>(content.size()));
-    file.close();
-    if (!file) {
-      std::error_code ignored;
-      fs::remove(temporary, ignored);
-      throw std::runtime_error(target.string() + ": cannot be written");
-    }
-  }
-  std::error_code error;
-  fs::rename(temporary, target, error);
-  if (error) {
-    fs::remove(temporary, error);
+  try {
+    qevr::FileSystem::defaultFileSystem().writeFileAtomically(
+        target, std::span(reinterpret_cast<const std::uint8_t*>(content.data()), content.size()));
+  } catch (const std::exception&) {
     throw std::runtime_error(target.string() + ": cannot be written");
   }
 }

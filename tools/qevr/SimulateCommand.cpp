@@ -1,6 +1,7 @@
 #include "SimulateCommand.h"
 
 #include <QEVR/QEVR.h>
+#include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
 
@@ -75,7 +76,7 @@ int runSimulateCommand(const std::vector<std::string>& given, std::ostream& out,
   SimulatedUser user(*seed);
   std::mt19937_64 lengths(*seed ^ 0x5EED);
   std::uint64_t done = 0, accepted = 0, sessions = 0;
-  const auto began = std::chrono::steady_clock::now();
+  const auto began = qevr::monotonicNow();
   while (done < *events) {
     const std::uint64_t length = std::min<std::uint64_t>(*events - done, 50 + lengths() % 400);
     QEVR::start(configuration);
@@ -84,8 +85,7 @@ int runSimulateCommand(const std::vector<std::string>& given, std::ostream& out,
     done += length;
     ++sessions;
   }
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  const double seconds = std::chrono::duration<double>(qevr::monotonicNow() - began).count();
   if (!qevr::waitForBackgroundIdle(std::chrono::minutes(10))) {
     err << "qevr simulate: background work did not finish within 10 minutes\n";
     return 1;

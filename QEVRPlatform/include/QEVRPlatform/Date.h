@@ -11,6 +11,7 @@
 #include <QEVRPlatform/Export.h>
 
 #include <atomic>
+#include <chrono>
 #include <compare>
 #include <memory>
 #include <optional>
@@ -52,6 +53,10 @@ QEVR_API const Clock& systemClock();
 // or systemClock(). Any thread; no lock is taken while the system clock is
 // in use.
 QEVR_API QEVRDate now();
+
+// A time that only ever moves forward, for deadlines and for how long ago
+// something happened; never a date, and no ManualClock moves it. Any thread.
+QEVR_API std::chrono::steady_clock::time_point monotonicNow();
 
 // Installs `clock` as the process clock; nullptr restores the system clock.
 // Any thread. A now() running concurrently reads either clock; the clock

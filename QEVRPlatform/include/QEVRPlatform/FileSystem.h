@@ -129,6 +129,13 @@ class QEVR_API FileSystem {
   // does not exist is an error (ENOENT).
   virtual void removeItem(const std::filesystem::path& path);
 
+  // Renames `from` to `to` in one step unless something is at `to` already,
+  // which fails with EEXIST and leaves both as they were. On a file system
+  // that cannot refuse in the same step, `to` is tested first; only another
+  // process renaming to `to` at that very moment could slip in between.
+  virtual void moveWithoutReplacing(const std::filesystem::path& from,
+                                    const std::filesystem::path& to);
+
   // Opens `path` and locks it without waiting. With `create`, a missing file
   // is made (0600, its directory must exist) already locked, so that no
   // other opening can lock it first, and its directory is flushed, so that
@@ -177,6 +184,10 @@ class QEVR_API FileSystemWrapper : public FileSystem {
     return base.removeAbandonedTemporaries(directory);
   }
   void removeItem(const std::filesystem::path& p) override { base.removeItem(p); }
+  void moveWithoutReplacing(const std::filesystem::path& from,
+                            const std::filesystem::path& to) override {
+    base.moveWithoutReplacing(from, to);
+  }
   std::unique_ptr<LockedFile> tryLockFile(const std::filesystem::path& p, bool create) override {
     return base.tryLockFile(p, create);
   }

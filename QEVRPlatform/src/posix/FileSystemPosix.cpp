@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -448,6 +449,24 @@ void FileSystem::removeItem(const fs::path& path) {
   std::error_code error;
   fs::remove_all(path, error);
   if (error) throw std::system_error(error, "remove " + path.string());
+}
+
+void FileSystem::moveWithoutReplacing(const fs::path& from, const fs::path& to) {
+#if defined(__APPLE__)
+  const int result = ::renamex_np(from.c_str(), to.c_str(), RENAME_EXCL);
+#else
+  int result = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+  if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
+    // The file system has no such flag: test, then rename.
+    struct stat st {};
+    if (::lstat(to.c_str(), &st) == 0) {
+      errno = EEXIST;
+    } else {
+      result = ::rename(from.c_str(), to.c_str());
+    }
+  }
+#endif
+  if (result != 0) throwErrno(errno, "rename", from);
 }
 
 }  // namespace qevr

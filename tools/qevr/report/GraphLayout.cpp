@@ -1,20 +1,12 @@
 #include "GraphLayout.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <QEVRPlatform/Process.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <numeric>
 #include <sstream>
-
-extern char** environ;
 
 namespace report {
 
@@ -412,111 +404,19 @@ std::optional<GraphLayout> layoutFromDotPlain(std::string_view plain, const Layo
   return layout;
 }
 
-namespace {
-
-// Owns a file descriptor.
-struct Descriptor {
-  int fd = -1;
-  ~Descriptor() { reset(); }
-  void reset() {
-    if (fd >= 0) ::close(fd);
-    fd = -1;
-  }
-};
-
-}  // namespace
-
 std::optional<GraphLayout> dotLayout(const LayoutInput& input, const DotRunLimits& limits,
                                      std::string& failure) {
-  const std::string source = dotSourceFor(input);
-  ::signal(SIGPIPE, SIG_IGN);
-
-  int in[2], out[2];
-  if (::pipe2(in, O_CLOEXEC) != 0) {
-    failure = std::string("pipe: ") + std::strerror(errno);
+  const qevr::ProcessResult run = qevr::runProcess("dot", {"-Tplain"}, dotSourceFor(input),
+                                                   {limits.timeout, limits.maxOutputBytes});
+  if (!run.status) {
+    failure = run.failure;
     return std::nullopt;
   }
-  Descriptor inRead{in[0]}, inWrite{in[1]};
-  if (::pipe2(out, O_CLOEXEC) != 0) {
-    failure = std::string("pipe: ") + std::strerror(errno);
+  if (*run.status != 0) {
+    failure = "dot failed with status " + std::to_string(*run.status);
     return std::nullopt;
   }
-  Descriptor outRead{out[0]}, outWrite{out[1]};
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, inRead.fd, 0);
-  posix_spawn_file_actions_adddup2(&actions, outWrite.fd, 1);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  char program[] = "dot";
-  char format[] = "-Tplain";
-  char* argv[] = {program, format, nullptr};
-  pid_t pid = -1;
-  const int spawned = ::posix_spawnp(&pid, program, &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) {
-    failure = spawned == ENOENT ? "dot is not installed"
-                                : std::string("cannot run dot: ") + std::strerror(spawned);
-    return std::nullopt;
-  }
-  inRead.reset();
-  outWrite.reset();
-  ::fcntl(inWrite.fd, F_SETFL, ::fcntl(inWrite.fd, F_GETFL) | O_NONBLOCK);
-  ::fcntl(outRead.fd, F_SETFL, ::fcntl(outRead.fd, F_GETFL) | O_NONBLOCK);
-
-  // Write and read at once: dot may start writing before it has read all
-  // of a large graph, and neither side may block on a full pipe.
-  const auto deadline = std::chrono::steady_clock::now() + limits.timeout;
-  std::string output;
-  std::size_t written = 0;
-  bool killed = false;
-  while (outRead.fd >= 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      failure = "dot did not finish within " + std::to_string(limits.timeout.count()) + " ms";
-      killed = true;
-      break;
-    }
-    pollfd fds[2] = {{outRead.fd, POLLIN, 0}, {inWrite.fd, POLLOUT, 0}};
-    const nfds_t count = inWrite.fd >= 0 ? 2 : 1;
-    if (::poll(fds, count, static_cast<int>(left.count())) < 0) {
-      if (errno == EINTR) continue;
-      failure = std::string("poll: ") + std::strerror(errno);
-      killed = true;
-      break;
-    }
-    if (count == 2 && fds[1].revents != 0) {
-      const ssize_t n = ::write(inWrite.fd, source.data() + written, source.size() - written);
-      if (n > 0) written += static_cast<std::size_t>(n);
-      if ((n < 0 && errno != EAGAIN && errno != EINTR) || written == source.size()) inWrite.reset();
-    }
-    if (fds[0].revents != 0) {
-      char buffer[16384];
-      const ssize_t n = ::read(outRead.fd, buffer, sizeof buffer);
-      if (n > 0) {
-        if (output.size() + static_cast<std::size_t>(n) > limits.maxOutputBytes) {
-          failure = "dot wrote more than " + std::to_string(limits.maxOutputBytes) + " bytes";
-          killed = true;
-          break;
-        }
-        output.append(buffer, static_cast<std::size_t>(n));
-      } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
-        outRead.reset();
-      }
-    }
-  }
-  if (killed) ::kill(pid, SIGKILL);
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (killed) return std::nullopt;
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    failure = "dot failed with status " +
-              std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
-    return std::nullopt;
-  }
-  auto layout = layoutFromDotPlain(output, input);
+  auto layout = layoutFromDotPlain(run.output, input);
   if (!layout) failure = "dot's output could not be read";
   return layout;
 }
