@@ -11,6 +11,22 @@
 // The public face of memory. Works whether or not the module runs: each
 // disk operation uses the override store or builds one of its own. Each
 // asynchronous operation comes blocking (with a stop token) and as ...Async.
+//
+// Threads and costs: every call may be made from any thread, concurrently.
+// options, configure, setContinuity and continuity only take a lock. The
+// other calls read (or, clearMemory, remove) the whole store: they block
+// the calling thread for as long as that takes (a full 25 MB store is
+// about a second of CPU on a desktop core), run part of the work on the
+// library's task pool meanwhile, and belong off the UI thread. Their ...Async forms
+// run on the pool and return at once.
+//
+// Errors: the blocking forms throw, and the futures rethrow,
+// QEVRCancellationError once `stop` is requested;
+// QEVFileMemoryStoreError(applicationSupportUnavailable) when no data
+// directory can be found; the error of the first stored file that does
+// not decode (qevr::json::DecodingError, QEVCompressionError or
+// QEVFileMemoryStoreError); and std::system_error, with errno and the
+// path, for a failed file operation.
 namespace QEVR::Memory {
 QEVR_API QEVMemoryOptions options();
 // Takes effect at the next pruning run; starts none.

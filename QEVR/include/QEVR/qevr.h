@@ -26,7 +26,10 @@
  *   per thread. The lifecycle calls (qevr_start, qevr_pause, qevr_resume,
  *   qevr_shutdown) run every module's step on the calling thread and return
  *   when it is done. The observer calls run on the calling thread (the
- *   host's UI or game thread, typically) and are cheap. The memory,
+ *   host's UI or game thread, typically) and do their work in memory,
+ *   about a microsecond; a host that gets 16 chunks (1,600 events) ahead of
+ *   the disk is paused in the call until only 4 are left, and if that takes
+ *   over 200 ms the call saves one chunk itself. The memory,
  *   analysis and generate calls block the calling thread on disk reads and
  *   computation (generate also uses the library's task pool); call them off
  *   the UI thread and pass a qevr_cancel_token to abandon them early.
