@@ -13,7 +13,7 @@ QEVIntelligenceAnalyzers::QEVIntelligenceAnalyzers(
 
 QEVIntelligenceAnalyzers::QEVIntelligenceAnalyzers(
     std::shared_ptr<const QEVMemoryIntelligenceSnapshotProviding> source, Options options) {
-  std::function<QEVRDate()> now = options.now;
+  std::function<QEVRDate()> now = std::move(options.now);
   if (!now) now = [] { return qevr::now(); };
   QEVIntelligenceContextBuilder builder;
   builder.memorySnapshotProvider = std::move(source);

@@ -151,6 +151,7 @@ std::string redactIntelligenceText(std::string_view text) {
       "password", "token", "secret", "auth", "authorization", "cookie", "email", "phone"};
   static const std::vector<RegexReplacer> secrets = [] {
     std::vector<RegexReplacer> compiled;
+    compiled.reserve(kWords.size());
     for (std::string_view word : kWords) {
       compiled.push_back(
           RegexReplacer::compile("(?i)\\b" + std::string(word) + "\\b\\s*[:=]\\s*[^,\\n;]+"));

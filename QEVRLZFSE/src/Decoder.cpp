@@ -106,13 +106,13 @@ void readV1Header(const std::uint8_t* p, LzfseBlockHeader& h) {
   h.nLiteralPayloadBytes = detail::load32(p + 20);
   h.nLmdPayloadBytes = detail::load32(p + 24);
   h.literalBits = static_cast<std::int32_t>(detail::load32(p + 28));
-  for (int i = 0; i < 4; ++i)
+  for (std::size_t i = 0; i < 4; ++i)
     h.literalState[i] = detail::load16(p + 32 + 2 * i);
   h.lmdBits = static_cast<std::int32_t>(detail::load32(p + 40));
   h.lState = detail::load16(p + 44);
   h.mState = detail::load16(p + 46);
   h.dState = detail::load16(p + 48);
-  for (int i = 0; i < detail::kFrequencyCount; ++i)
+  for (std::size_t i = 0; i < static_cast<std::size_t>(detail::kFrequencyCount); ++i)
     h.freq[i] = detail::load16(p + 50 + 2 * i);
 }
 

@@ -33,8 +33,8 @@ constexpr std::uint32_t kBlockLiteralLimit = detail::kMaxLiteralsPerBlock - 16;
 // again (and split) in the next steps; and literal runs longer than this
 // with no match in sight are flushed in pieces.
 constexpr std::size_t kGoodEnoughMatch = 40;
-constexpr std::size_t kMaxMatchLength = 100 * kMaxM;
-constexpr std::size_t kMaxPendingLiterals = 8 * kMaxL;
+constexpr std::size_t kMaxMatchLength = std::size_t{100} * kMaxM;
+constexpr std::size_t kMaxPendingLiterals = std::size_t{8} * kMaxL;
 
 // Value -> symbol maps for L and M, and the symbol of a D value.
 template <std::size_t N, std::size_t S>

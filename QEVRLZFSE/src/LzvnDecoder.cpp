@@ -30,9 +30,8 @@ constexpr std::array<OpKind, 256> makeOpKinds() {
       k = kEndOfStream;
     } else if (b == 0x0E || b == 0x16) {
       k = kNop;
-    } else if ((b & 7) == 6 && b < 0x40) {
-      k = kUndefined;  // 0x1E..0x3E: "previous distance" without literals
-    } else if ((b >= 0x70 && b <= 0x7F) || (b >= 0xD0 && b <= 0xDF)) {
+    } else if (((b & 7) == 6 && b < 0x40) ||  // 0x1E..0x3E: "previous distance" without literals
+               (b >= 0x70 && b <= 0x7F) || (b >= 0xD0 && b <= 0xDF)) {
       k = kUndefined;
     } else if (b >= 0xA0 && b <= 0xBF) {
       k = kMediumDistance;

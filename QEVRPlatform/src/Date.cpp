@@ -50,8 +50,8 @@ std::int64_t unixSecondsOfCivil(int year, unsigned month, unsigned day, int hour
                                 int second) {
   const std::chrono::sys_days days{std::chrono::year{year} / std::chrono::month{month} /
                                    std::chrono::day{day}};
-  return static_cast<std::int64_t>(days.time_since_epoch().count()) * 86400 + hour * 3600 +
-         minute * 60 + second;
+  return static_cast<std::int64_t>(days.time_since_epoch().count()) * 86400 +
+         std::int64_t{hour} * 3600 + std::int64_t{minute} * 60 + second;
 }
 
 // Reads exactly `width` ASCII digits at text[position].

@@ -16,7 +16,7 @@ namespace {
 // buffers (over ten bytes per byte of capacity) between calls; larger
 // ones get a parser of their own, so that one large file leaves nothing
 // behind. Records and graphs are well below this size.
-constexpr std::size_t kReusableParserCapacityBytes = 64 * 1024;
+constexpr std::size_t kReusableParserCapacityBytes = std::size_t{64} * 1024;
 
 // Below this many members, a linear scan finds duplicate keys faster than
 // a hash map can be built.

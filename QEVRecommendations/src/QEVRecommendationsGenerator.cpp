@@ -128,12 +128,12 @@ QEVRecommendationsGenerator::QEVRecommendationsGenerator(
     QEVPersonalizationEngine engine, std::shared_ptr<QEVRecommendationCache> cache)
     : contextBuilder(std::move(builder)),
       memorySnapshotProvider(std::move(snapshotProvider)),
-      personalizationEngine(std::move(engine)),
+      personalizationEngine(engine),
       resultCache(std::move(cache)) {}
 
 QEVRecommendationsGenerator QEVRecommendationsGenerator::withSources(
     std::shared_ptr<const QEVRecommendationIntelligenceProviding> intelligenceProvider,
-    std::shared_ptr<const QEVRecommendationMemorySnapshotProviding> memorySnapshotProvider,
+    const std::shared_ptr<const QEVRecommendationMemorySnapshotProviding>& memorySnapshotProvider,
     std::shared_ptr<QEVRecommendationCache> cache, QEVRecommendationContextBuilder::Clock now) {
   return QEVRecommendationsGenerator(
       QEVRecommendationContextBuilder(std::move(intelligenceProvider), memorySnapshotProvider,

@@ -16,7 +16,7 @@ namespace {
 
 // Inspection inputs are exported records: far below the JSON parser's own
 // cap, which is a backstop rather than a sensible limit for a tool.
-constexpr std::uint64_t kMaxInputBytes = 64 * 1024 * 1024;
+constexpr std::uint64_t kMaxInputBytes = std::uint64_t{64} * 1024 * 1024;
 
 }  // namespace
 

@@ -57,6 +57,7 @@ bool mentions(const std::string& text, const std::string& id) {
 std::vector<ReportCount> topCounts(const std::unordered_map<std::string, std::int64_t>& counts,
                                    std::size_t limit, std::size_t& leftOut) {
   std::vector<ReportCount> rows;
+  rows.reserve(counts.size());
   for (const auto& [name, count] : counts)
     rows.push_back({name, count, false});
   std::sort(rows.begin(), rows.end(), [](const ReportCount& a, const ReportCount& b) {
@@ -160,6 +161,7 @@ void fillFlow(ReportModel& model, const std::vector<std::pair<QEVSessionGraph, b
     if (key.first) weight[*key.first] += count;
   }
   std::vector<std::string> screens;
+  screens.reserve(weight.size());
   for (const auto& [screen, w] : weight)
     screens.push_back(screen);
   std::stable_sort(screens.begin(), screens.end(),

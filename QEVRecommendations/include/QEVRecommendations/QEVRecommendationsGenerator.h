@@ -34,7 +34,7 @@ class QEVR_API QEVRecommendationsGenerator {
   // generation from fixed values this way.
   static QEVRecommendationsGenerator withSources(
       std::shared_ptr<const QEVRecommendationIntelligenceProviding> intelligenceProvider,
-      std::shared_ptr<const QEVRecommendationMemorySnapshotProviding> memorySnapshotProvider,
+      const std::shared_ptr<const QEVRecommendationMemorySnapshotProviding>& memorySnapshotProvider,
       std::shared_ptr<QEVRecommendationCache> cache,
       QEVRecommendationContextBuilder::Clock now = [] { return qevr::now(); });
 

@@ -106,7 +106,7 @@ GraphLayout builtinLayout(const LayoutInput& input) {
     for (std::size_t e = 0; e < m; ++e) {
       const LayoutEdge& edge = input.edges[e];
       if (!valid(edge) || edge.from == edge.to) continue;
-      reversed[e] = depth[edge.to] != depth[edge.from] + 1;
+      reversed[e] = depth[edge.to] != depth[edge.from] + 1 ? 1 : 0;
     }
   }
 

@@ -48,7 +48,8 @@ std::string durationText(const std::optional<double>& seconds) {
 
 std::string bytesText(std::uint64_t bytes) {
   if (bytes < 1024) return std::to_string(bytes) + " B";
-  if (bytes < 1024 * 1024) return fixed(static_cast<double>(bytes) / 1024, 1) + " KiB";
+  if (bytes < std::uint64_t{1024} * 1024)
+    return fixed(static_cast<double>(bytes) / 1024, 1) + " KiB";
   return fixed(static_cast<double>(bytes) / (1024 * 1024), 1) + " MiB";
 }
 
