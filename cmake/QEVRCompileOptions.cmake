@@ -64,10 +64,6 @@ endfunction()
 function(qevr_module name)
   cmake_parse_arguments(M "" "" "DEPS;PRIVATE_DEPS" ${ARGN})
   file(GLOB _srcs CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/src/*.cpp")
-  if(NOT _srcs)
-    message(STATUS "${name}: no sources yet, target skipped")
-    return()
-  endif()
   add_library(${name} STATIC ${_srcs})
   target_include_directories(${name}
     PUBLIC "$<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>"

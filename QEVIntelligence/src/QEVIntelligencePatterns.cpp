@@ -1,9 +1,9 @@
 #include "QEVIntelligencePatterns.h"
 
+#include <QEVRPlatform/Saturating.h>
 #include <QEVRPlatform/Text.h>
 
 #include <charconv>
-#include <limits>
 
 std::vector<std::string_view> splitOnceAtColon(std::string_view line) {
   std::vector<std::string_view> pieces;
@@ -64,13 +64,6 @@ std::vector<std::pair<std::string, std::int64_t>> parsePatternCounts(
   return counts;
 }
 
-std::int64_t saturatingAdd(std::int64_t a, std::int64_t b) {
-  std::int64_t sum = 0;
-  if (!__builtin_add_overflow(a, b, &sum)) return sum;
-  return b > 0 ? std::numeric_limits<std::int64_t>::max()
-               : std::numeric_limits<std::int64_t>::min();
-}
-
 std::int64_t weightedCount(const std::vector<std::pair<std::string, std::int64_t>>& counts,
                            std::span<const std::string_view> words) {
   std::int64_t total = 0;
@@ -78,7 +71,7 @@ std::int64_t weightedCount(const std::vector<std::pair<std::string, std::int64_t
     const std::string lowered = qevr::text::lowercased(name);
     for (std::string_view word : words) {
       if (contains(lowered, word)) {
-        total = saturatingAdd(total, count);
+        total = qevr::saturatingAdd(total, count);
         break;
       }
     }

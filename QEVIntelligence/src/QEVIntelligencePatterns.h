@@ -37,6 +37,3 @@ std::int64_t weightedCount(const std::vector<std::pair<std::string, std::int64_t
 inline bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
-
-// a + b, held at the 64-bit limits.
-std::int64_t saturatingAdd(std::int64_t a, std::int64_t b);

@@ -1,5 +1,6 @@
 #include "QEVSkillAnalyzer.h"
 
+#include <QEVRPlatform/Saturating.h>
 #include <QEVRPlatform/Text.h>
 
 #include "QEVIntelligencePatterns.h"
@@ -45,8 +46,8 @@ QEVSkillAnalysis QEVSkillAnalyzer::deterministicAnalysis(const QEVIntelligenceCo
   const auto custom = parsePatternCounts(context.customEventPatterns);
   const auto components = parsePatternCounts(context.componentPatterns);
   const std::int64_t success = weightedCount(custom, kSuccessWords);
-  const std::int64_t failures =
-      saturatingAdd(weightedCount(custom, kFailureWords), weightedCount(components, kRetryWord));
+  const std::int64_t failures = qevr::saturatingAdd(weightedCount(custom, kFailureWords),
+                                                    weightedCount(components, kRetryWord));
   const std::int64_t expert = weightedCount(components, kExpertWords);
 
   const std::string corpus = qevr::text::lowercased(

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/Saturating.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -15,9 +16,7 @@ using CountMap = std::unordered_map<std::string, std::int64_t>;
 // Adds a count read from a file to a total. Files may hold any 64-bit
 // value, so the sum sticks at the limit it passes instead of overflowing.
 inline void addSaturating(std::int64_t& total, std::int64_t amount) {
-  if (__builtin_add_overflow(total, amount, &total)) {
-    total = amount < 0 ? INT64_MIN : INT64_MAX;
-  }
+  total = saturatingAdd(total, amount);
 }
 
 // A map of names to counts, as a JSON object.

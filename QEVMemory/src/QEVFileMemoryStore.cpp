@@ -1,7 +1,9 @@
 #include <QEVMemory/QEVMemoryStore.h>
 
 #include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/JsonFiles.h>
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRPlatform/Text.h>
 
 #include <algorithm>
 #include <exception>
@@ -14,6 +16,7 @@ namespace fs = std::filesystem;
 using qevr::json::Decoder;
 using qevr::json::DecodingError;
 using qevr::json::Writer;
+using qevr::text::asText;
 
 namespace {
 
@@ -23,13 +26,8 @@ constexpr const char* kUserDirectory = "user";
 constexpr const char* kUserGraphFile = "graph.json";
 constexpr const char* kLiveDirectory = "live";
 constexpr const char* kMarkerExtension = ".lock";
-
-// An empty vector may have no buffer at all; the JSON reader is never
-// handed a null pointer, even with a length of 0.
-std::string_view asText(const std::vector<std::uint8_t>& bytes) {
-  if (bytes.empty()) return std::string_view("", 0);
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
+// Chunks and session graphs load in file-name order.
+constexpr qevr::ListingOrder kLoadOrder = qevr::ListingOrder::byName;
 
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
@@ -64,19 +62,6 @@ auto runFileWork(const std::stop_token& stop, F&& body) {
                             return body();
                           })
       .value();
-}
-
-// The "*.json" children of `directory`, sorted by file name; none when the
-// directory is absent. The extension test is case-sensitive, so "X.JSON"
-// and the writer's ".tmp" temporaries are left alone.
-std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
-  if (!files.exists(directory)) return {};
-  std::vector<fs::path> found = files.listDirectory(directory);
-  std::erase_if(found, [](const fs::path& p) { return p.extension() != ".json"; });
-  std::sort(found.begin(), found.end(), [](const fs::path& a, const fs::path& b) {
-    return a.filename().native() < b.filename().native();
-  });
-  return found;
 }
 
 void writeJSON(qevr::FileSystem& files, const fs::path& target, std::string_view json) {
@@ -188,8 +173,10 @@ void QEVFileMemoryStore::writeEventChunk(const QEVMemoryEventChunk& chunk) {
 std::vector<QEVMemoryEventChunk> QEVFileMemoryStore::loadEventChunks(std::stop_token stop) {
   return runFileWork(stop, [&] {
     std::vector<QEVMemoryEventChunk> chunks;
-    for (const fs::path& file : jsonFilesIn(files, root / kEventsDirectory)) {
-      const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    const fs::path directory = root / kEventsDirectory;
+    for (const qevr::DirectoryEntry& file : qevr::jsonFilesIn(files, directory, kLoadOrder)) {
+      const std::vector<std::uint8_t> bytes =
+          files.readFile(directory / file.name, kQEVMemoryMaxFileBytes);
       chunks.push_back(decodeStoredChunkFile(asText(bytes), *engine));
     }
     return chunks;
@@ -210,8 +197,10 @@ void QEVFileMemoryStore::saveSessionGraph(const QEVSessionGraph& graph, std::sto
 std::vector<QEVSessionGraph> QEVFileMemoryStore::loadSessionGraphs(std::stop_token stop) {
   return runFileWork(stop, [&] {
     std::vector<QEVSessionGraph> graphs;
-    for (const fs::path& file : jsonFilesIn(files, root / kSessionsDirectory)) {
-      const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+    const fs::path directory = root / kSessionsDirectory;
+    for (const qevr::DirectoryEntry& file : qevr::jsonFilesIn(files, directory, kLoadOrder)) {
+      const std::vector<std::uint8_t> bytes =
+          files.readFile(directory / file.name, kQEVMemoryMaxFileBytes);
       graphs.push_back(QEVSessionGraph::fromJSON(asText(bytes)));
     }
     return graphs;
@@ -317,10 +306,12 @@ bool QEVFileMemoryStore::hasSessionGraph(const QEVRUUID& sessionId) {
 std::size_t QEVFileMemoryStore::forEachEventChunk(
     const std::function<void(QEVMemoryEventChunk&&)>& visit) {
   std::size_t skipped = 0;
-  for (const fs::path& file : jsonFilesIn(files, root / kEventsDirectory)) {
+  const fs::path directory = root / kEventsDirectory;
+  for (const qevr::DirectoryEntry& file : qevr::jsonFilesIn(files, directory, kLoadOrder)) {
     std::optional<QEVMemoryEventChunk> chunk;
     try {
-      const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+      const std::vector<std::uint8_t> bytes =
+          files.readFile(directory / file.name, kQEVMemoryMaxFileBytes);
       chunk = decodeStoredChunkFile(asText(bytes), *engine);
     } catch (const std::exception&) {
       ++skipped;  // gone since the listing, or damaged: doctor's business

@@ -2,8 +2,11 @@
 
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVMemory/QEVMemoryStore.h>
+#include <QEVRPlatform/JsonFiles.h>
 #include <QEVRPlatform/Log.h>
+#include <QEVRPlatform/Saturating.h>
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRPlatform/Text.h>
 
 #include <algorithm>
 #include <chrono>
@@ -41,32 +44,8 @@ constexpr std::uint64_t kBytesPerMB = 1'048'576;
 // start nor its end, so that such a graph is the first to go.
 constexpr QEVRDate kDistantPast{-63'114'076'800.0};
 
-// An empty vector may have no buffer at all; the JSON reader is never
-// handed a null pointer, even with a length of 0.
-std::string_view asText(const std::vector<std::uint8_t>& bytes) {
-  if (bytes.empty()) return std::string_view("", 0);
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 std::int64_t atLeastZero(std::int64_t value) {
   return std::max<std::int64_t>(value, 0);
-}
-
-std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
-  return b > std::numeric_limits<std::uint64_t>::max() - a
-             ? std::numeric_limits<std::uint64_t>::max()
-             : a + b;
-}
-
-// The "*.json" children of `directory` in listing order; none when it is
-// absent. Sub-directories' contents are never looked at.
-// Each comes with its identity, taken as it was listed.
-std::vector<qevr::DirectoryEntry> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
-  if (!files.exists(directory)) return {};
-  std::vector<qevr::DirectoryEntry> found = files.listDirectoryWithIdentities(directory);
-  std::erase_if(
-      found, [](const qevr::DirectoryEntry& e) { return fs::path(e.name).extension() != ".json"; });
-  return found;
 }
 
 bool identityLess(const qevr::FileIdentity& a, const qevr::FileIdentity& b) {
@@ -122,7 +101,7 @@ class DateReader {
         entry.identity ? entry.identity->size : files.fileSize(file).value_or(0);
     const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
     bytesRead += bytes.size();
-    const QEVRDate date = decode(asText(bytes));
+    const QEVRDate date = decode(qevr::text::asText(bytes));
     // Only bytes known to belong to one identity are remembered: a file
     // replaced while it was read is read again next time.
     if (before && files.fileIdentity(file) == before) keep(*before, date);
@@ -163,8 +142,11 @@ std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& r
   const QEVLZFSECompressionEngine engine;
   const fs::path events = root / "events";
   const fs::path sessions = root / "sessions";
-  std::vector<qevr::DirectoryEntry> chunkFiles = jsonFilesIn(files, events);
-  std::vector<qevr::DirectoryEntry> sessionFiles = jsonFilesIn(files, sessions);
+  // Listing order: ties in the passes below keep it.
+  std::vector<qevr::DirectoryEntry> chunkFiles =
+      qevr::jsonFilesIn(files, events, qevr::ListingOrder::asListed);
+  std::vector<qevr::DirectoryEntry> sessionFiles =
+      qevr::jsonFilesIn(files, sessions, qevr::ListingOrder::asListed);
   // Sized once: grown by doubling, the largest buffers of a run would be
   // copied and freed between the short-lived ones of the decoding.
   std::vector<Candidate> all;
@@ -230,7 +212,7 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
   for (std::size_t i = 0; i < all.size(); ++i) {
     if (marked[i]) continue;
     remaining.push_back(i);
-    total = saturatingAdd(total, all[i].byteCount);
+    total = qevr::saturatingAdd(total, all[i].byteCount);
   }
   std::stable_sort(remaining.begin(), remaining.end(),
                    [&](std::size_t a, std::size_t b) { return all[a].date < all[b].date; });
@@ -318,7 +300,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
           if (!files.exists(file)) continue;
           const std::uint64_t size = files.fileSize(file).value_or(0);
           files.removeItem(file);
-          result.freedBytes = saturatingAdd(result.freedBytes, size);
+          result.freedBytes = qevr::saturatingAdd(result.freedBytes, size);
           ++(all[i].kind == Kind::event ? result.deletedEventChunks : result.deletedSessionGraphs);
         }
         return result;

@@ -4,6 +4,7 @@
 
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRPlatform/Text.h>
 
 #include <algorithm>
 #include <map>
@@ -53,8 +54,7 @@ QEVMemoryRecovery::Result QEVMemoryRecovery::run(
   try {
     for (auto& [id, marker] : abandoned) {
       const std::vector<std::uint8_t> bytes = marker->read(kMaxMarkerBytes);
-      auto record = QEVMemoryFoldRecord::parse(
-          std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+      auto record = QEVMemoryFoldRecord::parse(qevr::text::asText(bytes));
       if (record && !(userGraphAtStart && record->isCountedIn(*userGraphAtStart))) {
         marker->overwrite({});
         record.reset();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QEVRPlatform/Json.h>
+#include <QEVRPlatform/Saturating.h>
 #include <QEVRPlatform/Text.h>
 
 #include <algorithm>
@@ -26,14 +27,7 @@ inline std::string trimmed(std::string_view text) {
 }
 
 // Counts come from files on disk: sums saturate rather than overflow.
-inline std::int64_t saturatingAdd(std::int64_t a, std::int64_t b) {
-  std::int64_t out = 0;
-  if (__builtin_add_overflow(a, b, &out)) {
-    return b > 0 ? std::numeric_limits<std::int64_t>::max()
-                 : std::numeric_limits<std::int64_t>::min();
-  }
-  return out;
-}
+using qevr::saturatingAdd;
 
 // Calls `visit(cluster, firstCodePoint)` for each user-perceived character
 // of `text`. A character is classified by its first code point, so a letter

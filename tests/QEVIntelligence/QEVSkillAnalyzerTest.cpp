@@ -1,3 +1,5 @@
+#include <QEVRPlatform/Saturating.h>
+
 #include <gtest/gtest.h>
 
 #include "IntelligenceTestSupport.h"
@@ -114,7 +116,7 @@ TEST(QEVSkillAnalyzerTest, FourRulesFiredGiveTheHighestConfidence) {
 TEST(QEVSkillAnalyzerTest, CountsSaturateInsteadOfOverflowing) {
   AnalyzerRig rig({.customEvents = {{"success_a", INT64_MAX}, {"success_b", INT64_MAX}}});
   EXPECT_EQ(rig.analyzers.skillAnalyzer.analyze(std::nullopt).skillLevel, Level::advanced);
-  EXPECT_EQ(saturatingAdd(INT64_MIN, -1), INT64_MIN);
+  EXPECT_EQ(qevr::saturatingAdd<std::int64_t>(INT64_MIN, -1), INT64_MIN);
 }
 
 TEST(QEVSkillAnalyzerTest, TheDomainChangesTheKeyNotTheResult) {

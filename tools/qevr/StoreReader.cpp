@@ -3,7 +3,9 @@
 #include "InspectionSupport.h"
 
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVRPlatform/JsonFiles.h>
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRPlatform/Text.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -31,22 +33,19 @@ class ReadOnlyFileSystem final : public qevr::FileSystemWrapper {
 };
 
 // Same selection and order as the file store: "*.json" by file name.
-std::vector<fs::path> jsonFilesIn(qevr::FileSystem& files, const fs::path& directory) {
-  if (!files.exists(directory)) return {};
-  std::vector<fs::path> found = files.listDirectory(directory);
-  std::erase_if(found, [](const fs::path& p) { return p.extension() != ".json"; });
-  std::sort(found.begin(), found.end(), [](const fs::path& a, const fs::path& b) {
-    return a.filename().native() < b.filename().native();
-  });
-  return found;
+std::vector<fs::path> storedFilesIn(qevr::FileSystem& files, const fs::path& directory) {
+  std::vector<fs::path> paths;
+  for (const qevr::DirectoryEntry& entry :
+       qevr::jsonFilesIn(files, directory, qevr::ListingOrder::byName)) {
+    paths.push_back(directory / entry.name);
+  }
+  return paths;
 }
 
 template <typename Decode>
 auto readAndDecode(qevr::FileSystem& files, const fs::path& file, Decode decode) {
   const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
-  return decode(bytes.empty()
-                    ? std::string_view("", 0)
-                    : std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+  return decode(qevr::text::asText(bytes));
 }
 
 template <typename Decode>
@@ -102,7 +101,7 @@ std::shared_ptr<ReadOnlyMemoryStore> ReadOnlyMemoryStore::open(
 
 std::vector<QEVMemoryEventChunk> ReadOnlyMemoryStore::loadEventChunks(std::stop_token stop) {
   std::vector<QEVMemoryEventChunk> chunks;
-  for (const fs::path& file : jsonFilesIn(*files, root / "events")) {
+  for (const fs::path& file : storedFilesIn(*files, root / "events")) {
     qevr::checkCancellation(stop);
     chunks.push_back(decodeFile(*files, file, [this](std::string_view text) {
       return decodeStoredChunkFile(text, *engine);
@@ -113,7 +112,7 @@ std::vector<QEVMemoryEventChunk> ReadOnlyMemoryStore::loadEventChunks(std::stop_
 
 std::vector<QEVSessionGraph> ReadOnlyMemoryStore::loadSessionGraphs(std::stop_token stop) {
   std::vector<QEVSessionGraph> graphs;
-  for (const fs::path& file : jsonFilesIn(*files, root / "sessions")) {
+  for (const fs::path& file : storedFilesIn(*files, root / "sessions")) {
     qevr::checkCancellation(stop);
     graphs.push_back(decodeFile(
         *files, file, [](std::string_view text) { return QEVSessionGraph::fromJSON(text); }));
@@ -161,7 +160,7 @@ std::vector<StoreEntryCheck> ReadOnlyMemoryStore::checkEntries(std::stop_token s
   // A directory the pruner cannot list stops it as a damaged file does.
   auto filesIn = [&](const char* name) -> std::vector<fs::path> {
     try {
-      return jsonFilesIn(*files, root / name);
+      return storedFilesIn(*files, root / name);
     } catch (const std::exception& e) {
       checks.push_back({name, Kind::directory, 0, failureText(e, root / name), std::nullopt});
       return {};

@@ -8,14 +8,11 @@
 #include "AnalyzeCommand.h"
 #include "DemoCommand.h"
 #include "DoctorCommand.h"
+#include "LzfseCommand.h"
 #include "RecommendCommand.h"
 #include "ReportCommand.h"
 #include "SimulateCommand.h"
 #include "SnapshotCommand.h"
-#if __has_include("LzfseCommand.h")
-#include "LzfseCommand.h"
-#define QEVR_TOOL_HAS_LZFSE 1
-#endif
 
 namespace {
 
@@ -39,11 +36,8 @@ void printUsage(std::ostream& out) {
          "                                  1 damaged or damaged and fixed, 3 not all fixed)\n"
          "  report [--data-dir DIR] -o FILE [--domain D] [--layout dot|builtin]\n"
          "                                  a self-contained HTML page of a store (read-only)\n"
-#ifdef QEVR_TOOL_HAS_LZFSE
          "  lzfse compress|decompress [--block] IN OUT\n"
-         "                                  convert a file to or from the compressed format\n"
-#endif
-      ;
+         "                                  convert a file to or from the compressed format\n";
 }
 
 }  // namespace
@@ -67,9 +61,7 @@ int main(int argc, char** argv) {
   if (command == "doctor") return runDoctorCommand(rest, std::cout, std::cerr);
   if (command == "snapshot") return runSnapshotCommand(rest, std::cout, std::cerr);
   if (command == "report") return runReportCommand(rest, std::cout, std::cerr);
-#ifdef QEVR_TOOL_HAS_LZFSE
   if (command == "lzfse") return runLzfseCommand(rest, std::cout, std::cerr);
-#endif
   std::cerr << "qevr: unknown command '" << command << "'\n";
   printUsage(std::cerr);
   return 2;

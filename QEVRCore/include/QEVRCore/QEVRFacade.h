@@ -6,13 +6,10 @@
 #pragma once
 
 #include <QEVRCore/QEVRConfiguration.h>
+#include <QEVRCore/Version.h>  // QEVR::version
 #include <QEVRPlatform/Export.h>
 
-#include <string_view>
-
 namespace QEVR {
-
-inline constexpr std::string_view version = "0.1.0";
 
 // True only in `running`; false while paused.
 QEVR_API bool isRunning();

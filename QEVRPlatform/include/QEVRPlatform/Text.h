@@ -14,12 +14,22 @@
 #include <QEVRPlatform/Export.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qevr::text {
+
+// The bytes of a file as text, unchecked. An empty vector may have no buffer
+// at all; its view still points at a string, so that a reader is never
+// handed a null pointer, even with a length of 0.
+inline std::string_view asText(const std::vector<std::uint8_t>& bytes) {
+  if (bytes.empty()) return std::string_view("", 0);
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
 
 // True when `text` is well-formed UTF-8 (no overlong forms, no surrogates,
 // nothing above U+10FFFF).
