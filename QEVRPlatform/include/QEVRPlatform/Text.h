@@ -27,7 +27,7 @@ namespace qevr::text {
 // at all; its view still points at a string, so that a reader is never
 // handed a null pointer, even with a length of 0.
 inline std::string_view asText(const std::vector<std::uint8_t>& bytes) {
-  if (bytes.empty()) return std::string_view("", 0);
+  if (bytes.empty()) return std::string_view("");
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
