@@ -1,4 +1,4 @@
-#include <QEVMemory/QEVMemoryChunkWriter.h>
+#include "QEVMemoryChunkWriter.h"
 
 #include <QEVRPlatform/Tasks.h>
 

@@ -1,4 +1,4 @@
-#include <QEVMemory/QEVMemoryInFlightGate.h>
+#include "QEVMemoryInFlightGate.h"
 
 #include <algorithm>
 #include <mutex>

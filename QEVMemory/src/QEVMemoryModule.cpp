@@ -1,6 +1,9 @@
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVMemory/QEVMemoryModule.h>
 
+#include "QEVMemoryChunkWriter.h"
+#include "QEVMemoryPipeline.h"
+
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRPlatform/FutureTask.h>
 #include <QEVRPlatform/Log.h>

@@ -20,12 +20,12 @@
 // marker's own small file writes, never while a completion runs.
 #pragma once
 
-#include <QEVMemory/QEVMemoryChunkWriter.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVMemory/QEVUserGraph.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include <QEVRPlatform/UUID.h>
+#include "QEVMemoryChunkWriter.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,4 +1,4 @@
-#include <QEVMemory/QEVMemoryPipeline.h>
+#include "QEVMemoryPipeline.h"
 
 #include "QEVMemoryOpenSession.h"
 #include "QEVMemorySessionRecovery.h"

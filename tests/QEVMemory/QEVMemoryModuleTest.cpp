@@ -19,6 +19,7 @@
 #include <limits>
 
 #include "MemoryTestSupport.h"
+#include "QEVMemoryChunkWriter.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include <QEVMemory/QEVMemoryChunkWriter.h>
-#include <QEVMemory/QEVMemoryPipeline.h>
 #include <QEVRPlatform/Tasks.h>
+#include "QEVMemoryChunkWriter.h"
+#include "QEVMemoryPipeline.h"
 
 #include <gtest/gtest.h>
 

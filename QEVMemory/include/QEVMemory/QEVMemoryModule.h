@@ -2,11 +2,9 @@
 // runtime that holds its options.
 #pragma once
 
-#include <QEVMemory/QEVMemoryChunkWriter.h>
 #include <QEVMemory/QEVMemoryFacade.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 #include <QEVMemory/QEVMemoryOptions.h>
-#include <QEVMemory/QEVMemoryPipeline.h>
 #include <QEVMemory/QEVMemoryPruner.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVObserver/QEVObserverEventDispatcher.h>
@@ -20,6 +18,10 @@
 #include <optional>
 #include <stdexcept>
 #include <stop_token>
+
+class QEVMemoryChunkWriter;
+class QEVMemoryEventStore;
+class QEVMemoryPipeline;
 
 class QEVR_API QEVMemoryModuleError : public std::runtime_error {
  public:

@@ -2,7 +2,6 @@
 // producer when the pool falls behind.
 #pragma once
 
-#include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 
 #include <atomic>
@@ -20,7 +19,7 @@
 // Thread safety: every member may be called from any thread. `lock` guards
 // no field: it orders a waiter's test of the count against the wake-up that
 // follows a decrement, so that no wake-up is lost.
-class QEVR_API QEVMemoryInFlightGate {
+class QEVMemoryInFlightGate {
  public:
   static constexpr std::chrono::milliseconds defaultLongestWait{200};
   // The count at which a paced thread goes on.

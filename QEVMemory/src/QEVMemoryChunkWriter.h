@@ -3,13 +3,12 @@
 #pragma once
 
 #include <QEVMemory/QEVMemoryEvent.h>
-#include <QEVMemory/QEVMemoryInFlightGate.h>
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVMemory/QEVMemoryPruner.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVObserver/QEVObserverEvent.h>
-#include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
+#include "QEVMemoryInFlightGate.h"
 
 #include <atomic>
 #include <chrono>
@@ -23,7 +22,7 @@
 
 // Converts observer events and numbers them from 1, one process-lifetime
 // counter per module. Thread-safe.
-class QEVR_API QEVMemoryEventStore {
+class QEVMemoryEventStore {
  public:
   // The converted event with the next sequence number.
   std::optional<QEVMemoryEvent> record(const QEVObserverEvent& event);
@@ -54,7 +53,7 @@ class QEVR_API QEVMemoryEventStore {
 // without closedAt, to be saved under the chunk's own name; the closed chunk
 // later replaces that file. Saves of such a chunk are ordered: a copy with
 // fewer events never replaces one with more.
-class QEVR_API QEVMemoryChunkWriter {
+class QEVMemoryChunkWriter {
  public:
   using OptionsProvider = std::function<QEVMemoryOptions()>;
 

@@ -4,14 +4,13 @@
 // as background jobs.
 #pragma once
 
-#include <QEVMemory/QEVMemoryChunkWriter.h>
-#include <QEVMemory/QEVMemoryInFlightGate.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVMemory/QEVSessionGraph.h>
 #include <QEVMemory/QEVUserGraph.h>
 #include <QEVRCore/QEVRModule.h>
-#include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
+#include "QEVMemoryChunkWriter.h"
+#include "QEVMemoryInFlightGate.h"
 
 #include <atomic>
 #include <chrono>
@@ -27,7 +26,7 @@
 // Jobs in flight pass through a QEVMemoryInFlightGate, so a burst of short
 // sessions cannot queue without bound: past maxPendingJobs the caller waits
 // for the pool, and runs the job itself only if that wait times out.
-class QEVR_API QEVMemoryDiskScheduler {
+class QEVMemoryDiskScheduler {
  public:
   using BackgroundSubmit = std::function<bool(QEVRBackgroundOperation)>;
   using Job = std::function<void()>;
@@ -56,7 +55,7 @@ class QEVR_API QEVMemoryDiskScheduler {
 
 class QEVMemoryOpenSession;
 
-class QEVR_API QEVMemoryPipeline : public std::enable_shared_from_this<QEVMemoryPipeline> {
+class QEVMemoryPipeline : public std::enable_shared_from_this<QEVMemoryPipeline> {
  public:
   struct CompletedSession {
     QEVSessionGraph sessionGraph;
