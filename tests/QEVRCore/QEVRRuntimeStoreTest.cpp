@@ -14,9 +14,11 @@
 #include <thread>
 
 #include "RecordingModule.h"
+#include "ThrowsMessage.h"
 
 namespace {
 
+using qevr::testing::throwsWithMessage;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using S = QEVRLifecycleState;
@@ -173,16 +175,8 @@ TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
   second->onStart = [](const QEVRModuleContext&) { throw std::runtime_error("second failed"); };
   store().logger().setMinimumLevel(QEVRLogLevel::warning);
 
-  EXPECT_THROW(
-      {
-        try {
-          QEVR::start(configuration());
-        } catch (const std::runtime_error& e) {
-          EXPECT_STREQ(e.what(), "second failed");
-          throw;
-        }
-      },
-      std::runtime_error);
+  EXPECT_THAT([] { QEVR::start(configuration()); },
+              throwsWithMessage<std::runtime_error>("second failed"));
   EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "first.shutdown"));
   EXPECT_EQ(QEVR::lifecycleState(), S::notStarted);
   EXPECT_EQ(store().dependencyContainer().count(), 0u);
@@ -227,12 +221,9 @@ TEST_F(RuntimeStoreTest, RollbackShutsDownEveryStartedModuleEvenWhenOneThrows) {
   addModule("third")->onStart = [](const QEVRModuleContext&) {
     throw std::runtime_error("third failed");
   };
-  try {
-    QEVR::start(configuration());
-    FAIL() << "start succeeded";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "third failed");  // the start's error, not the rollback's
-  }
+  // The start's error, not the rollback's.
+  EXPECT_THAT([] { QEVR::start(configuration()); },
+              throwsWithMessage<std::runtime_error>("third failed"));
   EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start",
                                           "second.shutdown", "first.shutdown"));
   EXPECT_EQ(QEVR::lifecycleState(), S::notStarted);
