@@ -5,8 +5,9 @@
 // cancellation" means calling checkCancellation(token), which throws
 // QEVRCancellationError once stop was requested.
 //
-// Background work runs on one bounded, process-wide pool (about one thread
-// per core, never a thread per task) with one queue per priority. A task is
+// Background work runs on an executor (Executor.h). Unless told otherwise it
+// is the default one: a bounded, process-wide pool (about one thread per
+// core, never a thread per task) with one queue per priority. A task is
 // either detached (fire and forget, with a handle that can cancel it) or a
 // child of a stop token, whose cancellation it inherits.
 //
@@ -20,7 +21,7 @@
 // task runs the child itself if it is still queued, and so on down. Waiting
 // therefore never deadlocks on the pool, however small it is: every task
 // that someone waits for is either running on some thread or run by its
-// waiter.
+// waiter. Every executor keeps these rules.
 //
 // Thread safety: every function here may be called from any thread.
 #pragma once
@@ -46,6 +47,8 @@ class QEVR_API QEVRCancellationError : public std::exception {
 
 namespace qevr {
 
+class Executor;
+
 // Scheduling priority of background work; higher runs first.
 enum class TaskPriority { background, utility, medium, high };
 
@@ -57,8 +60,9 @@ namespace detail {
 // Where a task is in its life.
 enum class TaskStage { queued, running, finished };
 
-// Shared state of one task: its stop source and where it stands.
-// `stage` and `blockedWaiters` are guarded by the pool's lock (Tasks.cpp).
+// Shared state of one task: its stop source, its executor and where it
+// stands. `stage` and `blockedWaiters` are guarded by the lock of the
+// executor the task was scheduled on.
 class QEVR_API TaskStateBase {
  public:
   explicit TaskStateBase(TaskPriority p) : priority(p) {}
@@ -66,10 +70,12 @@ class QEVR_API TaskStateBase {
   TaskStateBase(const TaskStateBase&) = delete;
   TaskStateBase& operator=(const TaskStateBase&) = delete;
 
-  // Runs the body once; called by the pool. Never throws.
+  // Runs the body once; called by the executor. Never throws.
   virtual void run() noexcept = 0;
 
   const TaskPriority priority;
+  // Where the task was scheduled; set once, before it is queued.
+  Executor* executor = nullptr;
   std::stop_source stopSource;
   // Carries a parent's cancellation into this task while the task lives.
   std::unique_ptr<std::stop_callback<std::function<void()>>> parentLink;
@@ -110,8 +116,8 @@ class TaskState final : public ResultState<R> {
   std::optional<F> body;
 };
 
-// Queues a task on the pool.
-QEVR_API void enqueue(std::shared_ptr<TaskStateBase> state);
+// Queues a task on `executor`.
+QEVR_API void schedule(Executor& executor, std::shared_ptr<TaskStateBase> state);
 // Blocks until `state` has finished; runs it here if it has not started.
 QEVR_API void waitFor(TaskStateBase& state);
 QEVR_API bool isFinished(const TaskStateBase& state);
@@ -177,19 +183,20 @@ auto makeTaskState(TaskPriority priority, F&& body) {
 template <typename F>
 using TaskResultOf = std::invoke_result_t<std::decay_t<F>&, std::stop_token>;
 
-// Starts `body(stop_token)` on the pool as a detached task.
+// Starts `body(stop_token)` on `executor` as a detached task.
 template <typename F>
-Task<TaskResultOf<F>> detachTask(TaskPriority priority, F&& body) {
+Task<TaskResultOf<F>> detachTask(Executor& executor, TaskPriority priority, F&& body) {
   auto state = detail::makeTaskState(priority, std::forward<F>(body));
   Task<TaskResultOf<F>> task(state);
-  detail::enqueue(std::move(state));
+  detail::schedule(executor, std::move(state));
   return task;
 }
 
-// Starts `body(stop_token)` on the pool as a child of `parent`: a stop
+// Starts `body(stop_token)` on `executor` as a child of `parent`: a stop
 // requested on `parent`, before or after this call, reaches the child.
 template <typename F>
-Task<TaskResultOf<F>> childTask(TaskPriority priority, const std::stop_token& parent, F&& body) {
+Task<TaskResultOf<F>> childTask(Executor& executor, TaskPriority priority,
+                                const std::stop_token& parent, F&& body) {
   auto state = detail::makeTaskState(priority, std::forward<F>(body));
   if (parent.stop_possible()) {
     std::weak_ptr<detail::TaskStateBase> weak = state;
@@ -199,8 +206,21 @@ Task<TaskResultOf<F>> childTask(TaskPriority priority, const std::stop_token& pa
         }));
   }
   Task<TaskResultOf<F>> task(state);
-  detail::enqueue(std::move(state));
+  detail::schedule(executor, std::move(state));
   return task;
+}
+
+// The process-wide pool (see Executor.h).
+QEVR_API Executor& defaultExecutor();
+
+// The same on the default executor.
+template <typename F>
+Task<TaskResultOf<F>> detachTask(TaskPriority priority, F&& body) {
+  return detachTask(defaultExecutor(), priority, std::forward<F>(body));
+}
+template <typename F>
+Task<TaskResultOf<F>> childTask(TaskPriority priority, const std::stop_token& parent, F&& body) {
+  return childTask(defaultExecutor(), priority, parent, std::forward<F>(body));
 }
 
 // Number of threads in the pool.
@@ -214,8 +234,8 @@ struct TaskPoolLoad {
 };
 QEVR_API TaskPoolLoad taskPoolLoad();
 
-// Waits until no background task is queued or running, for tools and tests.
-// Returns false on time-out. Must not be called from inside a task.
+// Waits until no task of the pool is queued or running, for tools and
+// benchmarks. Returns false on time-out. Must not be called from a task.
 QEVR_API bool waitForBackgroundIdle(std::chrono::milliseconds timeout);
 
 }  // namespace qevr
