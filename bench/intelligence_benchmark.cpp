@@ -4,8 +4,8 @@
 // snapshot comes from memory, so disk stays out of the figures.
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVMemory/QEVSessionGraph.h>
 #include <QEVMemory/QEVUserGraph.h>
 #include <QEVRPlatform/FileSystem.h>

@@ -10,7 +10,7 @@
 #include <QEVObserver/QEVObserverFacade.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
@@ -74,7 +74,7 @@ class RunningSystem {
   explicit RunningSystem(bool disk = true)
       : silent(std::make_shared<SilentSink>()), dir(disk ? temporaryDirectory() : fs::path()) {
     if (disk) qevr::setApplicationSupportDirectoryOverride(dir);
-    auto& registry = QEVRRuntimeStore::shared().moduleRegistry();
+    auto& registry = QEVRModuleRegistry::shared();
     registry.removeAll();
     registry.registerModule(QEVObserverIntegration::makeModule());
     registry.registerModule(QEVMemoryIntegration::makeModule());
@@ -87,7 +87,7 @@ class RunningSystem {
   ~RunningSystem() {
     QEVR::shutdown();
     qevr::waitForBackgroundIdle(std::chrono::minutes(10));
-    QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+    QEVRModuleRegistry::shared().removeAll();
     qevr::setApplicationSupportDirectoryOverride(std::nullopt);
     std::error_code ignored;
     if (!dir.empty()) fs::remove_all(dir, ignored);

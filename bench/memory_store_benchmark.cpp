@@ -15,11 +15,11 @@
 //   cost and the cold run its baseline. The run happens on a pool thread, so
 //   CPU is the whole process's: on a shared machine it is the steadier of
 //   the two figures.
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryPruner.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Log.h>
+#include "QEVMemoryPruner.h"
 
 #include <benchmark/benchmark.h>
 

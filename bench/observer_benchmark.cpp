@@ -4,7 +4,7 @@
 #include <QEVObserver/QEVObserverFacade.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Log.h>
 
 #include <benchmark/benchmark.h>
@@ -61,7 +61,7 @@ enum class Mode { refusedBeforeStart, acceptedNoSink, acceptedCountingSink };
 class ObserverSetup {
  public:
   explicit ObserverSetup(Mode mode) : silent(std::make_shared<SilentSink>()) {
-    auto& registry = QEVRRuntimeStore::shared().moduleRegistry();
+    auto& registry = QEVRModuleRegistry::shared();
     registry.removeAll();
     if (mode == Mode::refusedBeforeStart) return;
     registry.registerModule(QEVObserverIntegration::makeModule());
@@ -75,7 +75,7 @@ class ObserverSetup {
   }
   ~ObserverSetup() {
     QEVR::shutdown();
-    QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+    QEVRModuleRegistry::shared().removeAll();
   }
   std::shared_ptr<CountingSink> sink = std::make_shared<CountingSink>();
 

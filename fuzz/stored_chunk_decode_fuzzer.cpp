@@ -12,8 +12,8 @@
 // them. The engine itself accepts up to 64 MiB, which a few hundred input
 // bytes can declare; decoding that much JSON on every such input would only
 // measure the allocator.
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/Json.h>
 
 #include <cstddef>

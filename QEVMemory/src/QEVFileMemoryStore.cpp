@@ -1,4 +1,4 @@
-#include <QEVMemory/QEVMemoryStore.h>
+#include <QEVMemory/QEVFileMemoryStore.h>
 
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/JsonFiles.h>

@@ -4,11 +4,12 @@
 
 #include <QEVMemory/QEVMemoryEvent.h>
 #include <QEVMemory/QEVMemoryOptions.h>
-#include <QEVMemory/QEVMemoryPruner.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVObserver/QEVObserverEvent.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include "QEVMemoryInFlightGate.h"
+#include "QEVMemoryPruner.h"
+#include "QEVMemoryQueuedPruneRun.h"
 
 #include <atomic>
 #include <chrono>

@@ -3,6 +3,9 @@
 
 #include "QEVMemoryChunkWriter.h"
 #include "QEVMemoryPipeline.h"
+#include "QEVMemoryPruner.h"
+#include "QEVMemoryQueuedPruneRun.h"
+#include "QEVMemoryRuntime.h"
 
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRPlatform/FutureTask.h>
@@ -12,43 +15,6 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
-
-QEVMemoryRuntime& QEVMemoryRuntime::shared() {
-  // Leaked on purpose: background tasks read the options during exit.
-  static QEVMemoryRuntime* runtime = new QEVMemoryRuntime;
-  return *runtime;
-}
-
-QEVMemoryOptions QEVMemoryRuntime::activeOptions() const {
-  qevr::MutexLock guard(lock);
-  return options;
-}
-
-void QEVMemoryRuntime::setActiveOptions(const QEVMemoryOptions& newOptions) {
-  qevr::MutexLock guard(lock);
-  options = newOptions;
-}
-
-void QEVMemoryRuntime::setDiagnosticsStoreOverride(std::shared_ptr<QEVMemoryStore> store) {
-  std::shared_ptr<QEVMemoryStore> old;
-  qevr::MutexLock guard(lock);
-  old = std::exchange(storeOverride, std::move(store));
-}
-
-std::shared_ptr<QEVMemoryStore> QEVMemoryRuntime::diagnosticsStoreOverride() const {
-  qevr::MutexLock guard(lock);
-  return storeOverride;
-}
-
-bool QEVMemoryRuntime::continuity() const {
-  qevr::MutexLock guard(lock);
-  return isContinuityEnabled;
-}
-
-void QEVMemoryRuntime::setContinuity(bool enabled) {
-  qevr::MutexLock guard(lock);
-  isContinuityEnabled = enabled;
-}
 
 namespace QEVMemoryIntegration {
 
@@ -94,7 +60,8 @@ QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore
     : events(std::move(eventStore)),
       memoryStore(std::move(stack.store)),
       chunkWriter(std::move(stack.writer)),
-      pruner(std::move(stack.pruner)) {}
+      pruner(std::move(stack.pruner)),
+      startRun(std::make_shared<QEVMemoryQueuedPruneRun>()) {}
 
 namespace {
 
@@ -164,7 +131,7 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
   }
   if (continuing) started->scheduleRecovery();
   if (pruner) {
-    startRun.request([runner = pruner](std::stop_token stop) {
+    startRun->request([runner = pruner](std::stop_token stop) {
       runner->removeAbandonedTemporaries();
       runner->prune(QEVMemoryRuntime::shared().activeOptions(), stop);
     });
@@ -205,91 +172,3 @@ void QEVMemoryModule::receive(const QEVObserverEvent& event) {
   if (!current) return;
   current->persist(current->handle(event));
 }
-
-namespace {
-
-std::shared_ptr<QEVMemoryStore> resolveStore() {
-  if (auto store = QEVMemoryRuntime::shared().diagnosticsStoreOverride()) return store;
-  return QEVMemoryIntegration::makeDefaultStore();
-}
-
-}  // namespace
-
-namespace QEVR::Memory {
-
-QEVMemoryOptions options() {
-  return QEVMemoryRuntime::shared().activeOptions();
-}
-
-void configure(const QEVMemoryOptions& newOptions) {
-  QEVMemoryRuntime::shared().setActiveOptions(newOptions);
-}
-
-void setContinuity(bool enabled) {
-  QEVMemoryRuntime::shared().setContinuity(enabled);
-}
-
-bool continuity() {
-  return QEVMemoryRuntime::shared().continuity();
-}
-
-QEVMemoryStats memoryStats(std::stop_token stop) {
-  std::shared_ptr<QEVMemoryStore> store = resolveStore();
-  auto chunks = qevr::childTask(qevr::TaskPriority::utility, stop,
-                                [store](std::stop_token s) { return store->loadEventChunks(s); });
-  auto sessions = qevr::childTask(qevr::TaskPriority::utility, stop, [store](std::stop_token s) {
-    return store->loadSessionGraphs(s);
-  });
-  auto user = qevr::childTask(qevr::TaskPriority::utility, stop,
-                              [store](std::stop_token s) { return store->loadUserGraph(s); });
-  auto usage = qevr::childTask(qevr::TaskPriority::utility, stop, [store](std::stop_token s) {
-    return store->estimatedDiskUsageBytes(s);
-  });
-  chunks.wait();
-  sessions.wait();
-  user.wait();
-  usage.wait();
-
-  QEVMemoryStats stats;
-  const std::vector<QEVMemoryEventChunk> loaded = chunks.value();
-  stats.eventChunkCount = static_cast<std::int64_t>(loaded.size());
-  stats.sessionGraphCount = static_cast<std::int64_t>(sessions.value().size());
-  stats.hasUserGraph = user.value().has_value();
-  stats.estimatedDiskUsageBytes = usage.value();
-  for (const QEVMemoryEventChunk& chunk : loaded) {
-    for (const QEVMemoryEvent& event : chunk.events) {
-      if (!stats.oldestEventDate || event.timestamp < *stats.oldestEventDate) {
-        stats.oldestEventDate = event.timestamp;
-      }
-      if (!stats.newestEventDate || event.timestamp > *stats.newestEventDate) {
-        stats.newestEventDate = event.timestamp;
-      }
-    }
-  }
-  return stats;
-}
-
-std::future<QEVMemoryStats> memoryStatsAsync() {
-  return qevr::runAsFuture([](std::stop_token stop) { return memoryStats(stop); });
-}
-
-void clearMemory(std::stop_token stop) {
-  resolveStore()->clearAll(stop);
-  qevr::platformLog("QEVMemory", "Diagnostics", qevr::LogType::info,
-                    "Cleared local QEVMemory storage");
-}
-
-std::future<void> clearMemoryAsync() {
-  return qevr::runAsFuture([](std::stop_token stop) { clearMemory(stop); });
-}
-
-QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) {
-  std::shared_ptr<QEVMemoryStore> store = resolveStore();
-  return ::intelligenceSnapshot(*store, stop);
-}
-
-std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync() {
-  return qevr::runAsFuture([](std::stop_token stop) { return intelligenceSnapshot(stop); });
-}
-
-}  // namespace QEVR::Memory

@@ -1,7 +1,7 @@
-#include <QEVMemory/QEVMemoryPruner.h>
+#include "QEVMemoryPruner.h"
 
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/JsonFiles.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Saturating.h>

@@ -1,6 +1,8 @@
 #include <QEVObserver/QEVObserverFacade.h>
 #include <QEVObserver/QEVObserverModule.h>
 
+#include "QEVObserverRuntime.h"
+
 #include <QEVRPlatform/Log.h>
 
 namespace {

@@ -2,8 +2,8 @@
 
 #include <QEVIntelligence/QEVIntelligenceModels.h>
 #include <QEVMemory/QEVCompressionEngine.h>
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVMemoryModule.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRCore/QEVRConfiguration.h>
 #include <QEVRCore/QEVRDependencyContainer.h>
 #include <QEVRPlatform/Tasks.h>

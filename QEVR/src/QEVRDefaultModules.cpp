@@ -2,7 +2,7 @@
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVR/QEVR.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 
 #include <functional>
@@ -37,7 +37,7 @@ void QEVRRegisterDefaultModules() {
   // cannot register a module twice.
   static std::mutex registering;
   std::lock_guard guard(registering);
-  QEVRModuleRegistry& registry = QEVRRuntimeStore::shared().moduleRegistry();
+  QEVRModuleRegistry& registry = QEVRModuleRegistry::shared();
   for (const ModuleMaker& make : defaultModuleMakers()) {
     std::shared_ptr<QEVRModule> module = make();
     if (!registry.contains(module->identifier())) registry.registerModule(std::move(module));
@@ -45,5 +45,5 @@ void QEVRRegisterDefaultModules() {
 }
 
 void QEVRRegisterModule(std::shared_ptr<QEVRModule> module) {
-  QEVRRuntimeStore::shared().moduleRegistry().registerModule(std::move(module));
+  QEVRModuleRegistry::shared().registerModule(std::move(module));
 }

@@ -1,4 +1,4 @@
-#include <QEVRCore/QEVRBackgroundWorker.h>
+#include "QEVRBackgroundWorker.h"
 
 #include <QEVRPlatform/Tasks.h>
 

@@ -1,6 +1,6 @@
-#include <QEVRCore/QEVRBackgroundWorker.h>
 #include <QEVRCore/QEVRDependencyContainer.h>
 #include <QEVRCore/QEVRModule.h>
+#include "QEVRBackgroundWorker.h"
 
 #include <QEVRPlatform/Tasks.h>
 

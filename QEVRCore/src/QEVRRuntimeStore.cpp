@@ -1,5 +1,5 @@
+#include "QEVRRuntimeStore.h"
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
 
 #include <QEVRPlatform/Text.h>
 
@@ -132,25 +132,6 @@ std::optional<QEVRRuntimeState> QEVRRuntimeStore::runtimeState() const {
   return state;
 }
 
-namespace QEVR {
-
-bool isRunning() {
-  return QEVRRuntimeStore::shared().isRunning();
+QEVRModuleRegistry& QEVRModuleRegistry::shared() {
+  return QEVRRuntimeStore::shared().moduleRegistry();
 }
-QEVRLifecycleState lifecycleState() {
-  return QEVRRuntimeStore::shared().lifecycleState();
-}
-void start(const QEVRConfiguration& configuration) {
-  QEVRRuntimeStore::shared().start(configuration);
-}
-void pause() {
-  QEVRRuntimeStore::shared().pause();
-}
-void resume() {
-  QEVRRuntimeStore::shared().resume();
-}
-void shutdown() {
-  QEVRRuntimeStore::shared().shutdown();
-}
-
-}  // namespace QEVR

@@ -4,6 +4,8 @@
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 
+#include "QEVRecommendationsRuntime.h"
+
 #include <memory>
 
 namespace QEVR::Recommendations {

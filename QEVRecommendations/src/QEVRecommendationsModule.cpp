@@ -1,5 +1,7 @@
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 
+#include "QEVRecommendationsRuntime.h"
+
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
 
@@ -11,61 +13,6 @@ QEVRecommendationsGenerator makeDefaultRecommendationsGenerator(
           std::make_shared<const QEVRecommendationIntelligenceProvider>(), snapshots),
       snapshots, QEVPersonalizationEngine{}, std::move(cache));
 }
-
-// ---- Runtime ----
-
-QEVRecommendationsRuntime& QEVRecommendationsRuntime::shared() {
-  // Leaked on purpose: a generation may still run on the pool during exit.
-  static QEVRecommendationsRuntime* runtime = new QEVRecommendationsRuntime;
-  return *runtime;
-}
-
-QEVRecommendationsRuntime::QEVRecommendationsRuntime()
-    : resultCache(std::make_shared<QEVRecommendationCache>()) {
-  qevr::MutexLock guard(lock);
-  generator = std::make_shared<const QEVRecommendationsGenerator>(
-      makeDefaultRecommendationsGenerator(resultCache));
-}
-
-void QEVRecommendationsRuntime::configure(bool active,
-                                          std::optional<QEVRecommendationsGenerator> given) {
-  auto next = std::make_shared<const QEVRecommendationsGenerator>(
-      given ? std::move(*given) : makeDefaultRecommendationsGenerator(resultCache));
-  qevr::MutexLock guard(lock);
-  isActive = active;
-  generator = std::move(next);
-}
-
-void QEVRecommendationsRuntime::setActive(bool active) {
-  qevr::MutexLock guard(lock);
-  isActive = active;
-}
-
-void QEVRecommendationsRuntime::reset() {
-  auto next = std::make_shared<const QEVRecommendationsGenerator>(
-      makeDefaultRecommendationsGenerator(resultCache));
-  qevr::MutexLock guard(lock);
-  isActive = false;
-  resultCache->clear();  // lock order: runtime, then cache
-  generator = std::move(next);
-}
-
-std::vector<QEVRecommendation> QEVRecommendationsRuntime::generate(
-    const std::optional<QEVExperienceDomain>& domain,
-    const std::optional<QEVRecommendationPolicy>& policy, std::stop_token stop) {
-  bool active = false;
-  std::shared_ptr<const QEVRecommendationsGenerator> current;
-  {
-    qevr::MutexLock guard(lock);
-    active = isActive;
-    current = generator;
-  }
-  if (!active) return {};
-  return current->generate(
-      domain, policy ? *policy : QEVRecommendationPolicy::defaultPolicy(domain), std::move(stop));
-}
-
-// ---- Module ----
 
 void QEVRecommendationsModule::start(const QEVRModuleContext& context) {
   const QEVRConfiguration& configuration = context.configuration();

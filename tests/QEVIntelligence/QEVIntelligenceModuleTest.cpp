@@ -3,7 +3,7 @@
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Log.h>
 
@@ -67,7 +67,7 @@ class IntelligenceModuleTest : public ::testing::Test {
     std::filesystem::remove_all(dir, ignored);
   }
 
-  static QEVRModuleRegistry& registry() { return QEVRRuntimeStore::shared().moduleRegistry(); }
+  static QEVRModuleRegistry& registry() { return QEVRModuleRegistry::shared(); }
   static QEVIntelligenceRuntime& runtime() { return QEVIntelligenceRuntime::shared(); }
 
   // A real module context for `c`, taken from a start of the core.

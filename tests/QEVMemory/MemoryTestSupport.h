@@ -2,8 +2,8 @@
 // directory and observer events made to order.
 #pragma once
 
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVObserver/QEVObserverEvent.h>
 #include <QEVRPlatform/FileSystem.h>
 

@@ -1,8 +1,8 @@
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryPruner.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Tasks.h>
+#include "QEVMemoryPruner.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

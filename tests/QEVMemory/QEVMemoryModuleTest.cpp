@@ -2,7 +2,7 @@
 #include <QEVObserver/QEVObserverFacade.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
@@ -20,6 +20,7 @@
 
 #include "MemoryTestSupport.h"
 #include "QEVMemoryChunkWriter.h"
+#include "QEVMemoryRuntime.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ class MemoryModuleTest : public ::testing::Test {
     Memory::configure(QEVMemoryOptions{});
   }
 
-  static QEVRModuleRegistry& registry() { return QEVRRuntimeStore::shared().moduleRegistry(); }
+  static QEVRModuleRegistry& registry() { return QEVRModuleRegistry::shared(); }
 
   void registerBoth() {
     registry().registerModule(QEVObserverIntegration::makeModule());

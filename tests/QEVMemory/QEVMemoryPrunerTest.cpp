@@ -1,9 +1,10 @@
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryPruner.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
+#include "QEVMemoryPruner.h"
+#include "QEVMemoryQueuedPruneRun.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

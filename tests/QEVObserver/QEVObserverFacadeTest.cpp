@@ -1,7 +1,7 @@
 #include <QEVObserver/QEVObserverFacade.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Log.h>
 
@@ -51,14 +51,14 @@ class ObserverFacadeTest : public ::testing::Test {
  protected:
   void SetUp() override {
     QEVR::shutdown();
-    QEVRRuntimeStore::shared().moduleRegistry().removeAll();
-    QEVRRuntimeStore::shared().moduleRegistry().registerModule(module);
+    QEVRModuleRegistry::shared().removeAll();
+    QEVRModuleRegistry::shared().registerModule(module);
     Observer::configure(QEVObserverPrivacyOptions{});
     logs->clear();
   }
   void TearDown() override {
     QEVR::shutdown();
-    QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+    QEVRModuleRegistry::shared().removeAll();
     Observer::configure(QEVObserverPrivacyOptions{});
   }
 

@@ -3,8 +3,8 @@
 // Each round starts `qevr simulate` on the same data directory, lets it track
 // as fast as it can for a random while, and kills it with SIGKILL. Afterwards
 // every file of the store must decode and the store must load.
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/FileSystem.h>
 
 #include <gtest/gtest.h>

@@ -1,12 +1,12 @@
 // The qevr inspection commands read a store and never change it.
 #include <QEVIntelligence/QEVIntelligenceModels.h>
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
-#include <QEVMemory/QEVMemoryPruner.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRecommendations/QEVRecommendation.h>
+#include "QEVMemoryPruner.h"
 
 #include "ToolTestSupport.h"
 

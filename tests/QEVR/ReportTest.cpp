@@ -5,8 +5,8 @@
 #include "ReportPage.h"
 #include "ToolTestSupport.h"
 
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Json.h>
 

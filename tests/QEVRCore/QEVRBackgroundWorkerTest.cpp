@@ -1,5 +1,5 @@
-#include <QEVRCore/QEVRBackgroundWorker.h>
 #include <QEVRPlatform/Tasks.h>
+#include "QEVRBackgroundWorker.h"
 
 #include <gtest/gtest.h>
 

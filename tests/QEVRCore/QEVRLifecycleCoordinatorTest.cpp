@@ -1,4 +1,4 @@
-#include <QEVRCore/QEVRLifecycleCoordinator.h>
+#include "QEVRLifecycleCoordinator.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
+#include "QEVRRuntimeStore.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -2,12 +2,14 @@
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVMemory/QEVUserGraph.h>
 #include <QEVRCore/QEVRFacade.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRecommendations/QEVRecommendationsFacade.h>
 #include <QEVRecommendations/QEVRecommendationsModule.h>
+
+#include "QEVRecommendationsRuntime.h"
 
 #include <gtest/gtest.h>
 
@@ -45,7 +47,7 @@ class QEVRecommendationsModuleTest : public ::testing::Test {
     std::filesystem::remove_all(directory, ignored);
   }
 
-  static QEVRModuleRegistry& registry() { return QEVRRuntimeStore::shared().moduleRegistry(); }
+  static QEVRModuleRegistry& registry() { return QEVRModuleRegistry::shared(); }
 
   // A user graph on disk with two busy components: enough for the UI
   // engine to recommend something whenever generation is active.

@@ -8,7 +8,7 @@
 #include "ToolSupport.h"
 
 #include <QEVR/QEVR.h>
-#include <QEVRCore/QEVRRuntimeStore.h>
+#include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
 #include <QEVRPlatform/Tasks.h>
@@ -256,7 +256,7 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
       qevr::setApplicationSupportDirectoryOverride(home);
       // Modules bind their store when they are made: fresh ones for this
       // user's directory.
-      QEVRRuntimeStore::shared().moduleRegistry().removeAll();
+      QEVRModuleRegistry::shared().removeAll();
       QEVRRegisterDefaultModules();
       qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
       out << "\n== the " << persona.name << " (" << experienceDomainLabel(persona.domain)

@@ -7,7 +7,7 @@
 // one does not decode.
 #pragma once
 
-#include <QEVMemory/QEVMemoryStore.h>
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVRPlatform/FileSystem.h>
 
 #include <filesystem>

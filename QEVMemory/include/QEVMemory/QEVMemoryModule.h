@@ -1,12 +1,10 @@
-// Memory as a module of the core and a sink of the observer, and the
-// runtime that holds its options.
+// Memory as a module of the core and a sink of the observer.
 #pragma once
 
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVMemoryFacade.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 #include <QEVMemory/QEVMemoryOptions.h>
-#include <QEVMemory/QEVMemoryPruner.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVObserver/QEVObserverEventDispatcher.h>
 #include <QEVRCore/QEVRModule.h>
 #include <QEVRPlatform/Export.h>
@@ -22,6 +20,8 @@
 class QEVMemoryChunkWriter;
 class QEVMemoryEventStore;
 class QEVMemoryPipeline;
+class QEVMemoryPruner;
+class QEVMemoryQueuedPruneRun;
 
 class QEVR_API QEVMemoryModuleError : public std::runtime_error {
  public:
@@ -29,32 +29,6 @@ class QEVR_API QEVMemoryModuleError : public std::runtime_error {
   QEVMemoryModuleError() : std::runtime_error("observerUnavailable") {}
   Case kind() const { return Case::observerUnavailable; }
   bool operator==(const QEVMemoryModuleError&) const { return true; }
-};
-
-// Process-wide: the active options, the continuity setting and the
-// facade's store override.
-// Thread safety: `lock` guards the fields and is held only to read or
-// write them.
-class QEVR_API QEVMemoryRuntime {
- public:
-  static QEVMemoryRuntime& shared();
-
-  QEVMemoryOptions activeOptions() const;
-  void setActiveOptions(const QEVMemoryOptions& options);
-  // When set, the facade uses this store instead of building one. For tools
-  // and tests; nullptr clears it.
-  void setDiagnosticsStoreOverride(std::shared_ptr<QEVMemoryStore> store);
-  std::shared_ptr<QEVMemoryStore> diagnosticsStoreOverride() const;
-  // Read by each module start; see QEVR::Memory::setContinuity.
-  bool continuity() const;
-  void setContinuity(bool enabled);
-
- private:
-  QEVMemoryRuntime() = default;
-  mutable qevr::Mutex lock;
-  QEVMemoryOptions options QEVR_GUARDED_BY(lock);
-  bool isContinuityEnabled QEVR_GUARDED_BY(lock) = false;
-  std::shared_ptr<QEVMemoryStore> storeOverride QEVR_GUARDED_BY(lock);
 };
 
 // "com.qevr.memory". Registers itself as an observer sink at start and
@@ -107,7 +81,7 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
   const std::shared_ptr<const QEVMemoryPruner> pruner;
   // The run each start asks for. A host that starts and stops in quick
   // succession queues one run, not one per start.
-  QEVMemoryQueuedPruneRun startRun;
+  const std::shared_ptr<QEVMemoryQueuedPruneRun> startRun;
 
   mutable qevr::Mutex lock;
   std::shared_ptr<QEVMemoryPipeline> pipeline QEVR_GUARDED_BY(lock);

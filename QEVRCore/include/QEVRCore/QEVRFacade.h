@@ -1,7 +1,7 @@
 // The host's entry point to the whole system.
 //
 // Every call is synchronous and may come from any thread. Modules enter the
-// system through QEVRRuntimeStore::shared().moduleRegistry() before start;
+// system through QEVRModuleRegistry::shared() before start;
 // <QEVR/QEVR.h> offers QEVRRegisterDefaultModules() for that.
 #pragma once
 

@@ -14,6 +14,9 @@
 // No lock is held while a module runs.
 class QEVR_API QEVRModuleRegistry {
  public:
+  // The registry QEVR::start drives: the one a host registers its modules in.
+  static QEVRModuleRegistry& shared();
+
   // Appends a module. Call before QEVR::start: the list order is the start
   // order, so register a module after the ones it depends on. A second
   // module with an identifier already present throws

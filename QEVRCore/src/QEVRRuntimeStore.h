@@ -1,21 +1,21 @@
 // The one process-wide object behind the QEVR facade.
 #pragma once
 
-#include <QEVRCore/QEVRBackgroundWorker.h>
 #include <QEVRCore/QEVRConfiguration.h>
 #include <QEVRCore/QEVRDependencyContainer.h>
-#include <QEVRCore/QEVRLifecycleCoordinator.h>
 #include <QEVRCore/QEVRLogger.h>
 #include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
+#include "QEVRBackgroundWorker.h"
+#include "QEVRLifecycleCoordinator.h"
 
 #include <memory>
 #include <optional>
 
 // What a start recorded. Equality ignores `dependencies`.
-struct QEVR_API QEVRRuntimeState {
+struct QEVRRuntimeState {
   QEVRConfiguration configuration;
   QEVRDate startedAt;
   std::shared_ptr<QEVRDependencyContainer> dependencies;
@@ -31,7 +31,7 @@ struct QEVR_API QEVRRuntimeState {
 //
 // Thread safety: `lock` guards `state` and `worker`. No lock of this class is
 // held while hooks, modules or the log run; locks are never nested here.
-class QEVR_API QEVRRuntimeStore {
+class QEVRRuntimeStore {
  public:
   static QEVRRuntimeStore& shared();
 

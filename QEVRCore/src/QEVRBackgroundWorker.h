@@ -11,7 +11,7 @@
 #include <optional>
 #include <unordered_map>
 
-struct QEVR_API QEVRBackgroundTaskIdentifier {
+struct QEVRBackgroundTaskIdentifier {
   QEVRUUID rawValue;
   bool operator==(const QEVRBackgroundTaskIdentifier&) const = default;
 };
@@ -36,7 +36,7 @@ enum class QEVRBackgroundPriority { background, medium, high };
 // registration in submit() is caught at the registration, which cancels the
 // task itself: no task escapes shutdown. Tasks hold the worker weakly, so a
 // dropped worker is not kept alive by its running tasks.
-class QEVR_API QEVRBackgroundWorker : public std::enable_shared_from_this<QEVRBackgroundWorker> {
+class QEVRBackgroundWorker : public std::enable_shared_from_this<QEVRBackgroundWorker> {
  public:
   static std::shared_ptr<QEVRBackgroundWorker> make(bool isEnabled);
 

@@ -5,9 +5,7 @@
 
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVRPlatform/Date.h>
-#include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/FileSystem.h>
-#include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 
 #include <atomic>
@@ -18,7 +16,7 @@
 #include <stop_token>
 #include <vector>
 
-struct QEVR_API QEVMemoryPruningSummary {
+struct QEVMemoryPruningSummary {
   std::int64_t deletedEventChunks = 0;
   std::int64_t deletedSessionGraphs = 0;
   std::uint64_t freedBytes = 0;
@@ -32,7 +30,7 @@ struct QEVR_API QEVMemoryPruningSummary {
 // writer); the time of the last heap trim is the only other, an atomic. A
 // file is read again once its identity changes, a damaged file is never
 // remembered, and files that are gone are forgotten.
-class QEVR_API QEVMemoryPruner {
+class QEVMemoryPruner {
  public:
   struct PruningCandidate {
     enum class Kind { event, session };
@@ -89,30 +87,4 @@ class QEVR_API QEVMemoryPruner {
   // published, and publishes a new one when it ends.
   mutable qevr::Mutex memoLock;
   mutable std::shared_ptr<const DateMemo> memo QEVR_GUARDED_BY(memoLock);
-};
-
-// One queued pruning run that later requests join. A run reads the options
-// and lists the files only as it begins, so while it waits it already does
-// everything a second run would; a request made once it has begun queues
-// the next. Runs wait at background priority, behind the saves, and their
-// failures are dropped. Thread-safe; the flag is shared with the queued
-// task, which may outlive its owner.
-class QEVR_API QEVMemoryQueuedPruneRun {
- public:
-  // Queues `run(stop)` unless a run is queued and has not begun.
-  template <typename Run>
-  void request(Run run) {
-    if (queued->exchange(true, std::memory_order_acq_rel)) return;
-    qevr::detachTask(qevr::TaskPriority::background,
-                     [flag = queued, run = std::move(run)](std::stop_token stop) mutable {
-                       flag->store(false, std::memory_order_release);
-                       try {
-                         run(stop);
-                       } catch (...) {
-                       }
-                     });
-  }
-
- private:
-  const std::shared_ptr<std::atomic<bool>> queued = std::make_shared<std::atomic<bool>>(false);
 };

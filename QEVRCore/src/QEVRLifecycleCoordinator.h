@@ -7,7 +7,7 @@
 
 #include <functional>
 
-struct QEVR_API QEVRLifecycleHooks {
+struct QEVRLifecycleHooks {
   std::function<void()> onStart;  // may throw
   std::function<void()> onPause;
   std::function<void()> onResume;
@@ -18,7 +18,7 @@ struct QEVR_API QEVRLifecycleHooks {
 // its lock, so a hook always finds the new state in force and may call back
 // into the coordinator. Hooks of different transitions may overlap: a pause
 // can arrive while onStart still runs, and nothing orders the two.
-class QEVR_API QEVRLifecycleCoordinator {
+class QEVRLifecycleCoordinator {
  public:
   QEVRLifecycleState state() const;
 
