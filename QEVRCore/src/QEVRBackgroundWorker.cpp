@@ -20,8 +20,9 @@ qevr::TaskPriority taskPriorityFor(QEVRBackgroundPriority priority) {
 
 }  // namespace
 
-std::shared_ptr<QEVRBackgroundWorker> QEVRBackgroundWorker::make(bool isEnabled) {
-  return std::shared_ptr<QEVRBackgroundWorker>(new QEVRBackgroundWorker(isEnabled));
+std::shared_ptr<QEVRBackgroundWorker> QEVRBackgroundWorker::make(bool isEnabled,
+                                                                 qevr::Executor& executor) {
+  return std::shared_ptr<QEVRBackgroundWorker>(new QEVRBackgroundWorker(isEnabled, executor));
 }
 
 std::optional<QEVRBackgroundTaskIdentifier> QEVRBackgroundWorker::submit(
@@ -36,7 +37,7 @@ std::optional<QEVRBackgroundTaskIdentifier> QEVRBackgroundWorker::submit(
 
   std::weak_ptr<QEVRBackgroundWorker> weakSelf = weak_from_this();
   auto task =
-      qevr::detachTask(taskPriorityFor(priority),
+      qevr::detachTask(executor, taskPriorityFor(priority),
                        [weakSelf, id, op = std::move(operation)](const std::stop_token& stop) {
                          // The worker is held only for the checks, never while `op` runs,
                          // so a running task does not keep a dropped worker alive.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QEVRCore/QEVRModule.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include <QEVRPlatform/UUID.h>
@@ -27,7 +28,7 @@ struct std::hash<QEVRBackgroundTaskIdentifier> {
 // priorities.
 enum class QEVRBackgroundPriority { background, medium, high };
 
-// Runs operations on pool tasks, keeps track of what is in flight and, at
+// Runs operations as tasks of its executor, keeps track of what is in flight and, at
 // shutdown, cancels all of it without waiting.
 //
 // Thread safety: `lock` guards `isShutdown` and `tasks` and is held only for
@@ -38,7 +39,8 @@ enum class QEVRBackgroundPriority { background, medium, high };
 // dropped worker is not kept alive by its running tasks.
 class QEVRBackgroundWorker : public std::enable_shared_from_this<QEVRBackgroundWorker> {
  public:
-  static std::shared_ptr<QEVRBackgroundWorker> make(bool isEnabled);
+  static std::shared_ptr<QEVRBackgroundWorker> make(
+      bool isEnabled, qevr::Executor& executor = qevr::defaultExecutor());
 
   // Starts `operation` on a new task. Absent when the worker is disabled or
   // shut down; `operation` then never runs. A task cancelled before its body
@@ -55,7 +57,8 @@ class QEVRBackgroundWorker : public std::enable_shared_from_this<QEVRBackgroundW
   size_t trackedTaskCount() const;
 
  private:
-  explicit QEVRBackgroundWorker(bool isEnabled) : enabled(isEnabled) {}
+  QEVRBackgroundWorker(bool isEnabled, qevr::Executor& taskExecutor)
+      : enabled(isEnabled), executor(taskExecutor) {}
 
   // Empty `cancel` is the pending state: entered, task handle not yet known.
   struct TrackedTask {
@@ -66,7 +69,9 @@ class QEVRBackgroundWorker : public std::enable_shared_from_this<QEVRBackgroundW
   bool isLive(const QEVRBackgroundTaskIdentifier& id) const;
 
   mutable qevr::Mutex lock;
-  const bool enabled;  // constant after construction
+  // Constant after construction.
+  const bool enabled;
+  qevr::Executor& executor;
   bool isShutdown QEVR_GUARDED_BY(lock) = false;
   std::unordered_map<QEVRBackgroundTaskIdentifier, TrackedTask> tasks QEVR_GUARDED_BY(lock);
 };

@@ -2,6 +2,8 @@
 
 #include "QEVRRuntimeStore.h"
 
+#include <QEVRPlatform/Executor.h>
+
 namespace QEVR {
 
 bool isRunning() {
@@ -11,7 +13,10 @@ QEVRLifecycleState lifecycleState() {
   return QEVRRuntimeStore::shared().lifecycleState();
 }
 void start(const QEVRConfiguration& configuration) {
-  QEVRRuntimeStore::shared().start(configuration);
+  QEVRRuntimeStore::shared().start(configuration, qevr::defaultExecutor());
+}
+void start(const QEVRConfiguration& configuration, qevr::Executor& executor) {
+  QEVRRuntimeStore::shared().start(configuration, executor);
 }
 void pause() {
   QEVRRuntimeStore::shared().pause();

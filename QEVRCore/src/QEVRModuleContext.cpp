@@ -2,16 +2,18 @@
 #include <QEVRCore/QEVRModule.h>
 #include "QEVRBackgroundWorker.h"
 
-#include <QEVRPlatform/Tasks.h>
+#include <QEVRPlatform/Executor.h>
 
 #include <utility>
 
 QEVRModuleContext::QEVRModuleContext(QEVRConfiguration configuration,
                                      std::shared_ptr<QEVRDependencyContainer> container,
-                                     std::shared_ptr<QEVRLogger> coreLogger)
+                                     std::shared_ptr<QEVRLogger> coreLogger,
+                                     qevr::Executor& executor)
     : config(std::move(configuration)),
       dependencyContainer(std::move(container)),
-      logger(std::move(coreLogger)) {}
+      logger(std::move(coreLogger)),
+      startExecutor(&executor) {}
 
 bool QEVRModuleContext::submitBackgroundWork(QEVRBackgroundOperation operation) const {
   std::shared_ptr<QEVRBackgroundWorker> worker;
@@ -20,7 +22,7 @@ bool QEVRModuleContext::submitBackgroundWork(QEVRBackgroundOperation operation) 
   } catch (const QEVRDependencyError&) {
     // The container was emptied (the system stopped): run untracked, as
     // nothing is left to track or cancel it.
-    qevr::detachTask(qevr::TaskPriority::utility,
+    qevr::detachTask(*startExecutor, qevr::TaskPriority::utility,
                      [op = std::move(operation)](std::stop_token stop) {
                        try {
                          op(std::move(stop));

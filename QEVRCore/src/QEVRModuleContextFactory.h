@@ -8,7 +8,8 @@ class QEVRModuleContextFactory {
  public:
   static QEVRModuleContext make(QEVRConfiguration configuration,
                                 std::shared_ptr<QEVRDependencyContainer> container,
-                                std::shared_ptr<QEVRLogger> logger) {
-    return QEVRModuleContext(std::move(configuration), std::move(container), std::move(logger));
+                                std::shared_ptr<QEVRLogger> logger, qevr::Executor& executor) {
+    return QEVRModuleContext(std::move(configuration), std::move(container), std::move(logger),
+                             executor);
   }
 };

@@ -23,7 +23,7 @@ QEVRRuntimeStore::QEVRRuntimeStore()
       registry(std::make_shared<QEVRModuleRegistry>()),
       worker(QEVRBackgroundWorker::make(true)) {}
 
-void QEVRRuntimeStore::start(const QEVRConfiguration& configuration) {
+void QEVRRuntimeStore::start(const QEVRConfiguration& configuration, qevr::Executor& executor) {
   if (qevr::text::isBlank(configuration.appId)) {
     throw QEVRError::invalidConfiguration("appId must not be empty.");
   }
@@ -35,7 +35,8 @@ void QEVRRuntimeStore::start(const QEVRConfiguration& configuration) {
   coreLogger->setMinimumLevel(configuration.logLevel);
   container->removeAll();
 
-  auto newWorker = QEVRBackgroundWorker::make(configuration.isBackgroundProcessingEnabled);
+  auto newWorker =
+      QEVRBackgroundWorker::make(configuration.isBackgroundProcessingEnabled, executor);
   {
     qevr::MutexLock guard(lock);
     worker = newWorker;
@@ -52,8 +53,9 @@ void QEVRRuntimeStore::start(const QEVRConfiguration& configuration) {
   // The hooks hold the registry and container, never the store: both live
   // as long as the process anyway.
   QEVRLifecycleHooks hooks;
-  hooks.onStart = [modules = registry, services = container, log = coreLogger, configuration] {
-    modules->startAll(QEVRModuleContextFactory::make(configuration, services, log));
+  hooks.onStart = [modules = registry, services = container, log = coreLogger, configuration,
+                   &executor] {
+    modules->startAll(QEVRModuleContextFactory::make(configuration, services, log, executor));
   };
   hooks.onPause = [modules = registry] { modules->pauseAll(); };
   hooks.onResume = [modules = registry] { modules->resumeAll(); };

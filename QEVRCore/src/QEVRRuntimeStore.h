@@ -6,6 +6,7 @@
 #include <QEVRCore/QEVRLogger.h>
 #include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include "QEVRBackgroundWorker.h"
@@ -37,7 +38,9 @@ class QEVRRuntimeStore {
 
   // Throws QEVRError::invalidConfiguration for a blank appId (before anything
   // else, even while running), or the error of a module whose start failed.
-  void start(const QEVRConfiguration& configuration);
+  // The start's worker and its modules' contexts hand work to `executor`.
+  void start(const QEVRConfiguration& configuration,
+             qevr::Executor& executor = qevr::defaultExecutor());
   void pause();
   void resume();
   void shutdown();

@@ -1,148 +1,110 @@
-#include <QEVRPlatform/Tasks.h>
+#include "ManualExecutor.h"
 #include "QEVRBackgroundWorker.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 namespace {
 
-constexpr auto kIdleTimeout = std::chrono::seconds(60);
-
-// A one-shot gate an operation can wait on without sleeping.
-class Gate {
- public:
-  void open() {
-    {
-      std::lock_guard guard(mutex);
-      isOpen = true;
+// One operation, and what happens to its worker before it runs or while it
+// runs. Nothing runs until the test runs the executor.
+TEST(BackgroundWorkerTest, AnOperationRunsOnlyWhileItsWorkerLives) {
+  enum class Then { nothing, shutDownFirst, shutDownInside, dropFirst, dropInside };
+  const struct {
+    const char* name;
+    bool enabled;
+    Then then;
+    bool accepted, ran, sawStop;
+  } cases[] = {
+      {"runs when run", true, Then::nothing, true, true, false},
+      {"disabled", false, Then::nothing, false, false, false},
+      {"shut down before it starts", true, Then::shutDownFirst, true, false, false},
+      // shutdown() cancels without waiting: were it to wait, this would hang.
+      {"shut down while it runs", true, Then::shutDownInside, true, true, true},
+      {"worker dropped before it starts", true, Then::dropFirst, true, false, false},
+      // The running task does not keep the worker alive.
+      {"worker dropped while it runs", true, Then::dropInside, true, true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    qevr::ManualExecutor executor;
+    auto worker = QEVRBackgroundWorker::make(c.enabled, executor);
+    const std::weak_ptr<QEVRBackgroundWorker> weak = worker;
+    bool ran = false, sawStop = false, expiredInside = false;
+    const bool accepted = worker
+                              ->submit(QEVRBackgroundPriority::medium,
+                                       [&](std::stop_token stop) {
+                                         ran = true;
+                                         if (c.then == Then::shutDownInside) worker->shutdown();
+                                         if (c.then == Then::dropInside) worker.reset();
+                                         sawStop = stop.stop_requested();
+                                         expiredInside = weak.expired();
+                                       })
+                              .has_value();
+    EXPECT_EQ(accepted, c.accepted);
+    EXPECT_EQ(executor.pending(), c.accepted ? 1u : 0u);
+    EXPECT_EQ(worker->trackedTaskCount(), c.accepted ? 1u : 0u);
+    if (c.then == Then::shutDownFirst) {
+      worker->shutdown();
+      worker->shutdown();  // harmless
+      EXPECT_EQ(worker->trackedTaskCount(), 0u);
+      EXPECT_FALSE(worker->submit(QEVRBackgroundPriority::high, [](std::stop_token) {}));
     }
-    cv.notify_all();
+    if (c.then == Then::dropFirst) worker.reset();
+    executor.runUntilIdle();
+    EXPECT_EQ(ran, c.ran);
+    EXPECT_EQ(sawStop, c.sawStop);
+    EXPECT_EQ(expiredInside, c.then == Then::dropInside);
+    if (worker) {
+      EXPECT_EQ(worker->trackedTaskCount(), 0u);
+      EXPECT_EQ(worker->isShutDown(),
+                c.then == Then::shutDownFirst || c.then == Then::shutDownInside);
+    }
   }
-  void wait() {
-    std::unique_lock guard(mutex);
-    cv.wait(guard, [&] { return isOpen; });
-  }
-
- private:
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool isOpen = false;
-};
-
-TEST(BackgroundWorkerTest, DisabledWorkerTurnsEverythingAway) {
-  auto worker = QEVRBackgroundWorker::make(false);
-  std::atomic<bool> ran{false};
-  EXPECT_FALSE(worker->submit(QEVRBackgroundPriority::high, [&](std::stop_token) { ran = true; }));
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
-  EXPECT_FALSE(ran.load());
-  EXPECT_EQ(worker->trackedTaskCount(), 0u);
 }
 
-TEST(BackgroundWorkerTest, FinishedOperationLeavesNoEntry) {
-  auto worker = QEVRBackgroundWorker::make(true);
-  std::atomic<int> ran{0};
+TEST(BackgroundWorkerTest, HigherPrioritiesRunFirst) {
+  qevr::ManualExecutor executor;
+  auto worker = QEVRBackgroundWorker::make(true, executor);
+  std::vector<QEVRBackgroundPriority> order;
   for (auto priority : {QEVRBackgroundPriority::background, QEVRBackgroundPriority::medium,
                         QEVRBackgroundPriority::high}) {
-    EXPECT_TRUE(worker->submit(priority, [&](std::stop_token) { ++ran; }).has_value());
+    worker->submit(priority, [&order, priority](std::stop_token) { order.push_back(priority); });
   }
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
-  EXPECT_EQ(ran.load(), 3);
-  EXPECT_EQ(worker->trackedTaskCount(), 0u);
+  executor.runUntilIdle();
+  EXPECT_EQ(order, (std::vector{QEVRBackgroundPriority::high, QEVRBackgroundPriority::medium,
+                                QEVRBackgroundPriority::background}));
 }
 
-TEST(BackgroundWorkerTest, ShutdownCancelsRunningWorkWithoutWaiting) {
-  auto worker = QEVRBackgroundWorker::make(true);
-  Gate started;
-  std::atomic<bool> sawCancellation{false};
-  ASSERT_TRUE(worker->submit(QEVRBackgroundPriority::medium, [&](std::stop_token stop) {
-    started.open();
-    // Runs until cancelled: shutdown() must return while this still runs.
-    while (!stop.stop_requested())
-      std::this_thread::yield();
-    sawCancellation = true;
-  }));
-  started.wait();
-  worker->shutdown();
-  EXPECT_EQ(worker->trackedTaskCount(), 0u);
-  EXPECT_TRUE(worker->isShutDown());
-  worker->shutdown();  // harmless
-  EXPECT_FALSE(worker->submit(QEVRBackgroundPriority::medium, [](std::stop_token) {}));
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
-  EXPECT_TRUE(sawCancellation.load());
-}
-
-TEST(BackgroundWorkerTest, OperationQueuedBehindShutdownNeverRuns) {
-  // Fill the pool so that the submitted task is still queued at shutdown.
-  std::vector<qevr::Task<void>> blockers;
-  Gate release;
-  std::atomic<unsigned> blocked{0};
-  Gate allBlocked;
-  const unsigned poolSize = qevr::taskPoolSize();
-  for (unsigned i = 0; i < poolSize; ++i) {
-    blockers.push_back(qevr::detachTask(qevr::TaskPriority::high, [&](std::stop_token) {
-      if (++blocked == poolSize) allBlocked.open();
-      release.wait();
-    }));
-  }
-  allBlocked.wait();
-  auto worker = QEVRBackgroundWorker::make(true);
-  std::atomic<bool> ran{false};
-  ASSERT_TRUE(
-      worker->submit(QEVRBackgroundPriority::background, [&](std::stop_token) { ran = true; }));
-  worker->shutdown();
-  release.open();
-  for (auto& b : blockers)
-    b.wait();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
-  EXPECT_FALSE(ran.load());
-}
-
-TEST(BackgroundWorkerTest, DroppedWorkerIsNotKeptAliveByItsTasks) {
-  Gate started, release;
-  std::weak_ptr<QEVRBackgroundWorker> weak;
-  std::atomic<bool> finished{false};
-  {
-    auto worker = QEVRBackgroundWorker::make(true);
-    weak = worker;
-    ASSERT_TRUE(worker->submit(QEVRBackgroundPriority::medium, [&](std::stop_token) {
-      started.open();
-      release.wait();
-      finished = true;
-    }));
-    started.wait();
-  }
-  EXPECT_TRUE(weak.expired());
-  release.open();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
-  EXPECT_TRUE(finished.load());
-}
-
-// Submissions from several threads race one shutdown. Whatever interleaving
-// happens, an operation still running once shutdown() has returned has been
-// cancelled, the table ends empty, and nothing is accepted afterwards.
+// Submissions from several threads race one shutdown while another thread
+// runs what they queue. Whatever interleaving happens, an operation still
+// running once shutdown() has returned has been cancelled, the table ends
+// empty, and nothing is accepted afterwards.
 TEST(BackgroundWorkerTest, ShutdownRacingSubmissionsLetsNoTaskEscape) {
   for (int round = 0; round < 20; ++round) {
-    auto worker = QEVRBackgroundWorker::make(true);
+    qevr::ManualExecutor executor;
+    auto worker = QEVRBackgroundWorker::make(true, executor);
     struct Record {
       std::stop_token token;
       bool startedBeforeShutdownReturned = false;
     };
     std::mutex recordsLock;
     std::vector<Record> records;
-    std::atomic<bool> shutdownReturned{false};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> submitters;
+    std::atomic<bool> shutdownReturned{false}, go{false}, submittersDone{false};
     std::atomic<int> acceptedAfterShutdown{0};
+    std::thread runner([&] {
+      while (!submittersDone)
+        if (!executor.runNext()) std::this_thread::yield();
+    });
+    std::vector<std::thread> submitters;
     for (int t = 0; t < 4; ++t) {
       submitters.emplace_back([&] {
-        while (!go)
-          std::this_thread::yield();
+        go.wait(false);
         for (int i = 0; i < 50; ++i) {
           const bool shutdownDone = worker->isShutDown();
           auto id = worker->submit(QEVRBackgroundPriority::medium, [&](std::stop_token stop) {
@@ -155,12 +117,15 @@ TEST(BackgroundWorkerTest, ShutdownRacingSubmissionsLetsNoTaskEscape) {
       });
     }
     go = true;
+    go.notify_all();
     std::this_thread::yield();
     worker->shutdown();
     shutdownReturned = true;
     for (auto& t : submitters)
       t.join();
-    ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdleTimeout));
+    submittersDone = true;
+    runner.join();
+    executor.runUntilIdle();
     EXPECT_EQ(acceptedAfterShutdown.load(), 0);
     EXPECT_EQ(worker->trackedTaskCount(), 0u);
     std::lock_guard guard(recordsLock);

@@ -9,6 +9,10 @@
 #include <QEVRCore/Version.h>  // QEVR::version
 #include <QEVRPlatform/Export.h>
 
+namespace qevr {
+class Executor;
+}  // namespace qevr
+
 namespace QEVR {
 
 // True only in `running`; false while paused.
@@ -21,6 +25,10 @@ QEVR_API QEVRLifecycleState lifecycleState();
 // is then back at notStarted). A start while active is ignored with a
 // warning and returns normally.
 QEVR_API void start(const QEVRConfiguration& configuration);
+// The same, with the start's background work on `executor` instead of the
+// process-wide pool: a host's own job system, or a test's. `executor` must
+// outlive the start and the work it was given.
+QEVR_API void start(const QEVRConfiguration& configuration, qevr::Executor& executor);
 QEVR_API void pause();
 QEVR_API void resume();
 // Shuts the modules down in reverse order, cancels background work without

@@ -11,6 +11,10 @@
 #include <stop_token>
 #include <string>
 
+namespace qevr {
+class Executor;
+}  // namespace qevr
+
 class QEVRDependencyContainer;
 class QEVRLogger;
 class QEVRModuleContextFactory;
@@ -39,10 +43,15 @@ class QEVR_API QEVRModuleContext {
  public:
   const QEVRConfiguration& configuration() const { return config; }
 
+  // Where this start's background work runs: the executor QEVR::start was
+  // given, else the process-wide pool. For the work a module starts itself.
+  qevr::Executor& executor() const { return *startExecutor; }
+
   // Hands `operation` to this start's background worker at medium priority.
   // False when the worker is disabled or shut down; `operation` then never
   // runs. A context kept after its container was emptied runs `operation` on
-  // an untracked utility task and returns true: nothing can cancel it.
+  // an untracked utility task of executor() and returns true: nothing can
+  // cancel it.
   bool submitBackgroundWork(QEVRBackgroundOperation operation) const;
 
   // The last registration wins.
@@ -57,11 +66,12 @@ class QEVR_API QEVRModuleContext {
   friend class QEVRModuleContextFactory;
   QEVRModuleContext(QEVRConfiguration configuration,
                     std::shared_ptr<QEVRDependencyContainer> dependencyContainer,
-                    std::shared_ptr<QEVRLogger> logger);
+                    std::shared_ptr<QEVRLogger> logger, qevr::Executor& executor);
 
   QEVRConfiguration config;
   std::shared_ptr<QEVRDependencyContainer> dependencyContainer;  // private to the core
   std::shared_ptr<QEVRLogger> logger;                            // private to the core
+  qevr::Executor* startExecutor;                                 // never null
 };
 
 // A functional module. Every call is synchronous and comes on the thread of
