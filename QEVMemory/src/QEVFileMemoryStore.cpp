@@ -1,8 +1,8 @@
 #include <QEVMemory/QEVFileMemoryStore.h>
 
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/JsonFiles.h>
-#include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/Text.h>
 
 #include <algorithm>
@@ -50,13 +50,13 @@ class NoCompressionEngine final : public QEVCompressionEngine {
   }
 };
 
-// Runs `body` on a fresh utility-priority task and hands back its result or
-// rethrows its error. The caller's stop is honoured only before the file
+// Runs `body` on a fresh utility-priority task of `executor` and hands back
+// its result or rethrows its error. The caller's stop is honoured only before the file
 // work begins: a half-done save or load is never abandoned, and the files
 // are consistent at every step anyway.
 template <typename F>
-auto runFileWork(const std::stop_token& stop, F&& body) {
-  return qevr::detachTask(qevr::TaskPriority::utility,
+auto runFileWork(qevr::Executor& executor, const std::stop_token& stop, F&& body) {
+  return qevr::detachTask(executor, qevr::TaskPriority::utility,
                           [&stop, &body](std::stop_token) {
                             qevr::checkCancellation(stop);
                             return body();
@@ -129,14 +129,15 @@ fs::path resolveRoot(std::optional<fs::path> rootDirectory, qevr::FileSystem& fi
 
 QEVFileMemoryStore::QEVFileMemoryStore(
     std::optional<fs::path> rootDirectory, qevr::FileSystem& fileSystem,
-    std::shared_ptr<const QEVCompressionEngine> compressionEngine)
+    std::shared_ptr<const QEVCompressionEngine> compressionEngine, qevr::Executor& fileExecutor)
     : root(resolveRoot(std::move(rootDirectory), fileSystem)),
       files(fileSystem),
       engine(compressionEngine ? std::move(compressionEngine)
-                               : std::make_shared<const NoCompressionEngine>()) {}
+                               : std::make_shared<const NoCompressionEngine>()),
+      executor(fileExecutor) {}
 
 void QEVFileMemoryStore::saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop) {
-  runFileWork(stop, [&] { writeEventChunk(chunk); });
+  runFileWork(executor, stop, [&] { writeEventChunk(chunk); });
 }
 
 void QEVFileMemoryStore::saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) {
@@ -171,7 +172,7 @@ void QEVFileMemoryStore::writeEventChunk(const QEVMemoryEventChunk& chunk) {
 }
 
 std::vector<QEVMemoryEventChunk> QEVFileMemoryStore::loadEventChunks(std::stop_token stop) {
-  return runFileWork(stop, [&] {
+  return runFileWork(executor, stop, [&] {
     std::vector<QEVMemoryEventChunk> chunks;
     const fs::path directory = root / kEventsDirectory;
     for (const qevr::DirectoryEntry& file : qevr::jsonFilesIn(files, directory, kLoadOrder)) {
@@ -184,7 +185,7 @@ std::vector<QEVMemoryEventChunk> QEVFileMemoryStore::loadEventChunks(std::stop_t
 }
 
 void QEVFileMemoryStore::saveSessionGraph(const QEVSessionGraph& graph, std::stop_token stop) {
-  runFileWork(stop, [&] {
+  runFileWork(executor, stop, [&] {
     if (!graph.sessionId) {
       throw QEVFileMemoryStoreError(QEVFileMemoryStoreError::Case::sessionGraphMissingIdentifier);
     }
@@ -195,7 +196,7 @@ void QEVFileMemoryStore::saveSessionGraph(const QEVSessionGraph& graph, std::sto
 }
 
 std::vector<QEVSessionGraph> QEVFileMemoryStore::loadSessionGraphs(std::stop_token stop) {
-  return runFileWork(stop, [&] {
+  return runFileWork(executor, stop, [&] {
     std::vector<QEVSessionGraph> graphs;
     const fs::path directory = root / kSessionsDirectory;
     for (const qevr::DirectoryEntry& file : qevr::jsonFilesIn(files, directory, kLoadOrder)) {
@@ -208,7 +209,7 @@ std::vector<QEVSessionGraph> QEVFileMemoryStore::loadSessionGraphs(std::stop_tok
 }
 
 void QEVFileMemoryStore::saveUserGraph(const QEVUserGraph& graph, std::stop_token stop) {
-  runFileWork(stop, [&] {
+  runFileWork(executor, stop, [&] {
     const fs::path target = root / kUserDirectory / kUserGraphFile;
     files.createDirectories(target.parent_path());
     writeJSON(files, target, graph.toJSON());
@@ -216,7 +217,7 @@ void QEVFileMemoryStore::saveUserGraph(const QEVUserGraph& graph, std::stop_toke
 }
 
 std::optional<QEVUserGraph> QEVFileMemoryStore::loadUserGraph(std::stop_token stop) {
-  return runFileWork(stop, [&]() -> std::optional<QEVUserGraph> {
+  return runFileWork(executor, stop, [&]() -> std::optional<QEVUserGraph> {
     const fs::path file = root / kUserDirectory / kUserGraphFile;
     if (!files.exists(file)) return std::nullopt;
     const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
@@ -225,7 +226,7 @@ std::optional<QEVUserGraph> QEVFileMemoryStore::loadUserGraph(std::stop_token st
 }
 
 std::uint64_t QEVFileMemoryStore::estimatedDiskUsageBytes(std::stop_token stop) {
-  return runFileWork(stop, [&]() -> std::uint64_t {
+  return runFileWork(executor, stop, [&]() -> std::uint64_t {
     // An estimate, never an error: what cannot be walked or sized is left
     // out. Everything below the root counts, known files or not, and
     // directories with whatever size the file system gives them.
@@ -245,7 +246,7 @@ std::uint64_t QEVFileMemoryStore::estimatedDiskUsageBytes(std::stop_token stop) 
 }
 
 void QEVFileMemoryStore::clearAll(std::stop_token stop) {
-  runFileWork(stop, [&] {
+  runFileWork(executor, stop, [&] {
     if (files.exists(root)) files.removeItem(root);
   });
 }

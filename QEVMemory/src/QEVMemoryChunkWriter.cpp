@@ -17,11 +17,11 @@ std::uint64_t QEVMemoryEventStore::nextSequenceNumber() const {
 QEVMemoryChunkWriter::QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> chunkStore,
                                            std::int64_t maxEvents, std::int64_t version,
                                            std::shared_ptr<const QEVMemoryPruner> chunkPruner,
-                                           OptionsProvider options,
+                                           OptionsProvider options, qevr::Executor& executor,
                                            std::chrono::milliseconds longestWait)
     : maxEventsPerChunk(maxEvents),
       schemaVersion(version),
-      shared(std::make_shared<Shared>(longestWait)) {
+      shared(std::make_shared<Shared>(executor, longestWait)) {
   shared->store = std::move(chunkStore);
   shared->pruner = std::move(chunkPruner);
   shared->optionsProvider = std::move(options);
@@ -141,7 +141,7 @@ void QEVMemoryChunkWriter::enqueueSave(std::optional<QEVMemoryEventChunk> chunk,
   // before its saves finish. The companion hears of the save before the
   // save leaves the gate, so whoever waits for idle saves also sees what
   // the companion starts.
-  qevr::detachTask(qevr::TaskPriority::utility,
+  qevr::detachTask(shared->executor, qevr::TaskPriority::utility,
                    [state = shared, saved = std::move(*chunk),
                     with = std::move(companion)](std::stop_token) mutable {
                      beforeSave(with.get());

@@ -6,6 +6,7 @@
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVObserver/QEVObserverEvent.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include "QEVMemoryInFlightGate.h"
 #include "QEVMemoryPruner.h"
@@ -35,15 +36,15 @@ class QEVMemoryEventStore {
 };
 
 // Gathers events into an open chunk, closes it at 100 events or at a
-// sessionEnd, and saves closed chunks on background tasks, each save
-// followed by a pruning run.
+// sessionEnd, and saves closed chunks on background tasks of its executor,
+// each save followed by a pruning run.
 //
 // Thread safety: `lock` guards the open chunk and `isShutdown`; it is never
 // held while a task starts, a save runs or a host waits. Pruning runs that
 // have not started yet are merged (they would all see the same files), so
 // however fast chunks arrive at most one run waits. Saves in flight pass
 // through a QEVMemoryInFlightGate: at maxPendingSaves, the thread that brings
-// the next chunk waits until the pool is down to resumeAt, so memory stays
+// the next chunk waits until the saves are down to resumeAt, so memory stays
 // bounded, no chunk is dropped, and a host that outruns the disk pauses once
 // per dozen chunks. When the wait times out, that thread saves the chunk
 // itself, directly, running no other queued work.
@@ -83,7 +84,7 @@ class QEVMemoryChunkWriter {
   QEVMemoryChunkWriter(
       std::shared_ptr<QEVMemoryStore> store, std::int64_t maxEventsPerChunk,
       std::int64_t schemaVersion, std::shared_ptr<const QEVMemoryPruner> pruner,
-      OptionsProvider optionsProvider,
+      OptionsProvider optionsProvider, qevr::Executor& executor = qevr::defaultExecutor(),
       std::chrono::milliseconds longestWait = QEVMemoryInFlightGate::defaultLongestWait);
 
   // Adds the event to the open chunk (opening one if needed). Returns the
@@ -133,7 +134,10 @@ class QEVMemoryChunkWriter {
   // The store, pruner and options, and the counters, shared with the
   // background tasks, which may outlive the writer.
   struct Shared : std::enable_shared_from_this<Shared> {
-    explicit Shared(std::chrono::milliseconds longestWait) : saves(maxPendingSaves, longestWait) {}
+    Shared(qevr::Executor& taskExecutor, std::chrono::milliseconds longestWait)
+        : executor(taskExecutor), queuedRun(taskExecutor), saves(maxPendingSaves, longestWait) {}
+    // Runs the saves and the pruning; outlives the writer's tasks.
+    qevr::Executor& executor;
     // The run that saves ask for; a chunk saved during a run queues one more.
     QEVMemoryQueuedPruneRun queuedRun;
     // Chunks saved on the pool since the last run began.

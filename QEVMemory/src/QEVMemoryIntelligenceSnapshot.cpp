@@ -1,7 +1,7 @@
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Json.h>
-#include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/Text.h>
 
 #include "MemoryJson.h"
@@ -46,10 +46,15 @@ std::string redactedSnapshotText(std::string_view text) {
 }
 
 QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store, std::stop_token stop) {
+  return intelligenceSnapshot(qevr::defaultExecutor(), store, std::move(stop));
+}
+
+QEVMemoryIntelligenceSnapshot intelligenceSnapshot(qevr::Executor& executor, QEVMemoryStore& store,
+                                                   std::stop_token stop) {
   auto sessionsTask =
-      qevr::childTask(qevr::TaskPriority::utility, stop,
+      qevr::childTask(executor, qevr::TaskPriority::utility, stop,
                       [&store](std::stop_token s) { return store.loadSessionGraphs(s); });
-  auto userTask = qevr::childTask(qevr::TaskPriority::utility, stop,
+  auto userTask = qevr::childTask(executor, qevr::TaskPriority::utility, stop,
                                   [&store](std::stop_token s) { return store.loadUserGraph(s); });
   // Wait for both before rethrowing, so no child outlives `store`.
   sessionsTask.wait();

@@ -18,50 +18,55 @@
 
 namespace QEVMemoryIntegration {
 
-std::shared_ptr<QEVFileMemoryStore> makeDefaultStore() {
+std::shared_ptr<QEVFileMemoryStore> makeDefaultStore(qevr::Executor& executor) {
   return std::make_shared<QEVFileMemoryStore>(std::nullopt, qevr::FileSystem::defaultFileSystem(),
-                                              std::make_shared<QEVLZFSECompressionEngine>());
+                                              std::make_shared<QEVLZFSECompressionEngine>(),
+                                              executor);
 }
 
-std::shared_ptr<QEVRModule> makeModule() {
+std::shared_ptr<QEVRModule> makeModule(qevr::Executor& executor) {
   return std::make_shared<QEVMemoryModule>(std::make_shared<QEVMemoryEventStore>(), nullptr,
-                                           nullptr, nullptr);
+                                           nullptr, nullptr, executor);
 }
 
 }  // namespace QEVMemoryIntegration
 
-QEVMemoryModule::Stack QEVMemoryModule::defaultStack() {
+QEVMemoryModule::Stack QEVMemoryModule::defaultStack(qevr::Executor& executor) {
   std::shared_ptr<QEVFileMemoryStore> store;
   try {
-    store = QEVMemoryIntegration::makeDefaultStore();
+    store = QEVMemoryIntegration::makeDefaultStore(executor);
   } catch (const QEVFileMemoryStoreError&) {
     return {};  // memory-only mode, silently
   }
-  auto pruner = std::make_shared<const QEVMemoryPruner>(store->rootDirectory(),
-                                                        qevr::FileSystem::defaultFileSystem());
+  auto pruner = std::make_shared<const QEVMemoryPruner>(
+      store->rootDirectory(), qevr::FileSystem::defaultFileSystem(), executor);
   auto writer = std::make_shared<QEVMemoryChunkWriter>(
       store, QEVMemoryChunkWriter::defaultMaxEventsPerChunk,
       QEVMemoryChunkWriter::currentSchemaVersion, pruner,
-      [] { return QEVMemoryRuntime::shared().activeOptions(); });
+      [] { return QEVMemoryRuntime::shared().activeOptions(); }, executor);
   return {store, writer, pruner};
 }
 
 QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore,
                                  std::shared_ptr<QEVMemoryStore> givenStore,
                                  std::shared_ptr<QEVMemoryChunkWriter> givenWriter,
-                                 std::shared_ptr<const QEVMemoryPruner> givenPruner)
+                                 std::shared_ptr<const QEVMemoryPruner> givenPruner,
+                                 qevr::Executor& taskExecutor)
     : QEVMemoryModule(
           std::move(eventStore),
           givenStore || givenWriter || givenPruner
               ? Stack{std::move(givenStore), std::move(givenWriter), std::move(givenPruner)}
-              : defaultStack()) {}
+              : defaultStack(taskExecutor),
+          taskExecutor) {}
 
-QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack)
-    : events(std::move(eventStore)),
+QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack,
+                                 qevr::Executor& taskExecutor)
+    : executor(taskExecutor),
+      events(std::move(eventStore)),
       memoryStore(std::move(stack.store)),
       chunkWriter(std::move(stack.writer)),
       pruner(std::move(stack.pruner)),
-      startRun(std::make_shared<QEVMemoryQueuedPruneRun>()) {}
+      startRun(std::make_shared<QEVMemoryQueuedPruneRun>(taskExecutor)) {}
 
 namespace {
 
@@ -115,7 +120,7 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
         [context](QEVRBackgroundOperation operation) {
           return context.submitBackgroundWork(std::move(operation));
         },
-        std::move(continuity));
+        std::move(continuity), executor);
   }
   std::optional<QEVRUUID> id = QEVObserverIntegration::registerEventSink(shared_from_this());
   if (!id) {

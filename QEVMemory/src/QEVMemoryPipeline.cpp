@@ -11,8 +11,10 @@
 #include <set>
 
 QEVMemoryDiskScheduler::QEVMemoryDiskScheduler(BackgroundSubmit submit,
+                                               qevr::Executor& taskExecutor,
                                                std::chrono::milliseconds longestWait)
     : backgroundSubmit(std::move(submit)),
+      executor(taskExecutor),
       jobs(std::make_shared<QEVMemoryInFlightGate>(maxPendingJobs, longestWait)) {}
 
 namespace {
@@ -24,6 +26,7 @@ struct OnceJob {
   std::atomic<bool> claimed{false};
   QEVMemoryDiskScheduler::Job job;
   std::shared_ptr<QEVMemoryInFlightGate> jobs;
+  qevr::Executor* executor = nullptr;
 
   void run() {
     if (claimed.exchange(true, std::memory_order_acq_rel)) return;
@@ -35,16 +38,17 @@ struct OnceJob {
     job = nullptr;  // what the job holds goes before anyone learns it is done
     jobs->leave();
   }
-  void runOnPool(const std::shared_ptr<OnceJob>& self) {
+  void runOnTask(const std::shared_ptr<OnceJob>& self) {
     if (claimed.load(std::memory_order_acquire)) return;
-    qevr::detachTask(qevr::TaskPriority::utility, [self](std::stop_token) { self->run(); });
+    qevr::detachTask(*executor, qevr::TaskPriority::utility,
+                     [self](std::stop_token) { self->run(); });
   }
 };
 
 // Destroyed with the worker's operation; falls back if it never ran.
 struct FallbackGuard {
   std::shared_ptr<OnceJob> once;
-  ~FallbackGuard() { once->runOnPool(once); }
+  ~FallbackGuard() { once->runOnTask(once); }
 };
 
 }  // namespace
@@ -53,6 +57,7 @@ void QEVMemoryDiskScheduler::schedule(Job job) {
   auto once = std::make_shared<OnceJob>();
   once->job = std::move(job);
   once->jobs = jobs;
+  once->executor = &executor;
   if (!jobs->enter()) {
     once->run();  // the pool did not drain in time
     return;
@@ -66,7 +71,7 @@ void QEVMemoryDiskScheduler::schedule(Job job) {
   }
   // A refused job runs anyway. (Only an unclaimed job runs, so a guard that
   // already fell back makes this a no-op.)
-  if (!accepted) once->runOnPool(once);
+  if (!accepted) once->runOnTask(once);
 }
 
 // The user graphs of one pipeline reach the disk in the order they were
@@ -153,11 +158,12 @@ QEVMemoryPipeline::QEVMemoryPipeline(std::shared_ptr<QEVMemoryEventStore> events
                                      std::shared_ptr<QEVMemoryChunkWriter> writer,
                                      std::shared_ptr<QEVMemoryStore> memoryStore,
                                      QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit,
-                                     std::optional<Continuity> continuity)
+                                     std::optional<Continuity> continuity, qevr::Executor& executor)
     : eventStore(std::move(events)),
       chunkWriter(std::move(writer)),
       store(std::move(memoryStore)),
-      diskScheduler(std::make_shared<QEVMemoryDiskScheduler>(std::move(backgroundSubmit))),
+      diskScheduler(
+          std::make_shared<QEVMemoryDiskScheduler>(std::move(backgroundSubmit), executor)),
       userGraphBuilder(makeUserGraphBuilder(continuity)),
       datesSessionsByEvents(continuity.has_value()),
       userGraphAtStart(continuity ? continuity->earlierUserGraph : std::nullopt),

@@ -8,6 +8,7 @@
 #include <QEVMemory/QEVSessionGraph.h>
 #include <QEVMemory/QEVUserGraph.h>
 #include <QEVRCore/QEVRModule.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include "QEVMemoryChunkWriter.h"
 #include "QEVMemoryInFlightGate.h"
@@ -33,8 +34,9 @@ class QEVMemoryDiskScheduler {
   static constexpr int maxPendingJobs = 16;
   static constexpr int resumeAt = QEVMemoryInFlightGate::resumeAtFor(maxPendingJobs);
 
+  // Plain tasks go on `executor`, which must outlive the jobs.
   explicit QEVMemoryDiskScheduler(
-      BackgroundSubmit backgroundSubmit,
+      BackgroundSubmit backgroundSubmit, qevr::Executor& executor = qevr::defaultExecutor(),
       std::chrono::milliseconds longestWait = QEVMemoryInFlightGate::defaultLongestWait);
 
   // Returns at once, unless the caller is paced (see above).
@@ -49,6 +51,7 @@ class QEVMemoryDiskScheduler {
 
  private:
   const BackgroundSubmit backgroundSubmit;  // may be empty
+  qevr::Executor& executor;
   // Shared with the jobs, which may outlive the scheduler.
   const std::shared_ptr<QEVMemoryInFlightGate> jobs;
 };
@@ -84,7 +87,8 @@ class QEVMemoryPipeline : public std::enable_shared_from_this<QEVMemoryPipeline>
                     std::shared_ptr<QEVMemoryChunkWriter> chunkWriter,
                     std::shared_ptr<QEVMemoryStore> store,
                     QEVMemoryDiskScheduler::BackgroundSubmit backgroundSubmit,
-                    std::optional<Continuity> continuity = std::nullopt);
+                    std::optional<Continuity> continuity = std::nullopt,
+                    qevr::Executor& executor = qevr::defaultExecutor());
 
   // Takes `lock` for the whole event, so events are handled one at a time
   // in the order callers get it; a chunk the event closed is handed to the

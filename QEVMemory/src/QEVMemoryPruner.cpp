@@ -226,8 +226,12 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
 
 }  // namespace
 
-QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileSystem)
-    : root(std::move(rootDirectory)), files(fileSystem), memo(std::make_shared<const DateMemo>()) {}
+QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileSystem,
+                                 qevr::Executor& runExecutor)
+    : root(std::move(rootDirectory)),
+      files(fileSystem),
+      executor(runExecutor),
+      memo(std::make_shared<const DateMemo>()) {}
 
 std::shared_ptr<const QEVMemoryPruner::DateMemo> QEVMemoryPruner::rememberedDates() const {
   qevr::MutexLock guard(memoLock);
@@ -259,7 +263,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
 
   std::uint64_t readBytes = 0;
   const QEVMemoryPruningSummary summary =
-      qevr::detachTask(qevr::TaskPriority::utility, [&](std::stop_token) {
+      qevr::detachTask(executor, qevr::TaskPriority::utility, [&](std::stop_token) {
         qevr::checkCancellation(stop);
         const QEVRDate now = qevr::now();
         const std::shared_ptr<const DateMemo> known = rememberedDates();

@@ -5,6 +5,7 @@
 
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 
@@ -40,11 +41,12 @@ class QEVMemoryPruner {
     std::uint64_t byteCount = 0;
   };
 
-  // `files` must outlive the pruner.
-  QEVMemoryPruner(std::filesystem::path rootDirectory, qevr::FileSystem& files);
+  // `files` and `executor` must outlive the pruner.
+  QEVMemoryPruner(std::filesystem::path rootDirectory, qevr::FileSystem& files,
+                  qevr::Executor& executor = qevr::defaultExecutor());
 
-  // Runs the three passes on a utility-priority background task and waits
-  // for it. Returns zeros at once when pruning is off. Throws the first file,
+  // Runs the three passes on a utility-priority task of the pruner's
+  // executor and waits for it. Returns zeros at once when pruning is off. Throws the first file,
   // decoding or decompression error (nothing is deleted when listing fails).
   // Logs "Pruned N event chunks and M session graphs, freed B bytes" under
   // "QEVMemory"/"Pruning" after every completed run.
@@ -78,6 +80,7 @@ class QEVMemoryPruner {
 
   const std::filesystem::path root;
   qevr::FileSystem& files;
+  qevr::Executor& executor;
 
   // steady_clock ticks of the last heap trim after a run; runs that read
   // little trim at most every few seconds.

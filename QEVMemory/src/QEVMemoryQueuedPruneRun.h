@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Tasks.h>
 
 #include <atomic>
@@ -15,11 +16,15 @@
 // task, which may outlive its owner.
 class QEVMemoryQueuedPruneRun {
  public:
+  // Runs go on `executor`, which must outlive the runs.
+  explicit QEVMemoryQueuedPruneRun(qevr::Executor& executor = qevr::defaultExecutor())
+      : runExecutor(executor) {}
+
   // Queues `run(stop)` unless a run is queued and has not begun.
   template <typename Run>
   void request(Run run) {
     if (queued->exchange(true, std::memory_order_acq_rel)) return;
-    qevr::detachTask(qevr::TaskPriority::background,
+    qevr::detachTask(runExecutor, qevr::TaskPriority::background,
                      [flag = queued, run = std::move(run)](std::stop_token stop) mutable {
                        flag->store(false, std::memory_order_release);
                        try {
@@ -30,5 +35,6 @@ class QEVMemoryQueuedPruneRun {
   }
 
  private:
+  qevr::Executor& runExecutor;
   const std::shared_ptr<std::atomic<bool>> queued = std::make_shared<std::atomic<bool>>(false);
 };

@@ -21,7 +21,7 @@ std::vector<ModuleMaker> defaultModuleMakers() {
       // First: memory's start registers a sink and needs a bound dispatcher.
       QEVObserverIntegration::makeModule,
       // Second: registers its sink with the observer.
-      QEVMemoryIntegration::makeModule,
+      [] { return QEVMemoryIntegration::makeModule(); },
       // Third: reads memory only through its facade, and needs nothing of it
       // at start.
       QEVIntelligenceIntegration::makeModule,

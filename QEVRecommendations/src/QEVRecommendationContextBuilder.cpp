@@ -215,34 +215,37 @@ QEVRecommendationContext QEVRecommendationContext::decode(const Decoder& decoder
 QEVRecommendationContextBuilder::QEVRecommendationContextBuilder(
     std::shared_ptr<const QEVRecommendationIntelligenceProviding> intelligenceProvider,
     std::shared_ptr<const QEVRecommendationMemorySnapshotProviding> memorySnapshotProvider,
-    Clock clock)
+    Clock clock, qevr::Executor& taskExecutor)
     : intelligence(std::move(intelligenceProvider)),
       memory(std::move(memorySnapshotProvider)),
-      now(std::move(clock)) {}
+      now(std::move(clock)),
+      executor(&taskExecutor) {}
 
 QEVRecommendationContext QEVRecommendationContextBuilder::build(
     const std::optional<QEVExperienceDomain>& domain, std::optional<double> maximumAnalysisAge,
     bool includeFrustration, std::stop_token stop) const {
   qevr::checkCancellation(stop);
   constexpr auto kPriority = qevr::TaskPriority::utility;
-  auto summary = qevr::childTask(kPriority, stop, [source = intelligence](std::stop_token s) {
-    return guarded([&] { return source->summarizeBehavior(s); });
-  });
-  auto intent =
-      qevr::childTask(kPriority, stop, [source = intelligence, domain](std::stop_token s) {
-        return guarded([&] { return source->analyzeIntent(domain, s); });
+  auto summary =
+      qevr::childTask(*executor, kPriority, stop, [source = intelligence](std::stop_token s) {
+        return guarded([&] { return source->summarizeBehavior(s); });
       });
+  auto intent = qevr::childTask(*executor, kPriority, stop,
+                                [source = intelligence, domain](std::stop_token s) {
+                                  return guarded([&] { return source->analyzeIntent(domain, s); });
+                                });
   auto frustration =
-      qevr::childTask(kPriority, stop,
+      qevr::childTask(*executor, kPriority, stop,
                       [source = intelligence, includeFrustration](
                           std::stop_token s) -> std::optional<QEVFrustrationAnalysis> {
                         if (!includeFrustration) return std::nullopt;
                         return guarded([&] { return source->detectFrustration(s); });
                       });
-  auto skill = qevr::childTask(kPriority, stop, [source = intelligence, domain](std::stop_token s) {
-    return guarded([&] { return source->analyzeSkill(domain, s); });
-  });
-  auto snapshot = qevr::childTask(kPriority, stop, [source = memory](std::stop_token s) {
+  auto skill = qevr::childTask(*executor, kPriority, stop,
+                               [source = intelligence, domain](std::stop_token s) {
+                                 return guarded([&] { return source->analyzeSkill(domain, s); });
+                               });
+  auto snapshot = qevr::childTask(*executor, kPriority, stop, [source = memory](std::stop_token s) {
     return guarded([&] { return source->intelligenceSnapshot(s); });
   });
   const QEVRDate generatedAt = now();

@@ -6,11 +6,12 @@
 #include <QEVRPlatform/Tasks.h>
 
 QEVRecommendationsGenerator makeDefaultRecommendationsGenerator(
-    std::shared_ptr<QEVRecommendationCache> cache) {
+    std::shared_ptr<QEVRecommendationCache> cache, qevr::Executor& executor) {
   auto snapshots = std::make_shared<const QEVRecommendationMemorySnapshotProvider>();
   return QEVRecommendationsGenerator(
       QEVRecommendationContextBuilder(
-          std::make_shared<const QEVRecommendationIntelligenceProvider>(), snapshots),
+          std::make_shared<const QEVRecommendationIntelligenceProvider>(), snapshots,
+          [] { return qevr::now(); }, executor),
       snapshots, QEVPersonalizationEngine{}, std::move(cache));
 }
 
@@ -26,7 +27,10 @@ void QEVRecommendationsModule::start(const QEVRModuleContext& context) {
     isPaused = false;
     isRecommendationsAvailable = available;
   }
-  QEVRecommendationsRuntime::shared().configure(available, std::nullopt);
+  // The generator this start uses runs its work on the start's executor.
+  QEVRecommendationsRuntime& runtime = QEVRecommendationsRuntime::shared();
+  runtime.configure(available,
+                    makeDefaultRecommendationsGenerator(runtime.cache(), context.executor()));
   qevr::platformLog("com.qevr.recommendations", "Lifecycle", qevr::LogType::info,
                     available ? "Recommendations module started"
                               : "Recommendations unavailable by configuration; module inactive");

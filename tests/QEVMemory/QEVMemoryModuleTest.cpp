@@ -5,7 +5,6 @@
 #include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
-#include <QEVRPlatform/Tasks.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,13 +17,13 @@
 #include <fstream>
 #include <limits>
 
+#include "ManualExecutor.h"
 #include "MemoryTestSupport.h"
 #include "QEVMemoryChunkWriter.h"
 #include "QEVMemoryRuntime.h"
 
 namespace {
 
-constexpr auto kIdle = std::chrono::seconds(60);
 namespace Observer = QEVR::Observer;
 namespace Memory = QEVR::Memory;
 
@@ -36,11 +35,11 @@ class MemoryModuleTest : public ::testing::Test {
     qevr::setApplicationSupportDirectoryOverride(dir.path);
     Memory::configure(QEVMemoryOptions{});
     // Made after the override, so that its store lies in the test's directory.
-    memory = std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule());
+    memory = std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule(executor));
   }
   void TearDown() override {
     QEVR::shutdown();
-    ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+    executor.runUntilIdle();
     registry().removeAll();
     qevr::setApplicationSupportDirectoryOverride(std::nullopt);
     QEVMemoryRuntime::shared().setDiagnosticsStoreOverride(nullptr);
@@ -54,16 +53,18 @@ class MemoryModuleTest : public ::testing::Test {
     registry().registerModule(memory);
   }
 
-  static void start() {
+  void start() {
     QEVRConfiguration c;
     c.appId = "com.example.memory-tests";
     c.logLevel = QEVRLogLevel::off;
     c.isBackgroundProcessingEnabled = true;
-    QEVR::start(c);
+    QEVR::start(c, executor);
   }
 
   std::filesystem::path root() const { return dir.path / "QEVR" / "Memory"; }
 
+  // Runs the module's saves, pruning and graph jobs when the test says so.
+  qevr::ManualExecutor executor;
   TemporaryDirectory dir;
   std::shared_ptr<qevr::CapturingLogSink> logs = std::make_shared<qevr::CapturingLogSink>();
   qevr::ScopedLogSink scoped{logs};
@@ -81,7 +82,8 @@ TEST_F(MemoryModuleTest, EventsTravelFromTheObserverToDiskAndBackAsASnapshot) {
   Observer::navigation("Home", "Settings/Profile", {});
   Observer::track("level_completed", {{"password", "x"}, {"score", 3}});
   QEVR::shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  EXPECT_EQ(Memory::memoryStats(), QEVMemoryStats{});  // nothing written yet
+  executor.runUntilIdle();
 
   const QEVMemoryStats stats = Memory::memoryStats();
   EXPECT_EQ(stats.eventChunkCount, 2);  // the full one, and the one closed at shutdown
@@ -135,7 +137,7 @@ TEST_F(MemoryModuleTest, ARestartedModuleSavesLikeAfterItsFirstStart) {
     start();
     Observer::track("round", {{"r", round}});
     QEVR::shutdown();
-    ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+    executor.runUntilIdle();
   }
   EXPECT_EQ(Memory::memoryStats().eventChunkCount, 2);
   // Numbers go on rising across the restart: one module, one counter.
@@ -173,7 +175,8 @@ TEST_F(MemoryModuleTest, StartRemovesTemporariesOfWritesCutShortByACrash) {
   }
   registerBoth();
   start();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  EXPECT_TRUE(std::filesystem::exists(leftovers[0]));  // the start's run waits to be run
+  executor.runUntilIdle();
   for (const auto& file : leftovers)
     EXPECT_FALSE(std::filesystem::exists(file)) << file;
   EXPECT_TRUE(std::filesystem::exists(inFlight));
@@ -184,7 +187,7 @@ TEST_F(MemoryModuleTest, DamagedFilesFailLoadsUntilClearMemory) {
   start();
   Observer::track("x", {});
   QEVR::shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  executor.runUntilIdle();
   const auto bad = root() / "events" / "00000000-0000-4000-8000-000000000000.json";
   std::ofstream(bad) << R"({"compressionType":"lzfse","uncompressedByteCount":3,"payload":"AAAA"})";
   EXPECT_ANY_THROW(Memory::memoryStats());
@@ -205,7 +208,8 @@ TEST_F(MemoryModuleTest, WithoutApplicationSupportTheModuleKeepsToMemory) {
   const std::string savedHome = home ? home : "", savedData = data ? data : "";
   ::unsetenv("HOME");
   ::unsetenv("XDG_DATA_HOME");
-  auto isolated = std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule());
+  auto isolated =
+      std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule(executor));
   bool statsFailed = false;
   try {
     Memory::memoryStats();
@@ -262,13 +266,13 @@ TEST_F(MemoryModuleTest, ContinuityCarriesTheUserGraphAndDatesSessionsAcrossRuns
     for (int run = 1; run <= 3; ++run) {
       start();
       // The start's pruning run first, so that it never sees this run's files.
-      ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+      executor.runUntilIdle();
       clock->advance(60);
       Observer::screenView("Run" + std::to_string(run), {});
       clock->advance(60);
       Observer::track("played", {});
       QEVR::shutdown();
-      ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+      executor.runUntilIdle();
       const auto user = makeStore(root())->loadUserGraph();
       ASSERT_TRUE(user.has_value());
       if (!firstUser) {
@@ -305,7 +309,7 @@ TEST_F(MemoryModuleTest, ContinuityStartsAfreshFromADamagedUserGraph) {
   start();
   Observer::track("after", {});
   QEVR::shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  executor.runUntilIdle();
   Memory::setContinuity(false);
   const auto user = makeStore(root())->loadUserGraph();
   ASSERT_TRUE(user.has_value());
@@ -320,23 +324,23 @@ TEST_F(MemoryModuleTest, ContinuityStartsAfreshFromADamagedUserGraph) {
 TEST_F(MemoryModuleTest, ContinuityChangesTakeEffectAtTheNextStart) {
   registerBoth();
   start();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));  // the start's pruning run
+  executor.runUntilIdle();  // the start's pruning run
   Memory::setContinuity(true);
   EXPECT_TRUE(Memory::continuity());
   Observer::track("first", {});
   QEVR::shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  executor.runUntilIdle();
   auto user = makeStore(root())->loadUserGraph();
   ASSERT_TRUE(user.has_value());
   EXPECT_FALSE(user->lastSeenAt.has_value());
 
   start();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  executor.runUntilIdle();
   Memory::setContinuity(false);
   EXPECT_FALSE(Memory::continuity());
   Observer::track("second", {});
   QEVR::shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  executor.runUntilIdle();
   user = makeStore(root())->loadUserGraph();
   ASSERT_TRUE(user.has_value());
   EXPECT_EQ(user->totalSessions, 2);

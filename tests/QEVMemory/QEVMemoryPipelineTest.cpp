@@ -1,18 +1,17 @@
 #include <QEVRPlatform/Tasks.h>
+#include "ManualExecutor.h"
 #include "QEVMemoryChunkWriter.h"
 #include "QEVMemoryPipeline.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <map>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -23,15 +22,21 @@
 namespace {
 
 using Type = QEVObserverEventType;
-constexpr auto kIdle = std::chrono::seconds(60);
+using std::chrono::milliseconds;
 
 // A store that records what it is asked to save and can be told to fail.
+// Saves a host makes on its own thread are counted apart; the first of them
+// runs `whileSavingHere` first.
 class RecordingStore : public QEVMemoryStore {
  public:
   void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token) override {
     qevr::MutexLock guard(lock);
     if (failChunks) throw std::runtime_error("disk full");
     chunks.push_back(chunk);
+  }
+  void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) override {
+    if (savedHere.fetch_add(1) == 0 && whileSavingHere) whileSavingHere();
+    saveEventChunk(chunk, {});
   }
   std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token) override { return {}; }
   void saveSessionGraph(const QEVSessionGraph& graph, std::stop_token) override {
@@ -50,11 +55,19 @@ class RecordingStore : public QEVMemoryStore {
   std::uint64_t estimatedDiskUsageBytes(std::stop_token) override { return 0; }
   void clearAll(std::stop_token) override {}
 
-  qevr::Mutex lock;
+  // What was saved: chunks, session graphs, user graphs.
+  std::array<std::size_t, 3> counts() {
+    qevr::MutexLock guard(lock);
+    return {chunks.size(), sessions.size(), users.size()};
+  }
+
+  qevr::Mutex lock;  // guards the fields below
   bool failChunks QEVR_GUARDED_BY(lock) = false;
   std::vector<QEVMemoryEventChunk> chunks QEVR_GUARDED_BY(lock);
   std::vector<QEVSessionGraph> sessions QEVR_GUARDED_BY(lock);
   std::vector<QEVUserGraph> users QEVR_GUARDED_BY(lock);
+  std::atomic<int> savedHere{0};
+  std::function<void()> whileSavingHere;
 };
 
 QEVMemoryEvent memoryEvent(QEVMemoryEventType type, double at, std::uint64_t sequence) {
@@ -89,8 +102,9 @@ TEST(ChunkWriterTest, ClosesAtTheLimitAndAtSessionEnd) {
 }
 
 TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30SecondsOld) {
+  qevr::ManualExecutor executor;
   auto store = std::make_shared<RecordingStore>();
-  QEVMemoryChunkWriter writer(store, 100, 1, nullptr, nullptr);
+  QEVMemoryChunkWriter writer(store, 100, 1, nullptr, nullptr, executor);
   writer.reopen(30);
   // (event time, events in the copy it makes; 0 for none)
   const std::vector<std::pair<double, std::int64_t>> steps = {{0, 0},  {10, 0}, {30, 0}, {31, 4},
@@ -111,12 +125,11 @@ TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30Second
   EXPECT_EQ(closed->eventCount, 9);
 
   // Saves that reach the disk out of order never go back to fewer events.
-  writer.enqueueSave(copies[1]);
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  writer.enqueueSave(closed);
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  writer.enqueueSave(copies[0]);
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  for (const auto& chunk : {copies[1], *closed, copies[0]})
+    writer.enqueueSave(chunk);
+  EXPECT_EQ(writer.pendingSaves(), 3);
+  EXPECT_EQ(executor.runAll(), 3u);
+  EXPECT_EQ(writer.pendingSaves(), 0);
   {
     qevr::MutexLock guard(store->lock);
     ASSERT_EQ(store->chunks.size(), 2u);
@@ -143,143 +156,126 @@ TEST(ChunkWriterTest, ShutdownClosesOnceRefusesEventsAndReopenRestores) {
   EXPECT_TRUE(writer.closeActiveChunk(QEVRDate{80}).has_value());
 }
 
+// A host that outruns the disk while another thread works the saves off:
+// in flight never passes the limit, and no chunk is lost.
 TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
+  qevr::ManualExecutor executor;
   auto store = std::make_shared<RecordingStore>();
-  QEVMemoryChunkWriter writer(store, 1, 1, nullptr, nullptr);
+  QEVMemoryChunkWriter writer(store, 1, 1, nullptr, nullptr, executor, std::chrono::minutes(1));
+  std::atomic<bool> hostDone{false};
+  std::thread disk([&] {
+    while (!hostDone)
+      if (!executor.runNext()) std::this_thread::yield();
+  });
   for (int i = 1; i <= 500; ++i) {
     writer.enqueueSave(writer.append(memoryEvent(QEVMemoryEventType::gesture, i, i)));
     EXPECT_LE(writer.pendingSaves(), QEVMemoryChunkWriter::maxPendingSaves);
   }
   writer.enqueueSave(std::nullopt);  // no chunk: no task
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  qevr::MutexLock guard(store->lock);
-  EXPECT_EQ(store->chunks.size(), 500u);
+  hostDone = true;
+  disk.join();
+  executor.runUntilIdle();
+  EXPECT_EQ(store->counts()[0], 500u);
+  EXPECT_EQ(store->savedHere, 0);
 }
 
-// Saves on the pool wait at a gate; the first save on a calling thread runs
-// a callback first.
-class GatedStore : public RecordingStore {
- public:
-  void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop) override {
-    gate.wait();
-    RecordingStore::saveEventChunk(chunk, stop);
+// Every save slot is taken by a save queued on a manual executor; then a
+// host brings one more chunk. It waits without the pipeline's lock, and
+// saves nothing itself, until the test has run the saves down to resumeAt.
+// Run one fewer, and it waits out its time and saves its chunk itself.
+TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
+  constexpr int kFull = QEVMemoryChunkWriter::maxPendingSaves;
+  constexpr int kDrain = kFull - QEVMemoryChunkWriter::resumeAt;
+  const struct {
+    int run;
+    milliseconds longestWait;
+    int savedHere;
+  } cases[] = {{kDrain, std::chrono::minutes(1), 0}, {kDrain - 1, milliseconds(300), 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.run);
+    qevr::ManualExecutor executor;
+    auto store = std::make_shared<RecordingStore>();
+    auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr, executor,
+                                                         c.longestWait);
+    QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
+                               std::nullopt, executor);
+    for (int i = 0; i <= kFull; ++i) {
+      const QEVObserverEvent event =
+          observerEvent(Type::screenView, QEVRDate{1.0 * i}, std::nullopt, {}, "Home");
+      if (i < kFull) {
+        pipeline.handle(event);
+        continue;
+      }
+      std::thread host([&] { pipeline.handle(event); });
+      // A host whose wait is over before the test sees it has saved already.
+      while (writer->pacedThreads() + store->savedHere < 1)
+        std::this_thread::yield();
+      EXPECT_FALSE(pipeline.isShutDown());  // takes the lock: hangs if the host holds it
+      for (int r = 0; r < c.run; ++r)
+        ASSERT_TRUE(executor.runNext());
+      host.join();
+    }
+    EXPECT_EQ(store->savedHere, c.savedHere);
+    EXPECT_EQ(executor.pending(), static_cast<std::size_t>(kFull - c.run + 1 - c.savedHere));
+    executor.runUntilIdle();
+    EXPECT_EQ(store->counts()[0], static_cast<std::size_t>(kFull + 1));
   }
-  void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) override {
-    if (savedHere.fetch_add(1) == 0 && whileSavingHere) whileSavingHere();
-    RecordingStore::saveEventChunk(chunk, {});
-  }
-  std::promise<void> opener;
-  std::shared_future<void> gate = opener.get_future().share();
-  std::atomic<int> savedHere{0};
-  std::function<void()> whileSavingHere;
-};
+}
 
-// Sixteen saves wait at the gate; then `hosts` threads each bring one more
-// chunk, and the test waits until all of them are paced.
-struct FullWriter {
-  std::shared_ptr<GatedStore> store = std::make_shared<GatedStore>();
-  std::shared_ptr<QEVMemoryChunkWriter> writer;
-  QEVMemoryPipeline pipeline;
-
-  static QEVObserverEvent event(double at) {
+// When the saves do not drain in time, the waiting thread saves its chunk
+// itself, directly: were it to wait on a task it would have to run it, or
+// wait behind the queue. It does so after the pipeline's lock is released,
+// so another thread's event goes through meanwhile (else the callback below
+// would wait forever).
+TEST(ChunkWriterTest, AStuckQueueLeavesTheSaveToTheWaitingThreadOutsideThePipelineLock) {
+  qevr::ManualExecutor executor;
+  auto store = std::make_shared<RecordingStore>();
+  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr, executor,
+                                                       milliseconds(20));
+  QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
+                             std::nullopt, executor);
+  const auto event = [](double at) {
     return observerEvent(Type::screenView, QEVRDate{at}, std::nullopt, {}, "Home");
-  }
-  explicit FullWriter(std::chrono::milliseconds pacingWait)
-      : writer(std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr, pacingWait)),
-        pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr) {
-    for (int i = 0; i < QEVMemoryChunkWriter::maxPendingSaves; ++i)
-      pipeline.handle(event(i));
-  }
-  std::size_t saved() {
-    qevr::MutexLock guard(store->lock);
-    return store->chunks.size();
-  }
-};
-
-// A host that finds every slot taken waits, without the pipeline's lock (the
-// second host gets through it) and without saving anything itself, until the
-// pool has worked the queue down to resumeAt.
-TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilThePoolHasDrained) {
-  FullWriter full(std::chrono::minutes(1));
-  EXPECT_EQ(full.writer->pendingSaves(), QEVMemoryChunkWriter::maxPendingSaves);
-  std::vector<std::size_t> savedWhenReturned(2);
-  std::vector<std::thread> hosts;
-  for (int h = 0; h < 2; ++h) {
-    hosts.emplace_back([&, h] {
-      full.pipeline.handle(FullWriter::event(100 + h));
-      savedWhenReturned[h] = full.saved();
-    });
-  }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (full.writer->pacedThreads() < 2 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
-  EXPECT_EQ(full.writer->pacedThreads(), 2);
-  EXPECT_EQ(full.saved(), 0u);
-  full.store->opener.set_value();
-  for (std::thread& host : hosts)
-    host.join();
-  for (std::size_t saved : savedWhenReturned) {
-    EXPECT_GE(saved, static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves -
-                                              QEVMemoryChunkWriter::resumeAt));
-  }
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  EXPECT_EQ(full.store->savedHere, 0);
-  EXPECT_EQ(full.saved(), static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
-}
-
-// When the pool does not drain in time, the waiting thread saves its chunk
-// itself, directly: were it to wait on a task it would pick up one of the
-// queued saves, stuck at the gate, and never return. It does so after the
-// pipeline's lock is released, so another thread's event goes through
-// meanwhile (else the callback below would wait forever).
-TEST(ChunkWriterTest, AStuckPoolLeavesTheSaveToTheWaitingThreadOutsideThePipelineLock) {
-  FullWriter full(std::chrono::milliseconds(20));
-  std::atomic<bool> otherEventHandled{false};
-  full.store->whileSavingHere = [&] {
-    std::thread other([&] {
-      full.pipeline.handle(FullWriter::event(100));  // also stuck: saved on that thread
-      otherEventHandled = true;
-    });
+  };
+  for (int i = 0; i < QEVMemoryChunkWriter::maxPendingSaves; ++i)
+    pipeline.handle(event(i));
+  bool otherEventHandled = false;
+  store->whileSavingHere = [&] {
+    // Also stuck: saved on that thread.
+    std::thread other([&] { otherEventHandled = pipeline.handle(event(100)) == std::nullopt; });
     other.join();
   };
-  full.pipeline.handle(FullWriter::event(99));
+  pipeline.handle(event(99));
   EXPECT_TRUE(otherEventHandled);
-  EXPECT_EQ(full.store->savedHere, 2);
-  EXPECT_EQ(full.saved(), 2u);  // the two saved here; the rest still wait
-  full.store->opener.set_value();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  EXPECT_EQ(full.saved(), static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
+  EXPECT_EQ(store->savedHere, 2);
+  EXPECT_EQ(store->counts()[0], 2u);  // the two saved here; the rest still wait
+  executor.runUntilIdle();
+  EXPECT_EQ(store->counts()[0],
+            static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
 }
 
 // Graph jobs are paced the same way: the caller of the seventeenth job waits
-// for the pool instead of running a save itself.
-TEST(DiskSchedulerTest, ABurstOfJobsPacesTheCallerUntilThePoolHasDrained) {
-  QEVMemoryDiskScheduler scheduler(nullptr, std::chrono::minutes(1));
-  std::promise<void> opener;
-  std::shared_future<void> gate = opener.get_future().share();
+// for the queue to drain instead of running a job itself.
+TEST(DiskSchedulerTest, ABurstOfJobsPacesTheCallerUntilTheQueueHasDrained) {
+  constexpr int kFull = QEVMemoryDiskScheduler::maxPendingJobs;
+  constexpr int kDrain = kFull - QEVMemoryDiskScheduler::resumeAt;
+  qevr::ManualExecutor executor;
+  QEVMemoryDiskScheduler scheduler(nullptr, executor, std::chrono::minutes(1));
   std::atomic<int> done{0};
-  std::atomic<int> onCaller{0};
-  const std::thread::id caller = std::this_thread::get_id();
-  const auto job = [&] {
-    if (std::this_thread::get_id() == caller) ++onCaller;
-    gate.wait();
-    ++done;
-  };
-  for (int i = 0; i < QEVMemoryDiskScheduler::maxPendingJobs; ++i)
+  const auto job = [&] { ++done; };
+  for (int i = 0; i < kFull; ++i)
     scheduler.schedule(job);
-  EXPECT_EQ(scheduler.pendingJobs(), QEVMemoryDiskScheduler::maxPendingJobs);
-  std::thread opens([&] {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (scheduler.pacedThreads() < 1 && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::yield();
-    opener.set_value();
-  });
-  scheduler.schedule(job);
-  EXPECT_GE(done.load(), QEVMemoryDiskScheduler::maxPendingJobs - QEVMemoryDiskScheduler::resumeAt);
-  opens.join();
-  ASSERT_TRUE(scheduler.waitUntilIdle(kIdle));
-  EXPECT_EQ(done.load(), QEVMemoryDiskScheduler::maxPendingJobs + 1);
-  EXPECT_EQ(onCaller.load(), 0);
+  EXPECT_EQ(scheduler.pendingJobs(), kFull);
+  std::thread caller([&] { scheduler.schedule(job); });
+  // A caller that ran its job itself leaves the loop too, and fails below.
+  while (scheduler.pacedThreads() < 1 && done == 0)
+    std::this_thread::yield();
+  for (int i = 0; i < kDrain; ++i)
+    ASSERT_TRUE(executor.runNext());
+  caller.join();
+  EXPECT_EQ(done.load(), kDrain);  // the caller ran none itself
+  EXPECT_EQ(executor.runUntilIdle(), static_cast<std::size_t>(kFull - kDrain + 1));
+  EXPECT_EQ(done.load(), kFull + 1);
 }
 
 TEST(EventStoreTest, NumbersWithoutGapsFromOne) {
@@ -291,86 +287,83 @@ TEST(EventStoreTest, NumbersWithoutGapsFromOne) {
   }
 }
 
+// Everything the pipeline writes waits on a manual executor until the test
+// runs it.
 class PipelineTest : public ::testing::Test {
  protected:
+  QEVMemoryPipeline pipeline(QEVMemoryDiskScheduler::BackgroundSubmit submit) {
+    return QEVMemoryPipeline(events, writer, store, std::move(submit), std::nullopt, executor);
+  }
+
+  qevr::ManualExecutor executor;
   std::shared_ptr<RecordingStore> store = std::make_shared<RecordingStore>();
   std::shared_ptr<QEVMemoryEventStore> events = std::make_shared<QEVMemoryEventStore>();
   std::shared_ptr<QEVMemoryChunkWriter> writer =
-      std::make_shared<QEVMemoryChunkWriter>(store, 100, 1, nullptr, nullptr);
+      std::make_shared<QEVMemoryChunkWriter>(store, 100, 1, nullptr, nullptr, executor);
 };
 
-TEST_F(PipelineTest, SessionEndCompletesTheSessionIntoTheUserGraph) {
-  std::atomic<int> submitted{0};
-  QEVMemoryPipeline pipeline(events, writer, store, [&](QEVRBackgroundOperation op) {
-    ++submitted;
-    qevr::detachTask(qevr::TaskPriority::utility, [op](std::stop_token s) { op(s); });
-    return true;
-  });
-  const QEVRUUID session = QEVRUUID::random();
-  EXPECT_FALSE(pipeline.handle(observerEvent(Type::screenView, QEVRDate{10}, session, {}, "Home")));
-  auto completed = pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{70}, session));
-  ASSERT_TRUE(completed.has_value());
-  EXPECT_EQ(completed->sessionGraph.eventCount, 2);  // the sessionEnd is counted
-  EXPECT_EQ(completed->sessionGraph.endedAt, QEVRDate{70});
-  EXPECT_EQ(completed->userGraph.totalSessions, 1);
-  pipeline.persist(completed);
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  EXPECT_EQ(submitted.load(), 1);
-  qevr::MutexLock guard(store->lock);
-  EXPECT_EQ(store->sessions.size(), 1u);
-  EXPECT_EQ(store->users.size(), 1u);
-  EXPECT_EQ(store->chunks.size(), 1u);  // closed by the sessionEnd
-}
-
-TEST_F(PipelineTest, RefusedAndDroppedWorkerJobsRunAnyway) {
-  // Refused outright, and accepted but dropped unrun (a worker shut down).
-  for (bool accept : {false, true}) {
-    QEVMemoryPipeline pipeline(events, writer, store, [accept](QEVRBackgroundOperation op) {
-      op = nullptr;  // never runs
-      return accept;
+// The graphs go to the worker when it takes them, and to a plain task
+// otherwise: refused outright, or accepted and dropped unrun (a worker shut
+// down). Either way they are written once the queue is run, not before.
+TEST_F(PipelineTest, SessionEndCompletesTheSessionAndItsGraphsAreWrittenWhateverTheWorkerDoes) {
+  enum class Worker { runs, refuses, drops };
+  for (Worker worker : {Worker::runs, Worker::refuses, Worker::drops}) {
+    SCOPED_TRACE(static_cast<int>(worker));
+    const auto before = store->counts();
+    int submitted = 0;
+    auto p = pipeline([&](QEVRBackgroundOperation op) {
+      ++submitted;
+      if (worker == Worker::runs) {
+        qevr::detachTask(executor, qevr::TaskPriority::utility, [op](std::stop_token s) { op(s); });
+      }
+      return worker != Worker::refuses;
     });
     const QEVRUUID session = QEVRUUID::random();
-    pipeline.persist(pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{1}, session)));
+    EXPECT_FALSE(p.handle(observerEvent(Type::screenView, QEVRDate{10}, session, {}, "Home")));
+    auto completed = p.handle(observerEvent(Type::sessionEnd, QEVRDate{70}, session));
+    ASSERT_TRUE(completed.has_value());
+    EXPECT_EQ(completed->sessionGraph.eventCount, 2);  // the sessionEnd is counted
+    EXPECT_EQ(completed->sessionGraph.endedAt, QEVRDate{70});
+    EXPECT_EQ(completed->userGraph.totalSessions, 1);
+    p.persist(completed);
+    EXPECT_EQ(submitted, 1);
+    EXPECT_EQ(store->counts(), before);
+    executor.runUntilIdle();
+    // The chunk closed by the sessionEnd, the session graph, the user graph.
+    EXPECT_EQ(store->counts(), (std::array{before[0] + 1, before[1] + 1, before[2] + 1}));
   }
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  qevr::MutexLock guard(store->lock);
-  EXPECT_EQ(store->sessions.size(), 2u);
-  EXPECT_EQ(store->users.size(), 2u);
 }
 
+// No sessionId: the session graph can't be saved, the user graph still is.
+// A pipeline that saw no event writes nothing.
 TEST_F(PipelineTest, ShutdownCompletesTheOpenSessionOnceAndThenIgnoresEvents) {
-  QEVMemoryPipeline pipeline(events, writer, store, nullptr);
-  // No sessionId: the session graph can't be saved, the user graph still is.
-  pipeline.handle(observerEvent(Type::buttonTap, QEVRDate{5}, std::nullopt, {}, "S", "b"));
-  const auto next = events->nextSequenceNumber();
-  pipeline.shutdown();
-  pipeline.shutdown();
-  EXPECT_FALSE(pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{6}, std::nullopt)));
-  EXPECT_EQ(events->nextSequenceNumber(), next);  // no number used after shutdown
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  for (const bool sawEvent : {true, false}) {
+    SCOPED_TRACE(sawEvent);
+    const auto before = store->counts();
+    writer->reopen();
+    auto p = pipeline(nullptr);
+    if (sawEvent) p.handle(observerEvent(Type::buttonTap, QEVRDate{5}, std::nullopt, {}, "S", "b"));
+    const auto next = events->nextSequenceNumber();
+    p.shutdown();
+    p.shutdown();
+    EXPECT_FALSE(p.handle(observerEvent(Type::sessionEnd, QEVRDate{6}, std::nullopt)));
+    EXPECT_EQ(events->nextSequenceNumber(), next);  // no number used after shutdown
+    executor.runUntilIdle();
+    const std::size_t saved = sawEvent ? 1 : 0;
+    EXPECT_EQ(store->counts(), (std::array{before[0] + saved, before[1], before[2] + saved}));
+  }
   qevr::MutexLock guard(store->lock);
-  EXPECT_EQ(store->sessions.size(), 0u);
-  ASSERT_EQ(store->users.size(), 1u);
   EXPECT_EQ(store->users[0].totalEvents, 1);
-  EXPECT_EQ(store->chunks.size(), 1u);
-}
-
-TEST_F(PipelineTest, EmptySessionAtShutdownWritesNoGraphs) {
-  QEVMemoryPipeline pipeline(events, writer, store, nullptr);
-  pipeline.shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  qevr::MutexLock guard(store->lock);
-  EXPECT_TRUE(store->users.empty());
-  EXPECT_TRUE(store->chunks.empty());
 }
 
 TEST_F(PipelineTest, MemoryOnlyPipelineStillCompletesSessions) {
-  QEVMemoryPipeline pipeline(events, nullptr, nullptr, nullptr);
+  QEVMemoryPipeline memoryOnly(events, nullptr, nullptr, nullptr, std::nullopt, executor);
   auto completed =
-      pipeline.handle(observerEvent(Type::sessionEnd, QEVRDate{1}, QEVRUUID::random()));
+      memoryOnly.handle(observerEvent(Type::sessionEnd, QEVRDate{1}, QEVRUUID::random()));
   ASSERT_TRUE(completed.has_value());
-  pipeline.persist(completed);  // nowhere to write: nothing happens
+  memoryOnly.persist(completed);  // nowhere to write: nothing happens
   EXPECT_EQ(completed->userGraph.totalEvents, 1);
+  EXPECT_EQ(executor.pending(), 0u);
 }
 
 // The real file system until the power goes: after `cutAfter` durable
@@ -486,21 +479,23 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
 
 // One run of an app with memory across runs over `files`: it recovers the
 // runs before, then records `sessions` sessions of `steps` events, each
-// ended by its sessionEnd but the last, which only the shutdown ends.
+// ended by its sessionEnd but the last, which only the shutdown ends. The
+// writes run on this thread, once the run is over.
 void runApp(const std::filesystem::path& root, qevr::FileSystem& files, int sessions, int steps,
             double startAt) {
-  auto store = std::make_shared<QEVFileMemoryStore>(root, files,
-                                                    std::make_shared<QEVLZFSECompressionEngine>());
+  qevr::ManualExecutor executor;
+  auto store = std::make_shared<QEVFileMemoryStore>(
+      root, files, std::make_shared<QEVLZFSECompressionEngine>(), executor);
   std::optional<QEVUserGraph> earlier;
   try {
     earlier = store->loadUserGraph();
   } catch (const std::exception&) {
   }
-  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr);
+  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr, executor);
   writer->reopen(30);
-  auto pipeline =
-      std::make_shared<QEVMemoryPipeline>(std::make_shared<QEVMemoryEventStore>(), writer, store,
-                                          nullptr, QEVMemoryPipeline::Continuity{earlier});
+  auto pipeline = std::make_shared<QEVMemoryPipeline>(
+      std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
+      QEVMemoryPipeline::Continuity{earlier}, executor);
   pipeline->scheduleRecovery();
   double at = startAt;
   for (int s = 0; s < sessions; ++s) {
@@ -514,7 +509,7 @@ void runApp(const std::filesystem::path& root, qevr::FileSystem& files, int sess
     }
   }
   pipeline->shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
+  executor.runUntilIdle();
 }
 
 class CountingReads : public qevr::FileSystemWrapper {
@@ -571,9 +566,9 @@ TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) 
   EXPECT_EQ(folds, 1);
 }
 
-// Holds the run's first chunk write until a user graph is written (or a
-// second has passed), so that a later session's graph job runs first; notes
-// whether the first session's marker held its record by then.
+// Runs `whileFirstChunkIsWritten` in the middle of the run's first chunk
+// write, and notes whether the first session's marker held its record when
+// the first user graph was written.
 class FirstChunkLast : public qevr::FileSystemWrapper {
  public:
   explicit FirstChunkLast(std::filesystem::path marker)
@@ -581,49 +576,38 @@ class FirstChunkLast : public qevr::FileSystemWrapper {
 
   void writeFileAtomically(const std::filesystem::path& p,
                            std::span<const std::uint8_t> bytes) override {
-    {
-      std::unique_lock guard(mutex);
-      if (p.filename() == "graph.json") {
-        if (!recordedFirst) recordedFirst = std::filesystem::file_size(firstMarker) > 0;
-        wake.notify_all();
-      } else if (p.parent_path().filename() == "events" && !heldOne) {
-        heldOne = true;
-        wake.notify_all();
-        wake.wait_for(guard, std::chrono::seconds(1), [&] { return recordedFirst.has_value(); });
-      }
+    if (p.filename() == "graph.json" && !recordedFirst) {
+      recordedFirst = std::filesystem::file_size(firstMarker) > 0;
+    } else if (p.parent_path().filename() == "events" && whileFirstChunkIsWritten) {
+      std::exchange(whileFirstChunkIsWritten, nullptr)();
     }
     FileSystemWrapper::writeFileAtomically(p, bytes);
   }
-  void waitUntilHolding() {
-    std::unique_lock guard(mutex);
-    wake.wait(guard, [&] { return heldOne; });
-  }
-  std::optional<bool> firstRecordedBeforeUserGraph() {
-    std::unique_lock guard(mutex);
-    return recordedFirst;
-  }
+
+  std::function<void()> whileFirstChunkIsWritten;
+  std::optional<bool> recordedFirst;  // set at the first user graph write
 
  private:
   const std::filesystem::path firstMarker;
-  std::mutex mutex;  // guards the fields below
-  std::condition_variable wake;
-  bool heldOne = false;
-  std::optional<bool> recordedFirst;  // set at the first user graph write
 };
 
-// Graph jobs run side by side: a later session's user graph, which counts
-// the first session too, must wait for the first session's record.
+// Graph jobs may run side by side: a later session's user graph, which
+// counts the first session too, must wait for the first session's record.
+// The second session's saves and graphs run while the first session's chunk
+// is still being written.
 TEST(RecoveryTest, NoUserGraphCountsASessionBeforeItsMarkerSaysSo) {
   TemporaryDirectory directory;
   const std::filesystem::path root = directory.path / "Memory";
   const QEVRUUID first = QEVRUUID::random();
+  qevr::ManualExecutor executor;
   FirstChunkLast files(root / "live" / (first.uuidString() + ".lock"));
-  auto store = std::make_shared<QEVFileMemoryStore>(root, files,
-                                                    std::make_shared<QEVLZFSECompressionEngine>());
-  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr);
+  files.whileFirstChunkIsWritten = [&] { executor.runUntilIdle(); };
+  auto store = std::make_shared<QEVFileMemoryStore>(
+      root, files, std::make_shared<QEVLZFSECompressionEngine>(), executor);
+  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr, executor);
   auto pipeline =
       std::make_shared<QEVMemoryPipeline>(std::make_shared<QEVMemoryEventStore>(), writer, store,
-                                          nullptr, QEVMemoryPipeline::Continuity{});
+                                          nullptr, QEVMemoryPipeline::Continuity{}, executor);
   double at = 0;
   for (const QEVRUUID session : {first, QEVRUUID::random()}) {
     for (int i = 0; i < 3; ++i)
@@ -631,11 +615,10 @@ TEST(RecoveryTest, NoUserGraphCountsASessionBeforeItsMarkerSaysSo) {
           pipeline->handle(observerEvent(Type::screenView, QEVRDate{at += 1}, session, {}, "S")));
     pipeline->persist(
         pipeline->handle(observerEvent(Type::sessionEnd, QEVRDate{at += 1}, session)));
-    files.waitUntilHolding();  // the first session's chunk, which stays behind
   }
   pipeline->shutdown();
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(kIdle));
-  EXPECT_EQ(files.firstRecordedBeforeUserGraph(), std::optional<bool>(true));
+  executor.runUntilIdle();
+  EXPECT_EQ(files.recordedFirst, std::optional<bool>(true));
   EXPECT_EQ(store->loadUserGraph()->totalSessions, 2);
   EXPECT_TRUE(store->sessionMarkers().empty());
 }

@@ -2,7 +2,7 @@
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
-#include <QEVRPlatform/Tasks.h>
+#include "ManualExecutor.h"
 #include "QEVMemoryPruner.h"
 #include "QEVMemoryQueuedPruneRun.h"
 
@@ -13,14 +13,12 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <limits>
 #include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -436,51 +434,31 @@ TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunEvenWhenOnceKnownGood) {
 }
 
 // Requests made while a run waits join it; a request made once the run has
-// begun queues the next. The pool is held busy so that "waits" is certain.
+// begun queues the next; a failing run is dropped and the next request
+// queues anew.
 TEST(QEVMemoryQueuedPruneRunTest, RequestsJoinAWaitingRunButNotARunningOne) {
-  QEVMemoryQueuedPruneRun queued;
-  std::atomic<int> runs{0};
+  qevr::ManualExecutor executor;
+  QEVMemoryQueuedPruneRun queued(executor);
+  int runs = 0;
   auto count = [&](std::stop_token) { ++runs; };
-
-  std::atomic<bool> release{false};
-  std::atomic<unsigned> busy{0};
-  const unsigned threads = qevr::taskPoolSize();
-  for (unsigned i = 0; i < threads; ++i) {
-    qevr::detachTask(qevr::TaskPriority::high, [&](std::stop_token) {
-      ++busy;
-      while (!release.load())
-        std::this_thread::yield();
-    });
-  }
-  while (busy.load() < threads)
-    std::this_thread::yield();
   for (int i = 0; i < 5; ++i)
     queued.request(count);
-  release = true;
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
-  EXPECT_EQ(runs.load(), 1);
+  EXPECT_EQ(executor.pending(), 1u);
+  executor.runUntilIdle();
+  EXPECT_EQ(runs, 1);
 
-  // A run that has begun no longer takes requests.
-  std::atomic<bool> begun{false}, finish{false};
   queued.request([&](std::stop_token) {
     ++runs;
-    begun = true;
-    while (!finish.load())
-      std::this_thread::yield();
+    queued.request(count);
   });
-  while (!begun.load())
-    std::this_thread::yield();
-  queued.request(count);
-  finish = true;
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
-  EXPECT_EQ(runs.load(), 3);
+  EXPECT_EQ(executor.runUntilIdle(), 2u);
+  EXPECT_EQ(runs, 3);
 
-  // A failing run is dropped and the next request queues anew.
   queued.request([](std::stop_token) { throw std::runtime_error("disk gone"); });
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
+  executor.runUntilIdle();
   queued.request(count);
-  ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(30)));
-  EXPECT_EQ(runs.load(), 4);
+  EXPECT_EQ(executor.runUntilIdle(), 1u);
+  EXPECT_EQ(runs, 4);
 }
 
 }  // namespace

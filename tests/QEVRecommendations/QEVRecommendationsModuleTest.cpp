@@ -5,10 +5,9 @@
 #include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Log.h>
-#include <QEVRPlatform/Tasks.h>
 #include <QEVRecommendations/QEVRecommendationsFacade.h>
 #include <QEVRecommendations/QEVRecommendationsModule.h>
-
+#include "ManualExecutor.h"
 #include "QEVRecommendationsRuntime.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 #include <stdlib.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <thread>
 
@@ -39,7 +37,8 @@ class QEVRecommendationsModuleTest : public ::testing::Test {
 
   void TearDown() override {
     QEVR::shutdown();
-    ASSERT_TRUE(qevr::waitForBackgroundIdle(std::chrono::seconds(60)));
+    // Each generation waited for every task it started.
+    EXPECT_EQ(executor.pending(), 0u);
     registry().removeAll();
     QEVRecommendationsRuntime::shared().reset();
     qevr::setApplicationSupportDirectoryOverride(std::nullopt);
@@ -71,6 +70,8 @@ class QEVRecommendationsModuleTest : public ::testing::Test {
     return c;
   }
 
+  // Where the starts' generations run their tasks: on the thread that waits.
+  qevr::ManualExecutor executor;
   std::filesystem::path directory;
   std::shared_ptr<qevr::CapturingLogSink> sink = std::make_shared<qevr::CapturingLogSink>();
   qevr::ScopedLogSink scopedSink{sink};
@@ -84,14 +85,14 @@ TEST_F(QEVRecommendationsModuleTest, AvailabilityFollowsTheConfiguration) {
   EXPECT_EQ(module->identifier(), "com.qevr.recommendations");
   registry().registerModule(module);
 
-  QEVR::start(configuration(false));
+  QEVR::start(configuration(false), executor);
   EXPECT_TRUE(Recommendations::generate().empty());
   QEVR::pause();
   QEVR::resume();
   EXPECT_TRUE(Recommendations::generate().empty());
   QEVR::shutdown();
 
-  QEVR::start(configuration(true));
+  QEVR::start(configuration(true), executor);
   EXPECT_FALSE(Recommendations::generate().empty());
   QEVR::pause();
   EXPECT_TRUE(Recommendations::generate().empty());
@@ -134,7 +135,7 @@ TEST_F(QEVRecommendationsModuleTest, EachFlagAndTheDefaultsMakeRecommendationsAv
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     sink->clear();
-    QEVR::start(c.configuration);
+    QEVR::start(c.configuration, executor);
     EXPECT_EQ(
         sink->texts("com.qevr.recommendations", "Lifecycle"),
         std::vector<std::string>{c.available ? "Recommendations module started"
@@ -178,7 +179,7 @@ TEST_F(QEVRecommendationsModuleTest, ConcurrentGenerationsDuringStartAndShutdown
     });
   }
   for (int round = 0; round < 10; ++round) {
-    QEVR::start(configuration(true));
+    QEVR::start(configuration(true), executor);
     // A slow scheduler could otherwise finish every round before any caller runs.
     const int before = calls.load();
     while (calls.load() < before + 2)
@@ -197,7 +198,7 @@ TEST_F(QEVRecommendationsModuleTest, ConcurrentGenerationsDuringStartAndShutdown
 TEST_F(QEVRecommendationsModuleTest, AsyncFormsGiveTheBlockingResult) {
   storeUserGraph();
   registry().registerModule(QEVRecommendationsIntegration::makeModule());
-  QEVR::start(configuration(true));
+  QEVR::start(configuration(true), executor);
   const auto blocking = Recommendations::generate();
   ASSERT_FALSE(blocking.empty());
   EXPECT_EQ(Recommendations::generateAsync().get(), blocking);  // cached

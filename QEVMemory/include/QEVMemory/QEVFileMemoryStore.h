@@ -11,6 +11,7 @@
 
 #include <QEVMemory/QEVCompressionEngine.h>
 #include <QEVMemory/QEVMemoryStore.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/FileSystem.h>
 
@@ -64,9 +65,11 @@ class QEVR_API QEVFileMemoryStore : public QEVMemoryStore {
  public:
   // Touches no file. With `rootDirectory` absent the default root is used;
   // throws QEVFileMemoryStoreError::applicationSupportUnavailable if there is
-  // none. `files` must outlive the store.
+  // none. `files` must outlive the store, and so must `executor`, on which
+  // the file work of each call runs while the caller waits for it.
   QEVFileMemoryStore(std::optional<std::filesystem::path> rootDirectory, qevr::FileSystem& files,
-                     std::shared_ptr<const QEVCompressionEngine> compressionEngine);
+                     std::shared_ptr<const QEVCompressionEngine> compressionEngine,
+                     qevr::Executor& executor = qevr::defaultExecutor());
 
   const std::filesystem::path& rootDirectory() const { return root; }
 
@@ -92,6 +95,7 @@ class QEVR_API QEVFileMemoryStore : public QEVMemoryStore {
   const std::filesystem::path root;
   qevr::FileSystem& files;
   const std::shared_ptr<const QEVCompressionEngine> engine;
+  qevr::Executor& executor;
 };
 
 // Decodes one chunk file's bytes: envelope, then (for "lzfse") the block,

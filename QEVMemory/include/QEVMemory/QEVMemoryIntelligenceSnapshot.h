@@ -4,6 +4,7 @@
 
 #include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Export.h>
 
 #include <cstdint>
@@ -35,8 +36,13 @@ struct QEVR_API QEVMemoryIntelligenceSnapshot {
   static QEVMemoryIntelligenceSnapshot decode(const qevr::json::Decoder& decoder);
 };
 
-// Reads the session graphs and the user graph (concurrently) and builds the
-// snapshot. Throws what the loads throw; a damaged file fails the whole call.
+// Reads the session graphs and the user graph (concurrently, on child tasks
+// of `executor`) and builds the snapshot. Throws what the loads throw; a
+// damaged file fails the whole call.
+QEVR_API QEVMemoryIntelligenceSnapshot intelligenceSnapshot(qevr::Executor& executor,
+                                                            QEVMemoryStore& store,
+                                                            std::stop_token stop = {});
+// The same on the default executor.
 QEVR_API QEVMemoryIntelligenceSnapshot intelligenceSnapshot(QEVMemoryStore& store,
                                                             std::stop_token stop = {});
 

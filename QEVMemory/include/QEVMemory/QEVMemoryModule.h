@@ -7,6 +7,7 @@
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVObserver/QEVObserverEventDispatcher.h>
 #include <QEVRCore/QEVRModule.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 
@@ -43,10 +44,14 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
   // With `memoryStore`, `chunkWriter` and `pruner` all null the module builds
   // its default stack on the default root; if there is no application-
   // support directory it runs in memory-only mode (graphs, no disk).
+  // The module and its default stack run their background work on
+  // `executor`, which must outlive them and their work; the graph jobs go
+  // to the start's worker (QEVRModuleContext::submitBackgroundWork).
   QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore,
                   std::shared_ptr<QEVMemoryStore> memoryStore,
                   std::shared_ptr<QEVMemoryChunkWriter> chunkWriter,
-                  std::shared_ptr<const QEVMemoryPruner> pruner);
+                  std::shared_ptr<const QEVMemoryPruner> pruner,
+                  qevr::Executor& executor = qevr::defaultExecutor());
 
   std::string identifier() const override { return "com.qevr.memory"; }
   // Fails with QEVMemoryModuleError when no observer module runs.
@@ -67,14 +72,16 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
     std::shared_ptr<QEVMemoryChunkWriter> writer;
     std::shared_ptr<const QEVMemoryPruner> pruner;
   };
-  static Stack defaultStack();
+  static Stack defaultStack(qevr::Executor& executor);
   // The user graph a continuing start carries on from: the one in the
   // store once the previous pipeline's saves have landed, if it decodes.
   std::optional<QEVUserGraph> earlierUserGraph(
       const std::shared_ptr<QEVMemoryPipeline>& previous) const;
-  QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack);
+  QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack,
+                  qevr::Executor& executor);
 
   // Constant after construction.
+  qevr::Executor& executor;
   const std::shared_ptr<QEVMemoryEventStore> events;
   const std::shared_ptr<QEVMemoryStore> memoryStore;
   const std::shared_ptr<QEVMemoryChunkWriter> chunkWriter;
@@ -91,10 +98,12 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
 };
 
 namespace QEVMemoryIntegration {
-// A new module with a new event store and the default stack.
-QEVR_API std::shared_ptr<QEVRModule> makeModule();
+// A new module with a new event store and the default stack, its background
+// work on `executor`.
+QEVR_API std::shared_ptr<QEVRModule> makeModule(qevr::Executor& executor = qevr::defaultExecutor());
 // The store the facade and the default stack use: the file store on the
-// default root with the LZFSE engine. Throws
+// default root with the LZFSE engine, its file work on `executor`. Throws
 // QEVFileMemoryStoreError::applicationSupportUnavailable.
-QEVR_API std::shared_ptr<QEVFileMemoryStore> makeDefaultStore();
+QEVR_API std::shared_ptr<QEVFileMemoryStore> makeDefaultStore(
+    qevr::Executor& executor = qevr::defaultExecutor());
 }  // namespace QEVMemoryIntegration

@@ -6,6 +6,7 @@
 
 #include <QEVIntelligence/QEVIntelligenceModels.h>
 #include <QEVRPlatform/Date.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 
@@ -56,13 +57,15 @@ class QEVR_API QEVRecommendationContextBuilder {
  public:
   using Clock = std::function<QEVRDate()>;
 
-  // `now` must be callable from any thread.
+  // `now` must be callable from any thread; `executor` must outlive the
+  // builder and its copies.
   QEVRecommendationContextBuilder(
       std::shared_ptr<const QEVRecommendationIntelligenceProviding> intelligenceProvider,
       std::shared_ptr<const QEVRecommendationMemorySnapshotProviding> memorySnapshotProvider,
-      Clock now = [] { return qevr::now(); });
+      Clock now = [] { return qevr::now(); }, qevr::Executor& executor = qevr::defaultExecutor());
 
-  // Calls the five sources concurrently on child tasks of `stop`. A source
+  // Calls the five sources concurrently on child tasks of `stop`, on the
+  // builder's executor. A source
   // that fails leaves its field absent (or the summaries empty); only
   // cancellation escapes, as QEVRCancellationError, after every child has
   // finished. With `maximumAnalysisAge`, analyses older than that against
@@ -76,4 +79,5 @@ class QEVR_API QEVRecommendationContextBuilder {
   std::shared_ptr<const QEVRecommendationIntelligenceProviding> intelligence;
   std::shared_ptr<const QEVRecommendationMemorySnapshotProviding> memory;
   Clock now;
+  qevr::Executor* executor;  // never null
 };

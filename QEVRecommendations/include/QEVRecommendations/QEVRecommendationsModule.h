@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QEVRCore/QEVRModule.h>
+#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include <QEVRecommendations/QEVRecommendationCache.h>
@@ -15,9 +16,10 @@
 
 // The standard wiring: the context builder and the generator over
 // QEVR::Intelligence and QEVR::Memory, engines at a minimum confidence of
-// 0.5, on `cache`.
+// 0.5, on `cache`; the builder's child tasks run on `executor`.
 QEVR_API QEVRecommendationsGenerator
-makeDefaultRecommendationsGenerator(std::shared_ptr<QEVRecommendationCache> cache);
+makeDefaultRecommendationsGenerator(std::shared_ptr<QEVRecommendationCache> cache,
+                                    qevr::Executor& executor = qevr::defaultExecutor());
 
 // "com.qevr.recommendations". Available when the configuration enables
 // any of on-device AI, cloud AI, a local model or fallback recommendations.
