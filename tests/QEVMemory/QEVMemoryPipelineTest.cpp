@@ -79,7 +79,7 @@ QEVMemoryEvent memoryEvent(QEVMemoryEventType type, double at, std::uint64_t seq
   return e;
 }
 
-TEST(ChunkWriterTest, ClosesAtTheLimitAndAtSessionEnd) {
+TEST(ChunkWriterTest, ClosesAtTheLimitAtSessionEndAndOnceAtShutdown) {
   QEVMemoryChunkWriter writer(std::make_shared<RecordingStore>(), 100, 1, nullptr, nullptr);
   for (int i = 1; i <= 99; ++i) {
     EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::gesture, i, i)).has_value());
@@ -99,6 +99,15 @@ TEST(ChunkWriterTest, ClosesAtTheLimitAndAtSessionEnd) {
   EXPECT_EQ(lone->eventCount, 1);
   EXPECT_EQ(lone->createdAt, lone->closedAt);
   EXPECT_FALSE(writer.closeActiveChunk(QEVRDate{300}).has_value());
+
+  // Shutdown closes the open chunk once and refuses events until reopened.
+  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 301, 102));
+  EXPECT_EQ(writer.shutdown(QEVRDate{350})->closedAt, QEVRDate{350});
+  EXPECT_FALSE(writer.shutdown(QEVRDate{360}).has_value());
+  EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 370, 103)).has_value());
+  writer.reopen();
+  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 380, 104));
+  EXPECT_TRUE(writer.closeActiveChunk(QEVRDate{390}).has_value());
 }
 
 TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30SecondsOld) {
@@ -142,20 +151,6 @@ TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30Second
     EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::gesture, at, ++sequence)));
 }
 
-TEST(ChunkWriterTest, ShutdownClosesOnceRefusesEventsAndReopenRestores) {
-  QEVMemoryChunkWriter writer(std::make_shared<RecordingStore>(), 100, 1, nullptr, nullptr);
-  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 1, 1));
-  auto closed = writer.shutdown(QEVRDate{50});
-  ASSERT_TRUE(closed.has_value());
-  EXPECT_EQ(closed->closedAt, QEVRDate{50});
-  EXPECT_FALSE(writer.shutdown(QEVRDate{60}).has_value());
-  EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 2, 2)).has_value());
-  EXPECT_FALSE(writer.closeActiveChunk(QEVRDate{70}).has_value());
-  writer.reopen();
-  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 3, 3));
-  EXPECT_TRUE(writer.closeActiveChunk(QEVRDate{80}).has_value());
-}
-
 // A host that outruns the disk while another thread works the saves off:
 // in flight never passes the limit, and no chunk is lost.
 TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
@@ -182,7 +177,10 @@ TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
 // Every save slot is taken by a save queued on a manual executor; then a
 // host brings one more chunk. It waits without the pipeline's lock, and
 // saves nothing itself, until the test has run the saves down to resumeAt.
-// Run one fewer, and it waits out its time and saves its chunk itself.
+// Run one fewer, and it waits out its time and saves its chunk itself,
+// directly rather than through a task it would have to wait for, and after
+// the pipeline's lock is released: another thread's event goes through
+// meanwhile (else the callback below would wait forever).
 TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
   constexpr int kFull = QEVMemoryChunkWriter::maxPendingSaves;
   constexpr int kDrain = kFull - QEVMemoryChunkWriter::resumeAt;
@@ -190,7 +188,9 @@ TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
     int run;
     milliseconds longestWait;
     int savedHere;
-  } cases[] = {{kDrain, std::chrono::minutes(1), 0}, {kDrain - 1, milliseconds(300), 1}};
+    std::size_t pendingAfter;  // the saves left, the host's, the other thread's
+  } cases[] = {{kDrain, std::chrono::minutes(1), 0, 4 + 1},
+               {kDrain - 1, milliseconds(300), 1, 5 + 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.run);
     qevr::ManualExecutor executor;
@@ -199,59 +199,30 @@ TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
                                                          c.longestWait);
     QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
                                std::nullopt, executor);
-    for (int i = 0; i <= kFull; ++i) {
-      const QEVObserverEvent event =
-          observerEvent(Type::screenView, QEVRDate{1.0 * i}, std::nullopt, {}, "Home");
-      if (i < kFull) {
-        pipeline.handle(event);
-        continue;
-      }
-      std::thread host([&] { pipeline.handle(event); });
-      // A host whose wait is over before the test sees it has saved already.
-      while (writer->pacedThreads() + store->savedHere < 1)
-        std::this_thread::yield();
-      EXPECT_FALSE(pipeline.isShutDown());  // takes the lock: hangs if the host holds it
-      for (int r = 0; r < c.run; ++r)
-        ASSERT_TRUE(executor.runNext());
-      host.join();
-    }
+    const auto event = [](double at) {
+      return observerEvent(Type::screenView, QEVRDate{at}, std::nullopt, {}, "Home");
+    };
+    for (int i = 0; i < kFull; ++i)
+      pipeline.handle(event(i));
+    bool otherEventHandled = false;
+    store->whileSavingHere = [&] {
+      std::thread other([&] { otherEventHandled = !pipeline.handle(event(200)); });
+      other.join();
+    };
+    std::thread host([&] { pipeline.handle(event(100)); });
+    // A host whose wait is over before the test sees it has saved already.
+    while (writer->pacedThreads() + store->savedHere < 1)
+      std::this_thread::yield();
+    EXPECT_FALSE(pipeline.isShutDown());  // takes the lock: hangs if the host holds it
+    for (int r = 0; r < c.run; ++r)
+      ASSERT_TRUE(executor.runNext());
+    host.join();
     EXPECT_EQ(store->savedHere, c.savedHere);
-    EXPECT_EQ(executor.pending(), static_cast<std::size_t>(kFull - c.run + 1 - c.savedHere));
+    EXPECT_EQ(otherEventHandled, c.savedHere > 0);
+    EXPECT_EQ(executor.pending(), c.pendingAfter);
     executor.runUntilIdle();
-    EXPECT_EQ(store->counts()[0], static_cast<std::size_t>(kFull + 1));
+    EXPECT_EQ(store->counts()[0], kFull + 1 + (c.savedHere > 0 ? 1u : 0u));
   }
-}
-
-// When the saves do not drain in time, the waiting thread saves its chunk
-// itself, directly: were it to wait on a task it would have to run it, or
-// wait behind the queue. It does so after the pipeline's lock is released,
-// so another thread's event goes through meanwhile (else the callback below
-// would wait forever).
-TEST(ChunkWriterTest, AStuckQueueLeavesTheSaveToTheWaitingThreadOutsideThePipelineLock) {
-  qevr::ManualExecutor executor;
-  auto store = std::make_shared<RecordingStore>();
-  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr, executor,
-                                                       milliseconds(20));
-  QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
-                             std::nullopt, executor);
-  const auto event = [](double at) {
-    return observerEvent(Type::screenView, QEVRDate{at}, std::nullopt, {}, "Home");
-  };
-  for (int i = 0; i < QEVMemoryChunkWriter::maxPendingSaves; ++i)
-    pipeline.handle(event(i));
-  bool otherEventHandled = false;
-  store->whileSavingHere = [&] {
-    // Also stuck: saved on that thread.
-    std::thread other([&] { otherEventHandled = pipeline.handle(event(100)) == std::nullopt; });
-    other.join();
-  };
-  pipeline.handle(event(99));
-  EXPECT_TRUE(otherEventHandled);
-  EXPECT_EQ(store->savedHere, 2);
-  EXPECT_EQ(store->counts()[0], 2u);  // the two saved here; the rest still wait
-  executor.runUntilIdle();
-  EXPECT_EQ(store->counts()[0],
-            static_cast<std::size_t>(QEVMemoryChunkWriter::maxPendingSaves) + 2);
 }
 
 // Graph jobs are paced the same way: the caller of the seventeenth job waits
@@ -276,15 +247,6 @@ TEST(DiskSchedulerTest, ABurstOfJobsPacesTheCallerUntilTheQueueHasDrained) {
   EXPECT_EQ(done.load(), kDrain);  // the caller ran none itself
   EXPECT_EQ(executor.runUntilIdle(), static_cast<std::size_t>(kFull - kDrain + 1));
   EXPECT_EQ(done.load(), kFull + 1);
-}
-
-TEST(EventStoreTest, NumbersWithoutGapsFromOne) {
-  QEVMemoryEventStore events;
-  for (std::uint64_t i = 1; i <= 3; ++i) {
-    auto recorded = events.record(observerEvent(Type::screenView, QEVRDate{}, std::nullopt));
-    ASSERT_TRUE(recorded.has_value());
-    EXPECT_EQ(recorded->sequenceNumber, i);
-  }
 }
 
 // Everything the pipeline writes waits on a manual executor until the test

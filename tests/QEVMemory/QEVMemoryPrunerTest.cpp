@@ -285,56 +285,67 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
   }
 }
 
-TEST_F(QEVMemoryPrunerTest, LogsEveryCompletedRunAtInfo) {
-  pruner.prune(QEVMemoryOptions());
+// Disabled, a run touches no file, not even a damaged one, and logs
+// nothing; every completed run logs at info.
+TEST_F(QEVMemoryPrunerTest, LogsEveryCompletedRunAtInfoAndDisabledTouchesNothing) {
   add({"old", Kind::event, 100 * kDay, {}, 4321});
   add({"old", Kind::session, 100 * kDay, {}, 5});
-  EXPECT_EQ(pruner.prune(QEVMemoryOptions()), (QEVMemoryPruningSummary{1, 1, 4326}));
-  using Entry = qevr::CapturingLogSink::Entry;
-  EXPECT_THAT(sink->entries(),
-              ::testing::ElementsAre(
-                  Entry{"QEVMemory", "Pruning", qevr::LogType::info,
-                        "Pruned 0 event chunks and 0 session graphs, freed 0 bytes"},
-                  Entry{"QEVMemory", "Pruning", qevr::LogType::info,
-                        "Pruned 1 event chunks and 1 session graphs, freed 4326 bytes"}));
-}
-
-TEST_F(QEVMemoryPrunerTest, DisabledTouchesNoFileAndLogsNothing) {
-  add({"old", Kind::event, 100 * kDay});
-  real.writeFileAtomically(root / "events" / "damaged.json", bytesOf("{"));
-  files.calls = 0;
+  const fs::path damaged = root / "events" / "damaged.json";
+  real.writeFileAtomically(damaged, bytesOf("{"));
   QEVMemoryOptions off = options(0, 0, 0);
   off.pruningEnabled = false;
+  files.calls = 0;
   EXPECT_EQ(pruner.prune(off), QEVMemoryPruningSummary{});
   EXPECT_EQ(files.calls, 0);
   EXPECT_TRUE(sink->entries().empty());
+
+  real.removeItem(damaged);
+  EXPECT_EQ(pruner.prune(QEVMemoryOptions()), (QEVMemoryPruningSummary{1, 1, 4326}));
+  EXPECT_EQ(pruner.prune(QEVMemoryOptions()), QEVMemoryPruningSummary{});
+  using Entry = qevr::CapturingLogSink::Entry;
+  EXPECT_THAT(
+      sink->entries(),
+      ::testing::ElementsAre(Entry{"QEVMemory", "Pruning", qevr::LogType::info,
+                                   "Pruned 1 event chunks and 1 session graphs, freed 4326 bytes"},
+                             Entry{"QEVMemory", "Pruning", qevr::LogType::info,
+                                   "Pruned 0 event chunks and 0 session graphs, freed 0 bytes"}));
 }
 
-// A file that can't be read or decoded stops every run before anything is
-// removed.
-TEST_F(QEVMemoryPrunerTest, DamagedFileStopsTheRunBeforeAnyDeletion) {
+// A file that can't be read or decoded fails every run before anything is
+// removed, also one the pruner knew when it was whole; mended, the store is
+// pruned again.
+TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunBeforeAnyDeletion) {
   QEVStoredEventChunk flipped{QEVCompressionType::lzfse, 0,
                               QEVLZFSECompressionEngine().compress(bytesOf(std::string(500, 'x')))};
   flipped.payload[8] ^= 0x01;
+  const std::string undatable = R"({"screenSequence":[]})";
   const struct {
-    const char* directory;
+    Kind kind;
     std::string contents;
+    bool knownGood;
   } cases[] = {
-      {"events", R"({"compressionType":"none","uncompr)"},
-      {"events", flipped.toJSON()},
-      {"events", ""},
-      {"sessions", R"({"screenSequence":[]})"},
+      {Kind::event, R"({"compressionType":"none","uncompr)", false},
+      {Kind::event, flipped.toJSON(), false},
+      {Kind::event, "", false},
+      {Kind::session, undatable, false},
+      {Kind::session, undatable, true},
+      {Kind::session, "", true},
+      {Kind::session, "{", true},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.contents);
+    SCOPED_TRACE(c.contents + (c.knownGood ? " (known good)" : ""));
     const fs::path old = add({"old", Kind::event, 100 * kDay});
-    const fs::path damaged = root / c.directory / "FFFFFFFF-FFFF-4FFF-8FFF-FFFFFFFFFFFF.json";
-    real.createDirectories(damaged.parent_path());
+    const fs::path damaged = add({"damaged", c.kind, kDay});
+    if (c.knownGood)
+      ASSERT_EQ(pruner.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
+    sink->clear();
     real.writeFileAtomically(damaged, bytesOf(c.contents));
-    EXPECT_ANY_THROW(pruner.prune(options(0, 0, 0)));
-    EXPECT_ANY_THROW(pruner.prune(options(0, 0, 0)));
+    for (int run = 0; run < 2; ++run)
+      EXPECT_ANY_THROW(pruner.prune(options(0, 0, 0)));
     EXPECT_TRUE(real.exists(old) && real.exists(damaged));
     EXPECT_TRUE(lines().empty());
+    real.removeItem(damaged);
+    EXPECT_EQ(pruner.prune(QEVMemoryOptions()).deletedEventChunks, 1);
     real.removeItem(root);
   }
 }
@@ -408,29 +419,6 @@ TEST_F(QEVMemoryPrunerTest, FilesThatAreGoneAreForgotten) {
   EXPECT_EQ(pruner.prune(QEVMemoryOptions()), QEVMemoryPruningSummary{});
   EXPECT_EQ(files.reads, 0);
   EXPECT_EQ(pruner.rememberedDateCount(), 1u);
-}
-
-// A damaged file fails every run, also one whose pruner knew the file when
-// it was whole, and also once the good files around it are remembered.
-TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunEvenWhenOnceKnownGood) {
-  const fs::path old = add({"old", Kind::event, 100 * kDay});
-  const fs::path file = add({"turns bad", Kind::session, kDay});
-  add({"good", Kind::event, kDay});
-  ASSERT_EQ(pruner.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
-  EXPECT_EQ(pruner.rememberedDateCount(), 3u);
-  sink->clear();
-  const std::string damaged[] = {R"({"screenSequence":[]})", "", "{"};
-  for (const std::string& contents : damaged) {
-    SCOPED_TRACE(contents);
-    real.writeFileAtomically(file, bytesOf(contents));
-    for (int run = 0; run < 3; ++run)
-      EXPECT_ANY_THROW(pruner.prune(QEVMemoryOptions()));
-  }
-  EXPECT_TRUE(real.exists(old));
-  EXPECT_TRUE(lines().empty());
-  // Mended, the store is pruned again.
-  real.removeItem(file);
-  EXPECT_EQ(pruner.prune(QEVMemoryOptions()).deletedEventChunks, 1);
 }
 
 // Requests made while a run waits join it; a request made once the run has

@@ -83,29 +83,6 @@ TEST_F(RuntimeStoreTest, BlankAppIdIsRefusedBeforeAnythingChangesEvenWhileRunnin
   }
 }
 
-TEST_F(RuntimeStoreTest, LifecycleDrivesModulesForwardAndShutdownBackward) {
-  addModule("a");
-  addModule("b");
-  QEVR::start(configuration());
-  EXPECT_TRUE(QEVR::isRunning());
-  QEVR::pause();
-  EXPECT_FALSE(QEVR::isRunning());
-  EXPECT_EQ(QEVR::lifecycleState(), S::paused);
-  QEVR::resume();
-  QEVR::pause();
-  QEVR::shutdown();  // accepted from paused
-  EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
-  EXPECT_THAT(journal->all(),
-              ElementsAre("a.start", "b.start", "a.pause", "b.pause", "a.resume", "b.resume",
-                          "a.pause", "b.pause", "b.shutdown", "a.shutdown"));
-  EXPECT_THAT(coreLines(),
-              ElementsAre("2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK started",
-                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
-                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK resumed",
-                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK paused",
-                          "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK shut down"));
-}
-
 TEST_F(RuntimeStoreTest, CallsThatDoNotApplyWarnAndChangeNothing) {
   // Start from a known state whatever ran before in this process.
   QEVR::start(configuration());
@@ -137,47 +114,48 @@ TEST_F(RuntimeStoreTest, CallsThatDoNotApplyWarnAndChangeNothing) {
                                  prefix + "Shutdown ignored because SDK is not running"));
 }
 
-struct LevelCase {
-  QEVRLogLevel minimum;
-  size_t infoLines;     // started, paused, shut down
-  size_t warningLines;  // the ignored pause
-};
-
-class RuntimeStoreLevelTest : public RuntimeStoreTest,
-                              public ::testing::WithParamInterface<LevelCase> {};
-
-TEST_P(RuntimeStoreLevelTest, LinesFollowTheConfiguredMinimumLevel) {
-  QEVR::start(configuration(GetParam().minimum));
-  QEVR::pause();
-  QEVR::pause();
-  QEVR::shutdown();
-  size_t info = 0, warning = 0;
-  for (const auto& line : coreLines()) {
-    info += line.find("[INFO]") != std::string::npos;
-    warning += line.find("[WARNING]") != std::string::npos;
+// The start sets the core logger's level from the configuration; counted:
+// the info lines (started, paused, shut down) and the ignored pause's warning.
+TEST_F(RuntimeStoreTest, LinesFollowTheConfiguredMinimumLevel) {
+  const struct {
+    QEVRLogLevel minimum;
+    size_t infoLines, warningLines;
+  } cases[] = {{QEVRLogLevel::trace, 3, 1}, {QEVRLogLevel::debug, 3, 1},
+               {QEVRLogLevel::info, 3, 1},  {QEVRLogLevel::warning, 0, 1},
+               {QEVRLogLevel::error, 0, 0}, {QEVRLogLevel::critical, 0, 0},
+               {QEVRLogLevel::off, 0, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(static_cast<int>(c.minimum));
+    logs->clear();
+    QEVR::start(configuration(c.minimum));
+    QEVR::pause();
+    QEVR::pause();
+    QEVR::shutdown();
+    size_t info = 0, warning = 0;
+    for (const auto& line : coreLines()) {
+      info += line.find("[INFO]") != std::string::npos;
+      warning += line.find("[WARNING]") != std::string::npos;
+    }
+    EXPECT_EQ(info, c.infoLines);
+    EXPECT_EQ(warning, c.warningLines);
+    EXPECT_EQ(coreLines().size(), info + warning);
   }
-  EXPECT_EQ(info, GetParam().infoLines);
-  EXPECT_EQ(warning, GetParam().warningLines);
-  EXPECT_EQ(coreLines().size(), info + warning);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EachLevel, RuntimeStoreLevelTest,
-    ::testing::Values(LevelCase{QEVRLogLevel::trace, 3, 1}, LevelCase{QEVRLogLevel::debug, 3, 1},
-                      LevelCase{QEVRLogLevel::info, 3, 1}, LevelCase{QEVRLogLevel::warning, 0, 1},
-                      LevelCase{QEVRLogLevel::error, 0, 0}, LevelCase{QEVRLogLevel::critical, 0, 0},
-                      LevelCase{QEVRLogLevel::off, 0, 0}));
-
+// The rollback shuts down every module started so far, in reverse, even
+// past one that throws; the start's error is what the host sees.
 TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
   addModule("first");
-  auto second = addModule("second");
-  addModule("third");
-  second->onStart = [](const QEVRModuleContext&) { throw std::runtime_error("second failed"); };
+  addModule("second")->throwsFromHooks = true;
+  auto third = addModule("third");
+  addModule("fourth");
+  third->onStart = [](const QEVRModuleContext&) { throw std::runtime_error("third failed"); };
   store().logger().setMinimumLevel(QEVRLogLevel::warning);
 
   EXPECT_THAT([] { QEVR::start(configuration()); },
-              throwsWithMessage<std::runtime_error>("second failed"));
-  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "first.shutdown"));
+              throwsWithMessage<std::runtime_error>("third failed"));
+  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start",
+                                          "second.shutdown", "first.shutdown"));
   EXPECT_EQ(QEVR::lifecycleState(), S::notStarted);
   EXPECT_EQ(store().dependencyContainer().count(), 0u);
   EXPECT_FALSE(store().runtimeState().has_value());
@@ -186,47 +164,41 @@ TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
   // The logger keeps the level the failed start set.
   EXPECT_EQ(store().logger().minimumLevel(), QEVRLogLevel::trace);
 
-  second->onStart = nullptr;
+  third->onStart = nullptr;
   journal->clear();
   QEVR::start(configuration());
   EXPECT_TRUE(QEVR::isRunning());
-  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start"));
+  EXPECT_THAT(journal->all(),
+              ElementsAre("first.start", "second.start", "third.start", "fourth.start"));
 }
 
-TEST_F(RuntimeStoreTest, ModulesThatThrowFromHooksCannotStopTheOthersOrTheLifecycle) {
+// Modules start in order and shut down in reverse; one that throws from its
+// hooks stops neither the others nor the lifecycle.
+TEST_F(RuntimeStoreTest, LifecycleDrivesModulesForwardAndShutdownBackwardWhateverTheyThrow) {
   addModule("a");
   addModule("b")->throwsFromHooks = true;
   addModule("c");
   EXPECT_THROW(store().moduleRegistry().registerModule(nullptr), std::invalid_argument);
   QEVR::start(configuration());
+  EXPECT_TRUE(QEVR::isRunning());
   QEVR::pause();
+  EXPECT_FALSE(QEVR::isRunning());
   EXPECT_EQ(QEVR::lifecycleState(), S::paused);
   QEVR::resume();
-  EXPECT_EQ(QEVR::lifecycleState(), S::running);
-  QEVR::shutdown();
+  QEVR::pause();
+  QEVR::shutdown();  // accepted from paused
   EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
-  EXPECT_THAT(journal->all(), ElementsAre("a.start", "b.start", "c.start", "a.pause", "b.pause",
-                                          "c.pause", "a.resume", "b.resume", "c.resume",
-                                          "c.shutdown", "b.shutdown", "a.shutdown"));
+  EXPECT_THAT(journal->all(),
+              ElementsAre("a.start", "b.start", "c.start", "a.pause", "b.pause", "c.pause",
+                          "a.resume", "b.resume", "c.resume", "a.pause", "b.pause", "c.pause",
+                          "c.shutdown", "b.shutdown", "a.shutdown"));
+  const std::string prefix = "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK ";
+  EXPECT_THAT(coreLines(), ElementsAre(prefix + "started", prefix + "paused", prefix + "resumed",
+                                       prefix + "paused", prefix + "shut down"));
   // Shutdown finished every step of its own after the modules.
   EXPECT_EQ(store().dependencyContainer().count(), 0u);
   EXPECT_FALSE(store().runtimeState().has_value());
   EXPECT_TRUE(store().backgroundWorker()->isShutDown());
-  EXPECT_EQ(coreLines().back(), "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK shut down");
-}
-
-TEST_F(RuntimeStoreTest, RollbackShutsDownEveryStartedModuleEvenWhenOneThrows) {
-  addModule("first");
-  addModule("second")->throwsFromHooks = true;
-  addModule("third")->onStart = [](const QEVRModuleContext&) {
-    throw std::runtime_error("third failed");
-  };
-  // The start's error, not the rollback's.
-  EXPECT_THAT([] { QEVR::start(configuration()); },
-              throwsWithMessage<std::runtime_error>("third failed"));
-  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start",
-                                          "second.shutdown", "first.shutdown"));
-  EXPECT_EQ(QEVR::lifecycleState(), S::notStarted);
 }
 
 TEST_F(RuntimeStoreTest, RestartMakesANewWorkerAndRefillsTheContainer) {

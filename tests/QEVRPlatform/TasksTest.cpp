@@ -1,4 +1,3 @@
-#include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Process.h>
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
@@ -22,25 +21,7 @@ namespace {
 
 using qevr::TaskPriority;
 
-TEST(ManualExecutorTest, AWaiterRunsItsOwnQueuedTaskAndGetsItsValueOrError) {
-  qevr::ManualExecutor executor;
-  const std::thread::id test = std::this_thread::get_id();
-  auto answer = qevr::detachTask(executor, TaskPriority::utility,
-                                 [](std::stop_token) { return std::this_thread::get_id(); });
-  auto failing = qevr::detachTask(executor, TaskPriority::high,
-                                  [](std::stop_token) -> int { throw std::runtime_error("boom"); });
-  EXPECT_EQ(executor.pending(), 2u);
-  EXPECT_FALSE(answer.isFinished());
-  EXPECT_EQ(answer.value(), test);
-  EXPECT_TRUE(answer.isFinished());
-  EXPECT_FALSE(failing.isFinished());  // the waiter ran its own task only
-  EXPECT_EQ(executor.pending(), 1u);
-  EXPECT_THROW(failing.value(), std::runtime_error);
-  EXPECT_EQ(executor.pending(), 0u);
-  EXPECT_FALSE(executor.runNext());
-}
-
-TEST(ManualExecutorTest, RunsByPriorityThenAgeAndRunAllLeavesWhatTheTasksQueue) {
+TEST(ManualExecutorTest, RunsByPriorityThenAgeOnlyWhenTold) {
   qevr::ManualExecutor executor;
   std::vector<int> order;
   const TaskPriority priorities[] = {TaskPriority::background, TaskPriority::high,
@@ -72,28 +53,19 @@ TEST(ManualExecutorTest, RunsByPriorityThenAgeAndRunAllLeavesWhatTheTasksQueue) 
   });
   EXPECT_EQ(executor.runUntilIdle(), 2u);
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
-}
 
-TEST(ManualExecutorTest, TasksStillQueuedAtDestructionAreDroppedUnrun) {
+  // Tasks still queued when the executor goes are dropped unrun.
   auto captured = std::make_shared<int>(0);
   {
-    qevr::ManualExecutor executor;
-    qevr::detachTask(executor, TaskPriority::utility, [captured](std::stop_token) { ++*captured; });
-    EXPECT_EQ(captured.use_count(), 2);
+    qevr::ManualExecutor dropping;
+    qevr::detachTask(dropping, TaskPriority::utility, [captured](std::stop_token) { ++*captured; });
   }
   EXPECT_EQ(captured.use_count(), 1);
   EXPECT_EQ(*captured, 0);
 }
 
-TEST(TasksTest, CheckCancellationThrowsOnlyOnceStopIsRequested) {
-  std::stop_source source;
-  EXPECT_NO_THROW(qevr::checkCancellation(source.get_token()));
-  EXPECT_NO_THROW(qevr::checkCancellation(std::stop_token{}));
-  source.request_stop();
-  EXPECT_THROW(qevr::checkCancellation(source.get_token()), QEVRCancellationError);
-}
-
-// Whether a task's body sees stop, by how and when it was requested.
+// Whether a task's body sees stop (checkCancellation throws), by how and
+// when it was requested.
 TEST(TasksTest, CancellationReachesChildrenFromTheirParentAndTasksThroughTheirHandle) {
   enum class When { never, parentBeforeCreation, parentWhileQueued, parentWhileRunning, handle };
   const struct {
@@ -107,6 +79,7 @@ TEST(TasksTest, CancellationReachesChildrenFromTheirParentAndTasksThroughTheirHa
       {"parent cancelled while the child runs", When::parentWhileRunning, true},
       {"task cancelled through a handle", When::handle, true},
   };
+  EXPECT_NO_THROW(qevr::checkCancellation(std::stop_token{}));
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     qevr::ManualExecutor executor;
@@ -115,13 +88,17 @@ TEST(TasksTest, CancellationReachesChildrenFromTheirParentAndTasksThroughTheirHa
     auto task = qevr::childTask(executor, TaskPriority::medium, parent.get_token(),
                                 [&](std::stop_token stop) {
                                   if (c.when == When::parentWhileRunning) parent.request_stop();
-                                  return stop.stop_requested();
+                                  qevr::checkCancellation(stop);
                                 });
     if (c.when == When::parentWhileQueued) parent.request_stop();
     if (c.when == When::handle) qevr::TaskHandle(task).cancel();
-    EXPECT_EQ(executor.runNext(), true);
-    EXPECT_EQ(task.value(), c.seen);
+    EXPECT_TRUE(executor.runNext());
     EXPECT_EQ(task.isCancelled(), c.seen);
+    if (c.seen) {
+      EXPECT_THROW(task.value(), QEVRCancellationError);
+    } else {
+      EXPECT_NO_THROW(task.value());
+    }
   }
 }
 
@@ -156,131 +133,88 @@ TEST(TasksTest, NestedWaitsNeverDeadlockTheBoundedPoolOrAnExecutorWithoutThreads
   EXPECT_EQ(manual.pending(), 0u);
 }
 
-// Keeps every pool thread inside a task of its own until released, so that
-// work queued meanwhile stays queued: only a thread that waits could run it.
-class PoolHeld {
- public:
-  PoolHeld() : gates(qevr::taskPoolSize()) {
-    for (std::atomic<bool>& gate : gates) {
-      holders.push_back(qevr::detachTask(TaskPriority::high, [this, &gate](std::stop_token) {
-        started.fetch_add(1);
-        started.notify_all();
-        gate.wait(false);
-      }));
-    }
-    for (int n = started.load(); n < static_cast<int>(gates.size()); n = started.load())
-      started.wait(n);
-  }
-  ~PoolHeld() {
-    for (std::size_t i = 0; i < gates.size(); ++i) {
-      release(i);
-      holders[i].wait();
-    }
-  }
-  PoolHeld(const PoolHeld&) = delete;
-  PoolHeld& operator=(const PoolHeld&) = delete;
-
-  // The task holding one pool thread.
-  const qevr::Task<void>& holder(std::size_t i) const { return holders[i]; }
-  void release(std::size_t i) {
-    gates[i] = true;
-    gates[i].notify_all();
-  }
-
- private:
-  std::vector<std::atomic<bool>> gates;
-  std::vector<qevr::Task<void>> holders;
-  std::atomic<int> started{0};
-};
-
-// A host's own lock, and what it guards.
-struct HostState {
-  qevr::Mutex lock;
-  int touches QEVR_GUARDED_BY(lock) = 0;
-};
-
 constexpr int kOtherTasks = 12;
 
-// The host thread waits on a child it has just queued, holding its own lock,
-// while other tasks that need that lock sit in the queue at every priority.
-// It runs its child (and the grandchild that the child waits for) itself,
-// because no pool thread is free, and none of the others.
+// The host waits on a child it has just queued, holding its own lock, while
+// other tasks that need that lock sit in the queue at every priority. It
+// runs its child, and the grandchild that the child waits for, itself, and
+// none of the others; what the child returns or throws comes back.
 TEST(TasksTest, AWaiterRunsItsOwnQueuedTaskAndNothingElse) {
+  struct HostState {
+    qevr::Mutex lock;  // guards `touches`
+    int touches QEVR_GUARDED_BY(lock) = 0;
+  } state;
+  qevr::ManualExecutor executor;
   const std::thread::id host = std::this_thread::get_id();
-  HostState state;
-  std::atomic<int> ranOnHost{0};
-  std::latch othersDone(kOtherTasks);
-  {
-    PoolHeld pool;
-    qevr::MutexLock hold(state.lock);
-    for (int i = 0; i < kOtherTasks; ++i) {
-      qevr::detachTask(static_cast<TaskPriority>(i % 4), [&](std::stop_token) {
-        // Taking the lock here would deadlock the host; count it instead.
-        if (std::this_thread::get_id() == host) {
-          ++ranOnHost;
-        } else {
-          qevr::MutexLock touch(state.lock);
-          ++state.touches;
-        }
-        othersDone.count_down();
-      });
-    }
-    std::stop_source own;
-    auto child = qevr::childTask(TaskPriority::utility, own.get_token(), [](std::stop_token stop) {
-      auto grandchild = qevr::childTask(TaskPriority::utility, stop,
-                                        [](std::stop_token) { return std::this_thread::get_id(); });
-      return std::vector{std::this_thread::get_id(), grandchild.value()};
+  std::atomic<bool> holding{false};
+  std::atomic<int> ranWhileHeld{0};
+  for (int i = 0; i < kOtherTasks; ++i) {
+    qevr::detachTask(executor, static_cast<TaskPriority>(i % 4), [&](std::stop_token) {
+      // Taking the lock here would deadlock the host; count it instead.
+      if (holding) {
+        ++ranWhileHeld;
+        return;
+      }
+      qevr::MutexLock touch(state.lock);
+      ++state.touches;
     });
+  }
+  {
+    qevr::MutexLock hold(state.lock);
+    holding = true;
+    std::stop_source own;
+    auto child = qevr::childTask(
+        executor, TaskPriority::utility, own.get_token(), [&executor](std::stop_token stop) {
+          auto grandchild =
+              qevr::childTask(executor, TaskPriority::utility, stop,
+                              [](std::stop_token) { return std::this_thread::get_id(); });
+          return std::vector{std::this_thread::get_id(), grandchild.value()};
+        });
+    auto failing = qevr::detachTask(executor, TaskPriority::high, [](std::stop_token) -> int {
+      throw std::runtime_error("boom");
+    });
+    EXPECT_FALSE(child.isFinished());
     EXPECT_EQ(child.value(), (std::vector{host, host}));
-    EXPECT_EQ(ranOnHost.load(), 0);
-    EXPECT_EQ(qevr::taskPoolLoad().queued, static_cast<std::size_t>(kOtherTasks));
-  }  // The host lock goes first, then the pool threads are released.
-  othersDone.wait();
-  EXPECT_EQ(ranOnHost.load(), 0);
+    EXPECT_TRUE(child.isFinished());
+    EXPECT_FALSE(failing.isFinished());
+    EXPECT_THROW(failing.value(), std::runtime_error);
+    EXPECT_EQ(executor.pending(), static_cast<std::size_t>(kOtherTasks));
+    holding = false;
+  }
+  EXPECT_EQ(executor.runAll(), static_cast<std::size_t>(kOtherTasks));
+  EXPECT_EQ(ranWhileHeld.load(), 0);
   qevr::MutexLock hold(state.lock);
   EXPECT_EQ(state.touches, kOtherTasks);
 }
 
-// The awaited task runs on a pool thread while other tasks are queued. The
-// waiter blocks without taking any of them, and returns once its task is done
-// even though the others are all still held up behind it.
+// The awaited task runs on another thread while other tasks are queued. The
+// waiter blocks without taking any of them, and returns once its task is
+// done, the others still queued.
 TEST(TasksTest, AWaiterWhoseTaskRunsElsewhereBlocksAndReturnsWhenItFinishes) {
-  const std::thread::id host = std::this_thread::get_id();
-  std::atomic<int> ranOnHost{0};
-  std::atomic<int> ranElsewhere{0};
-  std::atomic<bool> othersReleased{false};
-  std::latch othersDone(kOtherTasks);
-  {
-    PoolHeld pool;
-    for (int i = 0; i < kOtherTasks; ++i) {
-      qevr::detachTask(TaskPriority::high, [&](std::stop_token) {
-        if (std::this_thread::get_id() == host) {
-          ++ranOnHost;
-        } else {
-          othersReleased.wait(false);
-          ++ranElsewhere;
-        }
-        othersDone.count_down();
-      });
-    }
-    qevr::TaskPoolLoad whileBlocked;
-    std::thread releaser([&] {
-      while (qevr::taskPoolLoad().blockedWaiters == 0)
-        std::this_thread::yield();
-      whileBlocked = qevr::taskPoolLoad();
-      pool.release(0);
-    });
-    pool.holder(0).wait();
-    releaser.join();
-    EXPECT_EQ(whileBlocked.queued, static_cast<std::size_t>(kOtherTasks));
-    EXPECT_EQ(whileBlocked.blockedWaiters, 1u);
-    EXPECT_EQ(ranOnHost.load(), 0);
-    EXPECT_EQ(ranElsewhere.load(), 0);
-    othersReleased = true;
-    othersReleased.notify_all();
-  }
-  othersDone.wait();
-  EXPECT_EQ(ranElsewhere.load(), kOtherTasks);
+  qevr::ManualExecutor executor;
+  std::atomic<bool> released{false};
+  auto awaited = qevr::detachTask(executor, TaskPriority::high,
+                                  [&](std::stop_token) { released.wait(false); });
+  for (int i = 0; i < kOtherTasks; ++i)
+    qevr::detachTask(executor, TaskPriority::high, [](std::stop_token) {});
+  std::thread runner([&] { executor.runNext(); });  // the oldest: `awaited`
+  while (executor.load().running == 0)
+    std::this_thread::yield();
+  qevr::TaskPoolLoad whileBlocked;
+  std::thread releaser([&] {
+    while (executor.load().blockedWaiters == 0)
+      std::this_thread::yield();
+    whileBlocked = executor.load();
+    released = true;
+    released.notify_all();
+  });
+  awaited.wait();
+  releaser.join();
+  runner.join();
+  EXPECT_EQ(whileBlocked.queued, static_cast<std::size_t>(kOtherTasks));
+  EXPECT_EQ(whileBlocked.blockedWaiters, 1u);
+  EXPECT_TRUE(awaited.isFinished());
+  EXPECT_EQ(executor.pending(), static_cast<std::size_t>(kOtherTasks));
 }
 
 // How deep task bodies are nested on the current thread, and the deepest
