@@ -1,6 +1,12 @@
 #include <QEVObserver/QEVObserverModule.h>
 
 #include "QEVObserverRuntime.h"
+#include "QEVComponentInteractionTracker.h"
+#include "QEVGestureTracker.h"
+#include "QEVNavigationTracker.h"
+#include "QEVObserverDiagnosticContextProvider.h"
+#include "QEVScreenTracker.h"
+#include "QEVSessionTracker.h"
 
 using State = QEVObserverEventDispatcher::State;
 

@@ -8,6 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "QEVComponentInteractionTracker.h"
+#include "QEVGestureTracker.h"
+#include "QEVNavigationTracker.h"
+#include "QEVScreenTracker.h"
+#include "QEVSessionTracker.h"
+
 #include <atomic>
 #include <cstdint>
 #include <stdexcept>

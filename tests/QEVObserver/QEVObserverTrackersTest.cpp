@@ -1,8 +1,15 @@
 #include <QEVObserver/QEVObserverEventDispatcher.h>
-#include <QEVObserver/QEVObserverTrackers.h>
+#include <QEVObserver/QEVObserverSession.h>
 #include <QEVRPlatform/Json.h>
 
 #include <gtest/gtest.h>
+
+#include "QEVComponentInteractionTracker.h"
+#include "QEVGestureTracker.h"
+#include "QEVNavigationTracker.h"
+#include "QEVObserverDiagnosticContextProvider.h"
+#include "QEVScreenTracker.h"
+#include "QEVSessionTracker.h"
 
 namespace {
 

@@ -17,7 +17,8 @@
 
 #include <QEVObserver/QEVObserverEvent.h>
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
-#include <QEVObserver/QEVObserverTrackers.h>
+#include <QEVObserver/QEVGestureType.h>
+#include <QEVObserver/QEVObserverSession.h>
 #include <QEVRPlatform/Export.h>
 
 #include <optional>
