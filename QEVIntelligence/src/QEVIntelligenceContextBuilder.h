@@ -1,6 +1,7 @@
 // Turns the memory snapshot into a QEVIntelligenceContext.
 #pragma once
 
+#include <QEVIntelligence/QEVMemoryIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVMemoryIntelligenceSnapshotProviding.h>
 
 #include "QEVIntelligenceContext.h"

@@ -1,10 +1,10 @@
 #include <QEVObserver/QEVObserverModule.h>
 
-#include "QEVObserverRuntime.h"
 #include "QEVComponentInteractionTracker.h"
 #include "QEVGestureTracker.h"
 #include "QEVNavigationTracker.h"
 #include "QEVObserverDiagnosticContextProvider.h"
+#include "QEVObserverRuntime.h"
 #include "QEVScreenTracker.h"
 #include "QEVSessionTracker.h"
 

@@ -1,3 +1,4 @@
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVRPlatform/Text.h>
 
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
 // What the four analysers share: cancellation at both checks, the cache
 // lookup before the rules, and the provider stage that always falls through.
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 #include <QEVRCore/QEVRDependencyContainer.h>
-#include <QEVRCore/QEVRLogger.h>
+#include "QEVRLogger.h"
 #include <QEVRCore/QEVRModule.h>
 
 #include <gtest/gtest.h>

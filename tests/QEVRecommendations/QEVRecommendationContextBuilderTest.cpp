@@ -1,5 +1,6 @@
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Text.h>
+#include <QEVRecommendations/QEVFixedRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationContextBuilder.h>
 
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
 #include <QEVRPlatform/Json.h>
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
+#include <QEVRecommendations/QEVRecommendationPolicyEvaluator.h>
 
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+#include <QEVRecommendations/QEVFixedRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationsGenerator.h>
 
 #include <gtest/gtest.h>

@@ -15,9 +15,9 @@
 // within 200 ms, that call saves one chunk itself and returns.
 #pragma once
 
+#include <QEVObserver/QEVGestureType.h>
 #include <QEVObserver/QEVObserverEvent.h>
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
-#include <QEVObserver/QEVGestureType.h>
 #include <QEVObserver/QEVObserverSession.h>
 #include <QEVRPlatform/Export.h>
 
