@@ -45,44 +45,44 @@ TEST(QEVIntelligenceModelsTest, ConfidenceBoundsAreInclusiveAndNaNIsRefused) {
 
 TEST(QEVIntelligenceModelsTest, ResultsEncodeTheirFieldsInOrder) {
   EXPECT_EQ(
-      toJSON(QEVBehaviorSummary("s", {"Home"}, {"play"}, {"repeat_usage_patterns"}, 0.55,
-                                QEVRDate{10.5})),
+      QEVBehaviorSummary("s", {"Home"}, {"play"}, {"repeat_usage_patterns"}, 0.55, QEVRDate{10.5})
+          .toJSON(),
       R"({"summary":"s","dominantScreens":["Home"],"dominantActions":["play"],)"
       R"("behaviorPatterns":["repeat_usage_patterns"],"confidence":0.55,"generatedAt":10.5})");
-  EXPECT_EQ(toJSON(QEVIntentAnalysis("purchase", {"browse"}, {"cart: 3"}, 0.7, QEVRDate{1})),
+  EXPECT_EQ(QEVIntentAnalysis("purchase", {"browse"}, {"cart: 3"}, 0.7, QEVRDate{1}).toJSON(),
             R"({"primaryIntent":"purchase","secondaryIntents":["browse"],"evidence":["cart: 3"],)"
             R"("confidence":0.7,"generatedAt":1})");
   EXPECT_EQ(
-      toJSON(QEVFrustrationAnalysis(QEVFrustrationLevel::medium, {"a"}, {"b"}, 0.6, QEVRDate{0})),
+      QEVFrustrationAnalysis(QEVFrustrationLevel::medium, {"a"}, {"b"}, 0.6, QEVRDate{0}).toJSON(),
       R"({"level":"medium","signals":["a"],"likelyCauses":["b"],"confidence":0.6,)"
       R"("generatedAt":0})");
-  EXPECT_EQ(toJSON(QEVSkillAnalysis(QEVSkillLevel::expert, {}, std::nullopt, 1.0, QEVRDate{2})),
+  EXPECT_EQ(QEVSkillAnalysis(QEVSkillLevel::expert, {}, std::nullopt, 1.0, QEVRDate{2}).toJSON(),
             R"({"skillLevel":"expert","evidence":[],"confidence":1,"generatedAt":2})");
-  EXPECT_EQ(toJSON(QEVSkillAnalysis(QEVSkillLevel::beginner, {"e"}, "decrease", 0.4, QEVRDate{2})),
+  EXPECT_EQ(QEVSkillAnalysis(QEVSkillLevel::beginner, {"e"}, "decrease", 0.4, QEVRDate{2}).toJSON(),
             R"({"skillLevel":"beginner","evidence":["e"],"recommendedDifficultyAdjustment":)"
             R"("decrease","confidence":0.4,"generatedAt":2})");
 }
 
 TEST(QEVIntelligenceModelsTest, ResultsRoundTrip) {
   const QEVBehaviorSummary summary("s", {"A", "B"}, {}, {"x"}, 0.2, kDate);
-  EXPECT_EQ(analysisFromJSON<QEVBehaviorSummary>(toJSON(summary)), summary);
+  EXPECT_EQ(QEVBehaviorSummary::fromJSON(summary.toJSON()), summary);
   const QEVIntentAnalysis intent("browse", {"support"}, {"home: 2"}, 0.62, kDate);
-  EXPECT_EQ(analysisFromJSON<QEVIntentAnalysis>(toJSON(intent)), intent);
+  EXPECT_EQ(QEVIntentAnalysis::fromJSON(intent.toJSON()), intent);
   const QEVFrustrationAnalysis frustration(QEVFrustrationLevel::high, {"s"}, {"c"}, 1, kDate);
-  EXPECT_EQ(analysisFromJSON<QEVFrustrationAnalysis>(toJSON(frustration)), frustration);
+  EXPECT_EQ(QEVFrustrationAnalysis::fromJSON(frustration.toJSON()), frustration);
   const QEVSkillAnalysis withoutAdjustment(QEVSkillLevel::unknown, {}, std::nullopt, 0.3, kDate);
-  EXPECT_EQ(analysisFromJSON<QEVSkillAnalysis>(toJSON(withoutAdjustment)), withoutAdjustment);
+  EXPECT_EQ(QEVSkillAnalysis::fromJSON(withoutAdjustment.toJSON()), withoutAdjustment);
 }
 
 TEST(QEVIntelligenceModelsTest, DecodingChecksConfidenceBeforeAnyOtherKey) {
   // Only a valid-range confidence lets decoding reach the missing keys.
-  EXPECT_THROW(analysisFromJSON<QEVBehaviorSummary>(R"({"confidence":0.5})"), DecodingError);
+  EXPECT_THROW(QEVBehaviorSummary::fromJSON(R"({"confidence":0.5})"), DecodingError);
   for (const char* json : {R"({"confidence":2})", R"({"confidence":-1,"level":"bogus"})"}) {
     SCOPED_TRACE(json);
-    EXPECT_THROW(analysisFromJSON<QEVBehaviorSummary>(json), QEVIntelligenceError);
-    EXPECT_THROW(analysisFromJSON<QEVIntentAnalysis>(json), QEVIntelligenceError);
-    EXPECT_THROW(analysisFromJSON<QEVFrustrationAnalysis>(json), QEVIntelligenceError);
-    EXPECT_THROW(analysisFromJSON<QEVSkillAnalysis>(json), QEVIntelligenceError);
+    EXPECT_THROW(QEVBehaviorSummary::fromJSON(json), QEVIntelligenceError);
+    EXPECT_THROW(QEVIntentAnalysis::fromJSON(json), QEVIntelligenceError);
+    EXPECT_THROW(QEVFrustrationAnalysis::fromJSON(json), QEVIntelligenceError);
+    EXPECT_THROW(QEVSkillAnalysis::fromJSON(json), QEVIntelligenceError);
   }
   struct Case {
     const char* json;
@@ -99,7 +99,7 @@ TEST(QEVIntelligenceModelsTest, DecodingChecksConfidenceBeforeAnyOtherKey) {
   for (const Case& c : failures) {
     SCOPED_TRACE(c.json);
     try {
-      analysisFromJSON<QEVFrustrationAnalysis>(c.json);
+      QEVFrustrationAnalysis::fromJSON(c.json);
       FAIL() << "decoded";
     } catch (const DecodingError& e) {
       EXPECT_EQ(e.kind(), c.kind);
@@ -108,11 +108,11 @@ TEST(QEVIntelligenceModelsTest, DecodingChecksConfidenceBeforeAnyOtherKey) {
 }
 
 TEST(QEVIntelligenceModelsTest, SkillAdjustmentMayBeNullOrAnyText) {
-  const auto skill = analysisFromJSON<QEVSkillAnalysis>(
+  const auto skill = QEVSkillAnalysis::fromJSON(
       R"({"confidence":0.5,"skillLevel":"advanced","evidence":["x"],)"
       R"("recommendedDifficultyAdjustment":null,"generatedAt":3,"extra":1})");
   EXPECT_FALSE(skill.recommendedDifficultyAdjustment.has_value());
-  const auto custom = analysisFromJSON<QEVSkillAnalysis>(
+  const auto custom = QEVSkillAnalysis::fromJSON(
       R"({"confidence":0.5,"skillLevel":"advanced","evidence":[],)"
       R"("recommendedDifficultyAdjustment":"sideways","generatedAt":3})");
   EXPECT_EQ(custom.recommendedDifficultyAdjustment, "sideways");
