@@ -60,7 +60,7 @@ TEST(DiagnosticProviderTest, ReportsScreenWithoutSession) {
 }
 
 TEST(GestureTypeTest, RawValuesRoundTrip) {
-  for (QEVGestureType t : allGestureTypes)
+  for (QEVGestureType t : kAllGestureTypes)
     EXPECT_EQ(gestureTypeFromRawValue(rawValueOf(t)), t);
   EXPECT_FALSE(gestureTypeFromRawValue("Tap").has_value());
 }

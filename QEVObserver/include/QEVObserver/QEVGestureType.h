@@ -9,7 +9,7 @@
 
 enum class QEVGestureType { tap, doubleTap, longPress, swipe, pinch, pan, rotate, custom };
 
-inline constexpr std::array<QEVGestureType, 8> allGestureTypes = {
+inline constexpr std::array<QEVGestureType, 8> kAllGestureTypes = {
     QEVGestureType::tap,    QEVGestureType::doubleTap, QEVGestureType::longPress,
     QEVGestureType::swipe,  QEVGestureType::pinch,     QEVGestureType::pan,
     QEVGestureType::rotate, QEVGestureType::custom};
