@@ -325,77 +325,42 @@ TEST(QEVGameplayRecommendationEngineTest, Rules) {
   input.skillAnalysis = skill(QEVSkillLevel::beginner);
   EXPECT_TRUE(engine.recommendations(input).empty());
 
-  struct Case {
-    const char* name;
-    std::optional<QEVSkillAnalysis> skill;
-    std::optional<QEVFrustrationAnalysis> frustration;
-    std::unordered_map<std::string, std::int64_t> events;
-    std::vector<std::string> titles;
-    std::vector<double> deltas;
+  // The titles in order, and the difficulty deltas among them.
+  const auto check = [&](const char* name, std::optional<QEVSkillAnalysis> skillAnalysis,
+                         std::optional<QEVFrustrationAnalysis> frustrationAnalysis,
+                         std::unordered_map<std::string, std::int64_t> events,
+                         const std::vector<std::string>& titles,
+                         const std::vector<double>& deltas) {
+    SCOPED_TRACE(name);
+    input = gameInput(std::move(events));
+    input.skillAnalysis = std::move(skillAnalysis);
+    input.frustrationAnalysis = std::move(frustrationAnalysis);
+    const auto out = engine.recommendations(input);
+    EXPECT_EQ(titlesOf(out), titles);
+    EXPECT_EQ(deltasOf(out), deltas);
   };
   const std::string lowerBeginner = "Reduce difficulty for beginner";
   const std::string lowerFailures = "Reduce difficulty after failures";
   const std::string raise = "Increase difficulty for skilled player";
   const std::string tutorial = "Show gameplay tutorial";
   const std::string challenge = "Suggest challenge mode";
-  const Case cases[] = {
-      {"beginner",
-       skill(QEVSkillLevel::beginner),
-       std::nullopt,
-       {},
-       {tutorial, lowerBeginner},
-       {-1.0}},
-      {"nine failures",
-       std::nullopt,
-       std::nullopt,
-       {{"level_failed", 5}, {"retry_button", 3}, {"death", 1}},
-       {lowerFailures},
-       {-3.0}},
-      {"eight failures",
-       std::nullopt,
-       std::nullopt,
-       {{"level_failed", 8}},
-       {lowerFailures},
-       {-3.0}},
-      {"seven failures",
-       std::nullopt,
-       std::nullopt,
-       {{"level_failed", 7}},
-       {lowerFailures},
-       {-1.0}},
-      {"three failures", std::nullopt, std::nullopt, {{"retry", 3}}, {lowerFailures}, {-1.0}},
-      {"two failures", std::nullopt, std::nullopt, {{"retry", 2}}, {}, {}},
-      {"medium frustration",
-       std::nullopt,
-       frustration(Level::medium),
-       {},
-       {tutorial, lowerFailures},
-       {-1.0}},
-      {"high frustration expert",
-       skill(QEVSkillLevel::expert),
-       frustration(Level::high),
-       {},
-       {tutorial, lowerFailures},
-       {-3.0}},
-      {"expert medium frustration",
-       skill(QEVSkillLevel::expert, 0.9),
-       frustration(Level::medium, 0.9),
-       {},
-       {challenge, tutorial, lowerFailures, raise},
-       {-1.0, 2.0}},
-      {"advanced", skill(QEVSkillLevel::advanced), std::nullopt, {}, {raise}, {1.0}},
-      {"intermediate", skill(QEVSkillLevel::intermediate), std::nullopt, {}, {}, {}},
-      {"unknown", skill(QEVSkillLevel::unknown), std::nullopt, {}, {}, {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    input = gameInput(c.events);
-    input.skillAnalysis = c.skill;
-    input.frustrationAnalysis = c.frustration;
-    const auto out = engine.recommendations(input);
-    EXPECT_EQ(titlesOf(out), c.titles);
-    EXPECT_EQ(deltasOf(out), c.deltas);
-  }
+  const auto none = std::nullopt;
+  check("beginner", skill(QEVSkillLevel::beginner), none, {}, {tutorial, lowerBeginner}, {-1});
+  check("nine failures", none, none, {{"level_failed", 5}, {"retry_button", 3}, {"death", 1}},
+        {lowerFailures}, {-3});
+  check("eight failures", none, none, {{"level_failed", 8}}, {lowerFailures}, {-3});
+  check("seven failures", none, none, {{"level_failed", 7}}, {lowerFailures}, {-1});
+  check("three failures", none, none, {{"retry", 3}}, {lowerFailures}, {-1});
+  check("two failures", none, none, {{"retry", 2}}, {}, {});
+  check("medium frustration", none, frustration(Level::medium), {}, {tutorial, lowerFailures},
+        {-1});
+  check("high frustration expert", skill(QEVSkillLevel::expert), frustration(Level::high), {},
+        {tutorial, lowerFailures}, {-3});
+  check("expert medium frustration", skill(QEVSkillLevel::expert, 0.9),
+        frustration(Level::medium, 0.9), {}, {challenge, tutorial, lowerFailures, raise}, {-1, 2});
+  check("advanced", skill(QEVSkillLevel::advanced), none, {}, {raise}, {1});
+  check("intermediate", skill(QEVSkillLevel::intermediate), none, {}, {}, {});
+  check("unknown", skill(QEVSkillLevel::unknown), none, {}, {}, {});
 
   input = gameInput({{"mode_retry", 3}});
   const auto out = engine.recommendations(input);
