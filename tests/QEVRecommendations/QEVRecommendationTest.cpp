@@ -60,8 +60,6 @@ TEST(QEVRecommendationTest, ChecksRunInOrderAndTheFirstFailureWins) {
   }
   // Stored as given: surrounding spaces stay.
   EXPECT_EQ(make("  Title ", "S", 0.5, good).title(), "  Title ");
-  EXPECT_EQ(Error::emptyRequiredText("title"), Error::emptyRequiredText("title"));
-  EXPECT_NE(Error::emptyRequiredText("title"), Error::emptyRequiredText("summary"));
 }
 
 TEST(QEVRecommendationTest, ActionValidationMessages) {
