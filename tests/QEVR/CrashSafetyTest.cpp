@@ -218,10 +218,9 @@ TEST(CrashSafetyTest, KilledLaunchesAreRecoveredOnceAndLoseAtMostTheirLast30Seco
       << "every session marker recovered and removed";
   std::int64_t lostSteps = 0;
   for (const auto& [launch, last] : lastSeenStep) {
-    const std::set<std::int64_t> none;
-    auto found = counts.stepsByLaunch.find(launch);
-    const std::set<std::int64_t>& saved =
-        found == counts.stepsByLaunch.end() ? none : found->second;
+    const std::set<std::int64_t> saved = counts.stepsByLaunch.contains(launch)
+                                             ? counts.stepsByLaunch.at(launch)
+                                             : std::set<std::int64_t>{};
     for (std::int64_t n = 0; n <= last - kLossBoundSteps - 1; ++n) {
       EXPECT_TRUE(saved.contains(n)) << "launch " << launch << " lost step " << n << " of the "
                                      << last + 1 << " it saw through";
