@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "MemoryTestSupport.h"
+#include "ThrowsMessage.h"
 
 #include <sys/stat.h>
 
@@ -19,6 +20,7 @@
 #include <system_error>
 
 namespace fs = std::filesystem;
+using qevr::testing::throwsWithMessage;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
@@ -73,8 +75,6 @@ std::string failureOf(const std::function<void()>& call) {
     return "encoding";
   } catch (const QEVCompressionError& e) {
     return std::string("compression ") + e.what();
-  } catch (const QEVFileMemoryStoreError& e) {
-    return std::string("store ") + e.what();
   } catch (const std::system_error& e) {
     return "errno " + std::to_string(e.code().value());
   } catch (const QEVRCancellationError&) {
@@ -228,8 +228,8 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
   };
   QEVSessionGraph unnamed = graph("11111111-1111-4111-8111-111111111111", 1);
   unnamed.sessionId.reset();
-  EXPECT_EQ(failureOf([&] { store->saveSessionGraph(unnamed); }),
-            "store sessionGraphMissingIdentifier");
+  EXPECT_THAT([&] { store->saveSessionGraph(unnamed); },
+              throwsWithMessage<QEVFileMemoryStoreError>("sessionGraphMissingIdentifier"));
   EXPECT_FALSE(files.exists(root));
 
   store->saveSessionGraph(graph("22222222-2222-4222-8222-222222222222", 9));
@@ -383,8 +383,8 @@ TEST_F(QEVFileMemoryStoreTest, FifosAndDevicesFailLikeDamagedFilesWithoutBlockin
 }
 
 TEST_F(QEVFileMemoryStoreTest, DefaultRootAndCancellationTouchNoFile) {
-  EXPECT_EQ(failureOf([&] { (void)QEVFileMemoryStore(std::nullopt, faulty, nullptr); }),
-            "store applicationSupportUnavailable");
+  EXPECT_THAT([&] { (void)QEVFileMemoryStore(std::nullopt, faulty, nullptr); },
+              throwsWithMessage<QEVFileMemoryStoreError>("applicationSupportUnavailable"));
   faulty.supportDirectory = scratch / "Support";
   EXPECT_EQ(QEVFileMemoryStore(std::nullopt, faulty, nullptr).rootDirectory(),
             scratch / "Support" / "QEVR" / "Memory");
