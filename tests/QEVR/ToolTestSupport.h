@@ -3,8 +3,8 @@
 // directory tree with what a write would change.
 #pragma once
 
+#include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVMemory/QEVMemoryStore.h>
 #include <QEVRPlatform/FileSystem.h>
 
 #include <gtest/gtest.h>
