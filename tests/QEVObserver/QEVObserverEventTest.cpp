@@ -2,12 +2,15 @@
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
 #include <QEVRPlatform/Json.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
 namespace {
 
+using ::testing::Eq;
+using ::testing::Throws;
 using Type = QEVObserverEventType;
 using InputError = QEVObserverEventInputValidationError;
 
@@ -112,15 +115,10 @@ TEST(ObserverEventTest, JsonRoundTripsAndDecodingEnforcesTheRule) {
   EXPECT_THROW(QEVObserverEvent::decode(qevr::json::Decoder(worse)), qevr::json::DecodingError);
 }
 
-TEST(ObserverInputValidationTest, NamesAreTrimmedAndLimitedInCharacters) {
+TEST(ObserverInputValidationTest, NamesAreTrimmedAndLimitedInGraphemeClusters) {
   namespace v = QEVObserverInputValidation;
   const std::string name128 = repeat("a", 128);
   EXPECT_EQ(v::requiredName("  " + name128 + "\n"), name128);
-  EXPECT_THROW(v::requiredName(repeat("a", 129)), QEVObserverEventInputValidationError);
-}
-
-TEST(ObserverInputValidationTest, LimitsCountGraphemeClustersNotBytes) {
-  namespace v = QEVObserverInputValidation;
   const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467";  // one cluster
   EXPECT_NO_THROW(v::requiredName(repeat(family, 100)));
   EXPECT_NO_THROW(v::requiredName(repeat("e\u0301", 128)));  // combining marks
@@ -138,18 +136,16 @@ TEST(ObserverInputValidationTest, MetadataKeysAreCheckedAndTrimmed) {
   auto clean = v::metadata({{" key ", 1}, {"s", "caf\x65\xcc\x81"}});
   EXPECT_EQ(clean.count("key"), 1u);
   EXPECT_EQ(*clean.at("s").stringValue(), "caf\u00e9");  // brought to NFC
-  try {
-    v::metadata({{" " + repeat("k", 129) + " ", 1}});
-    FAIL();
-  } catch (const InputError& e) {
-    EXPECT_EQ(e, InputError::metadataKeyTooLong(repeat("k", 129)));
-  }
-  try {
-    v::metadata({{"\t", 1}});
-    FAIL();
-  } catch (const InputError& e) {
-    EXPECT_EQ(e, InputError::emptyMetadataKey());
-  }
+  EXPECT_THAT(
+      [&] {
+        v::metadata({{" " + repeat("k", 129) + " ", 1}});
+      },
+      Throws<InputError>(Eq(InputError::metadataKeyTooLong(repeat("k", 129)))));
+  EXPECT_THAT(
+      [] {
+        v::metadata({{"\t", 1}});
+      },
+      Throws<InputError>(Eq(InputError::emptyMetadataKey())));
 }
 
 TEST(ObserverSanitizationTest, SensitiveKeysAreDroppedInAnyCaseAndPosition) {
