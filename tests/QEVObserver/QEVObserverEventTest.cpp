@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "ThrowsMessage.h"
+
 namespace {
 
 using ::testing::Eq;
@@ -29,27 +31,16 @@ std::string repeat(std::string_view unit, size_t n) {
 }
 
 TEST(ObserverEventTest, CustomEventsNeedANonBlankStringName) {
-  struct Case {
-    QEVObserverMetadata metadata;
-    bool valid;
-  };
-  const Case cases[] = {
-      {{{"name", "level_up"}}, true},
-      {{{"name", " \t"}}, false},
-      {{{"name", 7}}, false},
-      {{}, false},
-  };
-  for (const auto& c : cases) {
-    if (c.valid) {
-      EXPECT_NO_THROW(make(Type::custom, c.metadata));
-    } else {
-      EXPECT_THROW(make(Type::custom, c.metadata), QEVObserverEventValidationError);
-    }
+  EXPECT_NO_THROW(make(Type::custom, {{"name", "level_up"}}));
+  for (const QEVObserverMetadata& metadata :
+       {QEVObserverMetadata{{"name", " \t"}}, QEVObserverMetadata{{"name", 7}},
+        QEVObserverMetadata{}}) {
+    EXPECT_THAT([&] { make(Type::custom, metadata); },
+                qevr::testing::throwsWithMessage<QEVObserverEventValidationError>(
+                    "Custom observer events require a non-empty name."));
     // The other types have no condition.
-    EXPECT_NO_THROW(make(Type::buttonTap, c.metadata));
+    EXPECT_NO_THROW(make(Type::buttonTap, metadata));
   }
-  EXPECT_STREQ(QEVObserverEventValidationError().what(),
-               "Custom observer events require a non-empty name.");
 }
 
 TEST(ObserverEventTest, CustomMakerReplacesNameAndComponentIdIsNormalised) {
@@ -136,16 +127,11 @@ TEST(ObserverInputValidationTest, MetadataKeysAreCheckedAndTrimmed) {
   auto clean = v::metadata({{" key ", 1}, {"s", "caf\x65\xcc\x81"}});
   EXPECT_EQ(clean.count("key"), 1u);
   EXPECT_EQ(*clean.at("s").stringValue(), "caf\u00e9");  // brought to NFC
-  EXPECT_THAT(
-      [&] {
-        v::metadata({{" " + repeat("k", 129) + " ", 1}});
-      },
-      Throws<InputError>(Eq(InputError::metadataKeyTooLong(repeat("k", 129)))));
-  EXPECT_THAT(
-      [] {
-        v::metadata({{"\t", 1}});
-      },
-      Throws<InputError>(Eq(InputError::emptyMetadataKey())));
+  const std::string longKey = repeat("k", 129);
+  const auto withLongKey = [&] { v::metadata({{" " + longKey + " ", 1}}); };
+  EXPECT_THAT(withLongKey, Throws<InputError>(Eq(InputError::metadataKeyTooLong(longKey))));
+  const auto withBlankKey = [] { v::metadata({{"\t", 1}}); };
+  EXPECT_THAT(withBlankKey, Throws<InputError>(Eq(InputError::emptyMetadataKey())));
 }
 
 TEST(ObserverSanitizationTest, SensitiveKeysAreDroppedInAnyCaseAndPosition) {
