@@ -24,14 +24,12 @@ TEST(DateTest, ReferenceDateIsTheStartOf2001) {
   EXPECT_LT(QEVRDate{1}, QEVRDate{2});
 }
 
-struct FormatCase {
-  const char* label;
-  QEVRDate date;
-  const char* text;
-};
-
 TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
-  const std::vector<FormatCase> cases = {
+  const struct {
+    const char* label;
+    QEVRDate date;
+    const char* text;
+  } cases[] = {
       {"reference date", QEVRDate{0}, "2001-01-01T00:00:00Z"},
       {"Unix epoch", QEVRDate::fromUnixSeconds(0), "1970-01-01T00:00:00Z"},
       {"a log line's time", QEVRDate::fromUnixSeconds(kJanuary31UnixSeconds),
@@ -45,10 +43,8 @@ TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
       {"last second of year 9999", QEVRDate::fromUnixSeconds(253402300799), "9999-12-31T23:59:59Z"},
       {"first second of year 0", QEVRDate::fromUnixSeconds(-62167219200), "0000-01-01T00:00:00Z"},
   };
-  for (const FormatCase& c : cases) {
-    SCOPED_TRACE(c.label);
-    EXPECT_EQ(formatISO8601(c.date), c.text);
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(formatISO8601(c.date), c.text) << c.label;
 }
 
 TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
@@ -60,13 +56,11 @@ TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
   }
 }
 
-struct ParseCase {
-  const char* text;
-  double unixSeconds;
-};
-
 TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
-  const std::vector<ParseCase> cases = {
+  const struct {
+    const char* text;
+    double unixSeconds;
+  } cases[] = {
       {"2026-01-31T09:05:00Z", kJanuary31UnixSeconds},
       {"2026-01-31T10:05:00+01:00", kJanuary31UnixSeconds},
       {"2026-01-31T04:35:00-04:30", kJanuary31UnixSeconds},
@@ -79,7 +73,7 @@ TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
       {"0000-01-01T01:00:00+01:00", -62167219200},
       {"9999-12-31T22:59:59-01:00", 253402300799},
   };
-  for (const ParseCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const std::optional<QEVRDate> date = parseISO8601(c.text);
     ASSERT_TRUE(date.has_value());
@@ -130,7 +124,7 @@ class ClockTest : public ::testing::Test {
   void TearDown() override { setClock(nullptr); }
 };
 
-TEST_F(ClockTest, InstalledManualClockDrivesNow) {
+TEST_F(ClockTest, InstalledManualClockDrivesNowUntilNullptrRestoresTheSystemClock) {
   auto clock = std::make_shared<ManualClock>(QEVRDate{100});
   setClock(clock);
   EXPECT_EQ(now(), QEVRDate{100});
@@ -138,16 +132,12 @@ TEST_F(ClockTest, InstalledManualClockDrivesNow) {
   EXPECT_EQ(now(), QEVRDate{102.5});
   clock->set(QEVRDate{-3});
   EXPECT_EQ(now(), QEVRDate{-3});
-}
 
-TEST_F(ClockTest, NullptrRestoresTheSystemClock) {
-  setClock(std::make_shared<ManualClock>(QEVRDate{100}));
   setClock(nullptr);
   const QEVRDate before = systemClock().now();
   const QEVRDate current = now();
-  const QEVRDate after = systemClock().now();
   EXPECT_LE(before, current);
-  EXPECT_LE(current, after);
+  EXPECT_LE(current, systemClock().now());
   // The system clock is far from the manual clock's 2001 instant.
   EXPECT_GT(current.secondsSinceReferenceDate, 7e8);
 }

@@ -76,10 +76,8 @@ TEST(JsonParseTest, KeepsTheKindOfEachNumberAndDecodesEscapes) {
       {"[1, [], {}]", Value(Value::Array{Value(1), Value(Value::Array{}), Value(Value::Object{})})},
       {R"({"b":1,"a":2})", Value(Value::Object{{"b", Value(1)}, {"a", Value(2)}})},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(parse(c.text), c.expected);
-  }
+  for (const Case& c : cases)
+    EXPECT_EQ(parse(c.text), c.expected) << c.text;
 }
 
 TEST(JsonParseTest, RefusesWhatIsNotJsonAsDataCorrupted) {
@@ -255,10 +253,8 @@ TEST(KeyedEnumTest, DecodesTheOneRecognisedKey) {
       {R"({"environment":{"development":{"ignored":[1]}}})", Environment::development},
       {R"({"environment":{"production":{},"production":{}}})", Environment::production},
   };
-  for (const auto& [text, expected] : cases) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(decodeEnvironmentField(text), expected);
-  }
+  for (const auto& [text, expected] : cases)
+    EXPECT_EQ(decodeEnvironmentField(text), expected) << text;
 }
 
 TEST(KeyedEnumTest, RefusesAnythingButOneRecognisedKeyOverAnObject) {
