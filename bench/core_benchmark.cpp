@@ -1,6 +1,6 @@
 // The core's logger: what a filtered call costs (the common case on hot
 // paths), next to one that passes to a sink that drops the record.
-#include <QEVRCore/QEVRLogger.h>
+#include "QEVRLogger.h"
 
 #include <benchmark/benchmark.h>
 

@@ -2,6 +2,7 @@
 // run, the cache is emptied before each call) and cached (a hit within the
 // time to live). Both read the snapshot and build the context each time; the
 // snapshot comes from memory, so disk stays out of the figures.
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 
 #include <QEVMemory/QEVFileMemoryStore.h>

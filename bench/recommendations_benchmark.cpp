@@ -3,6 +3,7 @@
 // and a cache lookup), over the snapshot of a store of 100 sessions. The
 // sources are fixed values, so the figures are the recommendation module's
 // own and not the cost of reading a store.
+#include <QEVRecommendations/QEVFixedRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationsGenerator.h>
 
 #include <benchmark/benchmark.h>

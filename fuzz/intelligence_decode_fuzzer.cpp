@@ -16,8 +16,8 @@ namespace {
 
 template <typename Record>
 void roundTrip(std::string_view input) {
-  Record value = analysisFromJSON<Record>(input);
-  if (!(analysisFromJSON<Record>(toJSON(value)) == value)) std::abort();
+  Record value = Record::fromJSON(input);
+  if (!(Record::fromJSON(value.toJSON()) == value)) std::abort();
 }
 
 template <typename F>

@@ -28,7 +28,7 @@ enum class QEVIntelligenceAnalysisType {
 // that one is taken first.
 class QEVIntelligenceCache {
  public:
-  static constexpr double defaultTtlSeconds = 300.0;
+  static constexpr double kDefaultTtlSeconds = 300.0;
 
   struct Key {
     QEVIntelligenceAnalysisType analysisType = QEVIntelligenceAnalysisType::behaviorSummary;
@@ -49,7 +49,7 @@ class QEVIntelligenceCache {
 
   explicit QEVIntelligenceCache(
       std::function<QEVRDate()> now = [] { return qevr::now(); },
-      double ttlSeconds = defaultTtlSeconds);
+      double ttlSeconds = kDefaultTtlSeconds);
 
   // The stored result of type T, if one is there and has not expired. An
   // expired entry (expiresAt at or before now) is removed; an entry of

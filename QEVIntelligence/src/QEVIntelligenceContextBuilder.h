@@ -1,6 +1,7 @@
 // Turns the memory snapshot into a QEVIntelligenceContext.
 #pragma once
 
+#include <QEVIntelligence/QEVMemoryIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVMemoryIntelligenceSnapshotProviding.h>
 
 #include "QEVIntelligenceContext.h"
@@ -17,11 +18,11 @@
 // A value; copies share the snapshot source. Any thread, several at once:
 // it touches nothing shared but the source and the clock.
 struct QEVIntelligenceContextBuilder {
-  static constexpr std::int64_t defaultMaxOutputCharacters = 4000;
+  static constexpr std::int64_t kDefaultMaxOutputCharacters = 4000;
 
   std::shared_ptr<const QEVMemoryIntelligenceSnapshotProviding> memorySnapshotProvider =
       std::make_shared<QEVMemoryIntelligenceSnapshotProvider>();
-  std::int64_t maxOutputCharacters = defaultMaxOutputCharacters;
+  std::int64_t maxOutputCharacters = kDefaultMaxOutputCharacters;
   std::function<QEVRDate()> now = [] { return qevr::now(); };
 
   // Throws QEVRCancellationError when `stop` is requested before or after

@@ -359,32 +359,30 @@ QEVSkillAnalysis QEVSkillAnalysis::decode(const Decoder& decoder) {
                           confidence, decoder["generatedAt"].asDate());
 }
 
-std::string toJSON(const QEVBehaviorSummary& value) {
-  return encodeToJSON(value);
+std::string QEVBehaviorSummary::toJSON() const {
+  return encodeToJSON(*this);
 }
-std::string toJSON(const QEVIntentAnalysis& value) {
-  return encodeToJSON(value);
-}
-std::string toJSON(const QEVFrustrationAnalysis& value) {
-  return encodeToJSON(value);
-}
-std::string toJSON(const QEVSkillAnalysis& value) {
-  return encodeToJSON(value);
-}
-
-template <>
-QEVBehaviorSummary analysisFromJSON<QEVBehaviorSummary>(std::string_view json) {
+QEVBehaviorSummary QEVBehaviorSummary::fromJSON(std::string_view json) {
   return decodeFromJSON<QEVBehaviorSummary>(json);
 }
-template <>
-QEVIntentAnalysis analysisFromJSON<QEVIntentAnalysis>(std::string_view json) {
+
+std::string QEVIntentAnalysis::toJSON() const {
+  return encodeToJSON(*this);
+}
+QEVIntentAnalysis QEVIntentAnalysis::fromJSON(std::string_view json) {
   return decodeFromJSON<QEVIntentAnalysis>(json);
 }
-template <>
-QEVFrustrationAnalysis analysisFromJSON<QEVFrustrationAnalysis>(std::string_view json) {
+
+std::string QEVFrustrationAnalysis::toJSON() const {
+  return encodeToJSON(*this);
+}
+QEVFrustrationAnalysis QEVFrustrationAnalysis::fromJSON(std::string_view json) {
   return decodeFromJSON<QEVFrustrationAnalysis>(json);
 }
-template <>
-QEVSkillAnalysis analysisFromJSON<QEVSkillAnalysis>(std::string_view json) {
+
+std::string QEVSkillAnalysis::toJSON() const {
+  return encodeToJSON(*this);
+}
+QEVSkillAnalysis QEVSkillAnalysis::fromJSON(std::string_view json) {
   return decodeFromJSON<QEVSkillAnalysis>(json);
 }

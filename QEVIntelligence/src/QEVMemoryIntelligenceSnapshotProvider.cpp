@@ -1,3 +1,5 @@
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
+#include <QEVIntelligence/QEVMemoryIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVMemoryIntelligenceSnapshotProviding.h>
 #include <QEVMemory/QEVMemoryModule.h>
 #include <QEVRPlatform/Tasks.h>

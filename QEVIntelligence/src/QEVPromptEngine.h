@@ -35,12 +35,12 @@ class QEVPromptEngine {
  public:
   using TemplateMap = std::unordered_map<QEVPromptTemplateType, QEVPromptTemplate>;
 
-  static constexpr std::int64_t defaultMaxInputCharacters = 4000;
+  static constexpr std::int64_t kDefaultMaxInputCharacters = 4000;
 
   // The four built-in templates, built once per process.
   static const TemplateMap& builtInTemplates();
 
-  explicit QEVPromptEngine(std::int64_t maxInputCharacters = defaultMaxInputCharacters,
+  explicit QEVPromptEngine(std::int64_t maxInputCharacters = kDefaultMaxInputCharacters,
                            TemplateMap templates = builtInTemplates());
 
   // Throws QEVIntelligenceError::invalidRequest with "prompt template is

@@ -109,14 +109,14 @@ class DateReader {
   }
 
   void expect(std::size_t fileCount) {
-    found.reserve(std::min(fileCount, QEVMemoryPruner::maxRememberedDates));
+    found.reserve(std::min(fileCount, QEVMemoryPruner::kMaxRememberedDates));
   }
   QEVMemoryPruner::DateMemo& seen() { return found; }
   std::uint64_t readBytes() const { return bytesRead; }
 
  private:
   void keep(const qevr::FileIdentity& identity, QEVRDate date) {
-    if (found.size() < QEVMemoryPruner::maxRememberedDates) found.push_back({identity, date});
+    if (found.size() < QEVMemoryPruner::kMaxRememberedDates) found.push_back({identity, date});
   }
 
   qevr::FileSystem& files;
@@ -283,7 +283,7 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
                                      return a.identity == b.identity;
                                    }),
                        merged.end());
-          if (merged.size() > maxRememberedDates) merged.resize(maxRememberedDates);
+          if (merged.size() > kMaxRememberedDates) merged.resize(kMaxRememberedDates);
           remember(std::make_shared<const DateMemo>(std::move(merged)));
           throw;
         }

@@ -62,7 +62,7 @@ class QEVMemoryPruner {
 
   // At most this many dates are remembered (48 bytes each, 3 MiB in all);
   // files past it are read on every run.
-  static constexpr std::size_t maxRememberedDates = 65'536;
+  static constexpr std::size_t kMaxRememberedDates = 65'536;
 
   // A file's date as last decoded, for the identity it had then.
   struct RememberedDate {

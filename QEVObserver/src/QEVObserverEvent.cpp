@@ -188,7 +188,7 @@ std::string repairedAndTrimmed(std::string_view raw) {
 bool tooLong(std::string_view text) {
   // More bytes than clusters is impossible the other way round: a text of at
   // most 128 bytes has at most 128 clusters, so skip the count then.
-  return text.size() > maxLength && qevr::text::graphemeCount(text) > maxLength;
+  return text.size() > kMaxLength && qevr::text::graphemeCount(text) > kMaxLength;
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <QEVObserver/QEVObserverEventDispatcher.h>
+#include <QEVObserver/QEVObserverInMemoryEventSink.h>
 
 #include <algorithm>
 

@@ -1,6 +1,12 @@
 #include <QEVObserver/QEVObserverModule.h>
 
+#include "QEVComponentInteractionTracker.h"
+#include "QEVGestureTracker.h"
+#include "QEVNavigationTracker.h"
+#include "QEVObserverDiagnosticContextProvider.h"
 #include "QEVObserverRuntime.h"
+#include "QEVScreenTracker.h"
+#include "QEVSessionTracker.h"
 
 using State = QEVObserverEventDispatcher::State;
 

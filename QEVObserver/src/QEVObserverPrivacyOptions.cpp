@@ -97,9 +97,9 @@ namespace {
 // Trimmed and cut to the limit; blank gives an empty string.
 std::string_view boundedView(std::string_view text) {
   std::string_view trimmed = qevr::text::trim(text);
-  // A text of at most maxLength bytes needs no cluster count.
-  if (trimmed.size() > QEVObserverSanitization::maxLength) {
-    trimmed = qevr::text::graphemePrefix(trimmed, QEVObserverSanitization::maxLength);
+  // A text of at most kMaxLength bytes needs no cluster count.
+  if (trimmed.size() > QEVObserverSanitization::kMaxLength) {
+    trimmed = qevr::text::graphemePrefix(trimmed, QEVObserverSanitization::kMaxLength);
   }
   return trimmed;
 }

@@ -2,9 +2,13 @@
 
 #include <QEVObserver/QEVObserverEventDispatcher.h>
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
-#include <QEVObserver/QEVObserverTrackers.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include <QEVRPlatform/UUID.h>
+
+#include "QEVComponentInteractionTracker.h"
+#include "QEVGestureTracker.h"
+#include "QEVNavigationTracker.h"
+#include "QEVScreenTracker.h"
 
 #include <memory>
 #include <optional>

@@ -366,7 +366,7 @@ qevr_status qevr_memory_snapshot(qevr_cancel_token* cancel, char** out_json) {
 qevr_status qevr_summarize_behavior(qevr_cancel_token* cancel, char** out_json) {
   return guarded([&] {
     prepareOut(out_json, "out_json");
-    handOut(out_json, toJSON(QEVR::Intelligence::summarizeBehavior(stopTokenOf(cancel))));
+    handOut(out_json, QEVR::Intelligence::summarizeBehavior(stopTokenOf(cancel)).toJSON());
   });
 }
 
@@ -375,14 +375,14 @@ qevr_status qevr_analyze_intent(const char* domain_json, qevr_cancel_token* canc
   return guarded([&] {
     prepareOut(out_json, "out_json");
     const std::optional<QEVExperienceDomain> domain = domainArgument(domain_json);
-    handOut(out_json, toJSON(QEVR::Intelligence::analyzeIntent(domain, stopTokenOf(cancel))));
+    handOut(out_json, QEVR::Intelligence::analyzeIntent(domain, stopTokenOf(cancel)).toJSON());
   });
 }
 
 qevr_status qevr_detect_frustration(qevr_cancel_token* cancel, char** out_json) {
   return guarded([&] {
     prepareOut(out_json, "out_json");
-    handOut(out_json, toJSON(QEVR::Intelligence::detectFrustration(stopTokenOf(cancel))));
+    handOut(out_json, QEVR::Intelligence::detectFrustration(stopTokenOf(cancel)).toJSON());
   });
 }
 
@@ -391,7 +391,7 @@ qevr_status qevr_analyze_skill(const char* domain_json, qevr_cancel_token* cance
   return guarded([&] {
     prepareOut(out_json, "out_json");
     const std::optional<QEVExperienceDomain> domain = domainArgument(domain_json);
-    handOut(out_json, toJSON(QEVR::Intelligence::analyzeSkill(domain, stopTokenOf(cancel))));
+    handOut(out_json, QEVR::Intelligence::analyzeSkill(domain, stopTokenOf(cancel)).toJSON());
   });
 }
 

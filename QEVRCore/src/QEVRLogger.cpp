@@ -1,4 +1,4 @@
-#include <QEVRCore/QEVRLogger.h>
+#include "QEVRLogger.h"
 
 #include <QEVRPlatform/Log.h>
 

@@ -3,7 +3,7 @@
 
 #include <QEVRCore/QEVRConfiguration.h>
 #include <QEVRCore/QEVRDependencyContainer.h>
-#include <QEVRCore/QEVRLogger.h>
+#include "QEVRLogger.h"
 #include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Executor.h>

@@ -1,4 +1,5 @@
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRecommendations/QEVFixedRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 
 namespace {

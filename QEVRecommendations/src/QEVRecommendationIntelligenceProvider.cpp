@@ -1,6 +1,7 @@
 // The only file of this module that calls QEVR::Intelligence: everything
 // else reaches the analyses through QEVRecommendationIntelligenceProviding.
 #include <QEVIntelligence/QEVIntelligenceFacade.h>
+#include <QEVRecommendations/QEVRecommendationIntelligenceProvider.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 
 QEVBehaviorSummary QEVRecommendationIntelligenceProvider::summarizeBehavior(

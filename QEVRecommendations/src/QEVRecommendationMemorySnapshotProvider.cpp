@@ -1,4 +1,5 @@
 #include <QEVMemory/QEVMemoryModule.h>
+#include <QEVRecommendations/QEVRecommendationMemorySnapshotProvider.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 
 QEVMemoryIntelligenceSnapshot QEVRecommendationMemorySnapshotProvider::intelligenceSnapshot(

@@ -1,4 +1,5 @@
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
+#include <QEVRecommendations/QEVRecommendationPolicyEvaluator.h>
 
 #include "RecommendationSupport.h"
 

@@ -1,3 +1,5 @@
+#include <QEVRecommendations/QEVRecommendationIntelligenceProvider.h>
+#include <QEVRecommendations/QEVRecommendationMemorySnapshotProvider.h>
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 
 #include "QEVRecommendationsRuntime.h"

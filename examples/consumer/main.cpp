@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
       QEVR::Recommendations::generate(domain, QEVRecommendationPolicy::defaultPolicy(domain));
 
   std::cout << "memory: " << stats.toJSON() << "\n"
-            << "skill: " << toJSON(skill) << "\n"
+            << "skill: " << skill.toJSON() << "\n"
             << "recommendations: " << suggestions.size() << "\n";
   QEVR::shutdown();
   qevr::waitForBackgroundIdle(std::chrono::seconds(30));

@@ -7,8 +7,11 @@ namespace {
 using Strings = std::vector<std::string>;
 
 TEST(QEVBehaviorSummarizerTest, PatternTagsAndSummaryFollowTheRuleTable) {
-  const std::string generated = "Behavior summary generated from local memory context.";
-  const std::string nothing = "No behavior data is available yet.";
+  const std::string made = "Behavior summary generated from local memory context.";
+  const std::string none = "No behavior data is available yet.";
+  const std::string repeat = "repeat_usage_patterns", navigation = "recent_navigation_activity",
+                    custom = "custom_event_activity";
+  const Counts home = {{"Home", 3}}, edge = {{"a->b", 1}}, won = {{"won", 1}}, play = {{"play", 2}};
   const struct {
     const char* name;
     SnapshotShape shape;
@@ -16,45 +19,16 @@ TEST(QEVBehaviorSummarizerTest, PatternTagsAndSummaryFollowTheRuleTable) {
     std::string summary;
     double confidence;
   } cases[] = {
-      {"no data", {}, {}, {}, {}, nothing, 0.2},
-      {"screens only",
-       {.screens = {{"Home", 3}}},
-       {"Home"},
-       {},
-       {"repeat_usage_patterns"},
-       generated,
-       0.55},
-      {"navigation hides repeat usage",
-       {.screens = {{"Home", 3}}, .navigation = {{"Home->Cart", 1}}},
-       {"Home"},
-       {},
-       {"recent_navigation_activity"},
-       generated,
-       0.55},
-      {"navigation and custom events",
-       {.components = {{"play", 2}}, .customEvents = {{"won", 1}}, .navigation = {{"a->b", 1}}},
-       {},
-       {"play"},
-       {"recent_navigation_activity", "custom_event_activity"},
-       generated,
-       0.55},
-      {"custom events alone",
-       {.customEvents = {{"won", 1}}},
-       {},
-       {},
-       {"custom_event_activity"},
-       generated,
-       0.55},
+      {"no data", {}, {}, {}, {}, none, 0.2},
+      {"screens only", {.screens = home}, {"Home"}, {}, {repeat}, made, 0.55},
+      // Navigation hides repeat usage.
+      {"screens and navigation", {home, {}, {}, edge}, {"Home"}, {}, {navigation}, made, 0.55},
+      {"all but screens", {{}, play, won, edge}, {}, {"play"}, {navigation, custom}, made, 0.55},
+      {"custom events alone", {.customEvents = won}, {}, {}, {custom}, made, 0.55},
       // The summary still says "no recent navigation patterns".
-      {"sequences without navigation", {.sequences = {"Home > Cart"}}, {}, {}, {}, nothing, 0.2},
+      {"sequences without navigation", {.sequences = {"Home > Cart"}}, {}, {}, {}, none, 0.2},
       // Navigation alone: the summary still holds "no recent" for sequences.
-      {"navigation alone",
-       {.navigation = {{"a->b", 1}}},
-       {},
-       {},
-       {"recent_navigation_activity"},
-       nothing,
-       0.2},
+      {"navigation alone", {.navigation = edge}, {}, {}, {navigation}, none, 0.2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

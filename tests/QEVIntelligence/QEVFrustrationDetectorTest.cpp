@@ -4,132 +4,50 @@
 
 namespace {
 
-using Strings = std::vector<std::string>;
 using Level = QEVFrustrationLevel;
 using Diagnostics = std::optional<QEVIntelligenceDiagnosticsSummary>;
 
-const std::string kBackAndForth = "Repeated back-and-forth navigation";
-const std::string kLoop = "Possible navigation loop or unclear path";
-const std::string kFriction = "Possible component-level UX friction";
+// What the detector may find, each with the signal and the likely cause it
+// reports.
+enum Finding { kTaps, kLoop, kWarnings, kErrors };
+const std::pair<std::string, std::string> kFindings[] = {
+    {"Repeated interaction with pay_button", "Possible component-level UX friction"},
+    {"Repeated back-and-forth navigation", "Possible navigation loop or unclear path"},
+    {"Technical warnings or errors in diagnostics summary", "Possible degraded app experience"},
+    {"Frequent technical errors in diagnostics summary",
+     "Possible failed network calls or runtime errors"},
+};
 
 TEST(QEVFrustrationDetectorTest, ScoreBandsGiveLevelAndConfidence) {
+  const Counts pay5 = {{"pay_button", 5}}, pay10 = {{"pay_button", 10}};
+  const Counts loop = {{"a->b", 1}, {"b->a", 1}}, oneWay = {{"a->b", 1}, {"b->c", 1}, {"c->d", 1}};
   const struct {
     const char* name;
     SnapshotShape shape;
     Diagnostics diagnostics;
     Level level;
-    Strings signals;
-    Strings causes;
+    std::vector<Finding> findings;
     double confidence;
   } cases[] = {
-      {"nothing", {}, std::nullopt, Level::none, {}, {}, 0.35},
-      {"four taps", {.components = {{"pay_button", 4}}}, std::nullopt, Level::none, {}, {}, 0.35},
-      {"five taps",
-       {.components = {{"pay_button", 5}}},
-       std::nullopt,
-       Level::medium,
-       {"Repeated interaction with pay_button"},
-       {kFriction},
-       0.61},
-      {"ten taps",
-       {.components = {{"pay_button", 10}, {"other", 6}}},
-       std::nullopt,
-       Level::high,
-       {"Repeated interaction with pay_button"},
-       {kFriction},
-       0.69},
-      {"tie names the first line",
-       {.components = {{"b", 7}, {"a", 7}}},
-       std::nullopt,
-       Level::medium,
-       {"Repeated interaction with a"},
-       {kFriction},
-       0.61},
-      {"a pair of edges",
-       {.navigation = {{"home->cart", 3}, {"cart->home", 2}}},
-       std::nullopt,
-       Level::medium,
-       {kBackAndForth},
-       {kLoop},
-       0.61},
-      {"two one-way edges",
-       {.navigation = {{"a->b", 5}, {"b->c", 5}}},
-       std::nullopt,
-       Level::none,
-       {},
-       {},
-       0.35},
-      {"three one-way edges reach the floor",
-       {.navigation = {{"a->b", 1}, {"b->c", 1}, {"c->d", 1}}},
-       std::nullopt,
-       Level::medium,
-       {kBackAndForth},
-       {kLoop},
-       0.61},
-      {"sequences give no edges",
-       {.sequences = {"a > b > a", "b > a"}},
-       std::nullopt,
-       Level::none,
-       {},
-       {},
-       0.35},
-      {"taps and loop, score 4",
-       {.components = {{"pay_button", 5}}, .navigation = {{"a->b", 1}, {"b->a", 1}}},
-       std::nullopt,
-       Level::high,
-       {"Repeated interaction with pay_button", kBackAndForth},
-       {kFriction, kLoop},
-       0.77},
-      {"taps and loop, score 5",
-       {.components = {{"pay_button", 12}}, .navigation = {{"a->b", 1}, {"b->a", 1}}},
-       std::nullopt,
-       Level::high,
-       {"Repeated interaction with pay_button", kBackAndForth},
-       {kFriction, kLoop},
-       0.85},
-      {"two warnings add nothing",
-       {},
-       QEVIntelligenceDiagnosticsSummary{2, 0, 0},
-       Level::none,
-       {},
-       {},
-       0.35},
-      {"three warnings",
-       {},
-       QEVIntelligenceDiagnosticsSummary{3, 0, 0},
-       Level::medium,
-       {"Technical warnings or errors in diagnostics summary"},
-       {"Possible degraded app experience"},
-       0.61},
-      {"one error",
-       {},
-       QEVIntelligenceDiagnosticsSummary{0, 1, 0},
-       Level::medium,
-       {"Technical warnings or errors in diagnostics summary"},
-       {"Possible degraded app experience"},
-       0.61},
-      {"one critical",
-       {},
-       QEVIntelligenceDiagnosticsSummary{0, 0, 1},
-       Level::high,
-       {"Frequent technical errors in diagnostics summary"},
-       {"Possible failed network calls or runtime errors"},
-       0.69},
-      {"errors and critical count once",
-       {},
-       QEVIntelligenceDiagnosticsSummary{5, 3, 1},
-       Level::high,
-       {"Frequent technical errors in diagnostics summary"},
-       {"Possible failed network calls or runtime errors"},
-       0.69},
-      {"everything, score 8",
-       {.components = {{"pay_button", 10}}, .navigation = {{"a->b", 1}, {"b->a", 1}}},
-       QEVIntelligenceDiagnosticsSummary{0, 0, 1},
-       Level::high,
-       {"Repeated interaction with pay_button", kBackAndForth,
-        "Frequent technical errors in diagnostics summary"},
-       {kFriction, kLoop, "Possible failed network calls or runtime errors"},
-       0.85},
+      {"nothing", {}, {}, Level::none, {}, 0.35},
+      {"four taps", {.components = {{"pay_button", 4}}}, {}, Level::none, {}, 0.35},
+      {"five taps", {.components = pay5}, {}, Level::medium, {kTaps}, 0.61},
+      {"ten taps", {.components = {{"pay_button", 10}, {"o", 6}}}, {}, Level::high, {kTaps}, 0.69},
+      // Equal counts: the first line in text order is named.
+      {"tie", {.components = {{"zz", 7}, {"pay_button", 7}}}, {}, Level::medium, {kTaps}, 0.61},
+      {"pair", {.navigation = {{"a->b", 3}, {"b->a", 2}}}, {}, Level::medium, {kLoop}, 0.61},
+      {"two one-way edges", {.navigation = {{"a->b", 5}, {"b->c", 5}}}, {}, Level::none, {}, 0.35},
+      // Three edges reach the floor even one way.
+      {"three edges", {.navigation = oneWay}, {}, Level::medium, {kLoop}, 0.61},
+      {"sequences give no edges", {.sequences = {"a > b > a", "b > a"}}, {}, Level::none, {}, 0.35},
+      {"score 4", {{}, pay5, {}, loop}, {}, Level::high, {kTaps, kLoop}, 0.77},
+      {"score 5", {{}, {{"pay_button", 12}}, {}, loop}, {}, Level::high, {kTaps, kLoop}, 0.85},
+      {"two warnings add nothing", {}, {{2, 0, 0}}, Level::none, {}, 0.35},
+      {"three warnings", {}, {{3, 0, 0}}, Level::medium, {kWarnings}, 0.61},
+      {"one error", {}, {{0, 1, 0}}, Level::medium, {kWarnings}, 0.61},
+      {"one critical", {}, {{0, 0, 1}}, Level::high, {kErrors}, 0.69},
+      {"errors and critical count once", {}, {{5, 3, 1}}, Level::high, {kErrors}, 0.69},
+      {"score 8", {{}, pay10, {}, loop}, {{0, 0, 1}}, Level::high, {kTaps, kLoop, kErrors}, 0.85},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -137,9 +55,14 @@ TEST(QEVFrustrationDetectorTest, ScoreBandsGiveLevelAndConfidence) {
     QEVFrustrationDetector detector = rig.analyzers.frustrationDetector;
     detector.diagnosticsSummary = c.diagnostics;
     const QEVFrustrationAnalysis analysis = detector.detect();
+    std::vector<std::string> signals, causes;
+    for (Finding f : c.findings) {
+      signals.push_back(kFindings[f].first);
+      causes.push_back(kFindings[f].second);
+    }
     EXPECT_EQ(analysis.level, c.level);
-    EXPECT_EQ(analysis.signals, c.signals);
-    EXPECT_EQ(analysis.likelyCauses, c.causes);
+    EXPECT_EQ(analysis.signals, signals);
+    EXPECT_EQ(analysis.likelyCauses, causes);
     EXPECT_DOUBLE_EQ(analysis.confidence, c.confidence);
     EXPECT_EQ(analysis.generatedAt, kTestNow);
   }

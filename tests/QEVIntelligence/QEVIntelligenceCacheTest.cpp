@@ -22,24 +22,20 @@ TEST(QEVIntelligenceCacheTest, ContextHashCoversTextModeAndMetadataButNotItsOrde
   const std::string expected =
       fnv1a64Hex(context.compactText() + "\ndisabled\nb=2&source=QEVMemory");
   EXPECT_EQ(contextHash(context), expected);
-
-  QEVIntelligenceContext reordered = context;
-  reordered.metadata.clear();
-  reordered.metadata.emplace("b", "2");
-  reordered.metadata.emplace("source", "QEVMemory");
-  EXPECT_EQ(contextHash(reordered), expected);
-
-  QEVIntelligenceContext cloud = context;
-  cloud.executionMode = QEVLLMExecutionMode::cloud;
-  EXPECT_NE(contextHash(cloud), expected);
-
-  QEVIntelligenceContext later = context;
-  later.generatedAt = kTestNow.addingSeconds(1);
-  EXPECT_NE(contextHash(later), expected);
-
-  QEVIntelligenceContext bare = context;
-  bare.metadata.clear();
-  EXPECT_EQ(contextHash(bare), fnv1a64Hex(context.compactText() + "\ndisabled\n"));
+  // The hash of `context` after `change`.
+  const auto hashAfter = [&](const std::function<void(QEVIntelligenceContext&)>& change) {
+    QEVIntelligenceContext changed = context;
+    change(changed);
+    return contextHash(changed);
+  };
+  EXPECT_EQ(hashAfter([](auto& c) {
+              c.metadata = {{"b", "2"}, {"source", "QEVMemory"}};
+            }),
+            expected);
+  EXPECT_NE(hashAfter([](auto& c) { c.executionMode = QEVLLMExecutionMode::cloud; }), expected);
+  EXPECT_NE(hashAfter([](auto& c) { c.generatedAt = kTestNow.addingSeconds(1); }), expected);
+  EXPECT_EQ(hashAfter([](auto& c) { c.metadata.clear(); }),
+            fnv1a64Hex(context.compactText() + "\ndisabled\n"));
 }
 
 TEST(QEVIntelligenceCacheTest, EntriesExpireExactlyAtExpiresAt) {

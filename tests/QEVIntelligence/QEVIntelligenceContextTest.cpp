@@ -1,3 +1,4 @@
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVRPlatform/Text.h>
 
 #include <gtest/gtest.h>
@@ -72,8 +73,10 @@ TEST(QEVIntelligenceContextTest, PatternLinesKeepTheFiveLargestAndDropNamesThatR
             (std::vector<std::string>{"call [redacted] now: -1"}));
 }
 
-TEST(QEVIntelligenceContextTest, RedactionSkipsOnlyPassesThatCannotMatch) {
+TEST(QEVIntelligenceContextTest, RedactionTrimsAndSkipsOnlyPassesThatCannotMatch) {
   const std::pair<std::string, std::string> cases[] = {
+      {"  mail Bob.Smith@Example.ORG now ", "mail [redacted] now"},
+      {"call +1 (555) 123-4567", "call [redacted]"},
       {"12345678", "12345678"},  // digits seven apart: too short for a phone number
       {"123456789", "[redacted]"},
       {"1 2 3 4 5", "[redacted]"},
@@ -81,10 +84,13 @@ TEST(QEVIntelligenceContextTest, RedactionSkipsOnlyPassesThatCannotMatch) {
       {"1a2345678", "1a2345678"},
       {"Ref 2026-11-17", "Ref [redacted]"},
       {"Cookie= abc; Token:x", "cookie=[redacted]; token=[redacted]"},
+      {"cookie=a\nsecret:b", "cookie=[redacted]\nsecret=[redacted]"},
       {"AUTHORIZATION: bearer", "authorization=[redacted]"},  // not "auth": no \b after it
+      {"authorId: 7", "authorId: 7"},
       {"mail: a@b.co", "mail: [redacted]"},
       {"tokens: 3", "tokens: 3"},
       {"Ünïcode token: v", "Ünïcode token=[redacted]"},
+      {"   ", ""},
   };
   for (const auto& [text, expected] : cases) {
     EXPECT_EQ(redactIntelligenceText(text), expected) << text;

@@ -1,14 +1,18 @@
 // What the four analysers share: cancellation at both checks, the cache
 // lookup before the rules, and the provider stage that always falls through.
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "IntelligenceTestSupport.h"
+#include "ThrowsMessage.h"
 
 namespace {
 
 using Analyses = QEVIntelligenceRuntime::Analyzers;
+using qevr::testing::throwsWithMessage;
 
 struct Analysis {
   const char* name;
@@ -26,39 +30,24 @@ const Analysis kAnalyses[] = {
 
 const SnapshotShape kShape{.screens = {{"Home", 4}}, .components = {{"play", 6}}};
 
-TEST(QEVIntelligencePipelineTest, CancellationBeforeTheSnapshotReadsNothing) {
-  for (const Analysis& analysis : kAnalyses) {
-    SCOPED_TRACE(analysis.name);
-    AnalyzerRig rig(kShape);
-    std::stop_source stop;
-    stop.request_stop();
-    EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
-    EXPECT_EQ(rig.provider->calls.load(), 0);
-  }
-}
-
-TEST(QEVIntelligencePipelineTest, CancellationDuringTheSnapshotCachesNothing) {
-  for (const Analysis& analysis : kAnalyses) {
-    SCOPED_TRACE(analysis.name);
-    AnalyzerRig rig(kShape);
-    std::stop_source stop;
-    rig.provider->onCall = [&stop] { stop.request_stop(); };
-    EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
-    EXPECT_EQ(rig.provider->calls.load(), 1);
-    EXPECT_EQ(rig.cache->count(), 0u);
-  }
-}
-
-TEST(QEVIntelligencePipelineTest, CancellationAfterTheContextIsBuiltCachesNothing) {
-  for (const Analysis& analysis : kAnalyses) {
-    SCOPED_TRACE(analysis.name);
-    AnalyzerRig rig(kShape);
-    std::stop_source stop;
-    // The clock is read after the builder's last check, so only the
-    // analyser's own check after the build can see this.
-    rig.onNow = [&stop] { stop.request_stop(); };
-    EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
-    EXPECT_EQ(rig.cache->count(), 0u);
+// A stop requested before the snapshot is read, while it is read, or after
+// the context is built (the clock is read after the builder's last check, so
+// only the analyser's own check after the build can see that one).
+TEST(QEVIntelligencePipelineTest, CancellationAtEachCheckCachesNothing) {
+  enum When { before, duringSnapshot, afterContext };
+  for (When when : {before, duringSnapshot, afterContext}) {
+    for (const Analysis& analysis : kAnalyses) {
+      SCOPED_TRACE(std::string(analysis.name) + " at " + std::to_string(when));
+      AnalyzerRig rig(kShape);
+      std::stop_source stop;
+      const auto requestStop = [&stop] { stop.request_stop(); };
+      if (when == before) requestStop();
+      if (when == duringSnapshot) rig.provider->onCall = requestStop;
+      if (when == afterContext) rig.onNow = requestStop;
+      EXPECT_THROW(analysis.run(rig.analyzers, stop.get_token()), QEVRCancellationError);
+      EXPECT_EQ(rig.provider->calls.load(), when == before ? 0 : 1);
+      EXPECT_EQ(rig.cache->count(), 0u);
+    }
   }
 }
 
@@ -103,13 +92,13 @@ TEST(QEVIntelligencePipelineTest, TheExecutionModeEntersTheKey) {
 
 TEST(QEVIntelligencePipelineTest, TheProviderStageRefusesAndOnlyCancellationPassesOn) {
   AnalyzerRig rig(kShape);
-  try {
-    runProviderStage(rig.analyzers.summarizer, QEVPromptTemplateType::behaviorSummary,
-                     rig.context());
-    FAIL();
-  } catch (const QEVIntelligenceError& e) {
-    EXPECT_EQ(e, QEVIntelligenceError::disabled());
-  }
+  EXPECT_THAT(
+      [&] {
+        runProviderStage(rig.analyzers.summarizer, QEVPromptTemplateType::behaviorSummary,
+                         rig.context());
+      },
+      throwsWithMessage<QEVIntelligenceError>(
+          "QEVIntelligence is disabled and no deterministic fallback is available."));
   EXPECT_THROW(fallThroughProviderStage([] { throw QEVRCancellationError(); }),
                QEVRCancellationError);
   bool ran = false;

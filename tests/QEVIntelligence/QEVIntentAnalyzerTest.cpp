@@ -5,73 +5,44 @@
 namespace {
 
 using Strings = std::vector<std::string>;
-using Domain = std::optional<QEVExperienceDomain>;
-
-struct IntentCase {
-  const char* name;
-  SnapshotShape shape;
-  Domain domain;
-  std::string primary;
-  Strings secondary;
-};
+using D = QEVExperienceDomain;
 
 TEST(QEVIntentAnalyzerTest, RuleOrderNotCountsDecidesThePrimaryIntent) {
-  const IntentCase cases[] = {
+  const Counts checkoutAndHelp = {{"checkout", 9}, {"help", 2}};
+  const struct {
+    const char* name;
+    SnapshotShape shape;
+    std::optional<D> domain;
+    std::string primary;
+    Strings secondary;
+  } cases[] = {
       {"no keyword", {.components = {{"zzz", 1}}}, std::nullopt, "browse", {}},
-      {"mobile: support before purchase",
-       {.screens = {{"checkout", 9}, {"help", 2}}},
-       QEVExperienceDomain::mobileApp(),
-       "support",
-       {"purchase"}},
-      {"ecommerce: purchase first",
-       {.screens = {{"checkout", 9}, {"help", 2}}},
-       QEVExperienceDomain::ecommerce(),
-       "purchase",
-       {"support"}},
+      {"mobile: support first", {checkoutAndHelp}, D::mobileApp(), "support", {"purchase"}},
+      {"ecommerce: purchase first", {checkoutAndHelp}, D::ecommerce(), "purchase", {"support"}},
       {"game tags are never secondary",
-       {.customEvents = {{"level_failed", 3}, {"help", 1}}},
-       QEVExperienceDomain::game(),
+       {{}, {}, {{"level_failed", 3}, {"help", 1}}},
+       D::game(),
        "retry_level",
        {"support"}},
-      {"ecommerce falls through to common browse",
-       {.screens = {{"home", 1}}},
-       QEVExperienceDomain::ecommerce(),
-       "browse",
-       {}},
-      {"custom domain has common rules only",
-       {.screens = {{"level_failed", 1}}},
-       QEVExperienceDomain::custom("game"),
-       "browse",
-       {}},
-      {"upper case matches", {.screens = {{"CHECKOUT", 3}}}, std::nullopt, "purchase", {}},
-      {"inside words: repay has pay", {.screens = {{"repay", 1}}}, std::nullopt, "pay_bill", {}},
-      {"inside words: playlist has list",
-       {.screens = {{"playlist", 1}}},
-       std::nullopt,
-       "browse",
-       {}},
-      {"inside words: border has order",
-       {.screens = {{"border", 1}}},
-       std::nullopt,
-       "purchase",
-       {}},
+      {"ecommerce falls through", {{{"home", 1}}}, D::ecommerce(), "browse", {}},
+      {"custom: common rules only", {{{"level_failed", 1}}}, D::custom("game"), "browse", {}},
+      {"upper case matches", {{{"CHECKOUT", 3}}}, std::nullopt, "purchase", {}},
+      {"repay has pay", {{{"repay", 1}}}, std::nullopt, "pay_bill", {}},
+      {"playlist has list", {{{"playlist", 1}}}, std::nullopt, "browse", {}},
+      {"border has order", {{{"border", 1}}}, std::nullopt, "purchase", {}},
       {"at most three secondary",
        {.components = {{"help", 1}, {"cart", 1}, {"bill", 1}, {"topup", 1}, {"home", 1}}},
-       QEVExperienceDomain::telecom(),
+       D::telecom(),
        "recharge",
        {"support", "purchase", "pay_bill"}},
-      {"fintech browse by account",
-       {.screens = {{"account", 2}}},
-       QEVExperienceDomain::fintech(),
-       "browse",
-       {}},
+      {"fintech browse by account", {{{"account", 2}}}, D::fintech(), "browse", {}},
       {"navigation text counts",
        {.navigation = {{"home->faq", 1}}, .sequences = {"a"}},
        std::nullopt,
        "support",
        {"browse"}},
   };
-  for (const IntentCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     AnalyzerRig rig(c.shape);
     const QEVIntentAnalysis analysis = rig.analyzers.intentAnalyzer.analyze(c.domain);
@@ -83,16 +54,12 @@ TEST(QEVIntentAnalyzerTest, RuleOrderNotCountsDecidesThePrimaryIntent) {
 }
 
 TEST(QEVIntentAnalyzerTest, WithoutDataEveryDomainGivesUnknown) {
-  const Domain domains[] = {std::nullopt,
-                            QEVExperienceDomain::mobileApp(),
-                            QEVExperienceDomain::game(),
-                            QEVExperienceDomain::ecommerce(),
-                            QEVExperienceDomain::fintech(),
-                            QEVExperienceDomain::telecom(),
-                            QEVExperienceDomain::custom("x")};
   // Navigation without sequences leaves "no recent" in the summary: no data.
   AnalyzerRig rig({.navigation = {{"help->cart", 4}}});
-  for (const Domain& domain : domains) {
+  for (const std::optional<D>& domain :
+       {std::optional<D>(), std::optional(D::mobileApp()), std::optional(D::game()),
+        std::optional(D::ecommerce()), std::optional(D::fintech()), std::optional(D::telecom()),
+        std::optional(D::custom("x"))}) {
     EXPECT_EQ(rig.analyzers.intentAnalyzer.analyze(domain),
               QEVIntentAnalysis("unknown", {}, {}, 0.15, kTestNow));
   }
@@ -114,13 +81,11 @@ TEST(QEVIntentAnalyzerTest, EvidenceTakesTwoLinesOfEachListOrElseTheRecentSummar
 
 TEST(QEVIntentAnalyzerTest, TwoDomainsOverEqualDataHaveTheirOwnEntries) {
   AnalyzerRig rig({.screens = {{"checkout", 9}, {"help", 2}}});
-  EXPECT_EQ(rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::game()).primaryIntent,
-            "support");
-  EXPECT_EQ(rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::ecommerce()).primaryIntent,
-            "purchase");
+  const QEVIntentAnalyzer& analyzer = rig.analyzers.intentAnalyzer;
+  EXPECT_EQ(analyzer.analyze(D::game()).primaryIntent, "support");
+  EXPECT_EQ(analyzer.analyze(D::ecommerce()).primaryIntent, "purchase");
   EXPECT_EQ(rig.cache->count(), 2u);
-  EXPECT_EQ(rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::game()).primaryIntent,
-            "support");
+  EXPECT_EQ(analyzer.analyze(D::game()).primaryIntent, "support");
   EXPECT_EQ(rig.cache->count(), 2u);
 }
 

@@ -1,8 +1,12 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "IntelligenceTestSupport.h"
+#include "ThrowsMessage.h"
 
 namespace {
+
+using qevr::testing::throwsWithMessage;
 
 QEVIntelligenceContext plainContext() {
   QEVIntelligenceContext context;
@@ -99,21 +103,19 @@ TEST(QEVPromptEngineTest, MetadataLosesSecretKeysAndEmptyValuesAndKeepsItsOwnEnt
 
 TEST(QEVPromptEngineTest, FailsOnAMissingTemplateAndOnAnEmptyPrompt) {
   const QEVIntelligenceContext context = plainContext();
-  try {
-    QEVPromptEngine(4000, {}).makeRequest(QEVPromptTemplateType::behaviorSummary, context);
-    FAIL();
-  } catch (const QEVIntelligenceError& e) {
-    EXPECT_EQ(e.errorDescription(), "prompt template is unavailable.");
-  }
+  EXPECT_THAT(
+      [&] {
+        QEVPromptEngine(4000, {}).makeRequest(QEVPromptTemplateType::behaviorSummary, context);
+      },
+      throwsWithMessage<QEVIntelligenceError>("prompt template is unavailable."));
   QEVPromptEngine::TemplateMap blank = QEVPromptEngine::builtInTemplates();
   blank[QEVPromptTemplateType::behaviorSummary].userPromptTemplate = " \n {{schema}}";
   blank[QEVPromptTemplateType::behaviorSummary].expectedOutputSchemaDescription = "\t";
-  try {
-    QEVPromptEngine(4000, blank).makeRequest(QEVPromptTemplateType::behaviorSummary, context);
-    FAIL();
-  } catch (const QEVIntelligenceError& e) {
-    EXPECT_EQ(e, QEVIntelligenceError::invalidRequest("prompt must not be empty."));
-  }
+  EXPECT_THAT(
+      [&] {
+        QEVPromptEngine(4000, blank).makeRequest(QEVPromptTemplateType::behaviorSummary, context);
+      },
+      throwsWithMessage<QEVIntelligenceError>("prompt must not be empty."));
   const QEVLLMRequest trimmed(QEVRUUID::random(), "  p \n", " s ", std::nullopt, std::nullopt,
                               QEVLLMExecutionMode::disabled, {});
   EXPECT_EQ(trimmed.prompt, "p");
@@ -153,12 +155,10 @@ TEST(QEVLLMProviderRegistryTest, PreferredModeThenTheListThenDisabled) {
   for (const auto& c : cases) {
     EXPECT_EQ(c.registry->selectProvider(c.preferred, analyzerFallbackOrder())->name(), c.expected);
   }
-  try {
-    QEVLLMProviderRegistry({}).selectProvider(Mode::cloud, analyzerFallbackOrder());
-    FAIL();
-  } catch (const QEVIntelligenceError& e) {
-    EXPECT_EQ(e.errorDescription(), "No LLM provider is available for execution mode cloud.");
-  }
+  EXPECT_THAT(
+      [] { QEVLLMProviderRegistry({}).selectProvider(Mode::cloud, analyzerFallbackOrder()); },
+      throwsWithMessage<QEVIntelligenceError>(
+          "No LLM provider is available for execution mode cloud."));
   EXPECT_EQ(disabled->supportedExecutionModes(), std::unordered_set<Mode>{Mode::disabled});
   EXPECT_THROW(
       disabled->generate(

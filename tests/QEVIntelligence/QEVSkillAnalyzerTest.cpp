@@ -1,5 +1,3 @@
-#include <QEVRPlatform/Saturating.h>
-
 #include <gtest/gtest.h>
 
 #include "IntelligenceTestSupport.h"
@@ -7,88 +5,76 @@
 namespace {
 
 using Strings = std::vector<std::string>;
-using Level = QEVSkillLevel;
+using enum QEVSkillLevel;
+
+const std::string kWins3 = "Frequent successful completion events";
+const std::string kWins = "Some successful completion events";
+const std::string kExpert = "Frequent expert feature usage";
+const std::string kAdvanced = "Some advanced feature usage";
+const std::string kFast = "Fast or direct navigation pattern";
+const std::string kFails3 = "Repeated retry or failure pattern";
+const std::string kFails = "Some retry or failure pattern";
 
 TEST(QEVSkillAnalyzerTest, ScoreDecidesLevelAdjustmentAndEvidence) {
+  const std::optional<std::string> up = "increase", same = "maintain", down = "decrease";
   const struct {
     const char* name;
     SnapshotShape shape;
-    Level level;
+    QEVSkillLevel level;
     std::optional<std::string> adjustment;
     Strings evidence;
     double confidence;
   } cases[] = {
-      {"no data", {}, Level::unknown, std::nullopt, {}, 0.15},
-      {"no rule fires: the context's own lines",
-       {.screens = {{"home", 2}, {"list", 1}},
-        .components = {{"play", 1}},
-        .customEvents = {{"x", 4}}},
-       Level::intermediate,
-       "maintain",
+      {"no data", {}, unknown, std::nullopt, {}, 0.15},
+      // No rule fires: the evidence is the context's own lines.
+      {"no rule",
+       {{{"home", 2}, {"list", 1}}, {{"play", 1}}, {{"x", 4}}},
+       intermediate,
+       same,
        {"x: 4", "play: 1", "home: 2"},
        0.53},
-      {"frequent success",
-       {.customEvents = {{"level_completed", 3}}},
-       Level::advanced,
-       "increase",
-       {"Frequent successful completion events"},
-       0.53},
-      {"some success",
-       {.customEvents = {{"purchase_completed", 2}}},
-       Level::intermediate,
-       "maintain",
-       {"Some successful completion events"},
-       0.53},
-      {"success, expert and fast",
-       {.screens = {{"fast_lane", 1}},
-        .components = {{"bulk_edit", 3}},
-        .customEvents = {{"level_completed", 3}}},
-       Level::expert,
-       "increase",
-       {"Frequent successful completion events", "Frequent expert feature usage",
-        "Fast or direct navigation pattern"},
+      {"3 wins", {.customEvents = {{"level_completed", 3}}}, advanced, up, {kWins3}, 0.53},
+      {"2 wins", {.customEvents = {{"purchase_completed", 2}}}, intermediate, same, {kWins}, 0.53},
+      {"wins, expert, fast",
+       {{{"fast_lane", 1}}, {{"bulk_edit", 3}}, {{"level_completed", 3}}},
+       expert,
+       up,
+       {kWins3, kExpert, kFast},
        0.69},
-      {"a busy shortcut is expert and fast",
-       {.components = {{"Shortcut_bar", 1}}},
-       Level::advanced,
-       "increase",
-       {"Some advanced feature usage", "Fast or direct navigation pattern"},
-       0.61},
-      {"failed counts as failure",
-       {.customEvents = {{"level_failed", 4}}},
-       Level::beginner,
-       "decrease",
-       {"Repeated retry or failure pattern"},
-       0.53},
-      {"a retry component fails",
-       {.components = {{"retry_button", 4}}},
-       Level::beginner,
-       "decrease",
-       {"Repeated retry or failure pattern"},
-       0.53},
-      {"a retry event fails",
-       {.customEvents = {{"retry", 2}}},
-       Level::beginner,
-       "decrease",
-       {"Some retry or failure pattern"},
-       0.53},
-      {"one event counts both ways",
+      {"shortcut", {.components = {{"Shortcut_bar", 1}}}, advanced, up, {kAdvanced, kFast}, 0.61},
+      {"failed", {.customEvents = {{"level_failed", 4}}}, beginner, down, {kFails3}, 0.53},
+      {"retry component", {.components = {{"retry_button", 4}}}, beginner, down, {kFails3}, 0.53},
+      {"retry event", {.customEvents = {{"retry", 2}}}, beginner, down, {kFails}, 0.53},
+      {"both ways",
        {.customEvents = {{"level_completed_after_retry", 5}}},
-       Level::intermediate,
-       "maintain",
-       {"Frequent successful completion events", "Repeated retry or failure pattern"},
+       intermediate,
+       same,
+       {kWins3, kFails3},
        0.61},
-      {"fast words in sequences count",
+      {"fast sequence",
        {.navigation = {{"a->b", 1}}, .sequences = {"Direct > Home"}},
-       Level::intermediate,
-       "maintain",
-       {"Fast or direct navigation pattern"},
+       intermediate,
+       same,
+       {kFast},
        0.53},
-      {"negative counts fire nothing",
-       {.components = {{"bulk", -3}}, .customEvents = {{"success", -2}, {"abandon", -1}}},
-       Level::intermediate,
-       "maintain",
+      {"negative counts",
+       {{}, {{"bulk", -3}}, {{"success", -2}, {"abandon", -1}}},
+       intermediate,
+       same,
        {"abandon: -1", "success: -2", "bulk: -3"},
+       0.53},
+      // success 1, expert 1, fast, failures 1: 1 + 1 + 1 + 1 - 1.
+      {"four rules",
+       {{}, {{"advanced_tool", 1}}, {{"success", 1}, {"quick_retry", 1}}},
+       advanced,
+       up,
+       {kWins, kAdvanced, kFast, kFails},
+       0.77},
+      {"saturating",
+       {.customEvents = {{"success_a", INT64_MAX}, {"success_b", INT64_MAX}}},
+       advanced,
+       up,
+       {kWins3},
        0.53},
   };
   for (const auto& c : cases) {
@@ -103,27 +89,10 @@ TEST(QEVSkillAnalyzerTest, ScoreDecidesLevelAdjustmentAndEvidence) {
   }
 }
 
-TEST(QEVSkillAnalyzerTest, FourRulesFiredGiveTheHighestConfidence) {
-  AnalyzerRig rig(
-      {.components = {{"advanced_tool", 1}}, .customEvents = {{"success", 1}, {"quick_retry", 1}}});
-  const QEVSkillAnalysis analysis = rig.analyzers.skillAnalyzer.analyze(std::nullopt);
-  // success 1, expert 1, fast, failures 1: 1 + 1 + 1 + 1 - 1.
-  EXPECT_EQ(analysis.skillLevel, Level::advanced);
-  EXPECT_EQ(analysis.evidence.size(), 4u);
-  EXPECT_DOUBLE_EQ(analysis.confidence, 0.77);
-}
-
-TEST(QEVSkillAnalyzerTest, CountsSaturateInsteadOfOverflowing) {
-  AnalyzerRig rig({.customEvents = {{"success_a", INT64_MAX}, {"success_b", INT64_MAX}}});
-  EXPECT_EQ(rig.analyzers.skillAnalyzer.analyze(std::nullopt).skillLevel, Level::advanced);
-  EXPECT_EQ(qevr::saturatingAdd<std::int64_t>(INT64_MIN, -1), INT64_MIN);
-}
-
 TEST(QEVSkillAnalyzerTest, TheDomainChangesTheKeyNotTheResult) {
   AnalyzerRig rig({.customEvents = {{"level_completed", 3}}});
   const QEVSkillAnalysis game = rig.analyzers.skillAnalyzer.analyze(QEVExperienceDomain::game());
-  const QEVSkillAnalysis plain = rig.analyzers.skillAnalyzer.analyze(std::nullopt);
-  EXPECT_EQ(game, plain);
+  EXPECT_EQ(game, rig.analyzers.skillAnalyzer.analyze(std::nullopt));
   EXPECT_EQ(rig.cache->count(), 2u);
 }
 

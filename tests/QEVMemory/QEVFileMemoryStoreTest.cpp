@@ -7,13 +7,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "MemoryTestSupport.h"
+#include "ThrowsMessage.h"
 
-#include <algorithm>
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -22,6 +20,7 @@
 #include <system_error>
 
 namespace fs = std::filesystem;
+using qevr::testing::throwsWithMessage;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
@@ -76,8 +75,6 @@ std::string failureOf(const std::function<void()>& call) {
     return "encoding";
   } catch (const QEVCompressionError& e) {
     return std::string("compression ") + e.what();
-  } catch (const QEVFileMemoryStoreError& e) {
-    return std::string("store ") + e.what();
   } catch (const std::system_error& e) {
     return "errno " + std::to_string(e.code().value());
   } catch (const QEVRCancellationError&) {
@@ -118,16 +115,8 @@ class FaultyFileSystem final : public qevr::FileSystemWrapper {
   std::optional<fs::path> supportDirectory;
 };
 
-fs::path makeScratchDirectory() {
-  char pattern[] = "/tmp/qevr-store-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) throw std::system_error(errno, std::generic_category());
-  return pattern;
-}
-
 class QEVFileMemoryStoreTest : public ::testing::Test {
  protected:
-  void TearDown() override { fs::remove_all(scratch); }
-
   std::unique_ptr<QEVFileMemoryStore> makeStore(
       std::shared_ptr<const QEVCompressionEngine> engine) {
     return std::make_unique<QEVFileMemoryStore>(root, faulty, std::move(engine));
@@ -143,7 +132,8 @@ class QEVFileMemoryStoreTest : public ::testing::Test {
 
   qevr::FileSystem& files = qevr::FileSystem::defaultFileSystem();
   FaultyFileSystem faulty;
-  fs::path scratch = makeScratchDirectory();
+  TemporaryDirectory temporary;
+  fs::path scratch = temporary.path;
   fs::path root = scratch / "QEVR" / "Memory";
   std::unique_ptr<QEVFileMemoryStore> store =
       makeStore(std::make_shared<QEVLZFSECompressionEngine>());
@@ -200,12 +190,9 @@ TEST_F(QEVFileMemoryStoreTest, CompressesOnlyWhenTheBlockIsStrictlyShorter) {
     const auto envelope = QEVStoredEventChunk::fromJSON(read(chunkFile(chunk.id)));
     EXPECT_EQ(envelope.compressionType, c.stored);
     EXPECT_EQ(envelope.uncompressedByteCount, static_cast<std::int64_t>(raw.size()));
-    if (c.stored == QEVCompressionType::none) {
-      EXPECT_EQ(textOf(envelope.payload), raw);
-    }
-    if (c.stored != QEVCompressionType::none) {
-      EXPECT_EQ(envelope.payload, c.engine->compress(bytesOf(raw)));
-    }
+    EXPECT_EQ(envelope.payload, c.stored == QEVCompressionType::none
+                                    ? bytesOf(raw)
+                                    : c.engine->compress(bytesOf(raw)));
     if (c.stored == QEVCompressionType::none || c.name == std::string("real engine")) {
       EXPECT_THAT(store->loadEventChunks(), ElementsAre(chunk));
     }
@@ -241,8 +228,8 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
   };
   QEVSessionGraph unnamed = graph("11111111-1111-4111-8111-111111111111", 1);
   unnamed.sessionId.reset();
-  EXPECT_EQ(failureOf([&] { store->saveSessionGraph(unnamed); }),
-            "store sessionGraphMissingIdentifier");
+  EXPECT_THAT([&] { store->saveSessionGraph(unnamed); },
+              throwsWithMessage<QEVFileMemoryStoreError>("sessionGraphMissingIdentifier"));
   EXPECT_FALSE(files.exists(root));
 
   store->saveSessionGraph(graph("22222222-2222-4222-8222-222222222222", 9));
@@ -358,19 +345,10 @@ TEST_F(QEVFileMemoryStoreTest, DamagedChunkFileFailsTheLoadUntilCleared) {
 
 // Something other than a file under a loader's name fails that load as a
 // damaged file does, and so does a pruning run over it; nothing waits for a
-// writer that never comes or reads a device that never ends.
-TEST_F(QEVFileMemoryStoreTest, FifosSocketsAndDevicesFailLikeDamagedFilesWithoutBlocking) {
+// writer that never comes or reads a device that never ends. (Which kinds
+// of file the read refuses is the file system's own test.)
+TEST_F(QEVFileMemoryStoreTest, FifosAndDevicesFailLikeDamagedFilesWithoutBlocking) {
   const auto fifo = [](const fs::path& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0600), 0); };
-  const auto socket = [](const fs::path& p) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    ASSERT_LT(p.native().size(), sizeof address.sun_path);
-    std::copy(p.native().begin(), p.native().end(), address.sun_path);
-    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ::close(fd);
-  };
   const auto device = [](const fs::path& p) { fs::create_symlink("/dev/zero", p); };
   const std::string name = "A0000000-0000-4000-8000-000000000000.json";
   const struct {
@@ -379,12 +357,10 @@ TEST_F(QEVFileMemoryStoreTest, FifosSocketsAndDevicesFailLikeDamagedFilesWithout
     fs::path file;
   } cases[] = {
       {"FIFO chunk", fifo, fs::path("events") / name},
-      {"socket chunk", socket, fs::path("events") / name},
       {"device chunk", device, fs::path("events") / name},
       {"FIFO session", fifo, fs::path("sessions") / name},
       {"device session", device, fs::path("sessions") / name},
       {"FIFO user graph", fifo, fs::path("user") / "graph.json"},
-      {"socket user graph", socket, fs::path("user") / "graph.json"},
   };
   const QEVMemoryPruner pruner(root, files);
   for (const auto& c : cases) {
@@ -407,8 +383,8 @@ TEST_F(QEVFileMemoryStoreTest, FifosSocketsAndDevicesFailLikeDamagedFilesWithout
 }
 
 TEST_F(QEVFileMemoryStoreTest, DefaultRootAndCancellationTouchNoFile) {
-  EXPECT_EQ(failureOf([&] { (void)QEVFileMemoryStore(std::nullopt, faulty, nullptr); }),
-            "store applicationSupportUnavailable");
+  EXPECT_THAT([&] { (void)QEVFileMemoryStore(std::nullopt, faulty, nullptr); },
+              throwsWithMessage<QEVFileMemoryStoreError>("applicationSupportUnavailable"));
   faulty.supportDirectory = scratch / "Support";
   EXPECT_EQ(QEVFileMemoryStore(std::nullopt, faulty, nullptr).rootDirectory(),
             scratch / "Support" / "QEVR" / "Memory");

@@ -47,22 +47,19 @@ QEVObserverEvent observerEvent(ObsType type, QEVObserverMetadata metadata,
 
 // A chunk of one event that uses every field.
 QEVMemoryEventChunk fullChunk() {
+  const QEVRDate at = isoDate("2026-03-01T09:30:00Z");
   QEVMemoryEvent event{kEventId,
                        QEVMemoryEventType::navigation,
-                       isoDate("2026-03-01T09:30:05Z"),
+                       at.addingSeconds(5),
                        kSessionId,
                        "Home/Detail",
                        "buy",
-                       {{"s", "a/b"},
-                        {"i", std::int64_t{-7}},
-                        {"d", 0.5},
-                        {"b", false},
-                        {"t", isoDate("2026-03-01T09:30:00Z")}},
+                       {{"s", "a/b"}, {"i", std::int64_t{-7}}, {"d", 0.5}, {"b", false}, {"t", at}},
                        std::numeric_limits<std::uint64_t>::max()};
   return QEVMemoryEventChunk{QEVRUUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F").value(),
                              kSessionId,
-                             isoDate("2026-03-01T09:30:05Z"),
-                             isoDate("2026-03-01T09:31:00Z"),
+                             at.addingSeconds(5),
+                             at.addingSeconds(60),
                              {event},
                              1,
                              1};
@@ -91,30 +88,19 @@ TEST(MemoryEventConversionTest, LabelsAreTrimmedBlankAbsentAndCutTo128Characters
 
 TEST(MemoryEventConversionTest, MetadataIsFilteredAgainAndStringsBounded) {
   const std::string mixed = "\u00e4\U0001F44D\U0001F3FD";  // two characters, ten bytes
-  const QEVMemoryMetadata clean = sanitisedMetadata({{" Auth_Token ", "t"},
-                                                     {"author", "a"},
-                                                     {"emailVerified", true},
-                                                     {"SmartPHONE", 1},
-                                                     {"   ", "blank key"},
-                                                     {" Plan ", "  pro "},
-                                                     {"blank", "   "},
-                                                     {"long", repeat("x", 2000)},
-                                                     {"wide", " " + repeat(mixed, 1000)},
-                                                     {"max", kInt64Max},
-                                                     {"huge", 1.7976931348623157e308},
-                                                     {"tiny", 5e-324},
-                                                     {"flag", false},
-                                                     {"when", QEVRDate{123456.789}}});
-  const QEVMemoryMetadata expected{{"Plan", "pro"},
-                                   {"blank", ""},
-                                   {"long", repeat("x", 1024)},
-                                   {"wide", repeat(mixed, 512)},
-                                   {"max", kInt64Max},
-                                   {"huge", 1.7976931348623157e308},
-                                   {"tiny", 5e-324},
-                                   {"flag", false},
-                                   {"when", QEVRDate{123456.789}}};
-  EXPECT_EQ(clean, expected);
+  const QEVRDate when{123456.789};
+  const double huge = 1.7976931348623157e308;
+  QEVObserverMetadata raw{{" Auth_Token ", "t"}, {"author", "a"},    {"emailVerified", true},
+                          {"SmartPHONE", 1},     {"   ", "blank"},   {" Plan ", "  pro "},
+                          {"blank", "   "},      {"max", kInt64Max}, {"huge", huge},
+                          {"tiny", 5e-324},      {"flag", false},    {"when", when}};
+  raw.insert_or_assign("long", repeat("x", 2000));
+  raw.insert_or_assign("wide", " " + repeat(mixed, 1000));
+  QEVMemoryMetadata expected{{"Plan", "pro"},  {"blank", ""},   {"max", kInt64Max}, {"huge", huge},
+                             {"tiny", 5e-324}, {"flag", false}, {"when", when}};
+  expected.insert_or_assign("long", repeat("x", 1024));
+  expected.insert_or_assign("wide", repeat(mixed, 512));
+  EXPECT_EQ(sanitisedMetadata(raw), expected);
 }
 
 TEST(MemoryEventConversionTest, CopiesIdentityAndMapsEveryType) {

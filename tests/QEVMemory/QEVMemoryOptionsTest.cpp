@@ -16,24 +16,18 @@ std::string replaced(std::string json, std::string_view from, std::string_view t
 }
 
 TEST(MemoryOptionsTest, ConstructorRaisesNegativeLimitsToZero) {
-  struct Case {
-    std::int64_t disk, age, sessions;
-    QEVMemoryOptions expected;
-  };
   constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-  const Case cases[] = {
-      {25, 30, 100, QEVMemoryOptions()},
-      {-1, 30, 100, QEVMemoryOptions(0, 30, 100, true)},
-      {25, kMin, 100, QEVMemoryOptions(25, 0, 100, true)},
-      {25, 30, -100, QEVMemoryOptions(25, 30, 0, true)},
-      {0, kMax, 1, QEVMemoryOptions(0, kMax, 1, true)},
+  const std::pair<QEVMemoryOptions, QEVMemoryOptions> cases[] = {
+      {QEVMemoryOptions(-1, 30, 100, true), QEVMemoryOptions(0, 30, 100, true)},
+      {QEVMemoryOptions(25, kMin, 100, true), QEVMemoryOptions(25, 0, 100, true)},
+      {QEVMemoryOptions(25, 30, -100, true), QEVMemoryOptions(25, 30, 0, true)},
+      {QEVMemoryOptions(-5, -5, -5, false), QEVMemoryOptions(0, 0, 0, false)},
   };
-  for (const Case& c : cases) {
-    const QEVMemoryOptions options(c.disk, c.age, c.sessions, true);
-    EXPECT_EQ(options, c.expected) << c.disk << " " << c.age << " " << c.sessions;
+  for (const auto& [clamped, expected] : cases) {
+    EXPECT_EQ(clamped, expected);
   }
-  EXPECT_EQ(QEVMemoryOptions(-5, -5, -5, false), QEVMemoryOptions(0, 0, 0, false));
+  EXPECT_EQ(QEVMemoryOptions(0, kMax, 1, true).maxEventAgeDays, kMax);
 }
 
 TEST(MemoryOptionsTest, JsonKeepsNumbersAsTheyStandAndNeedsAllKeys) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 #include <string>
 #include <thread>
@@ -56,83 +57,64 @@ TEST(SessionGraphBuilderTest, EventTypesFeedTheirOwnFields) {
   EXPECT_FALSE(graph.startedAt || graph.endedAt || graph.duration);
 }
 
-TEST(SessionGraphBuilderTest, SessionDatesPreferDateMetadataAndLaterEventsWin) {
-  struct Case {
-    std::vector<QEVMemoryEvent> events;
-    std::optional<QEVRDate> startedAt, endedAt;
-    std::optional<double> duration;
-  };
-  const Case cases[] = {
-      {{ev(Type::sessionEnd, {}, {}, {}, 70)}, std::nullopt, QEVRDate{70}, std::nullopt},
-      {{ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{500}}}, 10),
-        ev(Type::sessionEnd, {}, {}, {{"endedAt", "yesterday"}}, 530)},
-       QEVRDate{500},
-       QEVRDate{530},
-       30.0},
-      {{ev(Type::sessionStart, {}, {}, {}, 10),
-        ev(Type::sessionStart, {}, {}, {{"startedAt", 1.0}}, 20),
-        ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{15}}}, 99)},
-       QEVRDate{20},
-       QEVRDate{15},
-       -5.0},  // not clamped
-  };
-  for (const Case& c : cases) {
-    const QEVSessionGraph graph = buildFrom(c.events);
-    EXPECT_EQ(graph.startedAt, c.startedAt);
-    EXPECT_EQ(graph.endedAt, c.endedAt);
-    EXPECT_EQ(graph.duration, c.duration);
-  }
+constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
+
+std::optional<QEVRDate> dateOf(double seconds) {
+  if (std::isnan(seconds)) return std::nullopt;
+  return QEVRDate{seconds};
 }
 
-// Dating by events fills only what the session's own start and end events
-// left open.
-TEST(SessionGraphBuilderTest, DatingByEventsFillsOnlyMissingDates) {
+// Start and end come from the session's own events, date metadata first and
+// later events winning; dating by events fills only what those left open.
+TEST(SessionGraphBuilderTest, SessionDates) {
   struct Case {
     const char* name;
+    bool byEvents;
+    double startedAt, endedAt, duration;  // kNone: absent
     std::vector<QEVMemoryEvent> events;
-    std::optional<QEVRDate> startedAt, endedAt;
-    std::optional<double> duration;
+  };
+  const auto row = [](const char* name, bool byEvents, double startedAt, double endedAt,
+                      double duration, std::vector<QEVMemoryEvent> events) {
+    return Case{name, byEvents, startedAt, endedAt, duration, std::move(events)};
   };
   const Case cases[] = {
-      {"no events", {}, std::nullopt, std::nullopt, std::nullopt},
-      {"neither start nor end",
-       {ev(Type::screenView, "Home", {}, {}, 40), ev(Type::buttonTap, "Home", "b", {}, 10),
-        ev(Type::custom, {}, {}, {{"name", "x"}}, 25)},
-       QEVRDate{40},
-       QEVRDate{25},
-       -15.0},  // the first and last ingested, not the earliest and latest
-      {"start without end",
-       {ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{5}}}, 8),
-        ev(Type::screenView, "Home", {}, {}, 30)},
-       QEVRDate{5},
-       QEVRDate{30},
-       25.0},
-      {"end without start",
-       {ev(Type::screenView, "Home", {}, {}, 12),
-        ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{50}}}, 51)},
-       QEVRDate{12},
-       QEVRDate{50},
-       38.0},
-      {"both",
-       {ev(Type::sessionStart, {}, {}, {}, 3), ev(Type::sessionEnd, {}, {}, {}, 9)},
-       QEVRDate{3},
-       QEVRDate{9},
-       6.0},
+      row("end only", false, kNone, 70, kNone, {ev(Type::sessionEnd, {}, {}, {}, 70)}),
+      row("metadata dates", false, 500, 530, 30,
+          {ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{500}}}, 10),
+           ev(Type::sessionEnd, {}, {}, {{"endedAt", "yesterday"}}, 530)}),
+      row("later start wins, duration not clamped", false, 20, 15, -5,
+          {ev(Type::sessionStart, {}, {}, {}, 10),
+           ev(Type::sessionStart, {}, {}, {{"startedAt", 1.0}}, 20),
+           ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{15}}}, 99)}),
+      row("no events", true, kNone, kNone, kNone, {}),
+      // The first and last ingested, not the earliest and latest.
+      row("neither start nor end", true, 40, 25, -15,
+          {ev(Type::screenView, "Home", {}, {}, 40), ev(Type::buttonTap, "Home", "b", {}, 10),
+           ev(Type::custom, {}, {}, {{"name", "x"}}, 25)}),
+      row("start without end", true, 5, 30, 25,
+          {ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{5}}}, 8),
+           ev(Type::screenView, "Home", {}, {}, 30)}),
+      row("end without start", true, 12, 50, 38,
+          {ev(Type::screenView, "Home", {}, {}, 12),
+           ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{50}}}, 51)}),
+      row("both", true, 3, 9, 6,
+          {ev(Type::sessionStart, {}, {}, {}, 3), ev(Type::sessionEnd, {}, {}, {}, 9)}),
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     QEVSessionGraphBuilder builder;
     for (const QEVMemoryEvent& event : c.events)
       builder.ingest(event);
-    const QEVSessionGraph dated = builder.buildDatedByEvents();
-    EXPECT_EQ(dated.startedAt, c.startedAt) << c.name;
-    EXPECT_EQ(dated.endedAt, c.endedAt) << c.name;
-    EXPECT_EQ(dated.duration, c.duration) << c.name;
+    const QEVSessionGraph graph = c.byEvents ? builder.buildDatedByEvents() : builder.build();
+    EXPECT_EQ(graph.startedAt, dateOf(c.startedAt));
+    EXPECT_EQ(graph.endedAt, dateOf(c.endedAt));
+    EXPECT_EQ(graph.duration, std::isnan(c.duration) ? std::nullopt : std::optional(c.duration));
     // Everything but the dates is what build() gives.
     QEVSessionGraph plain = builder.build();
-    plain.startedAt = dated.startedAt;
-    plain.endedAt = dated.endedAt;
-    plain.duration = dated.duration;
-    EXPECT_EQ(dated, plain) << c.name;
+    plain.startedAt = graph.startedAt;
+    plain.endedAt = graph.endedAt;
+    plain.duration = graph.duration;
+    EXPECT_EQ(graph, plain);
   }
 }
 

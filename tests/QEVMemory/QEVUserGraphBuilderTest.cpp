@@ -52,61 +52,47 @@ TEST(UserGraphBuilderTest, StartsEmptyAndCountsAddUpAcrossSessions) {
   EXPECT_EQ(graph.frequentCustomEvents, (Counts{{"jump", 7}, {"duck", 1}}));
 }
 
-TEST(UserGraphBuilderTest, AverageCountsOnlySessionsWithADuration) {
+// The average counts only sessions with a duration; last seen and updated
+// only move forward, and every session counts however old.
+TEST(UserGraphBuilderTest, AverageLastSeenAndUpdated) {
   struct Case {
+    const char* name;
     std::vector<QEVSessionGraph> sessions;
     std::optional<double> average;
+    std::optional<QEVRDate> lastSeenAt;
+    QEVRDate updatedAt;
+  };
+  const std::optional<double> none;
+  const auto row = [](const char* name, std::vector<QEVSessionGraph> sessions,
+                      std::optional<double> average, std::optional<double> lastSeenAt,
+                      double updatedAt) {
+    std::optional<QEVRDate> lastSeen;
+    if (lastSeenAt) lastSeen = QEVRDate{*lastSeenAt};
+    return Case{name, std::move(sessions), average, lastSeen, QEVRDate{updatedAt}};
   };
   const Case cases[] = {
-      {{session(0, 10), session(100, 120), session(5, std::nullopt)}, 15.0},
-      {{session(std::nullopt, 50)}, std::nullopt},
-      {{session(50, 40), session(0, 30)}, 10.0},  // a negative duration counts as it is
+      row("one undated of three", {session(0, 10), session(100, 120), session(5, none)}, 15, 120,
+          1000),
+      row("ended wins over started", {session(1500, 1800)}, 300, 1800, 1800),
+      row("started when not ended", {session(1500, none)}, none, 1500, 1500),
+      row("no dates", {session(none, none)}, none, none, 1000),
+      row("negative duration counts", {session(50, 40), session(0, 30)}, 10, 40, 1000),
+      row("older session later", {session(1500, 2000), session(1100, 1200)}, 300, 2000, 2000),
+      row("before creation", {session(100, 200)}, 100, 200, 1000),
+      row("before creation, then older", {session(100, 200), session(none, 150)}, 100, 200, 1000),
+      row("undated after dated", {session(1500, 1600), session(none, none)}, 100, 1600, 1600),
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     QEVUserGraphBuilder builder(kUserId, kCreatedAt);
     for (const QEVSessionGraph& s : c.sessions)
       builder.merge(s);
     const QEVUserGraph graph = builder.build();
     EXPECT_EQ(graph.averageSessionDuration, c.average);
+    EXPECT_EQ(graph.lastSeenAt, c.lastSeenAt);
+    EXPECT_EQ(graph.updatedAt, c.updatedAt);
+    EXPECT_EQ(graph.createdAt, kCreatedAt);
     EXPECT_EQ(graph.totalSessions, static_cast<std::int64_t>(c.sessions.size()));
-  }
-}
-
-TEST(UserGraphBuilderTest, LastSeenAndUpdatedOnlyMoveForward) {
-  struct Case {
-    const char* name;
-    std::vector<QEVSessionGraph> sessions;
-    std::optional<QEVRDate> lastSeenAt;
-    QEVRDate updatedAt;
-  };
-  const Case cases[] = {
-      {"ended wins over started", {session(1500, 1800)}, QEVRDate{1800}, QEVRDate{1800}},
-      {"started when not ended", {session(1500, std::nullopt)}, QEVRDate{1500}, QEVRDate{1500}},
-      {"no dates", {session(std::nullopt, std::nullopt)}, std::nullopt, kCreatedAt},
-      {"older session later",
-       {session(1500, 2000), session(1100, 1200)},
-       QEVRDate{2000},
-       QEVRDate{2000}},
-      {"before creation", {session(100, 200)}, QEVRDate{200}, kCreatedAt},
-      {"before creation, then older",
-       {session(100, 200), session(std::nullopt, 150)},
-       QEVRDate{200},
-       kCreatedAt},
-      {"undated after dated",
-       {session(1500, 1600), session(std::nullopt, std::nullopt)},
-       QEVRDate{1600},
-       QEVRDate{1600}},
-  };
-  for (const Case& c : cases) {
-    QEVUserGraphBuilder builder(kUserId, kCreatedAt);
-    for (const QEVSessionGraph& s : c.sessions)
-      builder.merge(s);
-    const QEVUserGraph graph = builder.build();
-    EXPECT_EQ(graph.lastSeenAt, c.lastSeenAt) << c.name;
-    EXPECT_EQ(graph.updatedAt, c.updatedAt) << c.name;
-    EXPECT_EQ(graph.createdAt, kCreatedAt) << c.name;
-    // Every session counts, however old.
-    EXPECT_EQ(graph.totalSessions, static_cast<std::int64_t>(c.sessions.size())) << c.name;
   }
 }
 

@@ -8,8 +8,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "QEVComponentInteractionTracker.h"
+#include "QEVGestureTracker.h"
+#include "QEVNavigationTracker.h"
+#include "QEVScreenTracker.h"
+#include "QEVSessionTracker.h"
+
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -280,26 +287,19 @@ TEST_F(ObserverFacadeTest, ConcurrentCallsDuringLifecycleChanges) {
   qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
   std::atomic<bool> stop{false};
   std::atomic<int> accepted{0};
+  const std::function<bool(int)> calls[] = {
+      [](int t) {
+        return Observer::track("tick", {{"n", t}});
+      },
+      [](int) { return Observer::screenView("Screen", {}); },
+      [](int) { return Observer::buttonTap("b", "t", {}); },
+      [](int) { return Observer::gesture(QEVGestureType::tap, std::nullopt, {}); },
+  };
   std::vector<std::thread> hosts;
   for (int t = 0; t < 8; ++t) {
     hosts.emplace_back([&, t] {
       while (!stop) {
-        bool ok = false;
-        switch (t % 4) {
-          case 0:
-            ok = Observer::track("tick", {{"n", t}});
-            break;
-          case 1:
-            ok = Observer::screenView("Screen", {});
-            break;
-          case 2:
-            ok = Observer::buttonTap("b", "t", {});
-            break;
-          case 3:
-            ok = Observer::gesture(QEVGestureType::tap, std::nullopt, {});
-            break;
-        }
-        accepted += ok;
+        accepted += calls[t % 4](t);
         if (t == 0) {
           auto sink = std::make_shared<CollectingSink>();
           if (auto id = QEVObserverIntegration::registerEventSink(sink)) {

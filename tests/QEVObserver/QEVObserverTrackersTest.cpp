@@ -1,8 +1,15 @@
 #include <QEVObserver/QEVObserverEventDispatcher.h>
-#include <QEVObserver/QEVObserverTrackers.h>
+#include <QEVObserver/QEVObserverSession.h>
 #include <QEVRPlatform/Json.h>
 
 #include <gtest/gtest.h>
+
+#include "QEVComponentInteractionTracker.h"
+#include "QEVGestureTracker.h"
+#include "QEVNavigationTracker.h"
+#include "QEVObserverDiagnosticContextProvider.h"
+#include "QEVScreenTracker.h"
+#include "QEVSessionTracker.h"
 
 namespace {
 
@@ -53,7 +60,7 @@ TEST(DiagnosticProviderTest, ReportsScreenWithoutSession) {
 }
 
 TEST(GestureTypeTest, RawValuesRoundTrip) {
-  for (QEVGestureType t : allGestureTypes)
+  for (QEVGestureType t : kAllGestureTypes)
     EXPECT_EQ(gestureTypeFromRawValue(rawValueOf(t)), t);
   EXPECT_FALSE(gestureTypeFromRawValue("Tap").has_value());
 }

@@ -7,14 +7,13 @@
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVRPlatform/FileSystem.h>
 
+#include "ToolTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <spawn.h>
-#include <stdlib.h>
 #include <sys/wait.h>
-
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,40 +26,20 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace fs = std::filesystem;
+using namespace tooltest;
 
 namespace {
 
-pid_t spawnSimulation(const fs::path& dataDir, unsigned seed) {
-  std::vector<std::string> args = {QEVR_TOOL_PATH,   "simulate",          "--data-dir",
-                                   dataDir.string(), "--events",          "1000000000",
-                                   "--seed",         std::to_string(seed)};
-  std::vector<char*> argv;
-  for (auto& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  if (::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
-  return pid;
-}
-
-std::string readAll(const fs::path& path) {
-  auto bytes = qevr::FileSystem::defaultFileSystem().readFile(path, kQEVMemoryMaxFileBytes);
-  return std::string(bytes.begin(), bytes.end());
-}
-
 TEST(CrashSafetyTest, EveryFileDecodesAfterFiftyKills) {
-  std::string pattern = (fs::temp_directory_path() / "qevr-crash-XXXXXX").string();
-  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-  const fs::path dataDir = pattern;
+  const fs::path dataDir = makeScratch("qevr-crash");
   const fs::path root = dataDir / "QEVR" / "Memory";
 
   std::mt19937 random(20261122);
   std::uniform_int_distribution<int> delayMs(20, 400);
   for (unsigned round = 0; round < 50; ++round) {
-    const pid_t child = spawnSimulation(dataDir, round);
+    const pid_t child = spawnProcess({QEVR_TOOL_PATH, "simulate", "--data-dir", dataDir.string(),
+                                      "--events", "1000000000", "--seed", std::to_string(round)});
     ASSERT_GT(child, 0);
     // The kill must land at an arbitrary moment; the wait is the point here,
     // not something to assert on.
@@ -76,7 +55,7 @@ TEST(CrashSafetyTest, EveryFileDecodesAfterFiftyKills) {
   for (const auto& entry : fs::recursive_directory_iterator(root)) {
     if (!entry.is_regular_file() || entry.path().extension() != ".json") continue;
     const std::string parent = entry.path().parent_path().filename().string();
-    const std::string text = readAll(entry.path());
+    const std::string text = slurp(entry.path());
     if (parent == "events") {
       EXPECT_NO_THROW(decodeStoredChunkFile(text, engine)) << entry.path();
       ++chunkFiles;
@@ -89,11 +68,10 @@ TEST(CrashSafetyTest, EveryFileDecodesAfterFiftyKills) {
   }
   EXPECT_GT(chunkFiles, 0u);
 
-  QEVFileMemoryStore store(root, qevr::FileSystem::defaultFileSystem(),
-                           std::make_shared<QEVLZFSECompressionEngine>());
-  EXPECT_NO_THROW(store.loadEventChunks());
-  EXPECT_NO_THROW(store.loadSessionGraphs());
-  EXPECT_NO_THROW(store.loadUserGraph());
+  const auto store = openStore(root);
+  EXPECT_NO_THROW(store->loadEventChunks());
+  EXPECT_NO_THROW(store->loadSessionGraphs());
+  EXPECT_NO_THROW(store->loadUserGraph());
   std::printf("after 50 kills: %zu chunk files and %zu session graphs, all decode\n", chunkFiles,
               sessionFiles);
   fs::remove_all(dataDir);
@@ -106,24 +84,19 @@ struct HostRun {
 };
 
 HostRun spawnHost(const fs::path& dataDir, int launch, int sessions, int eventsPerSession) {
-  std::vector<std::string> args = {QEVR_LIFECYCLE_HOST_PATH, dataDir.string(),
-                                   std::to_string(launch), std::to_string(sessions),
-                                   std::to_string(eventsPerSession)};
-  std::vector<char*> argv;
-  for (auto& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
   int pipeEnds[2];
   if (::pipe(pipeEnds) != 0) return {};
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
   ::posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
   ::posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
-  HostRun run;
-  if (::posix_spawn(&run.pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) run.pid = -1;
+  const HostRun run{
+      spawnProcess({QEVR_LIFECYCLE_HOST_PATH, dataDir.string(), std::to_string(launch),
+                    std::to_string(sessions), std::to_string(eventsPerSession)},
+                   &actions),
+      pipeEnds[0]};
   ::posix_spawn_file_actions_destroy(&actions);
   ::close(pipeEnds[1]);
-  run.output = pipeEnds[0];
   return run;
 }
 
@@ -155,12 +128,6 @@ std::vector<std::string> linesOf(HostRun& run) {
   return lines;
 }
 
-int waitForExit(pid_t pid) {
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return status;
-}
-
 // What the store holds, counted the ways the invariants need.
 struct StoreCounts {
   std::map<QEVRUUID, std::int64_t> chunkEventsBySession;
@@ -171,10 +138,9 @@ struct StoreCounts {
 };
 
 StoreCounts countStore(const fs::path& root) {
-  QEVFileMemoryStore store(root, qevr::FileSystem::defaultFileSystem(),
-                           std::make_shared<QEVLZFSECompressionEngine>());
+  const auto store = openStore(root);
   StoreCounts counts;
-  for (const QEVMemoryEventChunk& chunk : store.loadEventChunks()) {
+  for (const QEVMemoryEventChunk& chunk : store->loadEventChunks()) {
     for (const QEVMemoryEvent& event : chunk.events) {
       ++counts.chunkEvents;
       if (event.sessionId) ++counts.chunkEventsBySession[*event.sessionId];
@@ -185,10 +151,10 @@ StoreCounts countStore(const fs::path& root) {
       }
     }
   }
-  for (const QEVSessionGraph& graph : store.loadSessionGraphs()) {
+  for (const QEVSessionGraph& graph : store->loadSessionGraphs()) {
     if (graph.sessionId) counts.graphEventsBySession[*graph.sessionId] = graph.eventCount;
   }
-  counts.userGraph = store.loadUserGraph();
+  counts.userGraph = store->loadUserGraph();
   return counts;
 }
 
@@ -207,9 +173,7 @@ void expectEverySavedEventCountedOnce(const StoreCounts& counts) {
 // loses no step more than 30 s (30 steps) older than the last one the host
 // saw through.
 TEST(CrashSafetyTest, KilledLaunchesAreRecoveredOnceAndLoseAtMostTheirLast30Seconds) {
-  std::string pattern = (fs::temp_directory_path() / "qevr-lifecycle-XXXXXX").string();
-  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-  const fs::path dataDir = pattern;
+  const fs::path dataDir = makeScratch("qevr-lifecycle");
   const fs::path root = dataDir / "QEVR" / "Memory";
   constexpr int kKilledLaunches = 12;
   constexpr int kStepsOfALostSecond = 1;  // the host's clock: one second per step
@@ -254,10 +218,9 @@ TEST(CrashSafetyTest, KilledLaunchesAreRecoveredOnceAndLoseAtMostTheirLast30Seco
       << "every session marker recovered and removed";
   std::int64_t lostSteps = 0;
   for (const auto& [launch, last] : lastSeenStep) {
-    const std::set<std::int64_t> none;
-    auto found = counts.stepsByLaunch.find(launch);
-    const std::set<std::int64_t>& saved =
-        found == counts.stepsByLaunch.end() ? none : found->second;
+    const std::set<std::int64_t> saved = counts.stepsByLaunch.contains(launch)
+                                             ? counts.stepsByLaunch.at(launch)
+                                             : std::set<std::int64_t>{};
     for (std::int64_t n = 0; n <= last - kLossBoundSteps - 1; ++n) {
       EXPECT_TRUE(saved.contains(n)) << "launch " << launch << " lost step " << n << " of the "
                                      << last + 1 << " it saw through";

@@ -43,6 +43,12 @@ struct LayoutCase {
   bool noCrossings = false;         // adjacent-layer edges must not cross
 };
 
+// Whether (x, y) is a finite point of the layout's area.
+bool inside(const GraphLayout& layout, double x, double y) {
+  return std::isfinite(x) && std::isfinite(y) && x >= 0 && y >= 0 && x <= layout.width &&
+         y <= layout.height;
+}
+
 bool overlaps(const PlacedNode& a, const PlacedNode& b) {
   return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
 }
@@ -91,12 +97,8 @@ TEST(ReportLayoutTest, BuiltinLayoutLayersRespectEdgesWithoutOverlaps) {
     ASSERT_EQ(layout.nodes.size(), c.nodes);
     ASSERT_EQ(layout.edges.size(), c.edges.size());
     EXPECT_TRUE(std::isfinite(layout.width) && std::isfinite(layout.height));
-    EXPECT_LE(layout.width, 5000);
-    EXPECT_LE(layout.height, 5000);
-    if (c.nodes == 0) {
-      EXPECT_EQ(layout.width, 0);
-      EXPECT_EQ(layout.height, 0);
-    }
+    EXPECT_LE(std::max(layout.width, layout.height), 5000);
+    EXPECT_EQ(layout.width == 0 && layout.height == 0, c.nodes == 0);
 
     std::size_t reversed = 0;
     std::vector<LayoutEdge> placedEdges;
@@ -109,13 +111,8 @@ TEST(ReportLayoutTest, BuiltinLayoutLayersRespectEdgesWithoutOverlaps) {
       }
       ASSERT_GE(placed.route.size(), 4u);
       EXPECT_EQ(placed.route.size() % 3, 1u);
-      for (const Point& p : placed.route) {
-        EXPECT_TRUE(std::isfinite(p.x) && std::isfinite(p.y));
-        EXPECT_GE(p.x, 0);
-        EXPECT_GE(p.y, 0);
-        EXPECT_LE(p.x, layout.width);
-        EXPECT_LE(p.y, layout.height);
-      }
+      for (const Point& p : placed.route)
+        EXPECT_TRUE(inside(layout, p.x, p.y)) << p.x << "," << p.y;
       if (edge.from == edge.to) continue;
       const std::size_t from = layout.nodes[edge.from].layer, to = layout.nodes[edge.to].layer;
       if (placed.reversed) {
@@ -130,10 +127,9 @@ TEST(ReportLayoutTest, BuiltinLayoutLayersRespectEdgesWithoutOverlaps) {
 
     for (std::size_t v = 0; v < c.nodes; ++v) {
       const PlacedNode& node = layout.nodes[v];
-      EXPECT_GE(node.x, 0);
-      EXPECT_GE(node.y, 0);
-      EXPECT_LE(node.x + node.width, layout.width);
-      EXPECT_LE(node.y + node.height, layout.height);
+      EXPECT_TRUE(inside(layout, node.x, node.y) &&
+                  inside(layout, node.x + node.width, node.y + node.height))
+          << "node " << v;
       if (!c.layers.empty()) {
         EXPECT_EQ(node.layer, c.layers[v]) << "node " << v;
       }
@@ -345,15 +341,8 @@ TEST(ReportTextTest, RecommendationsLinkToTheAnalysesTheyCameFrom) {
 class ReportToolTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    std::string pattern = (fs::temp_directory_path() / "qevr-report-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    base = pattern;
+    base = simulatedStore("qevr-report", "900", "11");
     scratch = base / "scratch";
-    fs::create_directories(scratch);
-    const ToolRun simulate = runTool(
-        {"simulate", "--data-dir", (base / "data").string(), "--events", "900", "--seed", "11"},
-        scratch);
-    ASSERT_EQ(simulate.status, 0) << simulate.err;
   }
   static void TearDownTestSuite() { fs::remove_all(base); }
 
@@ -398,8 +387,7 @@ TEST_F(ReportToolTest, PageHasEverySectionFetchesNothingAndLeavesTheStoreAlone) 
 
 TEST_F(ReportToolTest, HostileNamesFromTheStoreRenderAsText) {
   const fs::path dataDir = base / "hostile";
-  QEVFileMemoryStore store(dataDir / "QEVR" / "Memory", qevr::FileSystem::defaultFileSystem(),
-                           std::make_shared<QEVLZFSECompressionEngine>());
+  const auto store = openStore(dataDir / "QEVR" / "Memory");
   QEVSessionGraph graph;
   graph.sessionId = QEVRUUID::random();
   graph.startedAt = QEVRDate{800000000};
@@ -410,10 +398,10 @@ TEST_F(ReportToolTest, HostileNamesFromTheStoreRenderAsText) {
   graph.navigationEdges = {{"Home", kHostile, 2}, {kHostile, "Home", 1}, {std::nullopt, "Home", 1}};
   graph.componentInteractions = {{"<img src=x onerror=alert(1)>", kHostile, 5, 0}};
   graph.customEventCounts = {{"\"'><svg onload=alert(2)>", 1}};
-  store.saveSessionGraph(graph);
+  store->saveSessionGraph(graph);
   QEVUserGraphBuilder user(QEVRUUID::random(), QEVRDate{800000000});
   user.merge(graph);
-  store.saveUserGraph(user.build());
+  store->saveUserGraph(user.build());
 
   const fs::path page = base / "hostile.html";
   const ToolRun run = runTool(
@@ -434,8 +422,7 @@ TEST_F(ReportToolTest, HostileNamesFromTheStoreRenderAsText) {
 
 TEST_F(ReportToolTest, LargeStoresAreCutToWhatAPageCanShowWithANote) {
   const fs::path dataDir = base / "large";
-  QEVFileMemoryStore store(dataDir / "QEVR" / "Memory", qevr::FileSystem::defaultFileSystem(),
-                           std::make_shared<QEVLZFSECompressionEngine>());
+  const auto store = openStore(dataDir / "QEVR" / "Memory");
   // 130 sessions over 90 screens, each moving on to the next three.
   for (int s = 0; s < 130; ++s) {
     QEVSessionGraph graph;
@@ -450,7 +437,7 @@ TEST_F(ReportToolTest, LargeStoresAreCutToWhatAPageCanShowWithANote) {
                                          "Screen " + std::to_string((from + hop) % 90), 1 + s % 4});
       }
     }
-    store.saveSessionGraph(graph);
+    store->saveSessionGraph(graph);
   }
   const fs::path page = base / "large.html";
   const ToolRun run = runTool(
@@ -500,21 +487,16 @@ TEST_F(ReportToolTest, FallsBackToTheBuiltinLayoutWhenDotFailsOrIsMissing) {
 }
 
 TEST_F(ReportToolTest, BadUsageAndUnreadableStoresFailWithOneLineAndNoPage) {
-  const fs::path damaged = base / "damaged";
-  fs::create_directories(damaged / "QEVR");
-  fs::copy(base / "data" / "QEVR" / "Memory", damaged / "QEVR" / "Memory",
-           fs::copy_options::recursive);
+  const fs::path damaged = copyOfStore(base / "data" / "QEVR" / "Memory", base / "damaged", true);
   const fs::path badGraph = damaged / "QEVR" / "Memory" / "user" / "graph.json";
-  std::ofstream(badGraph, std::ios::trunc) << "{\"totalSessions\":";
   const std::string data = (base / "data").string();
   const std::string page = (base / "bad.html").string();
   const std::string insideStore = (base / "data" / "QEVR" / "Memory" / "r.html").string();
 
-  struct Case {
+  const struct {
     std::vector<std::string> args;
     std::string errorMentions;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{"report", "--data-dir", data}, "-o"},
       {{"report", "--data-dir", data, "-o", page, "--layout", "neato"}, "neato"},
       {{"report", "--data-dir", data, "-o", page, "--json"}, "--json"},
@@ -524,13 +506,9 @@ TEST_F(ReportToolTest, BadUsageAndUnreadableStoresFailWithOneLineAndNoPage) {
       {{"report", "--data-dir", data, "-o", insideStore}, "inside the store"},
       {{"report", "-o"}, "-o"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.args.back());
-    const ToolRun run = runTool(c.args, scratch);
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.out, "");
-    EXPECT_NE(run.err.find(c.errorMentions), std::string::npos) << run.err;
-    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    expectOneLineFailure(runTool(c.args, scratch), c.errorMentions);
     EXPECT_FALSE(fs::exists(page));
     EXPECT_FALSE(fs::exists(insideStore));
   }

@@ -1,6 +1,11 @@
-// Runs the qevr tool as a child process for end-to-end tests, and lists a
+// Runs the qevr tool and other test programs as child processes for
+// end-to-end tests, makes scratch directories and store copies, and lists a
 // directory tree with what a write would change.
 #pragma once
+
+#include <QEVMemory/QEVFileMemoryStore.h>
+#include <QEVMemory/QEVLZFSECompressionEngine.h>
+#include <QEVRPlatform/FileSystem.h>
 
 #include <gtest/gtest.h>
 
@@ -11,9 +16,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -38,26 +45,45 @@ inline std::string slurp(const fs::path& path) {
   return buffer.str();
 }
 
-// Runs the tool with `args`, standard output and error captured in files.
-inline ToolRun runTool(std::vector<std::string> args, const fs::path& scratch,
-                       const std::string& path = "") {
-  args.insert(args.begin(), QEVR_TOOL_PATH);
+// A fresh directory under the temporary directory, named after `prefix`.
+inline fs::path makeScratch(const std::string& prefix) {
+  std::string pattern = (fs::temp_directory_path() / (prefix + "-XXXXXX")).string();
+  if (::mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp " << pattern;
+  return pattern;
+}
+
+// Starts `args[0]` with `args`; the pid, or -1 when it could not start.
+inline pid_t spawnProcess(std::vector<std::string> args,
+                          const posix_spawn_file_actions_t* actions = nullptr,
+                          char* const* envp = environ) {
   std::vector<char*> argv;
   for (auto& a : args)
     argv.push_back(a.data());
   argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (::posix_spawn(&pid, argv[0], actions, nullptr, argv.data(), envp) != 0) return -1;
+  return pid;
+}
+
+inline int waitForExit(pid_t pid) {
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return status;
+}
+
+// Runs the tool with `args`, standard output and error captured in files.
+// With `path`, the child sees only that PATH, so a test chooses which `dot`
+// it finds.
+inline ToolRun runTool(std::vector<std::string> args, const fs::path& scratch,
+                       const std::string& path = "") {
+  args.insert(args.begin(), QEVR_TOOL_PATH);
   const std::string outPath = (scratch / "stdout").string();
   const std::string errPath = (scratch / "stderr").string();
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  ToolRun run;
-  pid_t pid = -1;
-  // With `path`, the child sees only that PATH, so a test chooses which
-  // `dot` it finds.
+  for (const auto& [fd, file] : {std::pair{1, &outPath}, std::pair{2, &errPath}})
+    posix_spawn_file_actions_addopen(&actions, fd, file->c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
   std::vector<std::string> variables;
   for (char** e = environ; *e != nullptr; ++e) {
     if (path.empty() || std::string_view(*e).substr(0, 5) != "PATH=") variables.emplace_back(*e);
@@ -67,15 +93,55 @@ inline ToolRun runTool(std::vector<std::string> args, const fs::path& scratch,
   for (auto& v : variables)
     envp.push_back(v.data());
   envp.push_back(nullptr);
-  const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+  const pid_t pid = spawnProcess(std::move(args), &actions, envp.data());
   posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return run;
-  int status = 0;
-  ::waitpid(pid, &status, 0);
+  ToolRun run;
+  if (pid < 0) return run;
+  const int status = waitForExit(pid);
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   run.out = slurp(outPath);
   run.err = slurp(errPath);
   return run;
+}
+
+// A scratch directory with a simulated store in `data` and the tool's
+// output files in `scratch`; returns it.
+inline fs::path simulatedStore(const std::string& prefix, const std::string& events,
+                               const std::string& seed) {
+  const fs::path base = makeScratch(prefix);
+  fs::create_directories(base / "scratch");
+  const ToolRun run = runTool(
+      {"simulate", "--data-dir", (base / "data").string(), "--events", events, "--seed", seed},
+      base / "scratch");
+  EXPECT_EQ(run.status, 0) << run.err;
+  return base;
+}
+
+// A copy of the store at `memoryRoot` as the data directory `copy`, with its
+// user graph cut off mid-document when `damageUserGraph`; returns `copy`.
+inline fs::path copyOfStore(const fs::path& memoryRoot, const fs::path& copy,
+                            bool damageUserGraph = false) {
+  fs::create_directories(copy / "QEVR");
+  fs::copy(memoryRoot, copy / "QEVR" / "Memory", fs::copy_options::recursive);
+  if (damageUserGraph) {
+    std::ofstream(copy / "QEVR" / "Memory" / "user" / "graph.json", std::ios::trunc)
+        << "{\"totalSessions\":";
+  }
+  return copy;
+}
+
+inline std::shared_ptr<QEVFileMemoryStore> openStore(const fs::path& memoryRoot) {
+  return std::make_shared<QEVFileMemoryStore>(memoryRoot, qevr::FileSystem::defaultFileSystem(),
+                                              std::make_shared<QEVLZFSECompressionEngine>());
+}
+
+// A usage or store error: status 2, nothing on standard output, and one line
+// on standard error that mentions `mentions`.
+inline void expectOneLineFailure(const ToolRun& run, const std::string& mentions) {
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_NE(run.err.find(mentions), std::string::npos) << run.err;
+  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
 }
 
 // Every entry below `root` with what a write would change.

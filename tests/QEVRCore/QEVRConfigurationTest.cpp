@@ -9,49 +9,6 @@ namespace {
 
 using qevr::json::DecodingError;
 
-QEVREnvironment environmentFrom(std::string_view json) {
-  qevr::json::Value v = qevr::json::parse(json);
-  return decodeEnvironment(qevr::json::Decoder(v));
-}
-
-struct KeyedCase {
-  const char* json;
-  std::optional<QEVREnvironment> decoded;  // absent: decoding fails
-  const char* description;                 // for failures: the exact text, or "" for any
-};
-
-class KeyedEnumTest : public ::testing::TestWithParam<KeyedCase> {};
-
-TEST_P(KeyedEnumTest, DecodesOneKnownKeyWithAnObjectValue) {
-  const KeyedCase& tc = GetParam();
-  if (tc.decoded) {
-    EXPECT_EQ(environmentFrom(tc.json), *tc.decoded);
-    return;
-  }
-  try {
-    environmentFrom(tc.json);
-    FAIL() << "decoded " << tc.json;
-  } catch (const DecodingError& e) {
-    EXPECT_EQ(e.kind(), DecodingError::Kind::typeMismatch);
-    if (*tc.description) {
-      EXPECT_EQ(e.debugDescription(), tc.description);
-    }
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, KeyedEnumTest,
-    ::testing::Values(
-        KeyedCase{R"({"production":{}})", QEVREnvironment::production, ""},
-        KeyedCase{R"({"production":{},"note":1})", QEVREnvironment::production, ""},
-        KeyedCase{R"({"staging":{"ignored":true}})", QEVREnvironment::staging, ""},
-        KeyedCase{R"({"production":{},"staging":{}})", std::nullopt,
-                  "Invalid number of keys found, expected one."},
-        KeyedCase{R"({})", std::nullopt, "Invalid number of keys found, expected one."},
-        KeyedCase{R"({"note":{}})", std::nullopt, "Invalid number of keys found, expected one."},
-        KeyedCase{R"({"production":1})", std::nullopt, ""},
-        KeyedCase{R"("production")", std::nullopt, ""}));
-
 QEVRConfiguration sample() {
   QEVRConfiguration c;
   c.appId = "  com.example.app \n";
@@ -64,14 +21,6 @@ QEVRConfiguration sample() {
   return c;
 }
 
-TEST(ConfigurationTest, RoundTripsThroughJSONWithAppIdUntouched) {
-  const QEVRConfiguration c = sample();
-  const std::string json = c.toJSON();
-  EXPECT_EQ(QEVRConfiguration::fromJSON(json), c);
-  EXPECT_NE(json.find(R"("environment":{"staging":{}})"), std::string::npos);
-  EXPECT_NE(json.find(R"("logLevel":{"warning":{}})"), std::string::npos);
-}
-
 TEST(ConfigurationTest, JSONFormIsPinned) {
   EXPECT_EQ(sample().toJSON(),
             R"({"appId":"  com.example.app \n","environment":{"staging":{}},)"
@@ -79,6 +28,24 @@ TEST(ConfigurationTest, JSONFormIsPinned) {
             R"("isBackgroundProcessingEnabled":true,"isOnDeviceAIEnabled":false,)"
             R"("isCloudAIEnabled":false,"isLocalLLMEnabled":true,)"
             R"("isFallbackRecommendationsEnabled":false})");
+}
+
+// Each environment and level reads back as itself, the app id untouched.
+TEST(ConfigurationTest, RoundTripsEveryEnvironmentAndLevel) {
+  QEVRConfiguration c = sample();
+  for (QEVREnvironment environment :
+       {QEVREnvironment::development, QEVREnvironment::staging, QEVREnvironment::production}) {
+    c.environment = environment;
+    EXPECT_EQ(QEVRConfiguration::fromJSON(c.toJSON()), c);
+  }
+  for (QEVRLogLevel level :
+       {QEVRLogLevel::trace, QEVRLogLevel::debug, QEVRLogLevel::info, QEVRLogLevel::warning,
+        QEVRLogLevel::error, QEVRLogLevel::critical, QEVRLogLevel::off}) {
+    c.logLevel = level;
+    EXPECT_EQ(QEVRConfiguration::fromJSON(c.toJSON()), c);
+  }
+  EXPECT_THROW(decodeEnvironment(qevr::json::Decoder(qevr::json::parse(R"({"prod":{}})"))),
+               DecodingError);
 }
 
 TEST(ConfigurationTest, EveryKeyIsRequiredAndTyped) {

@@ -1,10 +1,15 @@
 #include <QEVRCore/QEVRDependencyContainer.h>
-#include <QEVRCore/QEVRLogger.h>
+#include "QEVRLogger.h"
 #include <QEVRCore/QEVRModule.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ThrowsMessage.h"
+
 namespace {
+
+using qevr::testing::throwsWithMessage;
 
 struct Base {
   virtual ~Base() = default;
@@ -16,12 +21,8 @@ TEST(DependencyContainerTest, DuplicateRegistrationKeepsTheFirstAndNamesTheType)
   auto first = std::make_shared<QEVRConfiguration>();
   first->appId = "first";
   c.register_<QEVRConfiguration>(first);
-  try {
-    c.register_<QEVRConfiguration>(std::make_shared<QEVRConfiguration>());
-    FAIL() << "duplicate accepted";
-  } catch (const QEVRDependencyError& e) {
-    EXPECT_EQ(e, QEVRDependencyError::duplicateRegistration("QEVRConfiguration"));
-  }
+  EXPECT_THAT([&] { c.register_<QEVRConfiguration>(std::make_shared<QEVRConfiguration>()); },
+              throwsWithMessage<QEVRDependencyError>("duplicateRegistration(QEVRConfiguration)"));
   EXPECT_EQ(c.resolve<QEVRConfiguration>()->appId, "first");
   c.removeAll();
   EXPECT_NO_THROW(c.register_<QEVRConfiguration>(std::make_shared<QEVRConfiguration>()));
@@ -32,12 +33,8 @@ TEST(DependencyContainerTest, ResolveIsKeyedByTheStaticRegistrationType) {
   auto object = std::make_shared<Derived>();
   c.register_<Base>(object);
   EXPECT_EQ(c.resolve<Base>(), object);
-  try {
-    c.resolve<Derived>();
-    FAIL() << "resolved under the dynamic type";
-  } catch (const QEVRDependencyError& e) {
-    EXPECT_EQ(e, QEVRDependencyError::missingDependency("Derived"));
-  }
+  EXPECT_THAT([&] { c.resolve<Derived>(); },
+              throwsWithMessage<QEVRDependencyError>("missingDependency(Derived)"));
 }
 
 TEST(DependencyContainerTest, StoreReplacesWithoutError) {

@@ -14,6 +14,7 @@ namespace {
 using testing::Bytes;
 using testing::kVectorNames;
 using testing::readVector;
+using testing::untouchedFrom;
 
 // Every stream under tests/data/lzfse, with the plain file it decodes to.
 struct VectorCase {
@@ -35,13 +36,14 @@ std::vector<VectorCase> allVectors() {
   return cases;
 }
 
-class VectorTest : public ::testing::TestWithParam<VectorCase> {};
-
-TEST_P(VectorTest, DecodesToThePlainBytesExactly) {
+class VectorTest : public ::testing::TestWithParam<VectorCase> {
+ protected:
   const Bytes stream = readVector(GetParam().stream);
   const Bytes plain = readVector(GetParam().plain);
-  ASSERT_FALSE(stream.empty()) << GetParam().stream;
+};
 
+TEST_P(VectorTest, DecodesToThePlainBytesExactly) {
+  ASSERT_FALSE(stream.empty()) << GetParam().stream;
   Bytes out;
   ASSERT_EQ(decode(stream, plain.size(), out), DecodeStatus::ok);
   EXPECT_TRUE(out == plain);
@@ -51,33 +53,24 @@ TEST_P(VectorTest, DecodesToThePlainBytesExactly) {
   const DecodeResult r = decodeBuffer(stream, std::span(buffer).first(plain.size()));
   EXPECT_EQ(r, (DecodeResult{DecodeStatus::ok, plain.size()}));
   EXPECT_TRUE(std::equal(plain.begin(), plain.end(), buffer.begin()));
-  EXPECT_TRUE(std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(plain.size()), buffer.end(),
-                          [](std::uint8_t b) { return b == 0xA5; }));
+  EXPECT_TRUE(untouchedFrom(buffer, plain.size(), 0xA5));
 }
 
-TEST_P(VectorTest, StopsAtTheCapacityWithTheFirstBytes) {
-  const Bytes stream = readVector(GetParam().stream);
-  const Bytes plain = readVector(GetParam().plain);
+// Short of room, the decoder stops with the first bytes written and nothing
+// past the capacity; short of the limit, it refuses and leaves no output.
+TEST_P(VectorTest, StopsAtTheCapacityAndRefusesToExceedTheLimit) {
   if (plain.empty()) GTEST_SKIP() << "nothing to cut short";
   Decoder decoder;
   for (std::size_t cap : {std::size_t{0}, std::size_t{1}, plain.size() / 3, plain.size() - 1}) {
     if (cap >= plain.size()) continue;
+    SCOPED_TRACE(cap);
     Bytes buffer(cap + 64, 0x5A);
     const DecodeResult r = decoder.decodeBuffer(stream, std::span(buffer).first(cap));
-    EXPECT_EQ(r, (DecodeResult{DecodeStatus::outputFull, cap})) << "capacity " << cap;
+    EXPECT_EQ(r, (DecodeResult{DecodeStatus::outputFull, cap}));
     EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(cap),
-                           plain.begin()))
-        << "capacity " << cap;
-    EXPECT_TRUE(std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(cap), buffer.end(),
-                            [](std::uint8_t b) { return b == 0x5A; }))
-        << "capacity " << cap;
+                           plain.begin()));
+    EXPECT_TRUE(untouchedFrom(buffer, cap, 0x5A));
   }
-}
-
-TEST_P(VectorTest, RefusesToExceedTheOutputLimit) {
-  const Bytes stream = readVector(GetParam().stream);
-  const Bytes plain = readVector(GetParam().plain);
-  if (plain.empty()) GTEST_SKIP() << "nothing to limit";
   Bytes out{1, 2, 3};
   EXPECT_EQ(decode(stream, plain.size() - 1, out), DecodeStatus::limitExceeded);
   EXPECT_TRUE(out.empty());
@@ -167,42 +160,32 @@ Bytes cat(Bytes a, const Bytes& b) {
 }
 
 std::vector<HostileCase> hostileCases() {
+  using enum DecodeStatus;
   return {
-      {"Empty", {}, DecodeStatus::truncated},
-      {"PartialMagic", {'b', 'v', 'x'}, DecodeStatus::truncated},
-      {"UnknownMagic", {'b', 'v', 'x', '3', 0, 0, 0, 0}, DecodeStatus::invalid},
-      {"NoEndOfStream", {'b', 'v', 'x', '-', 1, 0, 0, 0, 'x'}, DecodeStatus::truncated},
-      {"RawLongerThanInput",
-       {'b', 'v', 'x', '-', 9, 0, 0, 0, 'x', 'b', 'v', 'x', '$'},
-       DecodeStatus::truncated},
-      {"RawHugeSize",
-       {'b', 'v', 'x', '-', 0xff, 0xff, 0xff, 0xff, 'b', 'v', 'x', '$'},
-       DecodeStatus::truncated},
+      {"Empty", {}, truncated},
+      {"PartialMagic", {'b', 'v', 'x'}, truncated},
+      {"UnknownMagic", {'b', 'v', 'x', '3', 0, 0, 0, 0}, invalid},
+      {"NoEndOfStream", {'b', 'v', 'x', '-', 1, 0, 0, 0, 'x'}, truncated},
+      {"RawLongerThanInput", {'b', 'v', 'x', '-', 9, 0, 0, 0, 'x', 'b', 'v', 'x', '$'}, truncated},
+      {"RawHugeSize", {'b', 'v', 'x', '-', 0xff, 0xff, 0xff, 0xff, 'b', 'v', 'x', '$'}, truncated},
       {"LzvnPayloadPastInput",
        {'b', 'v', 'x', 'n', 1, 0, 0, 0, 0xff, 0, 0, 0, 0xe1, 'x'},
-       DecodeStatus::truncated},
-      {"LzvnDeclaresImpossibleOutput", lzvnBlock(1u << 30, cat({0xe1, 'x'}, kEnd8)),
-       DecodeStatus::invalid},
-      {"LzvnUndefinedOpcode", lzvnBlock(1, cat({0x70}, kEnd8)), DecodeStatus::invalid},
-      {"LzvnMatchWithoutDistance", lzvnBlock(4, cat({0xe1, 'x', 0xf3}, kEnd8)),
-       DecodeStatus::invalid},
-      {"LzvnPreviousDistanceWithoutOne", lzvnBlock(4, cat({0x46, 'x'}, kEnd8)),
-       DecodeStatus::invalid},
-      {"LzvnZeroDistance", lzvnBlock(4, cat({0xe1, 'x', 0x00, 0x00}, kEnd8)),
-       DecodeStatus::invalid},
-      {"LzvnDistanceBeforeOutput", lzvnBlock(4, cat({0xe1, 'x', 0x00, 0x02}, kEnd8)),
-       DecodeStatus::invalid},
-      {"LzvnMoreOutputThanDeclared", lzvnBlock(2, cat({0xe3, 'x', 'y', 'z'}, kEnd8)),
-       DecodeStatus::invalid},
-      {"LzvnLessOutputThanDeclared", lzvnBlock(4, cat({0xe3, 'x', 'y', 'z'}, kEnd8)),
-       DecodeStatus::invalid},
-      {"LzvnLiteralsPastPayload", lzvnBlock(9, {0xe9, 'x', 'y'}), DecodeStatus::invalid},
-      {"LzvnNoEndOpcode", lzvnBlock(1, {0xe1, 'x'}), DecodeStatus::invalid},
+       truncated},
+      {"LzvnDeclaresImpossibleOutput", lzvnBlock(1u << 30, cat({0xe1, 'x'}, kEnd8)), invalid},
+      {"LzvnUndefinedOpcode", lzvnBlock(1, cat({0x70}, kEnd8)), invalid},
+      {"LzvnMatchWithoutDistance", lzvnBlock(4, cat({0xe1, 'x', 0xf3}, kEnd8)), invalid},
+      {"LzvnPreviousDistanceWithoutOne", lzvnBlock(4, cat({0x46, 'x'}, kEnd8)), invalid},
+      {"LzvnZeroDistance", lzvnBlock(4, cat({0xe1, 'x', 0x00, 0x00}, kEnd8)), invalid},
+      {"LzvnDistanceBeforeOutput", lzvnBlock(4, cat({0xe1, 'x', 0x00, 0x02}, kEnd8)), invalid},
+      {"LzvnMoreOutputThanDeclared", lzvnBlock(2, cat({0xe3, 'x', 'y', 'z'}, kEnd8)), invalid},
+      {"LzvnLessOutputThanDeclared", lzvnBlock(4, cat({0xe3, 'x', 'y', 'z'}, kEnd8)), invalid},
+      {"LzvnLiteralsPastPayload", lzvnBlock(9, {0xe9, 'x', 'y'}), invalid},
+      {"LzvnNoEndOpcode", lzvnBlock(1, {0xe1, 'x'}), invalid},
       {"LzvnEndOpcodeBeforePayloadEnd", lzvnBlock(1, cat(cat({0xe1, 'x'}, kEnd8), {0x0e})),
-       DecodeStatus::invalid},
-      {"LzvnShortEndOpcode", lzvnBlock(1, {0xe1, 'x', 0x06, 0, 0}), DecodeStatus::invalid},
-      {"V2HeaderTooShort", {'b', 'v', 'x', '2', 0, 0, 0, 0, 0, 0, 0, 0}, DecodeStatus::truncated},
-      {"V1HeaderTooShort", cat({'b', 'v', 'x', '1'}, Bytes(700, 0)), DecodeStatus::truncated},
+       invalid},
+      {"LzvnShortEndOpcode", lzvnBlock(1, {0xe1, 'x', 0x06, 0, 0}), invalid},
+      {"V2HeaderTooShort", {'b', 'v', 'x', '2', 0, 0, 0, 0, 0, 0, 0, 0}, truncated},
+      {"V1HeaderTooShort", cat({'b', 'v', 'x', '1'}, Bytes(700, 0)), truncated},
   };
 }
 
@@ -230,40 +213,32 @@ struct HeaderEdit {
 };
 
 void setField(Bytes& s, std::size_t wordOffset, unsigned bit, unsigned width, std::uint64_t value) {
-  std::uint64_t w = 0;
-  for (int i = 7; i >= 0; --i)
-    w = (w << 8) | s[wordOffset + static_cast<std::size_t>(i)];
   const std::uint64_t mask = ((std::uint64_t{1} << width) - 1) << bit;
-  w = (w & ~mask) | ((value << bit) & mask);
-  for (int i = 0; i < 8; ++i)
-    s[wordOffset + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(w >> (8 * i));
+  const std::uint64_t w = (testing::wordAt(s, wordOffset) & ~mask) | ((value << bit) & mask);
+  for (std::size_t i = 0; i < 8; ++i)
+    s[wordOffset + i] = static_cast<std::uint8_t>(w >> (8 * i));
 }
 
-std::uint64_t getField(const Bytes& s, std::size_t wordOffset, unsigned bit, unsigned width) {
-  std::uint64_t w = 0;
-  for (int i = 7; i >= 0; --i)
-    w = (w << 8) | s[wordOffset + static_cast<std::size_t>(i)];
-  return (w >> bit) & ((std::uint64_t{1} << width) - 1);
+void addToField(Bytes& s, std::size_t wordOffset, unsigned bit, unsigned width, int delta) {
+  setField(s, wordOffset, bit, width, testing::fieldAt(s, wordOffset, bit, width) + delta);
 }
 
 std::vector<HeaderEdit> headerEdits() {
   return {
       {"RawBytesOneMore", [](Bytes& s) { ++s[4]; }},
       {"RawBytesOneLess", [](Bytes& s) { --s[4]; }},
-      {"LiteralCountNotMultipleOfFour",
-       [](Bytes& s) { setField(s, 8, 0, 20, getField(s, 8, 0, 20) - 1); }},
+      {"LiteralCountNotMultipleOfFour", [](Bytes& s) { addToField(s, 8, 0, 20, -1); }},
       {"LiteralCountAboveLimit", [](Bytes& s) { setField(s, 8, 0, 20, 40004); }},
       {"MatchCountAboveLimit", [](Bytes& s) { setField(s, 8, 40, 20, 10001); }},
-      {"LiteralPayloadLonger",
-       [](Bytes& s) { setField(s, 8, 20, 20, getField(s, 8, 20, 20) + 1); }},
-      {"LmdPayloadShorter", [](Bytes& s) { setField(s, 16, 40, 20, getField(s, 16, 40, 20) - 1); }},
+      {"LiteralPayloadLonger", [](Bytes& s) { addToField(s, 8, 20, 20, 1); }},
+      {"LmdPayloadShorter", [](Bytes& s) { addToField(s, 16, 40, 20, -1); }},
       {"LmdPayloadHuge", [](Bytes& s) { setField(s, 16, 40, 20, 0xFFFFF); }},
       {"LStateOutOfRange", [](Bytes& s) { setField(s, 24, 32, 10, 64); }},
       {"MStateOutOfRange", [](Bytes& s) { setField(s, 24, 42, 10, 64); }},
       {"DStateOutOfRange", [](Bytes& s) { setField(s, 24, 52, 10, 256); }},
       {"HeaderSizeBelowFixedPart", [](Bytes& s) { setField(s, 24, 0, 32, 31); }},
-      {"HeaderSizeOneLess", [](Bytes& s) { setField(s, 24, 0, 32, getField(s, 24, 0, 32) - 1); }},
-      {"HeaderSizeOneMore", [](Bytes& s) { setField(s, 24, 0, 32, getField(s, 24, 0, 32) + 1); }},
+      {"HeaderSizeOneLess", [](Bytes& s) { addToField(s, 24, 0, 32, -1); }},
+      {"HeaderSizeOneMore", [](Bytes& s) { addToField(s, 24, 0, 32, 1); }},
       {"FrequencyTablesOmitted", [](Bytes& s) { setField(s, 24, 0, 32, 32); }},
       {"FirstFrequencyChanged", [](Bytes& s) { s[32] ^= 0x02; }},
   };

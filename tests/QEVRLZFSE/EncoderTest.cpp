@@ -170,9 +170,7 @@ TEST(EncoderTest, FailsCleanlyWhenTheDestinationIsShort) {
                             full.size() - 1, full.size()}) {
       Bytes buffer(cap + 64, 0xEE);
       const std::size_t n = encoder.encodeBuffer(input, std::span(buffer).first(cap));
-      EXPECT_TRUE(std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(cap), buffer.end(),
-                              [](std::uint8_t b) { return b == 0xEE; }))
-          << "wrote past capacity " << cap;
+      EXPECT_TRUE(testing::untouchedFrom(buffer, cap, 0xEE)) << "wrote past capacity " << cap;
       if (n == 0) {
         EXPECT_LT(cap, full.size());
         continue;
@@ -219,10 +217,7 @@ TEST(EncoderTest, BlocksStayWithinTheFormatLimits) {
   int blocks = 0;
   while (testing::magicAt(stream, pos) == 0x32787662u) {
     auto field = [&](std::size_t word, unsigned bit, unsigned width) {
-      std::uint64_t w = 0;
-      for (int i = 7; i >= 0; --i)
-        w = (w << 8) | stream[pos + word + static_cast<std::size_t>(i)];
-      return (w >> bit) & ((std::uint64_t{1} << width) - 1);
+      return testing::fieldAt(stream, pos + word, bit, width);
     };
     const auto literals = field(8, 0, 20);
     const auto matches = field(8, 40, 20);

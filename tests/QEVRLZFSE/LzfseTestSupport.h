@@ -1,6 +1,7 @@
 // Shared helpers of the codec tests: the checked-in vectors and inputs.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -14,40 +15,17 @@ namespace qevr::lzfse::testing {
 using Bytes = std::vector<std::uint8_t>;
 
 // The reference vectors: each NAME.bin with the stream NAME.lzfse.
-inline constexpr const char* kVectorNames[] = {"empty-0",
-                                               "byte-1",
-                                               "text-7",
-                                               "text-8",
-                                               "text-9",
-                                               "text-dozens",
-                                               "bvxn-floor-below",
-                                               "bvxn-floor",
-                                               "text-4095",
-                                               "text-4096",
-                                               "text-4097",
-                                               "rand-4095",
-                                               "rand-4096",
-                                               "rand-small",
-                                               "chunk-100-ascii",
-                                               "chunk-100-unicode",
-                                               "chunk-100-custom-heavy",
-                                               "chunk-100-screens-light",
-                                               "chunk-100-taps-gestures",
-                                               "chunk-100-game",
-                                               "chunk-100-long-strings",
-                                               "chunk-100-two-sessions",
-                                               "chunk-partial-small",
-                                               "chunk-partial-tiny",
-                                               "chunk-partial-single",
-                                               "mixed-1mb",
-                                               "rand-large",
-                                               "rep-byte",
-                                               "rep-pattern",
-                                               "rep-byte-small",
-                                               "rep-chunk",
-                                               "multiblock-below",
-                                               "multiblock-min",
-                                               "concat-mixed-blocks"};
+inline constexpr const char* kVectorNames[] = {
+    // Sizes around the switch points of the block kinds, text and random.
+    "empty-0", "byte-1", "text-7", "text-8", "text-9", "text-dozens", "bvxn-floor-below",
+    "bvxn-floor", "text-4095", "text-4096", "text-4097", "rand-4095", "rand-4096", "rand-small",
+    // Event chunks as the store writes them.
+    "chunk-100-ascii", "chunk-100-unicode", "chunk-100-custom-heavy", "chunk-100-screens-light",
+    "chunk-100-taps-gestures", "chunk-100-game", "chunk-100-long-strings", "chunk-100-two-sessions",
+    "chunk-partial-small", "chunk-partial-tiny", "chunk-partial-single",
+    // Large, repetitive and several-block inputs.
+    "mixed-1mb", "rand-large", "rep-byte", "rep-pattern", "rep-byte-small", "rep-chunk",
+    "multiblock-below", "multiblock-min", "concat-mixed-blocks"};
 
 inline std::filesystem::path vectorPath(const std::string& file) {
   return std::filesystem::path(QEVR_TEST_DATA_DIR) / "lzfse" / file;
@@ -89,9 +67,28 @@ inline Bytes textBytes(std::size_t n, std::uint32_t seed) {
   return out;
 }
 
+// Whether every byte of `buffer` from `from` on is still `fill`.
+inline bool untouchedFrom(const Bytes& buffer, std::size_t from, std::uint8_t fill) {
+  return std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(from), buffer.end(),
+                     [fill](std::uint8_t b) { return b == fill; });
+}
+
 inline std::uint32_t magicAt(const Bytes& stream, std::size_t offset) {
   return static_cast<std::uint32_t>(stream[offset]) | (std::uint32_t{stream[offset + 1]} << 8) |
          (std::uint32_t{stream[offset + 2]} << 16) | (std::uint32_t{stream[offset + 3]} << 24);
+}
+
+// The little-endian 64-bit word at `offset`, and the `width`-bit field at
+// `bit` of it, as the compressed block header packs its fields.
+inline std::uint64_t wordAt(const Bytes& s, std::size_t offset) {
+  std::uint64_t w = 0;
+  for (std::size_t i = 8; i-- > 0;)
+    w = (w << 8) | s[offset + i];
+  return w;
+}
+
+inline std::uint64_t fieldAt(const Bytes& s, std::size_t offset, unsigned bit, unsigned width) {
+  return (wordAt(s, offset) >> bit) & ((std::uint64_t{1} << width) - 1);
 }
 
 // The block magics of a well-formed stream, in order, as text ("bvx2").
@@ -108,12 +105,7 @@ inline std::vector<std::string> blockKinds(const Bytes& s) {
     } else if (kind == 'n') {
       pos += 12 + u32(8);
     } else if (kind == '2') {
-      std::uint64_t w0 = 0, w1 = 0;
-      for (int i = 7; i >= 0; --i) {
-        w0 = (w0 << 8) | s[pos + 8 + i];
-        w1 = (w1 << 8) | s[pos + 16 + i];
-      }
-      pos += u32(24) + ((w0 >> 20) & 0xFFFFF) + ((w1 >> 40) & 0xFFFFF);
+      pos += u32(24) + fieldAt(s, pos + 8, 20, 20) + fieldAt(s, pos + 16, 40, 20);
     } else if (kind == '1') {
       pos += 772 + u32(20) + u32(24);
     } else {

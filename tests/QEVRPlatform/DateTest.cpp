@@ -24,14 +24,12 @@ TEST(DateTest, ReferenceDateIsTheStartOf2001) {
   EXPECT_LT(QEVRDate{1}, QEVRDate{2});
 }
 
-struct FormatCase {
-  const char* label;
-  QEVRDate date;
-  const char* text;
-};
-
 TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
-  const std::vector<FormatCase> cases = {
+  const struct {
+    const char* label;
+    QEVRDate date;
+    const char* text;
+  } cases[] = {
       {"reference date", QEVRDate{0}, "2001-01-01T00:00:00Z"},
       {"Unix epoch", QEVRDate::fromUnixSeconds(0), "1970-01-01T00:00:00Z"},
       {"a log line's time", QEVRDate::fromUnixSeconds(kJanuary31UnixSeconds),
@@ -45,10 +43,8 @@ TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
       {"last second of year 9999", QEVRDate::fromUnixSeconds(253402300799), "9999-12-31T23:59:59Z"},
       {"first second of year 0", QEVRDate::fromUnixSeconds(-62167219200), "0000-01-01T00:00:00Z"},
   };
-  for (const FormatCase& c : cases) {
-    SCOPED_TRACE(c.label);
-    EXPECT_EQ(formatISO8601(c.date), c.text);
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(formatISO8601(c.date), c.text) << c.label;
 }
 
 TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
@@ -60,13 +56,11 @@ TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
   }
 }
 
-struct ParseCase {
-  const char* text;
-  double unixSeconds;
-};
-
 TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
-  const std::vector<ParseCase> cases = {
+  const struct {
+    const char* text;
+    double unixSeconds;
+  } cases[] = {
       {"2026-01-31T09:05:00Z", kJanuary31UnixSeconds},
       {"2026-01-31T10:05:00+01:00", kJanuary31UnixSeconds},
       {"2026-01-31T04:35:00-04:30", kJanuary31UnixSeconds},
@@ -79,7 +73,7 @@ TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
       {"0000-01-01T01:00:00+01:00", -62167219200},
       {"9999-12-31T22:59:59-01:00", 253402300799},
   };
-  for (const ParseCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const std::optional<QEVRDate> date = parseISO8601(c.text);
     ASSERT_TRUE(date.has_value());
@@ -88,44 +82,27 @@ TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
 }
 
 TEST(ISO8601Test, ParseRefusesEveryOtherForm) {
-  for (const char* text : {
-           "",
-           "2026-01-31T09:05:00",       // no zone
-           "2026-01-31T09:05:00.5Z",    // fraction
-           "2026-01-31T09:05:00.000Z",  // fraction, even zero
-           "2026-01-31t09:05:00z",      // lower case
-           "2026-01-31T09:05:00z",
-           "2026-01-31 09:05:00Z",        // space for T
-           "20260131T090500Z",            // basic form
-           "2026-01-31T09:05Z",           // no seconds
-           "2026-01-31",                  // date only
-           "2026-W05-6T09:05:00Z",        // week date
-           "2026-031T09:05:00Z",          // ordinal date
-           "2026-1-31T09:05:00Z",         // one-digit month
-           "+2026-01-31T09:05:00Z",       // signed year
-           " 2026-01-31T09:05:00Z",       // leading space
-           "2026-01-31T09:05:00Z ",       // trailing space
-           "2026-01-31T09:05:00+0100",    // offset without colon
-           "2026-01-31T09:05:00+01",      // offset without minutes
-           "2026-01-31T09:05:00+24:00",   // offset hour out of range
-           "2026-01-31T09:05:00+01:60",   // offset minute out of range
-           "2026-01-31T09:05:00Z+01:00",  // both
-           "2026-13-01T00:00:00Z",        // month 13
-           "2026-00-10T00:00:00Z",        // month 0
-           "2026-01-00T00:00:00Z",        // day 0
-           "2026-04-31T00:00:00Z",        // April 31
-           "2026-02-29T00:00:00Z",        // not a leap year
-           "1900-02-29T00:00:00Z",        // century, not a leap year
-           "2026-01-31T24:00:00Z",        // hour 24
-           "2026-01-31T09:60:00Z",        // minute 60
-           "2026-01-31T09:05:60Z",        // leap second
-           "2026-01-3aT09:05:00Z",        // not a digit
-           "2026-01-31T09:05:\xD9\xA0Z",  // non-ASCII digit
-           "0000-01-01T00:30:00+01:00",   // before year 0 in UTC
-           "0000-01-01T00:00:00+00:01",   // one minute before year 0
-           "9999-12-31T23:30:00-01:00",   // year 10000 in UTC
-           "9999-12-31T23:59:59-00:01",   // a minute into year 10000
-       }) {
+  for (const char* text :
+       {// Other forms: no zone, a fraction (even zero), lower case, a space for T, the basic
+        // form, no seconds, date only, week and ordinal dates, one-digit month, signed year,
+        // spaces around.
+        "", "2026-01-31T09:05:00", "2026-01-31T09:05:00.5Z", "2026-01-31T09:05:00.000Z",
+        "2026-01-31t09:05:00z", "2026-01-31T09:05:00z", "2026-01-31 09:05:00Z", "20260131T090500Z",
+        "2026-01-31T09:05Z", "2026-01-31", "2026-W05-6T09:05:00Z", "2026-031T09:05:00Z",
+        "2026-1-31T09:05:00Z", "+2026-01-31T09:05:00Z", " 2026-01-31T09:05:00Z",
+        "2026-01-31T09:05:00Z ",
+        // Offsets without colon or minutes, out of range, or after a Z.
+        "2026-01-31T09:05:00+0100", "2026-01-31T09:05:00+01", "2026-01-31T09:05:00+24:00",
+        "2026-01-31T09:05:00+01:60", "2026-01-31T09:05:00Z+01:00",
+        // Fields out of range: month 13 and 0, day 0, April 31, February 29 of 2026 and of
+        // 1900, hour 24, minute 60, a leap second, a letter and a non-ASCII digit.
+        "2026-13-01T00:00:00Z", "2026-00-10T00:00:00Z", "2026-01-00T00:00:00Z",
+        "2026-04-31T00:00:00Z", "2026-02-29T00:00:00Z", "1900-02-29T00:00:00Z",
+        "2026-01-31T24:00:00Z", "2026-01-31T09:60:00Z", "2026-01-31T09:05:60Z",
+        "2026-01-3aT09:05:00Z", "2026-01-31T09:05:\xD9\xA0Z",
+        // In UTC before year 0 or in year 10000, if only by a minute.
+        "0000-01-01T00:30:00+01:00", "0000-01-01T00:00:00+00:01", "9999-12-31T23:30:00-01:00",
+        "9999-12-31T23:59:59-00:01"}) {
     SCOPED_TRACE(text);
     EXPECT_FALSE(parseISO8601(text).has_value());
   }
@@ -147,7 +124,7 @@ class ClockTest : public ::testing::Test {
   void TearDown() override { setClock(nullptr); }
 };
 
-TEST_F(ClockTest, InstalledManualClockDrivesNow) {
+TEST_F(ClockTest, InstalledManualClockDrivesNowUntilNullptrRestoresTheSystemClock) {
   auto clock = std::make_shared<ManualClock>(QEVRDate{100});
   setClock(clock);
   EXPECT_EQ(now(), QEVRDate{100});
@@ -155,16 +132,12 @@ TEST_F(ClockTest, InstalledManualClockDrivesNow) {
   EXPECT_EQ(now(), QEVRDate{102.5});
   clock->set(QEVRDate{-3});
   EXPECT_EQ(now(), QEVRDate{-3});
-}
 
-TEST_F(ClockTest, NullptrRestoresTheSystemClock) {
-  setClock(std::make_shared<ManualClock>(QEVRDate{100}));
   setClock(nullptr);
   const QEVRDate before = systemClock().now();
   const QEVRDate current = now();
-  const QEVRDate after = systemClock().now();
   EXPECT_LE(before, current);
-  EXPECT_LE(current, after);
+  EXPECT_LE(current, systemClock().now());
   // The system clock is far from the manual clock's 2001 instant.
   EXPECT_GT(current.secondsSinceReferenceDate, 7e8);
 }

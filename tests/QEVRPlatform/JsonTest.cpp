@@ -1,6 +1,7 @@
 #include <QEVRPlatform/Base64.h>
 #include <QEVRPlatform/Json.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -9,11 +10,14 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <map>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "ThrowsMessage.h"
 
 namespace qevr::json {
 
@@ -25,6 +29,7 @@ static void PrintTo(const Value& value, std::ostream* os) {
 namespace {
 
 using Kind = DecodingError::Kind;
+using qevr::testing::throwsWithMessage;
 using Path = std::vector<std::string>;
 
 // Runs `body` and returns the DecodingError it throws; fails the test if it
@@ -71,43 +76,25 @@ TEST(JsonParseTest, KeepsTheKindOfEachNumberAndDecodesEscapes) {
       {"[1, [], {}]", Value(Value::Array{Value(1), Value(Value::Array{}), Value(Value::Object{})})},
       {R"({"b":1,"a":2})", Value(Value::Object{{"b", Value(1)}, {"a", Value(2)}})},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(parse(c.text), c.expected);
-  }
+  for (const Case& c : cases)
+    EXPECT_EQ(parse(c.text), c.expected) << c.text;
 }
 
 TEST(JsonParseTest, RefusesWhatIsNotJsonAsDataCorrupted) {
-  const std::vector<std::string> cases = {
-      "",
-      "   ",
-      "{",
-      "[1,]",
-      R"({"a":1,})",
-      R"({"a" 1})",
-      "01",
-      "tru",
-      "NaN",
-      "'a'",
-      R"({"a":1} x)",
-      "1 2",
-      "\"\xFF\"",
-      R"("\ud800")",
-      R"("\x")",
-      "\"a\nb\"",
-      "1e400",
-      "18446744073709551616",
-      "-9223372036854775809",
-      std::string(kMaxNestingDepth + 1, '[') + std::string(kMaxNestingDepth + 1, ']'),
-  };
-  for (const std::string& text : cases) {
-    SCOPED_TRACE(text.substr(0, 40));
+  const auto expectRefused = [](std::string_view text) {
+    SCOPED_TRACE(std::string(text.substr(0, 40)));
     const DecodingError error = decodingErrorOf([&] { parse(text); });
     EXPECT_EQ(error.kind(), Kind::dataCorrupted);
     EXPECT_TRUE(error.codingPath().empty());
+  };
+  for (const char* text : {"", "   ", "{", "[1,]", "{\"a\":1,}", "{\"a\" 1}", "01", "tru", "NaN",
+                           "'a'", "{\"a\":1} x", "1 2", "\"\xFF\"", "\"\\ud800\"", "\"\\x\"",
+                           "\"a\nb\"", "1e400", "18446744073709551616", "-9223372036854775809"}) {
+    expectRefused(text);
   }
+  expectRefused(std::string(kMaxNestingDepth + 1, '[') + std::string(kMaxNestingDepth + 1, ']'));
   // An empty view with a null pointer, as an empty file's bytes give.
-  EXPECT_EQ(decodingErrorOf([] { parse(std::string_view()); }).kind(), Kind::dataCorrupted);
+  expectRefused(std::string_view());
 }
 
 TEST(JsonParseTest, AcceptsNestingUpToTheLimit) {
@@ -201,38 +188,27 @@ TEST_F(DecoderTest, FailuresCarryKindAndCodingPath) {
     Kind kind;
     Path path;
   };
+  using enum DecodingError::Kind;
   const std::vector<Case> cases = {
       {"wrong type deep inside",
        [&] { root["items"].at(1)["name"].asString(); },
-       Kind::typeMismatch,
+       typeMismatch,
        {"items", "Index 1", "name"}},
-      {"missing key", [&] { root["missing"]; }, Kind::keyNotFound, {"missing"}},
-      {"null for a required key", [&] { root["flag"]; }, Kind::valueNotFound, {"flag"}},
-      {"null converted", [&] { Decoder(Value()).asString(); }, Kind::valueNotFound, {}},
-      {"fraction as integer", [&] { root["count"].asInt64(); }, Kind::dataCorrupted, {"count"}},
-      {"1e30 as integer", [&] { root["big"].asInt64(); }, Kind::dataCorrupted, {"big"}},
-      {"2^64-1 as signed",
-       [&] { root["maxUnsigned"].asInt64(); },
-       Kind::dataCorrupted,
-       {"maxUnsigned"}},
-      {"negative as unsigned",
-       [&] { root["negative"].asUInt64(); },
-       Kind::dataCorrupted,
-       {"negative"}},
-      {"string as number", [&] { root["title"].asDouble(); }, Kind::typeMismatch, {"title"}},
-      {"number as bool", [&] { root["whole"].asBool(); }, Kind::typeMismatch, {"whole"}},
-      {"key of an array", [&] { root["items"]["name"]; }, Kind::typeMismatch, {"items"}},
-      {"index of an object", [&] { root["object"].at(0); }, Kind::typeMismatch, {"object"}},
-      {"index past the end",
-       [&] { root["items"].at(2); },
-       Kind::valueNotFound,
-       {"items", "Index 2"}},
-      {"bad Base64", [&] { root["badBytes"].asBase64Bytes(); }, Kind::dataCorrupted, {"badBytes"}},
-      {"bad UUID", [&] { root["title"].asUUID(); }, Kind::dataCorrupted, {"title"}},
-      {"explicit fail",
-       [&] { root["object"].fail(Kind::dataCorrupted, "custom"); },
-       Kind::dataCorrupted,
-       {"object"}},
+      {"missing key", [&] { root["missing"]; }, keyNotFound, {"missing"}},
+      {"null for a required key", [&] { root["flag"]; }, valueNotFound, {"flag"}},
+      {"null converted", [&] { Decoder(Value()).asString(); }, valueNotFound, {}},
+      {"fraction as integer", [&] { root["count"].asInt64(); }, dataCorrupted, {"count"}},
+      {"1e30 as integer", [&] { root["big"].asInt64(); }, dataCorrupted, {"big"}},
+      {"2^64-1 as signed", [&] { root["maxUnsigned"].asInt64(); }, dataCorrupted, {"maxUnsigned"}},
+      {"negative as unsigned", [&] { root["negative"].asUInt64(); }, dataCorrupted, {"negative"}},
+      {"string as number", [&] { root["title"].asDouble(); }, typeMismatch, {"title"}},
+      {"number as bool", [&] { root["whole"].asBool(); }, typeMismatch, {"whole"}},
+      {"key of an array", [&] { root["items"]["name"]; }, typeMismatch, {"items"}},
+      {"index of an object", [&] { root["object"].at(0); }, typeMismatch, {"object"}},
+      {"index past the end", [&] { root["items"].at(2); }, valueNotFound, {"items", "Index 2"}},
+      {"bad Base64", [&] { root["badBytes"].asBase64Bytes(); }, dataCorrupted, {"badBytes"}},
+      {"bad UUID", [&] { root["title"].asUUID(); }, dataCorrupted, {"title"}},
+      {"fail", [&] { root["object"].fail(dataCorrupted, "custom"); }, dataCorrupted, {"object"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
@@ -243,15 +219,15 @@ TEST_F(DecoderTest, FailuresCarryKindAndCodingPath) {
 }
 
 TEST_F(DecoderTest, DescriptionsNameWhatWasExpectedAndFound) {
-  const DecodingError mismatch = decodingErrorOf([&] { root["items"].at(1)["name"].asString(); });
-  EXPECT_EQ(mismatch.debugDescription(), "Expected a string but found a number.");
-  EXPECT_STREQ(mismatch.what(), "Expected a string but found a number. (path: items.Index 1.name)");
-
-  const DecodingError missing = decodingErrorOf([&] { root["missing"]; });
-  EXPECT_EQ(missing.debugDescription(), "No value associated with key \"missing\".");
-
-  const DecodingError fraction = decodingErrorOf([&] { root["count"].asInt64(); });
-  EXPECT_EQ(fraction.debugDescription(), "The number 1.5 does not fit in a 64-bit signed integer.");
+  EXPECT_THAT([&] { root["items"].at(1)["name"].asString(); },
+              throwsWithMessage<DecodingError>(
+                  "Expected a string but found a number. (path: items.Index 1.name)"));
+  EXPECT_THAT([&] { root["missing"]; },
+              throwsWithMessage<DecodingError>(
+                  "No value associated with key \"missing\". (path: missing)"));
+  EXPECT_THAT([&] { root["count"].asInt64(); },
+              throwsWithMessage<DecodingError>(
+                  "The number 1.5 does not fit in a 64-bit signed integer. (path: count)"));
 }
 
 // ---- Keyed enum form ----
@@ -277,42 +253,28 @@ TEST(KeyedEnumTest, DecodesTheOneRecognisedKey) {
       {R"({"environment":{"development":{"ignored":[1]}}})", Environment::development},
       {R"({"environment":{"production":{},"production":{}}})", Environment::production},
   };
-  for (const auto& [text, expected] : cases) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(decodeEnvironmentField(text), expected);
-  }
+  for (const auto& [text, expected] : cases)
+    EXPECT_EQ(decodeEnvironmentField(text), expected) << text;
 }
 
 TEST(KeyedEnumTest, RefusesAnythingButOneRecognisedKeyOverAnObject) {
-  constexpr const char* kCount = "Invalid number of keys found, expected one.";
-  struct Case {
-    std::string text;
-    Path path;
-    std::string description;
-  };
-  const std::vector<Case> cases = {
-      {R"({"environment":{"production":{},"staging":{}}})", {"environment"}, kCount},
-      {R"({"environment":{}})", {"environment"}, kCount},
-      {R"({"environment":{"note":{}}})", {"environment"}, kCount},
+  const std::string count = "Invalid number of keys found, expected one. (path: environment)";
+  const std::string expected = "Expected an object but found ";
+  const std::pair<std::string, std::string> cases[] = {
+      {R"({"environment":{"production":{},"staging":{}}})", count},
+      {R"({"environment":{}})", count},
+      {R"({"environment":{"note":{}}})", count},
       {R"({"environment":{"production":1}})",
-       {"environment", "production"},
-       "Expected an object but found a number."},
-      {R"({"environment":{"production":null}})",
-       {"environment", "production"},
-       "Expected an object but found null."},
-      {R"({"environment":"production"})",
-       {"environment"},
-       "Expected an object but found a string."},
-      {R"({"environment":["production"]})",
-       {"environment"},
-       "Expected an object but found an array."},
+       expected + "a number. (path: environment.production)"},
+      {R"({"environment":{"production":null}})", expected + "null. (path: environment.production)"},
+      {R"({"environment":"production"})", expected + "a string. (path: environment)"},
+      {R"({"environment":["production"]})", expected + "an array. (path: environment)"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    const DecodingError error = decodingErrorOf([&] { decodeEnvironmentField(c.text); });
-    EXPECT_EQ(error.kind(), Kind::typeMismatch);
-    EXPECT_EQ(error.codingPath(), c.path);
-    EXPECT_EQ(error.debugDescription(), c.description);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    const auto decode = [&] { decodeEnvironmentField(c.first); };
+    EXPECT_THAT(decode, throwsWithMessage<DecodingError>(c.second));
+    EXPECT_EQ(decodingErrorOf(decode).kind(), Kind::typeMismatch);
   }
 }
 
@@ -422,50 +384,30 @@ TEST(JsonWriterTest, PlacesCommasAndColonsInNestedContainers) {
 }
 
 TEST(JsonWriterTest, RefusesCallsOutOfSequence) {
-  const std::vector<std::pair<const char*, std::function<void(Writer&)>>> cases = {
-      {"value where a key is due",
-       [](Writer& w) {
-         w.beginObject();
-         w.integer(1);
-       }},
-      {"key in an array",
-       [](Writer& w) {
-         w.beginArray();
-         w.key("a");
-       }},
-      {"two keys",
-       [](Writer& w) {
-         w.beginObject();
-         w.key("a");
-         w.key("b");
-       }},
-      {"endArray closing an object",
-       [](Writer& w) {
-         w.beginObject();
-         w.endArray();
-       }},
-      {"endObject after a bare key",
-       [](Writer& w) {
-         w.beginObject();
-         w.key("a");
-         w.endObject();
-       }},
-      {"second top-level value",
-       [](Writer& w) {
-         w.integer(1);
-         w.integer(2);
-       }},
-      {"take of an open array",
-       [](Writer& w) {
-         w.beginArray();
-         w.take();
-       }},
-      {"take of nothing", [](Writer& w) { w.take(); }},
+  // Each call as one character: { } [ ] open and close, k writes a key, 1 a
+  // number and t takes the document.
+  const std::map<char, std::function<void(Writer&)>> calls = {
+      {'{', [](Writer& w) { w.beginObject(); }}, {'}', [](Writer& w) { w.endObject(); }},
+      {'[', [](Writer& w) { w.beginArray(); }},  {']', [](Writer& w) { w.endArray(); }},
+      {'k', [](Writer& w) { w.key("a"); }},      {'1', [](Writer& w) { w.integer(1); }},
+      {'t', [](Writer& w) { w.take(); }},
   };
-  for (const auto& [label, misuse] : cases) {
+  const std::pair<const char*, std::string> cases[] = {
+      {"value where a key is due", "{1"},
+      {"key in an array", "[k"},
+      {"two keys", "{kk"},
+      {"endArray closing an object", "{]"},
+      {"endObject after a bare key", "{k}"},
+      {"second top-level value", "11"},
+      {"take of an open array", "[t"},
+      {"take of nothing", "t"},
+  };
+  for (const auto& [label, script] : cases) {
     SCOPED_TRACE(label);
     Writer writer;
-    EXPECT_THROW(misuse(writer), std::logic_error);
+    for (std::size_t i = 0; i + 1 < script.size(); ++i)
+      calls.at(script[i])(writer);
+    EXPECT_THROW(calls.at(script.back())(writer), std::logic_error);
   }
 }
 

@@ -17,6 +17,16 @@ const std::string kFrance = "\U0001F1EB\U0001F1F7";
 const std::string kGermany = "\U0001F1E9\U0001F1EA";
 const std::string kReplacement = "\uFFFD";
 
+// Runs `body(t)` for t in [0, count) on threads of its own, all at once.
+template <typename F>
+void onThreads(std::size_t count, F body) {
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < count; ++t)
+    threads.emplace_back(body, t);
+  for (std::thread& thread : threads)
+    thread.join();
+}
+
 std::string repeated(const std::string& piece, int count) {
   std::string out;
   for (int i = 0; i < count; ++i)
@@ -26,14 +36,12 @@ std::string repeated(const std::string& piece, int count) {
 
 // ---- UTF-8 ----
 
-struct Utf8Case {
-  const char* label;
-  std::string input;
-  std::string repaired;  // equal to input when the input is valid
-};
-
 TEST(Utf8Test, ValidatesAndRepairsWithOneReplacementPerMaximalSubpart) {
-  const std::vector<Utf8Case> cases = {
+  const struct {
+    const char* label;
+    std::string input;
+    std::string repaired;  // equal to input when the input is valid
+  } cases[] = {
       {"ascii", "plain", "plain"},
       {"two-byte", "caf\u00E9", "caf\u00E9"},
       {"four-byte", "a\U0001F600b", "a\U0001F600b"},
@@ -56,7 +64,7 @@ TEST(Utf8Test, ValidatesAndRepairsWithOneReplacementPerMaximalSubpart) {
       {"long ASCII run then bad byte", std::string(20, 'x') + "\xFF",
        std::string(20, 'x') + kReplacement},
   };
-  for (const Utf8Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     EXPECT_EQ(isValidUtf8(c.input), c.input == c.repaired);
     EXPECT_EQ(repairUtf8(c.input), c.repaired);
@@ -85,14 +93,12 @@ TEST(Utf8Test, AppendUtf8WritesEachLengthAndReplacesSurrogates) {
 
 // ---- Normalisation ----
 
-struct NormalizationCase {
-  const char* label;
-  std::string input;
-  std::string nfc;
-};
-
 TEST(NormalizationTest, ComposesToNFCAndRepairsAtTheHostBoundary) {
-  const std::vector<NormalizationCase> cases = {
+  const struct {
+    const char* label;
+    std::string input;
+    std::string nfc;
+  } cases[] = {
       {"ascii", "Settings", "Settings"},
       {"e + combining acute", "Cafe\u0301", "Caf\u00E9"},
       {"A + ring", "A\u030A", "\u00C5"},
@@ -102,7 +108,7 @@ TEST(NormalizationTest, ComposesToNFCAndRepairsAtTheHostBoundary) {
       {"emoji untouched", kFamily, kFamily},
       {"ill-formed byte repaired", "e\u0301\xFF", "\u00E9" + kReplacement},
   };
-  for (const NormalizationCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     EXPECT_EQ(normalizeNFC(c.input), c.nfc);
     EXPECT_EQ(hostText(c.input), c.nfc);
@@ -118,14 +124,12 @@ TEST(NormalizationTest, CanonicallyEquivalentHostTextsBecomeByteEqual) {
 
 // ---- Trimming ----
 
-struct TrimCase {
-  const char* label;
-  std::string input;
-  std::string trimmed;
-};
-
 TEST(TrimTest, StripsSeparatorsAndControlWhitespaceFromBothEnds) {
-  const std::vector<TrimCase> cases = {
+  const struct {
+    const char* label;
+    std::string input;
+    std::string trimmed;
+  } cases[] = {
       {"empty", "", ""},
       {"ASCII spaces and controls", " \t\n\v\f\r checkout \r\n", "checkout"},
       {"inner spaces kept", "  a  b  ", "a  b"},
@@ -140,7 +144,7 @@ TEST(TrimTest, StripsSeparatorsAndControlWhitespaceFromBothEnds) {
       {"ill-formed byte stops the strip", " a\x80 ", "a\x80"},
       {"lone lead byte at the end", " \xE3", "\xE3"},
   };
-  for (const TrimCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     EXPECT_EQ(trim(c.input), c.trimmed);
     EXPECT_EQ(isBlank(c.input), c.trimmed.empty());
@@ -151,14 +155,12 @@ TEST(TrimTest, StripsSeparatorsAndControlWhitespaceFromBothEnds) {
 
 // ---- Grapheme clusters ----
 
-struct ClusterCase {
-  const char* label;
-  std::string text;
-  std::size_t clusters;
-};
-
 TEST(GraphemeTest, CountsExtendedGraphemeClusters) {
-  const std::vector<ClusterCase> cases = {
+  const struct {
+    const char* label;
+    std::string text;
+    std::size_t clusters;
+  } cases[] = {
       {"empty", "", 0},
       {"ascii", "screen", 6},
       {"CR LF is one", "\r\n", 1},
@@ -178,21 +180,17 @@ TEST(GraphemeTest, CountsExtendedGraphemeClusters) {
       {"mixed", "Hi " + kFamily + "!", 5},
       {"ill-formed bytes count one each", "a\xFF\xFE", 3},
   };
-  for (const ClusterCase& c : cases) {
-    SCOPED_TRACE(c.label);
-    EXPECT_EQ(graphemeCount(c.text), c.clusters);
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(graphemeCount(c.text), c.clusters) << c.label;
 }
 
-struct PrefixCase {
-  const char* label;
-  std::string text;
-  std::size_t maxClusters;
-  std::string prefix;
-};
-
 TEST(GraphemeTest, PrefixNeverCutsACluster) {
-  const std::vector<PrefixCase> cases = {
+  const struct {
+    const char* label;
+    std::string text;
+    std::size_t maxClusters;
+    std::string prefix;
+  } cases[] = {
       {"zero", "abc", 0, ""},
       {"ascii", "abc", 2, "ab"},
       {"more than there is", "abc", 10, "abc"},
@@ -203,10 +201,8 @@ TEST(GraphemeTest, PrefixNeverCutsACluster) {
       {"first family only", kFamily + kFamily, 1, kFamily},
       {"first flag only", kFrance + kGermany, 1, kFrance},
   };
-  for (const PrefixCase& c : cases) {
-    SCOPED_TRACE(c.label);
-    EXPECT_EQ(graphemePrefix(c.text, c.maxClusters), c.prefix);
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(graphemePrefix(c.text, c.maxClusters), c.prefix) << c.label;
 }
 
 TEST(GraphemeTest, NameLimitOf128CountsClustersNotBytesOrCodePoints) {
@@ -226,18 +222,11 @@ TEST(GraphemeTest, NameLimitOf128CountsClustersNotBytesOrCodePoints) {
 
 TEST(GraphemeTest, ThreadsCountConcurrentlyWithTheirOwnIterators) {
   const std::string text = repeated(kFamily + "ab\u0301" + kFrance, 20);
-  std::vector<std::thread> threads;
   std::vector<std::size_t> results(4);
-  for (std::size_t t = 0; t < results.size(); ++t) {
-    threads.emplace_back([&, t] {
-      std::size_t total = 0;
-      for (int i = 0; i < 200; ++i)
-        total += graphemeCount(text);
-      results[t] = total;
-    });
-  }
-  for (std::thread& thread : threads)
-    thread.join();
+  onThreads(results.size(), [&](std::size_t t) {
+    for (int i = 0; i < 200; ++i)
+      results[t] += graphemeCount(text);
+  });
   for (std::size_t total : results)
     EXPECT_EQ(total, 200u * 80u);
 }
@@ -256,10 +245,8 @@ TEST(CaseTest, LowercasesWithTheRootLocaleFullMapping) {
       {kFamily, kFamily},
       {"A\xFF", "a" + kReplacement},
   };
-  for (const auto& [input, expected] : cases) {
-    SCOPED_TRACE(input);
-    EXPECT_EQ(lowercased(input), expected);
-  }
+  for (const auto& [input, expected] : cases)
+    EXPECT_EQ(lowercased(input), expected) << input;
 }
 
 TEST(CharacterClassTest, LettersAndNumbersOfEveryScript) {
@@ -268,10 +255,8 @@ TEST(CharacterClassTest, LettersAndNumbersOfEveryScript) {
       {0x0663, true}, {0x00BD, true},  {0x2167, true},   {U' ', false},   {U'_', false},
       {U'-', false},  {0x0301, false}, {0x1F600, false}, {0x3000, false}, {0x110000, false},
   };
-  for (const auto& [c, expected] : cases) {
-    SCOPED_TRACE(static_cast<std::uint32_t>(c));
-    EXPECT_EQ(isLetterOrNumber(c), expected);
-  }
+  for (const auto& [c, expected] : cases)
+    EXPECT_EQ(isLetterOrNumber(c), expected) << static_cast<std::uint32_t>(c);
 }
 
 // ---- Regular expressions ----
@@ -280,17 +265,15 @@ constexpr const char* kEmailPattern = "[A-Z0-9._%+-]+@[A-Z0-9.-]+\\.[A-Z]{2,}";
 constexpr const char* kPhonePattern = "\\+?[0-9][0-9 .()\\-]{7,}[0-9]";
 constexpr const char* kSecretPattern = "(?i)\\b(password|token|secret)\\b\\s*[:=]\\s*[^,;\\n]+";
 
-struct RegexCase {
-  const char* label;
-  const char* pattern;
-  bool caseInsensitive;
-  std::string input;
-  std::string replacement;
-  std::string expected;
-};
-
 TEST(RegexReplacerTest, ReplacesEveryMatchWithIcuSemantics) {
-  const std::vector<RegexCase> cases = {
+  const struct {
+    const char* label;
+    const char* pattern;
+    bool caseInsensitive;
+    std::string input;
+    std::string replacement;
+    std::string expected;
+  } cases[] = {
       {"e-mail, any case", kEmailPattern, true, "mail Bob.Smith@Example.COM now", "[redacted]",
        "mail [redacted] now"},
       {"e-mail needs the flag", kEmailPattern, false, "bob@example.com", "[redacted]",
@@ -310,7 +293,7 @@ TEST(RegexReplacerTest, ReplacesEveryMatchWithIcuSemantics) {
       {"escaped dollar is literal", "a", false, "cat", "\\$", "c$t"},
       {"no match returns the input", "z", false, kFamily, "y", kFamily},
   };
-  for (const RegexCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     const RegexReplacer replacer = RegexReplacer::compile(c.pattern, c.caseInsensitive);
     EXPECT_EQ(replacer.replaceAll(c.input, c.replacement), c.expected);
@@ -330,18 +313,13 @@ TEST(RegexReplacerTest, RejectsBadPatternsAndTemplates) {
 
 TEST(RegexReplacerTest, OneCompiledPatternServesManyThreads) {
   const RegexReplacer replacer = RegexReplacer::compile(kEmailPattern, true);
-  std::vector<std::thread> threads;
   std::vector<int> mismatches(4, 0);
-  for (std::size_t t = 0; t < mismatches.size(); ++t) {
-    threads.emplace_back([&, t] {
-      const std::string input = "user" + std::to_string(t) + "@example.org wrote";
-      for (int i = 0; i < 200; ++i) {
-        if (replacer.replaceAll(input, "[redacted]") != "[redacted] wrote") ++mismatches[t];
-      }
-    });
-  }
-  for (std::thread& thread : threads)
-    thread.join();
+  onThreads(mismatches.size(), [&](std::size_t t) {
+    const std::string input = "user" + std::to_string(t) + "@example.org wrote";
+    for (int i = 0; i < 200; ++i) {
+      if (replacer.replaceAll(input, "[redacted]") != "[redacted] wrote") ++mismatches[t];
+    }
+  });
   for (int count : mismatches)
     EXPECT_EQ(count, 0);
 }

@@ -1,5 +1,6 @@
 #include <QEVRPlatform/Json.h>
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
+#include <QEVRecommendations/QEVRecommendationPolicyEvaluator.h>
 
 #include <gtest/gtest.h>
 
@@ -9,23 +10,32 @@ namespace {
 
 using Action = QEVRecommendationAction;
 using Policy = QEVRecommendationPolicy;
+using Type = QEVRecommendationType;
 using qevr::testing::recommendation;
+
+// Everything allowed at any confidence, with these protected names.
+Policy protecting(std::unordered_set<std::string> componentIds,
+                  std::unordered_set<std::string> screenNames = {}) {
+  return Policy(0.0, true, true, true, true, true, 10, std::move(componentIds),
+                std::move(screenNames));
+}
+
+QEVRecommendation ofType(Type type, Action action = Action::showHelp({}, {}, "Home")) {
+  return recommendation(std::move(action), 0.8, QEVRecommendationPriority::high, type);
+}
 
 TEST(QEVRecommendationPolicyTest, InitialiserClampsAndDerivesGameplayFromTheDomain) {
   const Policy clamped(1.5, true, true, true, true, std::nullopt, -2);
   EXPECT_EQ(clamped.minimumConfidence(), 1.0);
   EXPECT_EQ(clamped.maxRecommendations(), 0);
   EXPECT_EQ(Policy(-0.0).minimumConfidence(), 0.0);
-  EXPECT_EQ(Policy(0.3).minimumConfidence(), 0.3);
 
   EXPECT_TRUE(Policy::defaultPolicy(QEVExperienceDomain::game()).allowGameplayRecommendations());
   EXPECT_FALSE(
       Policy::defaultPolicy(QEVExperienceDomain::custom("game")).allowGameplayRecommendations());
   EXPECT_FALSE(Policy::defaultPolicy(std::nullopt).allowGameplayRecommendations());
-  EXPECT_TRUE(Policy(0.65, true, true, true, true, true).allowGameplayRecommendations());
   EXPECT_FALSE(Policy(0.65, true, true, true, true, false, 10, {}, {}, QEVExperienceDomain::game())
                    .allowGameplayRecommendations());
-  EXPECT_EQ(Policy::defaultPolicy(std::nullopt), Policy());
 }
 
 TEST(QEVRecommendationPolicyTest, JSONRoundTripsAndDecodesWithoutClamps) {
@@ -37,19 +47,20 @@ TEST(QEVRecommendationPolicyTest, JSONRoundTripsAndDecodesWithoutClamps) {
             R"("allowPersonalization":true,"allowGameplayRecommendations":false,)"
             R"("maxRecommendations":10,"protectedComponentIds":[],"protectedScreenNames":[]})");
   const Policy raw = Policy::fromJSON(
-      R"({"minimumConfidence":7.5,"allowUIRecommendations":true,)"
+      R"({"minimumConfidence":-7.5,"allowUIRecommendations":true,)"
       R"("allowNavigationRecommendations":true,"allowFeatureRecommendations":true,)"
       R"("allowPersonalization":true,"allowGameplayRecommendations":false,)"
       R"("maxRecommendations":-4,"protectedComponentIds":["x"],"protectedScreenNames":[]})");
-  EXPECT_EQ(raw.minimumConfidence(), 7.5);
+  EXPECT_EQ(raw.minimumConfidence(), -7.5);
   EXPECT_EQ(raw.maxRecommendations(), -4);
+  // A negative maximum keeps nothing.
+  EXPECT_TRUE(QEVRecommendationPolicyEvaluator().apply({ofType(Type::ui)}, raw).empty());
   EXPECT_THROW(Policy::fromJSON(R"({"minimumConfidence":0.5})"), qevr::json::DecodingError);
 }
 
 TEST(QEVRecommendationPolicyTest, NormalizedKeyKeepsLettersAndNumbersOnly) {
   EXPECT_EQ(normalizedRecommendationKey("Home Screen"), "homescreen");
-  EXPECT_EQ(normalizedRecommendationKey("home_screen"), "homescreen");
-  EXPECT_EQ(normalizedRecommendationKey("  HOME-screen \n"), "homescreen");
+  EXPECT_EQ(normalizedRecommendationKey("  HOME_screen-\n"), "homescreen");
   EXPECT_EQ(normalizedRecommendationKey("Écran 2!"), "écran2");
   EXPECT_EQ(normalizedRecommendationKey("---"), "");
 }
@@ -66,38 +77,31 @@ TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
   const Case cases[] = {
       {"at the minimum", Policy(0.65), recommendation(help, 0.65), true},
       {"below the minimum", Policy(0.65), recommendation(help, 0.649), false},
-      {"protected id normalised", Policy(0.0, true, true, true, true, true, 10, {"Home-Banner"}),
+      {"protected id normalised", protecting({"Home-Banner"}),
        recommendation(Action::highlightComponent("home banner", std::nullopt)), false},
-      {"protected id empty after normalising",
-       Policy(0.0, true, true, true, true, true, 10, {"---"}),
+      {"protected id empty after normalising", protecting({"---"}),
        recommendation(Action::highlightComponent("---", std::nullopt)), true},
-      {"feature counts as component",
-       Policy(0.0, true, true, true, true, true, 10, {"challengemode"}),
+      {"feature counts as component", protecting({"challengemode"}),
        recommendation(Action::suggestFeature("challenge_mode", std::nullopt, std::nullopt)), false},
-      {"custom destination screen", Policy(0.0, true, true, true, true, true, 10, {}, {"Cart"}),
+      {"custom destination screen", protecting({}, {"Cart"}),
        recommendation(Action::custom({{"destinationScreen", "cart"}})), false},
-      {"custom component key", Policy(0.0, true, true, true, true, true, 10, {"cart"}),
+      {"custom component key", protecting({"cart"}),
        recommendation(Action::custom({{"componentId", "Cart"}})), false},
-      {"game mode counts as screen",
-       Policy(0.0, true, true, true, true, true, 10, {}, {"hard mode"}),
-       recommendation(Action::adjustDifficulty(1, std::nullopt, "Hard_Mode"), 0.8,
-                      QEVRecommendationPriority::high, QEVRecommendationType::gameplay),
-       false},
-      {"shortcut source screen", Policy(0.0, true, true, true, true, true, 10, {}, {"Home"}),
+      {"game mode counts as screen", protecting({}, {"hard mode"}),
+       ofType(Type::gameplay, Action::adjustDifficulty(1, std::nullopt, "Hard_Mode")), false},
+      {"shortcut source screen", protecting({}, {"Home"}),
        recommendation(Action::suggestShortcut(std::nullopt, std::nullopt, "home", "Cart", "x")),
        false},
-      {"ui switched off", Policy(0.0, false), recommendation(help), false},
-      {"navigation switched off", Policy(0.0, true, false),
-       recommendation(help, 0.8, QEVRecommendationPriority::high,
-                      QEVRecommendationType::navigation),
+      {"ui switched off", Policy(0.0, false), ofType(Type::ui), false},
+      {"navigation switched off", Policy(0.0, true, false), ofType(Type::navigation), false},
+      {"feature switched off", Policy(0.0, true, true, false), ofType(Type::feature), false},
+      {"personalization switched off", Policy(0.0, true, true, true, false), ofType(Type::ui),
        false},
-      {"gameplay switched off", Policy(0.0, true, true, true, true, false),
-       recommendation(help, 0.8, QEVRecommendationPriority::high, QEVRecommendationType::gameplay),
+      {"gameplay switched off", Policy(0.0, true, true, true, true, false), ofType(Type::gameplay),
        false},
+      {"gameplay switched on", protecting({}), ofType(Type::gameplay), true},
       {"diagnostic has no switch", Policy(0.0, false, false, false, true, false),
-       recommendation(help, 0.8, QEVRecommendationPriority::high,
-                      QEVRecommendationType::diagnostic),
-       true},
+       ofType(Type::diagnostic), true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -108,22 +112,8 @@ TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
   for (int i = 0; i < 5; ++i)
     many.push_back(recommendation(help, 0.9 - i * 0.1));
   const auto cut = evaluator.apply(many, Policy(0.65, true, true, true, true, false, 2));
-  ASSERT_EQ(cut.size(), 2u);
-  EXPECT_EQ(cut[0], many[0]);
-  EXPECT_EQ(cut[1], many[1]);
+  EXPECT_EQ(cut, (std::vector<QEVRecommendation>{many[0], many[1]}));
   EXPECT_TRUE(evaluator.apply(many, Policy(0.0, true, true, true, true, false, 0)).empty());
-  EXPECT_TRUE(evaluator.apply(many, Policy(0.0, true, true, true, false)).empty());
-  // A decoded policy may hold a negative maximum.
-  EXPECT_TRUE(
-      evaluator
-          .apply(many, Policy::fromJSON(R"({"minimumConfidence":0,"allowUIRecommendations":true,)"
-                                        R"("allowNavigationRecommendations":true,)"
-                                        R"("allowFeatureRecommendations":true,)"
-                                        R"("allowPersonalization":true,)"
-                                        R"("allowGameplayRecommendations":true,)"
-                                        R"("maxRecommendations":-1,"protectedComponentIds":[],)"
-                                        R"("protectedScreenNames":[]})"))
-          .empty());
 }
 
 }  // namespace

@@ -60,62 +60,37 @@ TEST(QEVRecommendationTest, ChecksRunInOrderAndTheFirstFailureWins) {
   }
   // Stored as given: surrounding spaces stay.
   EXPECT_EQ(make("  Title ", "S", 0.5, good).title(), "  Title ");
-  EXPECT_EQ(Error::emptyRequiredText("title"), Error::emptyRequiredText("title"));
-  EXPECT_NE(Error::emptyRequiredText("title"), Error::emptyRequiredText("summary"));
 }
 
 TEST(QEVRecommendationTest, ActionValidationMessages) {
   using P = QEVRecommendationFeaturePayload;
-  struct Case {
-    std::function<Action()> action;
+  const struct {
+    Action action;
     std::string message;
-  };
-  const Case cases[] = {
-      {[] { return Action::reorderComponent(" ", std::nullopt, 0); },
-       "componentId must not be empty."},
-      {[] { return Action::reorderComponent("a", "", 0); }, "screenName must not be empty."},
-      {[] { return Action::reorderComponent("a", std::nullopt, -1); },
-       "targetPosition must not be negative."},
-      {[] { return Action::reorderComponent("a", std::nullopt, 0); }, ""},
-      {[] { return Action::hideComponent("", "Home"); }, "componentId must not be empty."},
-      {[] {
-         return Action::suggestShortcut(std::nullopt, std::nullopt, "Home", std::nullopt,
-                                        std::nullopt);
-       },
+  } cases[] = {
+      {Action::reorderComponent(" ", std::nullopt, 0), "componentId must not be empty."},
+      {Action::reorderComponent("a", "", 0), "screenName must not be empty."},
+      {Action::reorderComponent("a", std::nullopt, -1), "targetPosition must not be negative."},
+      {Action::reorderComponent("a", std::nullopt, 0), ""},
+      {Action::hideComponent("", "Home"), "componentId must not be empty."},
+      {Action::suggestShortcut({}, {}, "Home", {}, {}),
        "suggestShortcut requires componentId, screenName, destinationScreen, or shortcutId."},
-      {[] {
-         return Action::suggestShortcut(std::nullopt, std::nullopt, "Home", std::nullopt, " ");
-       },
-       "shortcutId must not be empty."},
-      {[] {
-         return Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt, std::nullopt,
-                                        "s");
-       },
-       ""},
-      {[] { return Action::suggestFeature("Tutorial", std::nullopt, P("tutorial", "T", "r")); },
+      {Action::suggestShortcut({}, {}, "Home", {}, " "), "shortcutId must not be empty."},
+      {Action::suggestShortcut({}, {}, {}, {}, "s"), ""},
+      {Action::suggestFeature("Tutorial", {}, P("tutorial", "T", "r")),
        "featurePayload.featureId must match featureId."},
-      {[] { return Action::suggestFeature(" ", std::nullopt, std::nullopt); },
-       "featureId must not be empty."},
-      {[] { return Action::adjustDifficulty(3.0, std::nullopt, std::nullopt); }, ""},
-      {[] { return Action::adjustDifficulty(-3.0, std::nullopt, std::nullopt); }, ""},
-      {[] { return Action::adjustDifficulty(-3.0, " ", std::nullopt); },
-       "difficultyReason must not be empty."},
-      {[] { return Action::showHelp(std::nullopt, std::nullopt, std::nullopt); },
-       "showHelp requires componentId, featureId, or screenName."},
-      {[] { return Action::showHelp(std::nullopt, "", std::nullopt); },
-       "featureId must not be empty."},
-      {[] {
-         return Action::custom({{" ", "v"}});
-       },
-       "customPayload key must not be empty."},
-      {[] {
-         return Action::custom({{"k", "\n"}});
-       },
-       "customPayload value must not be empty."},
+      {Action::suggestFeature(" ", {}, {}), "featureId must not be empty."},
+      {Action::adjustDifficulty(3.0, {}, {}), ""},
+      {Action::adjustDifficulty(-3.0, {}, {}), ""},
+      {Action::adjustDifficulty(-3.0, " ", {}), "difficultyReason must not be empty."},
+      {Action::showHelp({}, {}, {}), "showHelp requires componentId, featureId, or screenName."},
+      {Action::showHelp({}, "", {}), "featureId must not be empty."},
+      {Action::custom({{" ", "v"}}), "customPayload key must not be empty."},
+      {Action::custom({{"k", "\n"}}), "customPayload value must not be empty."},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
-    EXPECT_EQ(validationMessage([&] { c.action().validate(); }), c.message);
+    EXPECT_EQ(validationMessage([&] { c.action.validate(); }), c.message);
   }
   for (double delta : {0.0, -0.0, 3.1, -3.1, kInf, -kInf, kNaN}) {
     SCOPED_TRACE(delta);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRecommendations/QEVFixedRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendation.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 

@@ -3,6 +3,7 @@
 #include "InspectionSupport.h"
 #include "StoreReader.h"
 
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 #include <QEVRPlatform/Json.h>
 

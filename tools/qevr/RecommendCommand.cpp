@@ -2,8 +2,10 @@
 
 #include "InspectionSupport.h"
 
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 #include <QEVRPlatform/Json.h>
+#include <QEVRecommendations/QEVFixedRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationsGenerator.h>

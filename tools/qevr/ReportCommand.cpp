@@ -5,9 +5,11 @@
 #include "report/GraphLayout.h"
 #include "report/ReportPage.h"
 
+#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
 #include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Tasks.h>
+#include <QEVRecommendations/QEVFixedRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationsGenerator.h>

@@ -46,7 +46,7 @@ std::uint64_t SimulatedUser::visit(std::uint64_t count) {
         break;
       case 6:
       case 7:
-        ok = QEVR::Observer::gesture(allGestureTypes[pick(allGestureTypes.size())],
+        ok = QEVR::Observer::gesture(kAllGestureTypes[pick(kAllGestureTypes.size())],
                                      kComponents[pick(kComponents.size())], {});
         break;
       default:

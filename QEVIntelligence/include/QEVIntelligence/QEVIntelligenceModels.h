@@ -134,6 +134,10 @@ struct QEVR_API QEVBehaviorSummary {
   bool operator==(const QEVBehaviorSummary&) const = default;
   void encode(qevr::json::Writer& writer) const;
   static QEVBehaviorSummary decode(const qevr::json::Decoder& decoder);
+  // Compact JSON with the default date strategy (seconds since 2001);
+  // fromJSON throws what decode throws.
+  std::string toJSON() const;
+  static QEVBehaviorSummary fromJSON(std::string_view json);
 };
 
 struct QEVR_API QEVIntentAnalysis {
@@ -149,6 +153,8 @@ struct QEVR_API QEVIntentAnalysis {
   bool operator==(const QEVIntentAnalysis&) const = default;
   void encode(qevr::json::Writer& writer) const;
   static QEVIntentAnalysis decode(const qevr::json::Decoder& decoder);
+  std::string toJSON() const;
+  static QEVIntentAnalysis fromJSON(std::string_view json);
 };
 
 struct QEVR_API QEVFrustrationAnalysis {
@@ -165,6 +171,8 @@ struct QEVR_API QEVFrustrationAnalysis {
   bool operator==(const QEVFrustrationAnalysis&) const = default;
   void encode(qevr::json::Writer& writer) const;
   static QEVFrustrationAnalysis decode(const qevr::json::Decoder& decoder);
+  std::string toJSON() const;
+  static QEVFrustrationAnalysis fromJSON(std::string_view json);
 };
 
 struct QEVR_API QEVSkillAnalysis {
@@ -182,21 +190,6 @@ struct QEVR_API QEVSkillAnalysis {
   bool operator==(const QEVSkillAnalysis&) const = default;
   void encode(qevr::json::Writer& writer) const;
   static QEVSkillAnalysis decode(const qevr::json::Decoder& decoder);
+  std::string toJSON() const;
+  static QEVSkillAnalysis fromJSON(std::string_view json);
 };
-
-// Compact JSON of any result with the default date strategy (seconds since
-// 2001), and the matching decoders; fromJSON throws what decode throws.
-QEVR_API std::string toJSON(const QEVBehaviorSummary& value);
-QEVR_API std::string toJSON(const QEVIntentAnalysis& value);
-QEVR_API std::string toJSON(const QEVFrustrationAnalysis& value);
-QEVR_API std::string toJSON(const QEVSkillAnalysis& value);
-template <typename Record>
-Record analysisFromJSON(std::string_view json);
-template <>
-QEVR_API QEVBehaviorSummary analysisFromJSON<QEVBehaviorSummary>(std::string_view json);
-template <>
-QEVR_API QEVIntentAnalysis analysisFromJSON<QEVIntentAnalysis>(std::string_view json);
-template <>
-QEVR_API QEVFrustrationAnalysis analysisFromJSON<QEVFrustrationAnalysis>(std::string_view json);
-template <>
-QEVR_API QEVSkillAnalysis analysisFromJSON<QEVSkillAnalysis>(std::string_view json);

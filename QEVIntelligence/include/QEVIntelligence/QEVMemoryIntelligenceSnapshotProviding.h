@@ -17,27 +17,3 @@ class QEVR_API QEVMemoryIntelligenceSnapshotProviding {
   // source throws.
   virtual QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) const = 0;
 };
-
-// The source in a running system: QEVR::Memory::intelligenceSnapshot(), a
-// fresh read of the store on each call.
-class QEVR_API QEVMemoryIntelligenceSnapshotProvider final
-    : public QEVMemoryIntelligenceSnapshotProviding {
- public:
-  QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) const override;
-};
-
-// Always the same snapshot, for tools that read a store once and analyse it
-// several times, and for benchmarks and tests.
-class QEVR_API QEVFixedIntelligenceSnapshotProvider final
-    : public QEVMemoryIntelligenceSnapshotProviding {
- public:
-  explicit QEVFixedIntelligenceSnapshotProvider(QEVMemoryIntelligenceSnapshot snapshot)
-      : fixed(std::move(snapshot)) {}
-
-  // A copy of the snapshot; throws QEVRCancellationError once `stop` is
-  // requested.
-  QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) const override;
-
- private:
-  const QEVMemoryIntelligenceSnapshot fixed;
-};

@@ -216,7 +216,7 @@ class QEVR_API QEVObserverEvent {
 // (grapheme clusters) after trimming. Host text is first repaired to valid
 // UTF-8 in NFC, so that equal texts are equal bytes from here on.
 namespace QEVObserverInputValidation {
-inline constexpr std::size_t maxLength = 128;
+inline constexpr std::size_t kMaxLength = 128;
 // Trimmed; blank -> emptyName; too long -> nameTooLong.
 QEVR_API std::string requiredName(std::string_view raw);
 // Trimmed; blank -> absent (no error); too long -> nameTooLong.

@@ -61,14 +61,3 @@ class QEVR_API QEVObserverEventDispatcher {
   std::optional<QEVRUUID> session QEVR_GUARDED_BY(lock);
   std::shared_ptr<const SinkList> sinks QEVR_GUARDED_BY(lock) = std::make_shared<SinkList>();
 };
-
-// Keeps every event it receives, without bound. For diagnostics and tests.
-class QEVR_API QEVObserverInMemoryEventSink : public QEVObserverEventSink {
- public:
-  void receive(const QEVObserverEvent& event) override;
-  std::vector<QEVObserverEvent> storedEvents() const;
-
- private:
-  mutable qevr::Mutex lock;
-  std::vector<QEVObserverEvent> events QEVR_GUARDED_BY(lock);
-};

@@ -15,9 +15,10 @@
 // within 200 ms, that call saves one chunk itself and returns.
 #pragma once
 
+#include <QEVObserver/QEVGestureType.h>
 #include <QEVObserver/QEVObserverEvent.h>
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
-#include <QEVObserver/QEVObserverTrackers.h>
+#include <QEVObserver/QEVObserverSession.h>
 #include <QEVRPlatform/Export.h>
 
 #include <optional>

@@ -4,13 +4,18 @@
 #include <QEVObserver/QEVObserverEventDispatcher.h>
 #include <QEVObserver/QEVObserverIntegration.h>
 #include <QEVObserver/QEVObserverPrivacyOptions.h>
-#include <QEVObserver/QEVObserverTrackers.h>
 #include <QEVRCore/QEVRModule.h>
 #include <QEVRPlatform/Export.h>
 #include <QEVRPlatform/ThreadAnnotations.h>
 
 #include <memory>
 #include <optional>
+
+class QEVComponentInteractionTracker;
+class QEVGestureTracker;
+class QEVNavigationTracker;
+class QEVScreenTracker;
+class QEVSessionTracker;
 
 // "com.qevr.observer". Owns one dispatcher and one set of trackers for its
 // whole life; start and shutdown may alternate any number of times.

@@ -30,7 +30,7 @@ struct QEVR_API QEVObserverPrivacyOptions {
 
 // Sanitisation rules shared by sanitized().
 namespace QEVObserverSanitization {
-inline constexpr std::size_t maxLength = 1024;
+inline constexpr std::size_t kMaxLength = 1024;
 // True when the locale-independent lower-cased key contains "password",
 // "token", "secret", "auth", "email" or "phone".
 QEVR_API bool isSensitiveKey(std::string_view key);

@@ -8,6 +8,7 @@
 #include <QEVRecommendations/QEVGameplayRecommendationEngine.h>
 #include <QEVRecommendations/QEVNavigationRecommendationEngine.h>
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
+#include <QEVRecommendations/QEVRecommendationPolicyEvaluator.h>
 #include <QEVRecommendations/QEVUIRecommendationEngine.h>
 
 #include <cstdint>

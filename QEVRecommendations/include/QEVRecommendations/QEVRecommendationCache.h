@@ -65,11 +65,11 @@ struct QEVR_API std::hash<QEVRecommendationCacheKey> {
 class QEVR_API QEVRecommendationCache {
  public:
   using Clock = std::function<QEVRDate()>;
-  static constexpr double defaultTTLSeconds = 300.0;
+  static constexpr double kDefaultTTLSeconds = 300.0;
 
   // `now` must be callable from any thread.
   explicit QEVRecommendationCache(
-      Clock now = [] { return qevr::now(); }, double ttlSeconds = defaultTTLSeconds);
+      Clock now = [] { return qevr::now(); }, double ttlSeconds = kDefaultTTLSeconds);
 
   // The stored list without the recommendations that have expired by now;
   // absent when there is none, when it is older than the TTL (an entry

@@ -84,15 +84,3 @@ QEVR_API std::string normalizedRecommendationKey(std::string_view text);
 // "sourceScreen", "destinationScreen") count likewise.
 QEVR_API std::vector<std::string> componentIdentifiersOf(const QEVRecommendationAction& action);
 QEVR_API std::vector<std::string> screenIdentifiersOf(const QEVRecommendationAction& action);
-
-// Stateless.
-class QEVR_API QEVRecommendationPolicyEvaluator {
- public:
-  // Empty when the policy allows no results or no personalisation.
-  // Otherwise drops, in order, what is below the minimum confidence, of a
-  // switched-off type, or touching a protected component or screen
-  // (compared in normalizedRecommendationKey form), and returns the first
-  // maxRecommendations of the rest in their given order.
-  std::vector<QEVRecommendation> apply(const std::vector<QEVRecommendation>& recommendations,
-                                       const QEVRecommendationPolicy& policy) const;
-};

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-struct QEVR_API QEVRLogRecord {
+struct QEVRLogRecord {
   QEVRDate timestamp;
   QEVRLogLevel level = QEVRLogLevel::info;
   std::string subsystem;
@@ -29,7 +29,7 @@ struct QEVR_API QEVRLogRecord {
 
 // Receives the records that pass the logger's level. Called from any thread,
 // never under the logger's lock.
-class QEVR_API QEVRLogSink {
+class QEVRLogSink {
  public:
   virtual ~QEVRLogSink() = default;
   virtual void write(const QEVRLogRecord& record) = 0;
@@ -39,12 +39,12 @@ class QEVR_API QEVRLogSink {
 // and category, at the mapped type (trace/debug -> debug, info -> info,
 // warning/off -> default, error -> error, critical -> fault). A type the
 // platform sink has disabled is dropped before the line is built.
-class QEVR_API QEVROSLogSink final : public QEVRLogSink {
+class QEVROSLogSink final : public QEVRLogSink {
  public:
   void write(const QEVRLogRecord& record) override;
 };
 
-class QEVR_API QEVRLogger {
+class QEVRLogger {
  public:
   QEVRLogger(std::string subsystem, QEVRLogLevel minimumLevel, std::shared_ptr<QEVRLogSink> sink);
 
