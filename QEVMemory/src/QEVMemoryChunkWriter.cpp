@@ -2,18 +2,6 @@
 
 #include <QEVRPlatform/Tasks.h>
 
-std::optional<QEVMemoryEvent> QEVMemoryEventStore::record(const QEVObserverEvent& event) {
-  qevr::MutexLock guard(lock);
-  auto converted = QEVMemoryEvent::from(event, next);
-  if (converted) ++next;
-  return converted;
-}
-
-std::uint64_t QEVMemoryEventStore::nextSequenceNumber() const {
-  qevr::MutexLock guard(lock);
-  return next;
-}
-
 QEVMemoryChunkWriter::QEVMemoryChunkWriter(std::shared_ptr<QEVMemoryStore> chunkStore,
                                            std::int64_t maxEvents, std::int64_t version,
                                            std::shared_ptr<const QEVMemoryPruner> chunkPruner,
@@ -200,7 +188,7 @@ void QEVMemoryChunkWriter::Shared::saveThenPrune(const QEVMemoryEventChunk& chun
   // saves a pool thread runs one itself, so that the store stays near its
   // budget. Never the host's thread: it only saves.
   if (!onCallingThread &&
-      savesSinceRun.fetch_add(1, std::memory_order_acq_rel) + 1 >= savesPerRunDuringBurst) {
+      savesSinceRun.fetch_add(1, std::memory_order_acq_rel) + 1 >= kSavesPerRunDuringBurst) {
     runPrune({});
   }
   schedulePrune();

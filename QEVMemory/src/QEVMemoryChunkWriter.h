@@ -1,5 +1,5 @@
-// The head of the memory pipeline: numbering events and gathering them into
-// chunks that are saved in the background.
+// The head of the memory pipeline: gathering numbered events into chunks
+// that are saved in the background.
 #pragma once
 
 #include <QEVMemory/QEVMemoryEvent.h>
@@ -22,19 +22,6 @@
 #include <utility>
 #include <vector>
 
-// Converts observer events and numbers them from 1, one process-lifetime
-// counter per module. Thread-safe.
-class QEVMemoryEventStore {
- public:
-  // The converted event with the next sequence number.
-  std::optional<QEVMemoryEvent> record(const QEVObserverEvent& event);
-  std::uint64_t nextSequenceNumber() const;
-
- private:
-  mutable qevr::Mutex lock;
-  std::uint64_t next QEVR_GUARDED_BY(lock) = 1;
-};
-
 // Gathers events into an open chunk, closes it at 100 events or at a
 // sessionEnd, and saves closed chunks on background tasks of its executor,
 // each save followed by a pruning run.
@@ -43,8 +30,8 @@ class QEVMemoryEventStore {
 // held while a task starts, a save runs or a host waits. Pruning runs that
 // have not started yet are merged (they would all see the same files), so
 // however fast chunks arrive at most one run waits. Saves in flight pass
-// through a QEVMemoryInFlightGate: at maxPendingSaves, the thread that brings
-// the next chunk waits until the saves are down to resumeAt, so memory stays
+// through a QEVMemoryInFlightGate: at kMaxPendingSaves, the thread that brings
+// the next chunk waits until the saves are down to kResumeAt, so memory stays
 // bounded, no chunk is dropped, and a host that outruns the disk pauses once
 // per dozen chunks. When the wait times out, that thread saves the chunk
 // itself, directly, running no other queued work.
@@ -70,22 +57,22 @@ class QEVMemoryChunkWriter {
     virtual void afterSave() {}
   };
 
-  static constexpr std::int64_t defaultMaxEventsPerChunk = 100;
-  static constexpr std::int64_t currentSchemaVersion = 1;
-  static constexpr int maxPendingSaves = 16;
-  // A host that finds every slot taken waits until no more than resumeAt
+  static constexpr std::int64_t kDefaultMaxEventsPerChunk = 100;
+  static constexpr std::int64_t kCurrentSchemaVersion = 1;
+  static constexpr int kMaxPendingSaves = 16;
+  // A host that finds every slot taken waits until no more than kResumeAt
   // saves are left, for at most `longestWait`; then it saves the chunk
   // itself.
-  static constexpr int resumeAt = QEVMemoryInFlightGate::resumeAtFor(maxPendingSaves);
+  static constexpr int kResumeAt = QEVMemoryInFlightGate::resumeAtFor(kMaxPendingSaves);
   // While saves keep the pool busy, a pool thread runs the pruning itself
   // after this many of them (about 300 KB of chunks).
-  static constexpr int savesPerRunDuringBurst = 64;
+  static constexpr int kSavesPerRunDuringBurst = 64;
 
   QEVMemoryChunkWriter(
       std::shared_ptr<QEVMemoryStore> store, std::int64_t maxEventsPerChunk,
       std::int64_t schemaVersion, std::shared_ptr<const QEVMemoryPruner> pruner,
       OptionsProvider optionsProvider, qevr::Executor& executor = qevr::defaultExecutor(),
-      std::chrono::milliseconds longestWait = QEVMemoryInFlightGate::defaultLongestWait);
+      std::chrono::milliseconds longestWait = QEVMemoryInFlightGate::kDefaultLongestWait);
 
   // Adds the event to the open chunk (opening one if needed). Returns the
   // chunk it closed, if any. Refused after shutdown.
@@ -135,7 +122,7 @@ class QEVMemoryChunkWriter {
   // background tasks, which may outlive the writer.
   struct Shared : std::enable_shared_from_this<Shared> {
     Shared(qevr::Executor& taskExecutor, std::chrono::milliseconds longestWait)
-        : executor(taskExecutor), queuedRun(taskExecutor), saves(maxPendingSaves, longestWait) {}
+        : executor(taskExecutor), queuedRun(taskExecutor), saves(kMaxPendingSaves, longestWait) {}
     // Runs the saves and the pruning; outlives the writer's tasks.
     qevr::Executor& executor;
     // The run that saves ask for; a chunk saved during a run queues one more.

@@ -21,12 +21,12 @@
 // follows a decrement, so that no wake-up is lost.
 class QEVMemoryInFlightGate {
  public:
-  static constexpr std::chrono::milliseconds defaultLongestWait{200};
+  static constexpr std::chrono::milliseconds kDefaultLongestWait{200};
   // The count at which a paced thread goes on.
   static constexpr int resumeAtFor(int limit) { return limit / 4; }
 
   explicit QEVMemoryInFlightGate(int limit,
-                                 std::chrono::milliseconds longestWait = defaultLongestWait);
+                                 std::chrono::milliseconds longestWait = kDefaultLongestWait);
 
   // Counts one more item in flight, after waiting if the limit is reached.
   // True when the item may go to the pool; false when the wait timed out

@@ -41,8 +41,8 @@ QEVMemoryModule::Stack QEVMemoryModule::defaultStack(qevr::Executor& executor) {
   auto pruner = std::make_shared<const QEVMemoryPruner>(
       store->rootDirectory(), qevr::FileSystem::defaultFileSystem(), executor);
   auto writer = std::make_shared<QEVMemoryChunkWriter>(
-      store, QEVMemoryChunkWriter::defaultMaxEventsPerChunk,
-      QEVMemoryChunkWriter::currentSchemaVersion, pruner,
+      store, QEVMemoryChunkWriter::kDefaultMaxEventsPerChunk,
+      QEVMemoryChunkWriter::kCurrentSchemaVersion, pruner,
       [] { return QEVMemoryRuntime::shared().activeOptions(); }, executor);
   return {store, writer, pruner};
 }

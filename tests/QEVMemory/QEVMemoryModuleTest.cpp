@@ -20,6 +20,7 @@
 #include "ManualExecutor.h"
 #include "MemoryTestSupport.h"
 #include "QEVMemoryChunkWriter.h"
+#include "QEVMemoryEventStore.h"
 #include "QEVMemoryRuntime.h"
 
 namespace {

@@ -164,7 +164,7 @@ TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
   });
   for (int i = 1; i <= 500; ++i) {
     writer.enqueueSave(writer.append(memoryEvent(QEVMemoryEventType::gesture, i, i)));
-    EXPECT_LE(writer.pendingSaves(), QEVMemoryChunkWriter::maxPendingSaves);
+    EXPECT_LE(writer.pendingSaves(), QEVMemoryChunkWriter::kMaxPendingSaves);
   }
   writer.enqueueSave(std::nullopt);  // no chunk: no task
   hostDone = true;
@@ -176,14 +176,14 @@ TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
 
 // Every save slot is taken by a save queued on a manual executor; then a
 // host brings one more chunk. It waits without the pipeline's lock, and
-// saves nothing itself, until the test has run the saves down to resumeAt.
+// saves nothing itself, until the test has run the saves down to kResumeAt.
 // Run one fewer, and it waits out its time and saves its chunk itself,
 // directly rather than through a task it would have to wait for, and after
 // the pipeline's lock is released: another thread's event goes through
 // meanwhile (else the callback below would wait forever).
 TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
-  constexpr int kFull = QEVMemoryChunkWriter::maxPendingSaves;
-  constexpr int kDrain = kFull - QEVMemoryChunkWriter::resumeAt;
+  constexpr int kFull = QEVMemoryChunkWriter::kMaxPendingSaves;
+  constexpr int kDrain = kFull - QEVMemoryChunkWriter::kResumeAt;
   const struct {
     int run;
     milliseconds longestWait;
@@ -228,8 +228,8 @@ TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
 // Graph jobs are paced the same way: the caller of the seventeenth job waits
 // for the queue to drain instead of running a job itself.
 TEST(DiskSchedulerTest, ABurstOfJobsPacesTheCallerUntilTheQueueHasDrained) {
-  constexpr int kFull = QEVMemoryDiskScheduler::maxPendingJobs;
-  constexpr int kDrain = kFull - QEVMemoryDiskScheduler::resumeAt;
+  constexpr int kFull = QEVMemoryDiskScheduler::kMaxPendingJobs;
+  constexpr int kDrain = kFull - QEVMemoryDiskScheduler::kResumeAt;
   qevr::ManualExecutor executor;
   QEVMemoryDiskScheduler scheduler(nullptr, executor, std::chrono::minutes(1));
   std::atomic<int> done{0};
