@@ -28,8 +28,8 @@ struct std::hash<QEVRBackgroundTaskIdentifier> {
 // priorities.
 enum class QEVRBackgroundPriority { background, medium, high };
 
-// Runs operations as tasks of its executor, keeps track of what is in flight and, at
-// shutdown, cancels all of it without waiting.
+// Runs operations as tasks of its executor, keeps track of what is in
+// flight and, at shutdown, cancels all of it without waiting.
 //
 // Thread safety: `lock` guards `isShutdown` and `tasks` and is held only for
 // their reads and writes, never while an operation or a cancel closure runs.

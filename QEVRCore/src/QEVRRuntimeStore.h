@@ -3,7 +3,6 @@
 
 #include <QEVRCore/QEVRConfiguration.h>
 #include <QEVRCore/QEVRDependencyContainer.h>
-#include "QEVRLogger.h"
 #include <QEVRCore/QEVRModuleRegistry.h>
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Executor.h>
@@ -11,6 +10,7 @@
 #include <QEVRPlatform/ThreadAnnotations.h>
 #include "QEVRBackgroundWorker.h"
 #include "QEVRLifecycleCoordinator.h"
+#include "QEVRLogger.h"
 
 #include <memory>
 #include <optional>
