@@ -1,6 +1,6 @@
 #include <QEVRCore/QEVRDependencyContainer.h>
-#include "QEVRLogger.h"
 #include <QEVRCore/QEVRModule.h>
+#include "QEVRLogger.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "QEVRLogger.h"
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/Log.h>
+#include "QEVRLogger.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
