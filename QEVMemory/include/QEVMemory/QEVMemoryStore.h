@@ -27,8 +27,9 @@ class QEVR_API QEVMemoryStore {
   virtual ~QEVMemoryStore() = default;
   virtual void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token stop = {}) = 0;
   // saveEventChunk done on the calling thread, for a caller that must not
-  // wait on the task pool (waiting runs other queued work meanwhile). A
-  // store without a cheaper road saves as saveEventChunk does.
+  // wait on an executor (a host whose saves are paced, whose pool may be
+  // busy with the very saves it waits for). A store without a cheaper road
+  // saves as saveEventChunk does.
   virtual void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) {
     saveEventChunk(chunk);
   }
