@@ -19,6 +19,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -372,6 +373,33 @@ TEST_F(InspectionToolTest, DemoLaunchesCarryOnFromTheSessionsBeforeThem) {
     expectSection(header, {"launch 1: 2 earlier sessions, ", "launch 2: 3 earlier sessions, "},
                   {", 0 recommendations"});
   }
+}
+
+// The read-only commands print the same bytes on every platform for the
+// stores under data/stores, the time of the run and the recommendations'
+// random ids aside. To regenerate after a deliberate change, run each command
+// below over the store and mask its output as `masked` does.
+TEST(InspectionToolGoldenTest, OutputsOfCheckedInStoresAreTheSameBytesEverywhere) {
+  const auto masked = [](const std::string& json) {
+    const std::regex dates(R"re("(generatedAt|createdAt|expiresAt)":[-0-9.eE+]+)re");
+    const std::regex ids(R"re("id":"[0-9A-F-]{36}")re");
+    return std::regex_replace(std::regex_replace(json, dates, "\"$1\":0"), ids, "\"id\":\"\"");
+  };
+  const fs::path data = QEVR_TEST_DATA_DIR;
+  const fs::path scratch = makeScratch("qevr-golden");
+  for (const auto& [store, domain] :
+       {std::pair{"demo", "mobileApp"}, {"player", "game"}, {"shopper", "ecommerce"}}) {
+    for (const std::string command : {"snapshot", "analyze", "recommend"}) {
+      SCOPED_TRACE(std::string(store) + " " + command);
+      std::vector<std::string> args = {command, "--data-dir", (data / "stores" / store).string(),
+                                       "--json"};
+      if (command != "snapshot") args.insert(args.end(), {"--domain", domain});
+      const ToolRun run = runTool(args, scratch);
+      ASSERT_EQ(run.status, 0) << run.err;
+      EXPECT_EQ(masked(run.out), slurp(data / "golden" / (store + ("." + command) + ".json")));
+    }
+  }
+  fs::remove_all(scratch);
 }
 
 TEST_F(InspectionToolTest, DoctorNeverReplacesAQuarantinedFile) {

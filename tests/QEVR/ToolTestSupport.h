@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -52,10 +53,15 @@ inline fs::path makeScratch(const std::string& prefix) {
   return pattern;
 }
 
-// Starts `args[0]` with `args`; the pid, or -1 when it could not start.
+// Starts `args[0]` with `args`, through the emulator in a cross build; the
+// pid, or -1 when it could not start.
 inline pid_t spawnProcess(std::vector<std::string> args,
                           const posix_spawn_file_actions_t* actions = nullptr,
                           char* const* envp = environ) {
+#ifdef QEVR_TEST_EMULATOR
+  std::istringstream emulator(QEVR_TEST_EMULATOR);
+  args.insert(args.begin(), std::istream_iterator<std::string>(emulator), {});
+#endif
   std::vector<char*> argv;
   for (auto& a : args)
     argv.push_back(a.data());

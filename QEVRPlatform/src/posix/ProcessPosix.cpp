@@ -5,11 +5,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 extern char** environ;
 
@@ -31,6 +34,34 @@ ProcessResult failed(std::string why) {
   ProcessResult result;
   result.failure = std::move(why);
   return result;
+}
+
+// The file that running `program` would execute: itself when it names a
+// path, else the first executable of that name on PATH; empty when there is
+// none. Looked up here rather than left to posix_spawnp because not every
+// spawn reports a failed exec as an error (user-mode emulators and some C
+// libraries only show it as the child's exit status 127).
+bool isExecutableFile(const std::string& file) {
+  struct stat info {};
+  return ::stat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+         ::access(file.c_str(), X_OK) == 0;
+}
+
+std::string executableFor(const std::string& program) {
+  if (program.find('/') != std::string::npos) {
+    return isExecutableFile(program) ? program : std::string();
+  }
+  const char* path = std::getenv("PATH");
+  std::string_view rest = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+  while (true) {
+    const std::size_t colon = rest.find(':');
+    const std::string_view directory = rest.substr(0, colon);
+    std::string candidate =
+        (directory.empty() ? std::string(".") : std::string(directory)) + "/" + program;
+    if (isExecutableFile(candidate)) return candidate;
+    if (colon == std::string_view::npos) return {};
+    rest.remove_prefix(colon + 1);
+  }
 }
 
 }  // namespace
@@ -60,8 +91,10 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
   posix_spawn_file_actions_adddup2(&actions, outWrite.fd, 1);
   posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
   pid_t pid = -1;
-  const int spawned =
-      ::posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  const std::string executable = executableFor(program);
+  const int spawned = executable.empty() ? ENOENT
+                                         : ::posix_spawn(&pid, executable.c_str(), &actions,
+                                                         nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) {
     return failed(spawned == ENOENT ? program + " is not installed"
