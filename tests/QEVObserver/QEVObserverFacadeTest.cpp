@@ -1,4 +1,5 @@
 #include <QEVObserver/QEVObserverFacade.h>
+#include <QEVObserver/QEVObserverInMemoryEventSink.h>
 #include <QEVObserver/QEVObserverModule.h>
 #include <QEVRCore/QEVRFacade.h>
 #include <QEVRCore/QEVRModuleRegistry.h>
@@ -24,29 +25,15 @@ namespace {
 
 using ::testing::ElementsAre;
 using Type = QEVObserverEventType;
+using Sink = QEVObserverInMemoryEventSink;
 namespace Observer = QEVR::Observer;
 
-class CollectingSink : public QEVObserverEventSink {
- public:
-  void receive(const QEVObserverEvent& event) override {
-    qevr::MutexLock guard(lock);
-    events.push_back(event);
-  }
-  std::vector<QEVObserverEvent> all() const {
-    qevr::MutexLock guard(lock);
-    return events;
-  }
-  std::vector<Type> types() const {
-    std::vector<Type> out;
-    for (const auto& e : all())
-      out.push_back(e.type());
-    return out;
-  }
-
- private:
-  mutable qevr::Mutex lock;
-  std::vector<QEVObserverEvent> events QEVR_GUARDED_BY(lock);
-};
+std::vector<Type> typesOf(const Sink& sink) {
+  std::vector<Type> out;
+  for (const auto& e : sink.storedEvents())
+    out.push_back(e.type());
+  return out;
+}
 
 // A host sink that fails on every event.
 class ThrowingSink : public QEVObserverEventSink {
@@ -57,11 +44,8 @@ class ThrowingSink : public QEVObserverEventSink {
 class ObserverFacadeTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    QEVR::shutdown();
-    QEVRModuleRegistry::shared().removeAll();
+    TearDown();
     QEVRModuleRegistry::shared().registerModule(module);
-    Observer::configure(QEVObserverPrivacyOptions{});
-    logs->clear();
   }
   void TearDown() override {
     QEVR::shutdown();
@@ -69,16 +53,13 @@ class ObserverFacadeTest : public ::testing::Test {
     Observer::configure(QEVObserverPrivacyOptions{});
   }
 
-  void start() {
-    QEVRConfiguration c;
-    c.appId = "com.example.observer-tests";
-    c.logLevel = QEVRLogLevel::off;
-    QEVR::start(c);
+  static void start() {
+    QEVR::start({.appId = "com.example.observer-tests", .logLevel = QEVRLogLevel::off});
   }
 
-  std::shared_ptr<CollectingSink> startWithSink() {
+  std::shared_ptr<Sink> startWithSink() {
     start();
-    auto sink = std::make_shared<CollectingSink>();
+    auto sink = std::make_shared<Sink>();
     EXPECT_TRUE(QEVObserverIntegration::registerEventSink(sink).has_value());
     return sink;
   }
@@ -90,45 +71,38 @@ class ObserverFacadeTest : public ::testing::Test {
   qevr::ScopedLogSink scoped{logs};
 };
 
-TEST_F(ObserverFacadeTest, RefusalsComeInPipelineOrder) {
-  // Before start: validation first, then the running check.
+// Validation comes first, then the running check, then the call's own flag.
+TEST_F(ObserverFacadeTest, RefusalsComeInPipelineOrderEachWithItsErrorLine) {
   EXPECT_FALSE(Observer::track("  ", {}));
   EXPECT_FALSE(Observer::track("jump", {}));
   start();
-  QEVObserverPrivacyOptions off;
-  off.allowCustomEvents = false;
-  Observer::configure(off);
+  Observer::configure({.allowScreenTracking = false,
+                       .allowGestureTracking = false,
+                       .allowComponentTracking = false,
+                       .allowCustomEvents = false});
   EXPECT_FALSE(Observer::track("", {}));
   EXPECT_FALSE(Observer::track("jump", {}));
-  QEVR::pause();
-  EXPECT_FALSE(Observer::track("jump", {}));
-  EXPECT_THAT(lines(), ElementsAre("Custom event ignored because validation failed",
-                                   "Custom event ignored because QEVObserver is not running",
-                                   "Custom event ignored because validation failed",
-                                   "Custom event ignored because custom tracking is disabled",
-                                   "Custom event ignored because QEVObserver is not running"));
-  for (const auto& e : logs->entries()) {
-    if (e.subsystem == "QEVObserver") {
-      EXPECT_EQ(e.type, qevr::LogType::error);
-    }
-  }
-}
-
-TEST_F(ObserverFacadeTest, EachCallHasItsFlagAndItsLines) {
-  start();
-  Observer::configure(QEVObserverPrivacyOptions{false, false, false, false, true, true});
   EXPECT_FALSE(Observer::screenView("A", {}));
   EXPECT_FALSE(Observer::screenDisappear("A", {}));
   EXPECT_FALSE(Observer::navigation(std::nullopt, "A", {}));
   EXPECT_FALSE(Observer::buttonTap("b", std::nullopt, {}));
   EXPECT_FALSE(Observer::gesture(QEVGestureType::pan, std::nullopt, {}));
   EXPECT_FALSE(Observer::gesture(QEVGestureType::pan, " ", {}));  // blank id: an error
-  EXPECT_THAT(lines(), ElementsAre("Screen view ignored because screen tracking is disabled",
+  QEVR::pause();
+  EXPECT_FALSE(Observer::track("jump", {}));
+  EXPECT_THAT(lines(), ElementsAre("Custom event ignored because validation failed",
+                                   "Custom event ignored because QEVObserver is not running",
+                                   "Custom event ignored because validation failed",
+                                   "Custom event ignored because custom tracking is disabled",
+                                   "Screen view ignored because screen tracking is disabled",
                                    "Screen disappear ignored because screen tracking is disabled",
                                    "Navigation ignored because screen tracking is disabled",
                                    "Button tap ignored because component tracking is disabled",
                                    "Gesture ignored because gesture tracking is disabled",
-                                   "Gesture ignored because validation failed"));
+                                   "Gesture ignored because validation failed",
+                                   "Custom event ignored because QEVObserver is not running"));
+  for (const auto& e : logs->entries())
+    EXPECT_TRUE(e.subsystem != "QEVObserver" || e.type == qevr::LogType::error);
 }
 
 TEST_F(ObserverFacadeTest, EventsCarryTheSessionTheScreenAndSanitisedMetadata) {
@@ -138,7 +112,7 @@ TEST_F(ObserverFacadeTest, EventsCarryTheSessionTheScreenAndSanitisedMetadata) {
   EXPECT_TRUE(Observer::screenView(" Home ", {}));
   EXPECT_TRUE(Observer::buttonTap("play", "  ", {{"title", "mine"}}));
   EXPECT_TRUE(Observer::track("score", {{"password", "x"}, {"points", 10}}));
-  auto events = sink->all();
+  auto events = sink->storedEvents();
   ASSERT_EQ(events.size(), 3u);
   for (const auto& e : events)
     EXPECT_EQ(e.sessionId(), session->id);
@@ -173,62 +147,49 @@ TEST_F(ObserverFacadeTest, TrackersFollowScreensNavigationAndGestures) {
   EXPECT_FALSE(module->gestureTracker()->lastGesture().has_value());
 }
 
-TEST_F(ObserverFacadeTest, LateSinkSeesSessionEndButNotSessionStart) {
-  // A sink cannot exist before the first start: registration needs a bound
-  // dispatcher.
-  EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<CollectingSink>()));
-  auto sink = startWithSink();
-  QEVR::pause();
-  QEVR::shutdown();  // from paused: sessionEnd still goes out
-  EXPECT_THAT(sink->types(), ElementsAre(Type::sessionEnd));
-  const auto end = sink->all()[0];
-  EXPECT_TRUE(end.metadata().count("startedAt"));
-  EXPECT_TRUE(end.metadata().count("endedAt"));
-  EXPECT_TRUE(end.metadata().at("duration").doubleValue());
-  EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<CollectingSink>()));
-}
-
-TEST_F(ObserverFacadeTest, StartDispatchesSessionStartWithItsSessionAndDate) {
-  // Only a sink on the module's own dispatcher can exist before the start.
-  auto sink = std::make_shared<CollectingSink>();
-  module->dispatcher()->addSink(QEVRUUID::random(), sink);
+// Registration needs a bound dispatcher, so a sink registered through the
+// integration can exist only from the start to the shutdown, and misses
+// sessionStart; a sink on the module's own dispatcher sees both ends.
+TEST_F(ObserverFacadeTest, SessionEventsFrameEachRunAndARestartBeginsANewSession) {
+  EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<Sink>()));
+  auto own = std::make_shared<Sink>();
+  module->dispatcher()->addSink(QEVRUUID::random(), own);
   auto clock = std::make_shared<qevr::ManualClock>();
   clock->set(QEVRDate{800000000});
   qevr::setClock(clock);
-  start();
-  qevr::setClock(nullptr);
+  auto late = startWithSink();
   const auto session = module->sessionTracker()->activeSession();
   ASSERT_TRUE(session.has_value());
-  ASSERT_THAT(sink->types(), ElementsAre(Type::sessionStart));
-  const QEVObserverEvent event = sink->all()[0];
-  EXPECT_EQ(event.sessionId(), session->id);
-  EXPECT_EQ(event.timestamp(), QEVRDate{800000000});
-  ASSERT_EQ(event.metadata().size(), 1u);
-  ASSERT_NE(event.metadata().at("startedAt").dateValue(), nullptr);
-  EXPECT_EQ(*event.metadata().at("startedAt").dateValue(), QEVRDate{800000000});
   EXPECT_EQ(session->startedAt, QEVRDate{800000000});
-}
+  clock->set(QEVRDate{800000090});
+  QEVR::pause();
+  QEVR::shutdown();  // from paused: sessionEnd still goes out
+  qevr::setClock(nullptr);
+  EXPECT_THAT(typesOf(*late), ElementsAre(Type::sessionEnd));
+  ASSERT_THAT(typesOf(*own), ElementsAre(Type::sessionStart, Type::sessionEnd));
+  const QEVObserverEvent begin = own->storedEvents()[0], end = own->storedEvents()[1];
+  EXPECT_EQ(begin.sessionId(), session->id);
+  EXPECT_EQ(begin.timestamp(), QEVRDate{800000000});
+  EXPECT_EQ(begin.metadata(), (QEVObserverMetadata{{"startedAt", QEVRDate{800000000}}}));
+  EXPECT_EQ(end.metadata(), (QEVObserverMetadata{{"startedAt", QEVRDate{800000000}},
+                                                 {"endedAt", QEVRDate{800000090}},
+                                                 {"duration", 90.0}}));
+  EXPECT_FALSE(QEVObserverIntegration::registerEventSink(std::make_shared<Sink>()));
 
-TEST_F(ObserverFacadeTest, RestartOfTheSameModuleBeginsANewSession) {
-  auto sink = startWithSink();
-  const auto first = module->sessionTracker()->activeSession()->id;
-  QEVR::shutdown();
-  start();
+  auto again = startWithSink();
   const auto second = module->sessionTracker()->activeSession()->id;
-  EXPECT_NE(first, second);
-  EXPECT_EQ(module->dispatcher()->sinkCount(), 0u);  // sinks do not survive
-  auto again = std::make_shared<CollectingSink>();
-  QEVObserverIntegration::registerEventSink(again);
+  EXPECT_NE(second, session->id);
+  EXPECT_EQ(module->dispatcher()->sinkCount(), 1u);  // only the one just registered
   EXPECT_TRUE(Observer::track("after restart", {}));
-  ASSERT_EQ(again->all().size(), 1u);
-  EXPECT_EQ(again->all()[0].sessionId(), second);
+  ASSERT_EQ(again->storedEvents().size(), 1u);
+  EXPECT_EQ(again->storedEvents()[0].sessionId(), second);
 }
 
 TEST_F(ObserverFacadeTest, MisbehavingHostInputIsContained) {
   start();
   EXPECT_FALSE(QEVObserverIntegration::registerEventSink(nullptr).has_value());
   EXPECT_TRUE(QEVObserverIntegration::registerEventSink(std::make_shared<ThrowingSink>()));
-  auto sink = std::make_shared<CollectingSink>();
+  auto sink = std::make_shared<Sink>();
   EXPECT_TRUE(QEVObserverIntegration::registerEventSink(sink));
   EXPECT_EQ(module->dispatcher()->sinkCount(), 2u);
 
@@ -237,7 +198,7 @@ TEST_F(ObserverFacadeTest, MisbehavingHostInputIsContained) {
   // A gesture cast from an integer names no case: dropped, nothing read.
   EXPECT_FALSE(Observer::gesture(static_cast<QEVGestureType>(99), std::nullopt, {}));
   EXPECT_FALSE(Observer::gesture(static_cast<QEVGestureType>(-1), std::nullopt, {}));
-  EXPECT_THAT(sink->types(), ElementsAre(Type::custom));
+  EXPECT_THAT(typesOf(*sink), ElementsAre(Type::custom));
 
   // 64-bit unsigned metadata fits or is refused where the host builds it.
   EXPECT_EQ(*QEVObserverMetadataValue(std::uint64_t{INT64_MAX}).intValue(), INT64_MAX);
@@ -250,12 +211,11 @@ TEST_F(ObserverFacadeTest, MisbehavingHostInputIsContained) {
   EXPECT_EQ(module->dispatcher()->state(), QEVObserverEventDispatcher::State::shutdown);
   EXPECT_EQ(module->dispatcher()->sinkCount(), 0u);
   EXPECT_FALSE(module->sessionTracker()->activeSession().has_value());
-  EXPECT_THAT(sink->types(), ElementsAre(Type::custom, Type::sessionEnd));
+  EXPECT_THAT(typesOf(*sink), ElementsAre(Type::custom, Type::sessionEnd));
 }
 
 TEST_F(ObserverFacadeTest, PrivacyOptionsSurviveStartAndShutdown) {
-  QEVObserverPrivacyOptions options;
-  options.allowGestureTracking = false;
+  const QEVObserverPrivacyOptions options{.allowGestureTracking = false};
   Observer::configure(options);
   start();
   EXPECT_EQ(Observer::privacyOptions(), options);
@@ -265,43 +225,37 @@ TEST_F(ObserverFacadeTest, PrivacyOptionsSurviveStartAndShutdown) {
 
 TEST_F(ObserverFacadeTest, ViewAdaptersCheckTheirOwnFlagFirst) {
   auto sink = startWithSink();
-  QEVObserverPrivacyOptions options;
-  options.allowSwiftUIHelpers = false;
-  Observer::configure(options);
+  Observer::configure({.allowSwiftUIHelpers = false});
   QEVObserverViewHelpers::screenAppeared("Home");
   EXPECT_TRUE(lines().empty());
-  options.allowSwiftUIHelpers = true;
-  options.allowScreenTracking = false;
-  Observer::configure(options);
+  Observer::configure({.allowScreenTracking = false});
   QEVObserverViewHelpers::screenAppeared("Home");
   QEVObserverViewHelpers::componentTapped("play", "Play");
   EXPECT_THAT(lines(), ElementsAre("Screen view ignored because screen tracking is disabled"));
-  EXPECT_THAT(sink->types(), ElementsAre(Type::buttonTap));
+  EXPECT_THAT(typesOf(*sink), ElementsAre(Type::buttonTap));
 }
 
 // Eight host threads track while the system starts, pauses, resumes and
-// shuts down underneath them. Under TSan this checks the locking; the
-// assertions check that only running states accept events.
+// shuts down underneath them. Under TSan this checks the locking; at the end
+// nothing is accepted and no sink is left.
 TEST_F(ObserverFacadeTest, ConcurrentCallsDuringLifecycleChanges) {
-  logs->clear();
   qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
   std::atomic<bool> stop{false};
-  std::atomic<int> accepted{0};
-  const std::function<bool(int)> calls[] = {
-      [](int t) {
-        return Observer::track("tick", {{"n", t}});
+  const std::function<bool()> calls[] = {
+      [] {
+        return Observer::track("tick", {{"n", 1}});
       },
-      [](int) { return Observer::screenView("Screen", {}); },
-      [](int) { return Observer::buttonTap("b", "t", {}); },
-      [](int) { return Observer::gesture(QEVGestureType::tap, std::nullopt, {}); },
+      [] { return Observer::screenView("Screen", {}); },
+      [] { return Observer::buttonTap("b", "t", {}); },
+      [] { return Observer::gesture(QEVGestureType::tap, std::nullopt, {}); },
   };
   std::vector<std::thread> hosts;
   for (int t = 0; t < 8; ++t) {
     hosts.emplace_back([&, t] {
       while (!stop) {
-        accepted += calls[t % 4](t);
+        calls[t % 4]();
         if (t == 0) {
-          auto sink = std::make_shared<CollectingSink>();
+          auto sink = std::make_shared<Sink>();
           if (auto id = QEVObserverIntegration::registerEventSink(sink)) {
             QEVObserverIntegration::removeEventSink(*id);
           }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -36,17 +37,14 @@ TEST(BackgroundWorkerTest, AnOperationRunsOnlyWhileItsWorkerLives) {
     auto worker = QEVRBackgroundWorker::make(c.enabled, executor);
     const std::weak_ptr<QEVRBackgroundWorker> weak = worker;
     bool ran = false, sawStop = false, expiredInside = false;
-    const bool accepted = worker
-                              ->submit(QEVRBackgroundPriority::medium,
-                                       [&](std::stop_token stop) {
-                                         ran = true;
-                                         if (c.then == Then::shutDownInside) worker->shutdown();
-                                         if (c.then == Then::dropInside) worker.reset();
-                                         sawStop = stop.stop_requested();
-                                         expiredInside = weak.expired();
-                                       })
-                              .has_value();
-    EXPECT_EQ(accepted, c.accepted);
+    const auto operation = [&](std::stop_token stop) {
+      ran = true;
+      if (c.then == Then::shutDownInside) worker->shutdown();
+      if (c.then == Then::dropInside) worker.reset();
+      sawStop = stop.stop_requested();
+      expiredInside = weak.expired();
+    };
+    EXPECT_EQ(worker->submit(QEVRBackgroundPriority::medium, operation).has_value(), c.accepted);
     EXPECT_EQ(executor.pending(), c.accepted ? 1u : 0u);
     EXPECT_EQ(worker->trackedTaskCount(), c.accepted ? 1u : 0u);
     if (c.then == Then::shutDownFirst) {
@@ -89,12 +87,9 @@ TEST(BackgroundWorkerTest, ShutdownRacingSubmissionsLetsNoTaskEscape) {
   for (int round = 0; round < 20; ++round) {
     qevr::ManualExecutor executor;
     auto worker = QEVRBackgroundWorker::make(true, executor);
-    struct Record {
-      std::stop_token token;
-      bool startedBeforeShutdownReturned = false;
-    };
-    std::mutex recordsLock;
-    std::vector<Record> records;
+    std::mutex recordsLock;  // guards records
+    // Each operation's token, and whether it began before shutdown() returned.
+    std::vector<std::pair<std::stop_token, bool>> records;
     std::atomic<bool> shutdownReturned{false}, go{false}, submittersDone{false};
     std::atomic<int> acceptedAfterShutdown{0};
     std::thread runner([&] {
@@ -110,7 +105,7 @@ TEST(BackgroundWorkerTest, ShutdownRacingSubmissionsLetsNoTaskEscape) {
           auto id = worker->submit(QEVRBackgroundPriority::medium, [&](std::stop_token stop) {
             const bool before = !shutdownReturned.load();
             std::lock_guard guard(recordsLock);
-            records.push_back(Record{stop, before});
+            records.emplace_back(stop, before);
           });
           if (shutdownDone && id) ++acceptedAfterShutdown;
         }
@@ -129,9 +124,8 @@ TEST(BackgroundWorkerTest, ShutdownRacingSubmissionsLetsNoTaskEscape) {
     EXPECT_EQ(acceptedAfterShutdown.load(), 0);
     EXPECT_EQ(worker->trackedTaskCount(), 0u);
     std::lock_guard guard(recordsLock);
-    for (const Record& r : records) {
-      EXPECT_TRUE(r.startedBeforeShutdownReturned || r.token.stop_requested());
-    }
+    for (const auto& [token, startedBefore] : records)
+      EXPECT_TRUE(startedBefore || token.stop_requested());
   }
 }
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -11,103 +11,80 @@ namespace {
 
 using S = QEVRLifecycleState;
 
-enum class Event { beginStarting, start, pause, resume, shutdown };
+enum class E { beginStarting, start, pause, resume, shutdown };
 
 // Makes the call `event` names; whether it applied. start() says nothing, so
 // it counts as applied when it moved the state.
-bool apply(QEVRLifecycleCoordinator& c, Event event) {
+bool apply(QEVRLifecycleCoordinator& c, E event) {
   const S before = c.state();
   switch (event) {
-    case Event::beginStarting:
+    case E::beginStarting:
       return c.beginStarting();
-    case Event::start:
+    case E::start:
       c.start();
       return c.state() != before;
-    case Event::pause:
+    case E::pause:
       return c.pause();
-    case Event::resume:
+    case E::resume:
       return c.resume();
-    case Event::shutdown:
+    case E::shutdown:
       return c.shutdown();
   }
   return false;
 }
 
-// The legal calls that bring a new coordinator to each state between calls.
-const std::map<S, std::vector<Event>> kPathTo = {
+// Every state a coordinator rests in between calls, and the legal calls that
+// bring a new one there without hooks.
+const struct {
+  S state;
+  std::vector<E> path;
+} kStates[] = {
     {S::notStarted, {}},
-    {S::starting, {Event::beginStarting}},
-    {S::running, {Event::beginStarting, Event::start}},
-    {S::paused, {Event::beginStarting, Event::start, Event::pause}},
-    {S::shutdown, {Event::beginStarting, Event::start, Event::shutdown}},
+    {S::starting, {E::beginStarting}},
+    {S::running, {E::beginStarting, E::start}},
+    {S::paused, {E::beginStarting, E::start, E::pause}},
+    {S::shutdown, {E::beginStarting, E::start, E::shutdown}},
 };
 
-struct TransitionCase {
-  S from;
-  Event event;
-  bool applies;
-  S to;
-  const char* hook;  // the hook that runs, or ""
-};
-
-class LifecycleTransitionTest : public ::testing::TestWithParam<TransitionCase> {};
-
-TEST_P(LifecycleTransitionTest, AppliesOnlyFromItsSourceStatesAndRunsItsHook) {
-  const TransitionCase& tc = GetParam();
-  QEVRLifecycleCoordinator c;
-  for (Event event : kPathTo.at(tc.from))
-    ASSERT_TRUE(apply(c, event));
-  std::vector<std::string> calls;
-  std::vector<S> seen;
-  const auto record = [&](const char* hook) {
-    return [&, hook] { calls.push_back(hook), seen.push_back(c.state()); };
+// Where each call leads from each state of kStates, in its order. A call
+// that leaves the state as it was must say it did not apply and run no hook.
+TEST(LifecycleCoordinatorTest, EachCallAppliesOnlyFromItsSourceStatesAndRunsItsHook) {
+  const struct {
+    E event;
+    S to[std::size(kStates)];
+  } table[] = {
+      {E::beginStarting, {S::starting, S::starting, S::running, S::paused, S::starting}},
+      {E::start, {S::notStarted, S::running, S::running, S::paused, S::shutdown}},
+      {E::pause, {S::notStarted, S::starting, S::paused, S::paused, S::shutdown}},
+      {E::resume, {S::notStarted, S::starting, S::running, S::running, S::shutdown}},
+      {E::shutdown, {S::notStarted, S::starting, S::shutdown, S::shutdown, S::shutdown}},
   };
-  c.replaceHooks({record("start"), record("pause"), record("resume"), record("shutdown")});
+  // The hook each call runs when it applies, in the order of E.
+  const char* const hookOf[] = {"", "start", "pause", "resume", "shutdown"};
+  for (const auto& row : table) {
+    for (size_t i = 0; i < std::size(kStates); ++i) {
+      const S from = kStates[i].state, to = row.to[i];
+      SCOPED_TRACE(::testing::Message()
+                   << "call " << static_cast<int>(row.event) << " from " << static_cast<int>(from));
+      QEVRLifecycleCoordinator c;
+      for (E event : kStates[i].path)
+        ASSERT_TRUE(apply(c, event));
+      std::vector<std::string> calls;
+      std::vector<S> seen;
+      const auto record = [&](const char* hook) {
+        return [&, hook] { calls.push_back(hook), seen.push_back(c.state()); };
+      };
+      c.replaceHooks({record("start"), record("pause"), record("resume"), record("shutdown")});
 
-  EXPECT_EQ(apply(c, tc.event), tc.applies);
-  EXPECT_EQ(c.state(), tc.to);
-  if (std::string(tc.hook).empty()) {
-    EXPECT_TRUE(calls.empty());
-  } else {
-    ASSERT_EQ(calls, std::vector<std::string>{tc.hook});
-    // A hook always finds the new state already in force.
-    EXPECT_EQ(seen.front(), tc.to);
+      EXPECT_EQ(apply(c, row.event), to != from);
+      EXPECT_EQ(c.state(), to);
+      const char* hook = hookOf[static_cast<int>(row.event)];
+      const bool hookRuns = to != from && *hook != '\0';
+      EXPECT_EQ(calls, hookRuns ? std::vector<std::string>{hook} : std::vector<std::string>{});
+      // A hook always finds the new state already in force.
+      EXPECT_EQ(seen, std::vector<S>(calls.size(), to));
+    }
   }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    WholeTable, LifecycleTransitionTest,
-    ::testing::Values(TransitionCase{S::notStarted, Event::beginStarting, true, S::starting, ""},
-                      TransitionCase{S::shutdown, Event::beginStarting, true, S::starting, ""},
-                      TransitionCase{S::starting, Event::beginStarting, false, S::starting, ""},
-                      TransitionCase{S::running, Event::beginStarting, false, S::running, ""},
-                      TransitionCase{S::paused, Event::beginStarting, false, S::paused, ""},
-                      TransitionCase{S::starting, Event::start, true, S::running, "start"},
-                      TransitionCase{S::notStarted, Event::start, false, S::notStarted, ""},
-                      TransitionCase{S::running, Event::start, false, S::running, ""},
-                      TransitionCase{S::paused, Event::start, false, S::paused, ""},
-                      TransitionCase{S::shutdown, Event::start, false, S::shutdown, ""},
-                      TransitionCase{S::running, Event::pause, true, S::paused, "pause"},
-                      TransitionCase{S::notStarted, Event::pause, false, S::notStarted, ""},
-                      TransitionCase{S::starting, Event::pause, false, S::starting, ""},
-                      TransitionCase{S::paused, Event::pause, false, S::paused, ""},
-                      TransitionCase{S::shutdown, Event::pause, false, S::shutdown, ""},
-                      TransitionCase{S::paused, Event::resume, true, S::running, "resume"},
-                      TransitionCase{S::running, Event::resume, false, S::running, ""},
-                      TransitionCase{S::notStarted, Event::resume, false, S::notStarted, ""},
-                      TransitionCase{S::shutdown, Event::resume, false, S::shutdown, ""},
-                      TransitionCase{S::running, Event::shutdown, true, S::shutdown, "shutdown"},
-                      TransitionCase{S::paused, Event::shutdown, true, S::shutdown, "shutdown"},
-                      TransitionCase{S::notStarted, Event::shutdown, false, S::notStarted, ""},
-                      TransitionCase{S::starting, Event::shutdown, false, S::starting, ""},
-                      TransitionCase{S::shutdown, Event::shutdown, false, S::shutdown, ""}));
-
-TEST(LifecycleCoordinatorTest, TransitionsApplyWithoutHooks) {
-  QEVRLifecycleCoordinator c;
-  ASSERT_TRUE(c.beginStarting());
-  c.start();
-  EXPECT_TRUE(c.pause());
-  EXPECT_EQ(c.state(), S::paused);
 }
 
 TEST(LifecycleCoordinatorTest, FailingStartHookLeavesRunningUntilReset) {

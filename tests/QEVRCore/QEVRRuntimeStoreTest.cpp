@@ -7,9 +7,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <functional>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "RecordingModule.h"
 #include "ThrowsMessage.h"
@@ -18,16 +19,12 @@ namespace {
 
 using qevr::testing::throwsWithMessage;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::IsEmpty;
 using S = QEVRLifecycleState;
 
 QEVRConfiguration configuration(QEVRLogLevel level = QEVRLogLevel::trace) {
-  QEVRConfiguration c;
-  c.appId = "com.example.tests";
-  c.environment = QEVREnvironment::development;
-  c.logLevel = level;
-  c.isBackgroundProcessingEnabled = true;
-  return c;
+  return {.appId = "com.example.tests", .logLevel = level};
 }
 
 class RuntimeStoreTest : public ::testing::Test {
@@ -71,13 +68,8 @@ TEST_F(RuntimeStoreTest, BlankAppIdIsRefusedBeforeAnythingChangesEvenWhileRunnin
     if (running) QEVR::start(configuration());
     const S before = QEVR::lifecycleState();
     logs->clear();
-    try {
-      QEVR::start(blank);
-      FAIL() << "blank appId accepted";
-    } catch (const QEVRError& e) {
-      EXPECT_EQ(e, QEVRError::invalidConfiguration("appId must not be empty."));
-      EXPECT_EQ(e.errorDescription(), "appId must not be empty.");
-    }
+    EXPECT_THAT([&] { QEVR::start(blank); },
+                throwsWithMessage<QEVRError>("appId must not be empty."));
     EXPECT_EQ(QEVR::lifecycleState(), before);
     EXPECT_THAT(logs->entries(), IsEmpty());
   }
@@ -91,9 +83,7 @@ TEST_F(RuntimeStoreTest, CallsThatDoNotApplyWarnAndChangeNothing) {
   QEVR::shutdown();
   EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
   QEVR::start(configuration());
-  QEVRConfiguration second = configuration();
-  second.appId = "com.example.other";
-  QEVR::start(second);
+  QEVR::start({.appId = "com.example.other"});
   ASSERT_TRUE(store().runtimeState().has_value());
   EXPECT_EQ(store().runtimeState()->configuration.appId, "com.example.tests");
   QEVR::resume();  // while running
@@ -103,42 +93,29 @@ TEST_F(RuntimeStoreTest, CallsThatDoNotApplyWarnAndChangeNothing) {
   QEVR::shutdown();
   EXPECT_EQ(QEVR::lifecycleState(), S::shutdown);
   const std::string prefix = "2026-01-31T09:05:00Z [WARNING] [QEVRCore:Lifecycle] ";
-  auto lines = coreLines();
-  EXPECT_THAT(lines, ElementsAre(prefix + "Shutdown ignored because SDK is not running",
-                                 ::testing::EndsWith("SDK started"),
-                                 prefix + "Start ignored because SDK is already active",
-                                 prefix + "Resume ignored because SDK is not paused",
-                                 ::testing::EndsWith("SDK paused"),
-                                 prefix + "Pause ignored because SDK is not running",
-                                 ::testing::EndsWith("SDK shut down"),
-                                 prefix + "Shutdown ignored because SDK is not running"));
+  EXPECT_THAT(
+      coreLines(),
+      ElementsAre(prefix + "Shutdown ignored because SDK is not running", EndsWith("SDK started"),
+                  prefix + "Start ignored because SDK is already active",
+                  prefix + "Resume ignored because SDK is not paused", EndsWith("SDK paused"),
+                  prefix + "Pause ignored because SDK is not running", EndsWith("SDK shut down"),
+                  prefix + "Shutdown ignored because SDK is not running"));
 }
 
-// The start sets the core logger's level from the configuration; counted:
-// the info lines (started, paused, shut down) and the ignored pause's warning.
+// The start sets the core logger's level from the configuration; the
+// thresholds themselves are the logger's. Of the four lines below, only the
+// ignored pause's is a warning.
 TEST_F(RuntimeStoreTest, LinesFollowTheConfiguredMinimumLevel) {
-  const struct {
-    QEVRLogLevel minimum;
-    size_t infoLines, warningLines;
-  } cases[] = {{QEVRLogLevel::trace, 3, 1}, {QEVRLogLevel::debug, 3, 1},
-               {QEVRLogLevel::info, 3, 1},  {QEVRLogLevel::warning, 0, 1},
-               {QEVRLogLevel::error, 0, 0}, {QEVRLogLevel::critical, 0, 0},
-               {QEVRLogLevel::off, 0, 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.minimum));
+  const std::pair<QEVRLogLevel, size_t> cases[] = {
+      {QEVRLogLevel::info, 4}, {QEVRLogLevel::warning, 1}, {QEVRLogLevel::off, 0}};
+  for (const auto& [minimum, lines] : cases) {
+    SCOPED_TRACE(static_cast<int>(minimum));
     logs->clear();
-    QEVR::start(configuration(c.minimum));
+    QEVR::start(configuration(minimum));
     QEVR::pause();
     QEVR::pause();
     QEVR::shutdown();
-    size_t info = 0, warning = 0;
-    for (const auto& line : coreLines()) {
-      info += line.find("[INFO]") != std::string::npos;
-      warning += line.find("[WARNING]") != std::string::npos;
-    }
-    EXPECT_EQ(info, c.infoLines);
-    EXPECT_EQ(warning, c.warningLines);
-    EXPECT_EQ(coreLines().size(), info + warning);
+    EXPECT_EQ(coreLines().size(), lines);
   }
 }
 
@@ -165,11 +142,11 @@ TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
   EXPECT_EQ(store().logger().minimumLevel(), QEVRLogLevel::trace);
 
   third->onStart = nullptr;
-  journal->clear();
   QEVR::start(configuration());
   EXPECT_TRUE(QEVR::isRunning());
-  EXPECT_THAT(journal->all(),
-              ElementsAre("first.start", "second.start", "third.start", "fourth.start"));
+  EXPECT_THAT(journal->all(), ElementsAre("first.start", "second.start", "third.start",
+                                          "second.shutdown", "first.shutdown", "first.start",
+                                          "second.start", "third.start", "fourth.start"));
 }
 
 // Modules start in order and shut down in reverse; one that throws from its
@@ -212,9 +189,6 @@ TEST_F(RuntimeStoreTest, RestartMakesANewWorkerAndRefillsTheContainer) {
   QEVR::start(configuration());
   auto firstWorker = store().backgroundWorker();
   QEVR::shutdown();
-  EXPECT_TRUE(firstWorker->isShutDown());
-  EXPECT_EQ(store().dependencyContainer().count(), 0u);
-
   QEVR::start(configuration());
   auto secondWorker = store().backgroundWorker();
   EXPECT_NE(firstWorker, secondWorker);
@@ -250,7 +224,6 @@ TEST_F(RuntimeStoreTest, ModuleContextWorkRunsOnTheStartsExecutorAndFallsBackAft
   EXPECT_TRUE(kept->submitBackgroundWork(work));
   EXPECT_EQ(executor.runAll(), 2u);
   EXPECT_EQ(ran, 2);
-  EXPECT_EQ(kept->configuration().appId, "com.example.tests");
 }
 
 TEST_F(RuntimeStoreTest, DisabledBackgroundProcessingTurnsWorkAway) {
@@ -259,58 +232,39 @@ TEST_F(RuntimeStoreTest, DisabledBackgroundProcessingTurnsWorkAway) {
   module->onStart = [&](const QEVRModuleContext& context) {
     accepted = context.submitBackgroundWork([](std::stop_token) { ADD_FAILURE() << "ran"; });
   };
-  QEVRConfiguration c = configuration();
-  c.isBackgroundProcessingEnabled = false;
-  QEVR::start(c, executor);
+  QEVR::start({.appId = "com.example.tests", .isBackgroundProcessingEnabled = false}, executor);
   EXPECT_FALSE(accepted);
   EXPECT_EQ(executor.pending(), 0u);
   EXPECT_EQ(store().backgroundWorker()->trackedTaskCount(), 0u);
 }
 
-TEST_F(RuntimeStoreTest, DiagnosticContextIsAbsentUntilAProviderAndTheLastOneWins) {
-  struct Fixed : QEVRDiagnosticContextProviding {
-    explicit Fixed(std::string s) : screen(std::move(s)) {}
-    QEVRDiagnosticContext currentContext() override { return {std::nullopt, screen}; }
-    std::string screen;
+// Which provider wins when several register is the container's business.
+TEST_F(RuntimeStoreTest, DiagnosticContextIsAbsentUntilAModuleRegistersAProvider) {
+  struct Home : QEVRDiagnosticContextProviding {
+    QEVRDiagnosticContext currentContext() override { return {std::nullopt, "Home"}; }
   };
-  auto module = addModule("m");
   std::vector<std::optional<QEVRDiagnosticContext>> seen;
-  module->onStart = [&](const QEVRModuleContext& context) {
+  addModule("m")->onStart = [&](const QEVRModuleContext& context) {
     seen.push_back(context.currentDiagnosticContext());
-    context.registerDiagnosticContextProvider(std::make_shared<Fixed>("Home"));
-    context.registerDiagnosticContextProvider(std::make_shared<Fixed>("Settings"));
+    context.registerDiagnosticContextProvider(std::make_shared<Home>());
     seen.push_back(context.currentDiagnosticContext());
   };
   QEVR::start(configuration());
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_FALSE(seen[0].has_value());
-  ASSERT_TRUE(seen[1].has_value());
-  EXPECT_EQ(seen[1]->currentScreen, "Settings");
+  EXPECT_EQ(seen, (std::vector<std::optional<QEVRDiagnosticContext>>{
+                      std::nullopt, QEVRDiagnosticContext{std::nullopt, "Home"}}));
 }
 
 TEST_F(RuntimeStoreTest, ConcurrentFacadeCallsKeepTheStateMachineConsistent) {
   addModule("a");
   addModule("b");
-  std::atomic<bool> stop{false};
+  const std::function<void()> calls[] = {[] { QEVR::start(configuration(QEVRLogLevel::off)); },
+                                         [] { QEVR::pause(); }, [] { QEVR::resume(); },
+                                         [] { QEVR::shutdown(); }};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < 200 && !stop; ++i) {
-        switch ((i + t) % 4) {
-          case 0:
-            QEVR::start(configuration(QEVRLogLevel::off));
-            break;
-          case 1:
-            QEVR::pause();
-            break;
-          case 2:
-            QEVR::resume();
-            break;
-          case 3:
-            QEVR::shutdown();
-            break;
-        }
-      }
+      for (int i = 0; i < 200; ++i)
+        calls[(i + t) % 4]();
     });
   }
   for (auto& t : threads)

@@ -20,13 +20,9 @@ class Journal {
     qevr::MutexLock guard(lock);
     return entries;
   }
-  void clear() {
-    qevr::MutexLock guard(lock);
-    entries.clear();
-  }
 
  private:
-  mutable qevr::Mutex lock;
+  mutable qevr::Mutex lock;  // guards entries: modules may run on any thread
   std::vector<std::string> entries QEVR_GUARDED_BY(lock);
 };
 
