@@ -4,8 +4,6 @@
 // as fast as it can for a random while, and kills it with SIGKILL. Afterwards
 // every file of the store must decode and the store must load.
 #include <QEVMemory/QEVFileMemoryStore.h>
-#include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVRPlatform/FileSystem.h>
 
 #include "ToolTestSupport.h"
 
@@ -50,30 +48,13 @@ TEST(CrashSafetyTest, EveryFileDecodesAfterFiftyKills) {
     EXPECT_TRUE(WIFSIGNALED(status)) << "round " << round << " ended before the kill";
   }
 
-  const QEVLZFSECompressionEngine engine;
-  size_t chunkFiles = 0, sessionFiles = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(root)) {
-    if (!entry.is_regular_file() || entry.path().extension() != ".json") continue;
-    const std::string parent = entry.path().parent_path().filename().string();
-    const std::string text = slurp(entry.path());
-    if (parent == "events") {
-      EXPECT_NO_THROW(decodeStoredChunkFile(text, engine)) << entry.path();
-      ++chunkFiles;
-    } else if (parent == "sessions") {
-      EXPECT_NO_THROW(QEVSessionGraph::fromJSON(text)) << entry.path();
-      ++sessionFiles;
-    } else {
-      EXPECT_NO_THROW(QEVUserGraph::fromJSON(text)) << entry.path();
-    }
-  }
-  EXPECT_GT(chunkFiles, 0u);
-
+  // A load decodes every file and fails on the first torn one.
   const auto store = openStore(root);
-  EXPECT_NO_THROW(store->loadEventChunks());
+  std::vector<QEVMemoryEventChunk> chunks;
+  EXPECT_NO_THROW(chunks = store->loadEventChunks());
+  EXPECT_FALSE(chunks.empty());
   EXPECT_NO_THROW(store->loadSessionGraphs());
   EXPECT_NO_THROW(store->loadUserGraph());
-  std::printf("after 50 kills: %zu chunk files and %zu session graphs, all decode\n", chunkFiles,
-              sessionFiles);
   fs::remove_all(dataDir);
 }
 

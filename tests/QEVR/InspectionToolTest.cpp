@@ -1,5 +1,4 @@
 // The qevr inspection commands read a store and never change it.
-#include <QEVIntelligence/QEVIntelligenceModels.h>
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
@@ -45,18 +44,6 @@ class InspectionToolTest : public ::testing::Test {
   static inline fs::path dataDir;
 };
 
-TEST_F(InspectionToolTest, SnapshotJSONIsTheStoresSnapshotAndChangesNothing) {
-  const auto before = listing(dataDir);
-  const ToolRun run = runTool({"snapshot", "--data-dir", dataDir.string(), "--json"}, scratch);
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.err, "");
-  EXPECT_EQ(listing(dataDir), before);
-  ASSERT_FALSE(run.out.empty());
-  EXPECT_EQ(run.out.back(), '\n');
-  EXPECT_EQ(QEVMemoryIntelligenceSnapshot::decode(qevr::json::Decoder(qevr::json::parse(run.out))),
-            intelligenceSnapshot(*openStore(memoryRoot())));
-}
-
 // The analyses' JSON without their generatedAt dates, which are the time of
 // each run.
 std::string withoutDates(const std::string& json) {
@@ -69,11 +56,9 @@ std::string withoutDates(const std::string& json) {
 }
 
 TEST_F(InspectionToolTest, AnalyzeGivesTheSameFromTheStoreAndFromItsSnapshot) {
-  const auto before = listing(dataDir);
   const ToolRun fromStore =
       runTool({"analyze", "--data-dir", dataDir.string(), "--domain", "game", "--json"}, scratch);
   ASSERT_EQ(fromStore.status, 0) << fromStore.err;
-  EXPECT_EQ(listing(dataDir), before);
 
   const ToolRun snapshot = runTool({"snapshot", "--data-dir", dataDir.string(), "--json"}, scratch);
   ASSERT_EQ(snapshot.status, 0);
@@ -82,31 +67,12 @@ TEST_F(InspectionToolTest, AnalyzeGivesTheSameFromTheStoreAndFromItsSnapshot) {
   const ToolRun fromFile =
       runTool({"analyze", "--snapshot", exported.string(), "--domain", "game", "--json"}, scratch);
   ASSERT_EQ(fromFile.status, 0) << fromFile.err;
-
-  const qevr::json::Value parsed = qevr::json::parse(fromStore.out);
-  std::vector<std::string> keys;
-  for (const auto& member : parsed.object())
-    keys.push_back(member.key);
-  EXPECT_EQ(keys, (std::vector<std::string>{"behaviorSummary", "intentAnalysis",
-                                            "frustrationAnalysis", "skillAnalysis"}));
-  EXPECT_NO_THROW(QEVSkillAnalysis::decode(qevr::json::Decoder(*parsed.find("skillAnalysis"))));
   EXPECT_EQ(withoutDates(fromStore.out), withoutDates(fromFile.out));
 }
 
-TEST_F(InspectionToolTest, RecommendReadsAStoreOrExportedRecordsWithoutChangingAnything) {
-  const auto before = listing(dataDir);
-  const ToolRun fromStore =
-      runTool({"recommend", "--data-dir", dataDir.string(), "--domain", "game", "--json"}, scratch);
-  ASSERT_EQ(fromStore.status, 0) << fromStore.err;
-  EXPECT_EQ(listing(dataDir), before);
-  const qevr::json::Value list = qevr::json::parse(fromStore.out);
-  ASSERT_EQ(list.type(), qevr::json::Value::Type::array);
-  for (const qevr::json::Value& item : list.array()) {
-    EXPECT_NO_THROW(QEVRecommendation::decode(qevr::json::Decoder(item)));
-  }
-
-  // Exported records only: a frustrated beginner in a game. A missing
-  // snapshot is a failed source, not an error.
+// Exported records only: a frustrated beginner in a game. A missing snapshot
+// is a failed source, not an error.
+TEST_F(InspectionToolTest, RecommendReadsExportedRecords) {
   const fs::path inputs = base / "inputs.json";
   std::ofstream(inputs)
       << R"({"skillAnalysis":{"skillLevel":"beginner","evidence":["Repeated retry or failure pattern"],)"
@@ -375,9 +341,9 @@ TEST_F(InspectionToolTest, DemoLaunchesCarryOnFromTheSessionsBeforeThem) {
   }
 }
 
-// The read-only commands print the same bytes on every platform for the
-// stores under data/stores, the time of the run and the recommendations'
-// random ids aside. To regenerate after a deliberate change, run each command
+// The read-only commands change nothing and print the same bytes on every
+// platform for the stores under data/stores, the time of the run and the
+// recommendations' random ids aside. To regenerate after a deliberate change, run each command
 // below over the store and mask its output as `masked` does.
 TEST(InspectionToolGoldenTest, OutputsOfCheckedInStoresAreTheSameBytesEverywhere) {
   const auto masked = [](const std::string& json) {
@@ -394,9 +360,11 @@ TEST(InspectionToolGoldenTest, OutputsOfCheckedInStoresAreTheSameBytesEverywhere
       std::vector<std::string> args = {command, "--data-dir", (data / "stores" / store).string(),
                                        "--json"};
       if (command != "snapshot") args.insert(args.end(), {"--domain", domain});
+      const auto before = listing(data / "stores" / store);
       const ToolRun run = runTool(args, scratch);
       ASSERT_EQ(run.status, 0) << run.err;
       EXPECT_EQ(masked(run.out), slurp(data / "golden" / (store + ("." + command) + ".json")));
+      EXPECT_EQ(listing(data / "stores" / store), before);
     }
   }
   fs::remove_all(scratch);

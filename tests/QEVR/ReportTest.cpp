@@ -6,23 +6,13 @@
 #include "ToolTestSupport.h"
 
 #include <QEVMemory/QEVFileMemoryStore.h>
-#include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Json.h>
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
