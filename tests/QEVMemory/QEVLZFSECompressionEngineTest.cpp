@@ -5,14 +5,16 @@
 
 #include "ThrowsMessage.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
+// The stream format itself (vectors, hostile and truncated streams) is the
+// codec library's own test; these are about the block around the stream.
 namespace {
 
 using qevr::testing::throwsWithMessage;
@@ -36,9 +38,11 @@ Bytes streamOf(const Bytes& block) {
   return Bytes(block.begin() + 8, block.end());
 }
 
+constexpr std::uint64_t kLimit = QEVLZFSECompressionEngine::maximumDecompressedByteCount;
+
 // An LZVN stream of `n` (>= 9) 'A's: one literal, a match of 8 at distance
 // 1, then matches of up to 271 at the same distance. Small input, any size
-// of output, so limits can be tested without megabytes of input.
+// of output, so limits are tested without compressing megabytes.
 Bytes repeatedAStream(std::uint64_t n) {
   Bytes payload = {0x68, 0x01, 'A'};
   std::uint64_t left = n - 9;
@@ -68,37 +72,30 @@ class QEVLZFSECompressionEngineTest : public ::testing::Test {
 // Nothing compresses to nothing; anything else gets its length as an
 // eight-byte big-endian prefix.
 TEST_F(QEVLZFSECompressionEngineTest, RoundTripsBehindABigEndianLengthPrefix) {
-  std::mt19937 rng(5);
-  std::vector<Bytes> inputs = {{},          {0x42},           Bytes(7, 1),
-                               Bytes(8, 1), Bytes(1000, 'q'), Bytes(70000, 'q')};
-  for (const char* name : {"chunk-100-ascii", "chunk-100-unicode", "chunk-partial-single",
-                           "chunk-partial-tiny", "mixed-1mb"}) {
-    inputs.push_back(readChunk(name));
-    ASSERT_FALSE(inputs.back().empty()) << name;
+  const struct {
+    Bytes input;
+    Bytes prefix;
+  } cases[] = {
+      {{}, {}},
+      {{0x42}, {0, 0, 0, 0, 0, 0, 0, 0x01}},
+      {Bytes(8, 1), {0, 0, 0, 0, 0, 0, 0, 0x08}},
+      {Bytes(1000, 'q'), {0, 0, 0, 0, 0, 0, 0x03, 0xE8}},
+      {Bytes(70000, 'q'), {0, 0, 0, 0, 0, 0x01, 0x11, 0x70}},
+      {readChunk("chunk-100-unicode"), prefixed(readChunk("chunk-100-unicode").size(), {})},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.input.size()) + " bytes");
+    const Bytes block = engine.compress(c.input);
+    EXPECT_EQ(Bytes(block.begin(), block.begin() + std::min<std::size_t>(block.size(), 8)),
+              c.prefix);
+    EXPECT_EQ(engine.decompress(block), c.input);
   }
-  Bytes noise(100000);
-  for (auto& b : noise)
-    b = static_cast<std::uint8_t>(rng());
-  inputs.push_back(noise);
-  for (const Bytes& input : inputs) {
-    SCOPED_TRACE(std::to_string(input.size()) + " bytes");
-    const Bytes block = engine.compress(input);
-    if (input.empty()) {
-      EXPECT_TRUE(block.empty());
-    } else {
-      ASSERT_GT(block.size(), 8u);
-      EXPECT_EQ(Bytes(block.begin(), block.begin() + 8), prefixed(input.size(), {}));
-    }
-    EXPECT_EQ(engine.decompress(block), input);
-  }
-  EXPECT_EQ(prefixed(70000, {}), (Bytes{0, 0, 0, 0, 0, 0x01, 0x11, 0x70}));
 }
 
 // A zero prefix is empty whatever follows; a prefix equal to the limit is
 // allowed; a stream holding more than its prefix is cut there, as a
 // platform decode-buffer call cuts it.
 TEST_F(QEVLZFSECompressionEngineTest, DecodesExactlyTheDeclaredLength) {
-  const std::uint64_t limit = QEVLZFSECompressionEngine::maximumDecompressedByteCount;
   const Bytes text = readChunk("chunk-100-game");
   const struct {
     const char* name;
@@ -108,7 +105,7 @@ TEST_F(QEVLZFSECompressionEngineTest, DecodesExactlyTheDeclaredLength) {
       {"no block", {}, {}},
       {"zero prefix", Bytes(8, 0), {}},
       {"zero prefix and a stream", prefixed(0, {0xde, 0xad, 0xbe, 0xef}), {}},
-      {"prefix at the limit", prefixed(limit, repeatedAStream(limit)), Bytes(limit, 'A')},
+      {"prefix at the limit", prefixed(kLimit, repeatedAStream(kLimit)), Bytes(kLimit, 'A')},
       {"stream longer than the prefix",
        prefixed(text.size() - 100, streamOf(engine.compress(text))),
        Bytes(text.begin(), text.end() - 100)},
@@ -120,16 +117,14 @@ TEST_F(QEVLZFSECompressionEngineTest, DecodesExactlyTheDeclaredLength) {
 }
 
 TEST_F(QEVLZFSECompressionEngineTest, RefusesBadBlocks) {
-  const Bytes text(1000, 't');
-  const Bytes stream = streamOf(engine.compress(text));
-  const std::uint64_t limit = QEVLZFSECompressionEngine::maximumDecompressedByteCount;
+  const Bytes stream = streamOf(engine.compress(Bytes(1000, 't')));
   const struct {
     const char* name;
     Bytes block;
   } cases[] = {
       {"seven bytes", Bytes(7, 0)},
       {"one byte", {0x00}},
-      {"prefix one more than the limit", prefixed(limit + 1, repeatedAStream(limit + 1))},
+      {"prefix one more than the limit", prefixed(kLimit + 1, repeatedAStream(kLimit + 1))},
       // Reserving this much would throw std::bad_alloc: the limit check must
       // come first.
       {"prefix of 2^62", prefixed(std::uint64_t{1} << 62, stream)},
