@@ -14,7 +14,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cmath>
 #include <functional>
 #include <string>
 #include <system_error>
@@ -37,26 +36,21 @@ std::string textOf(const Bytes& bytes) {
 QEVRUUID uuid(std::string_view text) {
   return QEVRUUID::parse(text).value();
 }
-QEVRDate at(std::string_view iso) {
-  return qevr::parseISO8601(iso).value();
-}
 
-// `count` taps and screen views with whole-second dates, "/" and non-ASCII
-// text, and every kind of metadata value.
+// `count` taps with whole-second dates, "/" and non-ASCII text, and
+// metadata that compresses well but not to nothing.
 QEVMemoryEventChunk makeChunk(const QEVRUUID& id, int count, QEVRDate createdAt = {}) {
   QEVMemoryEventChunk chunk{
       id, QEVRUUID::random(), createdAt, createdAt.addingSeconds(count), {}, count, 1};
   for (int i = 0; i < count; ++i) {
-    QEVMemoryEvent event{
-        QEVRUUID::random(),
-        QEVMemoryEventType::buttonTap,
-        createdAt.addingSeconds(i),
-        chunk.sessionId,
-        i % 2 ? "Search/Results" : "Écran d’accueil",
-        "cart.checkoutButton",
-        {{"title", "Continue"}, {"index", i}, {"ratio", 0.25 * i}, {"new", i % 2 == 0}},
-        static_cast<std::uint64_t>(i) + 1};
-    chunk.events.push_back(std::move(event));
+    chunk.events.push_back({QEVRUUID::random(),
+                            QEVMemoryEventType::buttonTap,
+                            createdAt.addingSeconds(i),
+                            chunk.sessionId,
+                            "Écran d’accueil/2",
+                            "cart.checkoutButton",
+                            {{"index", i}, {"ratio", 0.25 * i}},
+                            static_cast<std::uint64_t>(i) + 1});
   }
   return chunk;
 }
@@ -71,8 +65,6 @@ std::string failureOf(const std::function<void()>& call) {
     for (const std::string& entry : e.codingPath())
       text += "." + entry;
     return text;
-  } catch (const qevr::json::EncodingError&) {
-    return "encoding";
   } catch (const QEVCompressionError& e) {
     return std::string("compression ") + e.what();
   } catch (const std::system_error& e) {
@@ -139,6 +131,8 @@ class QEVFileMemoryStoreTest : public ::testing::Test {
       makeStore(std::make_shared<QEVLZFSECompressionEngine>());
 };
 
+// Loads take only "*.json" files straight in their directory; the disk
+// usage counts everything under the root.
 TEST_F(QEVFileMemoryStoreTest, FreshRootReadsEmptyThenChunksComeBackByFileName) {
   EXPECT_TRUE(store->loadEventChunks().empty());
   EXPECT_TRUE(store->loadSessionGraphs().empty());
@@ -150,15 +144,22 @@ TEST_F(QEVFileMemoryStoreTest, FreshRootReadsEmptyThenChunksComeBackByFileName) 
   const QEVMemoryEventChunk a = makeChunk(uuid("0A000000-0000-4000-8000-000000000000"), 1);
   QEVMemoryEventChunk b = makeChunk(uuid("B0000000-0000-4000-8000-000000000000"), 7);
   b.schemaVersion = 99;  // not looked at
-  b.closedAt = at("2026-01-01T10:00:00Z").addingSeconds(0.75);
   for (const QEVMemoryEventChunk& chunk : {c, a, b})
     store->saveEventChunk(chunk);
 
   EXPECT_THAT(files.walk(root), UnorderedElementsAre(root / "events", chunkFile(a.id),
                                                      chunkFile(b.id), chunkFile(c.id)));
-  QEVMemoryEventChunk bOnDisk = b;
-  bOnDisk.closedAt = at("2026-01-01T10:00:00Z");
-  EXPECT_THAT(store->loadEventChunks(), ElementsAre(a, bOnDisk, c));
+  EXPECT_THAT(store->loadEventChunks(), ElementsAre(a, b, c));
+
+  const std::uint64_t before = store->estimatedDiskUsageBytes();
+  EXPECT_GT(before, 0u);
+  write(root / "events" / "notes.txt", std::string(100, 'x'));
+  write(root / "events" / "SHOUTING.JSON", std::string(50, '{'));
+  write(root / "sessions" / "broken.Json", std::string(25, '['));
+  EXPECT_EQ(store->estimatedDiskUsageBytes(),
+            before + 100 + 50 + 25 + files.fileSize(root / "sessions").value());
+  EXPECT_THAT(store->loadEventChunks(), ElementsAre(a, b, c));
+  EXPECT_TRUE(store->loadSessionGraphs().empty());
 }
 
 TEST_F(QEVFileMemoryStoreTest, CompressesOnlyWhenTheBlockIsStrictlyShorter) {
@@ -187,8 +188,11 @@ TEST_F(QEVFileMemoryStoreTest, CompressesOnlyWhenTheBlockIsStrictlyShorter) {
     const QEVMemoryEventChunk chunk = makeChunk(QEVRUUID::random(), 100);
     makeStore(c.engine)->saveEventChunk(chunk);
     const std::string raw = chunk.toJSON();
-    const auto envelope = QEVStoredEventChunk::fromJSON(read(chunkFile(chunk.id)));
-    EXPECT_EQ(envelope.compressionType, c.stored);
+    const std::string file = read(chunkFile(chunk.id));
+    const auto envelope = QEVStoredEventChunk::fromJSON(file);
+    EXPECT_THAT(file, ::testing::HasSubstr(c.stored == QEVCompressionType::none
+                                               ? R"("compressionType":"none")"
+                                               : R"("compressionType":"lzfse")"));
     EXPECT_EQ(envelope.uncompressedByteCount, static_cast<std::int64_t>(raw.size()));
     EXPECT_EQ(envelope.payload, c.stored == QEVCompressionType::none
                                     ? bytesOf(raw)
@@ -200,31 +204,9 @@ TEST_F(QEVFileMemoryStoreTest, CompressesOnlyWhenTheBlockIsStrictlyShorter) {
   }
 }
 
-TEST_F(QEVFileMemoryStoreTest, ForeignFilesAreIgnoredByLoadsButCounted) {
-  const QEVMemoryEventChunk chunk = makeChunk(QEVRUUID::random(), 10);
-  store->saveEventChunk(chunk);
-  const std::uint64_t before = store->estimatedDiskUsageBytes();
-  EXPECT_GT(before, 0u);
-  write(root / "events" / "notes.txt", std::string(100, 'x'));
-  write(root / "events" / "SHOUTING.JSON", std::string(50, '{'));
-  write(root / "sessions" / "broken.Json", std::string(25, '['));
-  EXPECT_EQ(store->estimatedDiskUsageBytes(),
-            before + 100 + 50 + 25 + files.fileSize(root / "sessions").value());
-  EXPECT_THAT(store->loadEventChunks(), ElementsAre(chunk));
-  EXPECT_TRUE(store->loadSessionGraphs().empty());
-}
-
 TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) {
   const auto graph = [](const char* id, std::int64_t events) {
-    return QEVSessionGraph{uuid(id),
-                           at("2026-03-01T09:00:00Z"),
-                           at("2026-03-01T09:10:00Z"),
-                           600.0,
-                           events,
-                           {"Home", "Cart"},
-                           {{std::nullopt, "Home", 1}, {"Home", "Cart", 1}},
-                           {{"cart.checkoutButton", "Cart", 2, 0}},
-                           {{"purchase", 1}}};
+    return QEVSessionGraph{.sessionId = uuid(id), .eventCount = events, .screenSequence = {"A/B"}};
   };
   QEVSessionGraph unnamed = graph("11111111-1111-4111-8111-111111111111", 1);
   unnamed.sessionId.reset();
@@ -255,30 +237,18 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
   EXPECT_EQ(store->loadUserGraph(), user);
 }
 
+// (A chunk that cannot be encoded fails before any write: the encoder's
+// own test.)
 TEST_F(QEVFileMemoryStoreTest, FailedSaveKeepsTheOldFileWhole) {
   const QEVRUUID id = QEVRUUID::random();
   const QEVMemoryEventChunk old = makeChunk(id, 20);
   store->saveEventChunk(old);
   const std::string oldFile = read(chunkFile(id));
-  QEVMemoryEventChunk unencodable = makeChunk(id, 30);
-  unencodable.events[4].metadata.insert_or_assign("ratio", std::nan(""));
-  const struct {
-    const char* name;
-    bool diskFull;
-    QEVMemoryEventChunk replacement;
-    std::string failure;
-  } cases[] = {
-      {"out of space", true, makeChunk(id, 40), errnoText(ENOSPC)},
-      {"not encodable", false, unencodable, "encoding"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    faulty.full = c.diskFull;
-    EXPECT_EQ(failureOf([&] { store->saveEventChunk(c.replacement); }), c.failure);
-    faulty.full = false;
-    EXPECT_EQ(read(chunkFile(id)), oldFile);
-    EXPECT_THAT(store->loadEventChunks(), ElementsAre(old));
-  }
+  faulty.full = true;
+  EXPECT_EQ(failureOf([&] { store->saveEventChunk(makeChunk(id, 40)); }), errnoText(ENOSPC));
+  faulty.full = false;
+  EXPECT_EQ(read(chunkFile(id)), oldFile);
+  EXPECT_THAT(store->loadEventChunks(), ElementsAre(old));
 }
 
 // A damaged file fails the whole load with the decoder's own error, stays
@@ -287,25 +257,10 @@ TEST_F(QEVFileMemoryStoreTest, DamagedChunkFileFailsTheLoadUntilCleared) {
   const QEVMemoryEventChunk good = makeChunk(QEVRUUID::random(), 100);
   store->saveEventChunk(good);
   const std::string goodFile = read(chunkFile(good.id));
-  const auto block = [&](const std::function<void(Bytes&)>& damage) {
-    QEVStoredEventChunk envelope = QEVStoredEventChunk::fromJSON(goodFile);
-    damage(envelope.payload);
-    return envelope.toJSON();
-  };
-  // Rewrites the block's big-endian length prefix.
-  const auto declare = [](Bytes& b, std::uint64_t n) {
-    for (int i = 0; i < 8; ++i)
-      b[i] = static_cast<std::uint8_t>(n >> (56 - 8 * i));
-  };
+  QEVStoredEventChunk flipped = QEVStoredEventChunk::fromJSON(goodFile);
+  flipped.payload[8] ^= 0x01;
   std::string badBase64 = goodFile;
   badBase64[badBase64.find("\"payload\":\"") + 20] = '*';
-  const std::string noEvents =
-      QEVStoredEventChunk{
-          QEVCompressionType::none, 0,
-          bytesOf(
-              R"({"id":"D0000000-0000-4000-8000-000000000000","createdAt":"2026-03-01T09:00:00Z",)"
-              R"("eventCount":0,"schemaVersion":1})")}
-          .toJSON();
   const struct {
     const char* name;
     std::string file;
@@ -314,17 +269,10 @@ TEST_F(QEVFileMemoryStoreTest, DamagedChunkFileFailsTheLoadUntilCleared) {
       {"truncated envelope", goodFile.substr(0, goodFile.size() / 2), "decoding dataCorrupted"},
       {"empty file", "", "decoding dataCorrupted"},
       {"bad Base64", badBase64, "decoding dataCorrupted.payload"},
-      {"bit flipped in the block's magic", block([](Bytes& b) { b[8] ^= 0x01; }),
-       "compression decompressionFailed"},
-      {"length prefix one too large",
-       block([&](Bytes& b) { declare(b, good.toJSON().size() + 1); }),
-       "compression decompressionFailed"},
-      {"length prefix past 64 MiB", block([&](Bytes& b) { declare(b, (64u << 20) + 1); }),
-       "compression decompressionFailed"},
+      {"bit flipped in the block's magic", flipped.toJSON(), "compression decompressionFailed"},
       {"unknown compression type",
        R"({"compressionType":"LZFSE","uncompressedByteCount":1,"payload":""})",
        "decoding dataCorrupted.compressionType"},
-      {"chunk missing its events", noEvents, "decoding keyNotFound.events"},
       {"larger than any chunk file", "huge", errnoText(EFBIG)},
   };
   const fs::path damaged = root / "events" / "E0000000-0000-4000-8000-000000000000.json";
@@ -359,7 +307,6 @@ TEST_F(QEVFileMemoryStoreTest, FifosAndDevicesFailLikeDamagedFilesWithoutBlockin
       {"FIFO chunk", fifo, fs::path("events") / name},
       {"device chunk", device, fs::path("events") / name},
       {"FIFO session", fifo, fs::path("sessions") / name},
-      {"device session", device, fs::path("sessions") / name},
       {"FIFO user graph", fifo, fs::path("user") / "graph.json"},
   };
   const QEVMemoryPruner pruner(root, files);

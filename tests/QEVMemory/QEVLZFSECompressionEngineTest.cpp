@@ -5,14 +5,16 @@
 
 #include "ThrowsMessage.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
+// The stream format itself (vectors, hostile and truncated streams) is the
+// codec library's own test; these are about the block around the stream.
 namespace {
 
 using qevr::testing::throwsWithMessage;
@@ -36,9 +38,11 @@ Bytes streamOf(const Bytes& block) {
   return Bytes(block.begin() + 8, block.end());
 }
 
+constexpr std::uint64_t kLimit = QEVLZFSECompressionEngine::maximumDecompressedByteCount;
+
 // An LZVN stream of `n` (>= 9) 'A's: one literal, a match of 8 at distance
 // 1, then matches of up to 271 at the same distance. Small input, any size
-// of output, so limits can be tested without megabytes of input.
+// of output, so limits are tested without compressing megabytes.
 Bytes repeatedAStream(std::uint64_t n) {
   Bytes payload = {0x68, 0x01, 'A'};
   std::uint64_t left = n - 9;
@@ -65,60 +69,62 @@ class QEVLZFSECompressionEngineTest : public ::testing::Test {
   QEVLZFSECompressionEngine engine;
 };
 
-TEST_F(QEVLZFSECompressionEngineTest, PrefixesTheBigEndianLength) {
+// Nothing compresses to nothing; anything else gets its length as an
+// eight-byte big-endian prefix.
+TEST_F(QEVLZFSECompressionEngineTest, RoundTripsBehindABigEndianLengthPrefix) {
   const struct {
-    std::size_t size;
+    Bytes input;
     Bytes prefix;
   } cases[] = {
-      {1, {0, 0, 0, 0, 0, 0, 0, 0x01}},
-      {1000, {0, 0, 0, 0, 0, 0, 0x03, 0xE8}},
-      {70000, {0, 0, 0, 0, 0, 0x01, 0x11, 0x70}},
+      {{}, {}},
+      {{0x42}, {0, 0, 0, 0, 0, 0, 0, 0x01}},
+      {Bytes(8, 1), {0, 0, 0, 0, 0, 0, 0, 0x08}},
+      {Bytes(1000, 'q'), {0, 0, 0, 0, 0, 0, 0x03, 0xE8}},
+      {Bytes(70000, 'q'), {0, 0, 0, 0, 0, 0x01, 0x11, 0x70}},
+      {readChunk("chunk-100-unicode"), prefixed(readChunk("chunk-100-unicode").size(), {})},
   };
   for (const auto& c : cases) {
-    const Bytes block = engine.compress(Bytes(c.size, 'q'));
-    ASSERT_GT(block.size(), 8u);
-    EXPECT_EQ(Bytes(block.begin(), block.begin() + 8), c.prefix) << c.size;
-    EXPECT_EQ(engine.decompress(block), Bytes(c.size, 'q')) << c.size;
+    SCOPED_TRACE(std::to_string(c.input.size()) + " bytes");
+    const Bytes block = engine.compress(c.input);
+    EXPECT_EQ(Bytes(block.begin(), block.begin() + std::min<std::size_t>(block.size(), 8)),
+              c.prefix);
+    EXPECT_EQ(engine.decompress(block), c.input);
   }
 }
 
-TEST_F(QEVLZFSECompressionEngineTest, RoundTripsChunksAndEdgeSizes) {
-  std::mt19937 rng(5);
-  std::vector<Bytes> inputs = {{}, {0x42}, Bytes(7, 1), Bytes(8, 1), Bytes(4096, 'x')};
-  for (const char* name : {"chunk-100-ascii", "chunk-100-unicode", "chunk-partial-single",
-                           "chunk-partial-tiny", "mixed-1mb"}) {
-    inputs.push_back(readChunk(name));
-    ASSERT_FALSE(inputs.back().empty()) << name;
+// A zero prefix is empty whatever follows; a prefix equal to the limit is
+// allowed; a stream holding more than its prefix is cut there, as a
+// platform decode-buffer call cuts it.
+TEST_F(QEVLZFSECompressionEngineTest, DecodesExactlyTheDeclaredLength) {
+  const Bytes text = readChunk("chunk-100-game");
+  const struct {
+    const char* name;
+    Bytes block;
+    Bytes expected;
+  } cases[] = {
+      {"no block", {}, {}},
+      {"zero prefix", Bytes(8, 0), {}},
+      {"zero prefix and a stream", prefixed(0, {0xde, 0xad, 0xbe, 0xef}), {}},
+      {"prefix at the limit", prefixed(kLimit, repeatedAStream(kLimit)), Bytes(kLimit, 'A')},
+      {"stream longer than the prefix",
+       prefixed(text.size() - 100, streamOf(engine.compress(text))),
+       Bytes(text.begin(), text.end() - 100)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_TRUE(engine.decompress(c.block) == c.expected);
   }
-  Bytes noise(100000);
-  for (auto& b : noise)
-    b = static_cast<std::uint8_t>(rng());
-  inputs.push_back(noise);
-  for (const Bytes& input : inputs) {
-    const Bytes block = engine.compress(input);
-    EXPECT_EQ(engine.decompress(block), input) << input.size() << " bytes";
-  }
-}
-
-// Nothing compresses to nothing; a zero prefix is empty whatever follows.
-TEST_F(QEVLZFSECompressionEngineTest, EmptyInAndOut) {
-  EXPECT_TRUE(engine.compress({}).empty());
-  EXPECT_TRUE(engine.decompress({}).empty());
-  EXPECT_TRUE(engine.decompress(Bytes(8, 0)).empty());
-  EXPECT_TRUE(engine.decompress(prefixed(0, {0xde, 0xad, 0xbe, 0xef})).empty());
 }
 
 TEST_F(QEVLZFSECompressionEngineTest, RefusesBadBlocks) {
-  const Bytes text(1000, 't');
-  const Bytes stream = streamOf(engine.compress(text));
-  const std::uint64_t limit = QEVLZFSECompressionEngine::maximumDecompressedByteCount;
+  const Bytes stream = streamOf(engine.compress(Bytes(1000, 't')));
   const struct {
     const char* name;
     Bytes block;
   } cases[] = {
       {"seven bytes", Bytes(7, 0)},
       {"one byte", {0x00}},
-      {"prefix one more than the limit", prefixed(limit + 1, repeatedAStream(limit + 1))},
+      {"prefix one more than the limit", prefixed(kLimit + 1, repeatedAStream(kLimit + 1))},
       // Reserving this much would throw std::bad_alloc: the limit check must
       // come first.
       {"prefix of 2^62", prefixed(std::uint64_t{1} << 62, stream)},
@@ -133,36 +139,6 @@ TEST_F(QEVLZFSECompressionEngineTest, RefusesBadBlocks) {
     SCOPED_TRACE(c.name);
     EXPECT_THAT([&] { engine.decompress(c.block); },
                 throwsWithMessage<QEVCompressionError>("decompressionFailed"));
-  }
-}
-
-TEST_F(QEVLZFSECompressionEngineTest, AcceptsAPrefixEqualToTheLimit) {
-  const std::uint64_t limit = QEVLZFSECompressionEngine::maximumDecompressedByteCount;
-  const Bytes out = engine.decompress(prefixed(limit, repeatedAStream(limit)));
-  ASSERT_EQ(out.size(), limit);
-  EXPECT_EQ(out.front(), 'A');
-  EXPECT_EQ(out.back(), 'A');
-}
-
-// The decoder fills exactly the declared length: a stream holding more is
-// cut there, as a platform decode-buffer call cuts it.
-TEST_F(QEVLZFSECompressionEngineTest, CutsAStreamLongerThanItsPrefix) {
-  const Bytes text = readChunk("chunk-100-game");
-  const Bytes stream = streamOf(engine.compress(text));
-  const Bytes out = engine.decompress(prefixed(text.size() - 100, stream));
-  EXPECT_EQ(out, Bytes(text.begin(), text.end() - 100));
-}
-
-// The names are the on-disk spelling of a chunk's compression.
-TEST(QEVCompressionTypeTest, MapsToAndFromText) {
-  const std::pair<QEVCompressionType, const char*> names[] = {{QEVCompressionType::none, "none"},
-                                                              {QEVCompressionType::lzfse, "lzfse"}};
-  for (const auto& [type, text] : names) {
-    EXPECT_EQ(textOf(type), text);
-    EXPECT_EQ(compressionTypeFromText(text), type);
-  }
-  for (const char* other : {"", "LZFSE", "zlib", "lzfse "}) {
-    EXPECT_EQ(compressionTypeFromText(other), std::nullopt) << other;
   }
 }
 

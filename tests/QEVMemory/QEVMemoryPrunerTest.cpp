@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
+#include "MemoryTestSupport.h"
 
 #include <atomic>
 #include <cerrno>
@@ -34,12 +34,6 @@ std::vector<std::uint8_t> bytesOf(std::string_view text) {
   return {text.begin(), text.end()};
 }
 
-fs::path makeScratchDirectory() {
-  char pattern[] = "/tmp/qevr-pruner-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) throw std::system_error(errno, std::generic_category());
-  return pattern;
-}
-
 // The real file system, except that sizes can be made up (to drive the disk
 // pass with exact numbers), files can seem gone or refuse removal, and
 // calls are counted. Keyed by file name.
@@ -49,10 +43,6 @@ class ScriptedFileSystem final : public qevr::FileSystemWrapper {
   bool exists(const fs::path& p) override {
     ++calls;
     return !vanished.contains(p.filename()) && FileSystemWrapper::exists(p);
-  }
-  std::vector<fs::path> listDirectory(const fs::path& p) override {
-    ++calls;
-    return FileSystemWrapper::listDirectory(p);
   }
   std::optional<std::uint64_t> fileSize(const fs::path& p) override {
     ++calls;
@@ -105,6 +95,15 @@ struct Item {
   std::uint64_t size = 1000;
 };
 
+Item chunk(const char* name, std::optional<double> endAge = {}, std::optional<double> startAge = {},
+           std::uint64_t size = 1000) {
+  return {name, Kind::event, endAge, startAge, size};
+}
+Item session(const char* name, std::optional<double> endAge = {},
+             std::optional<double> startAge = {}, std::uint64_t size = 1000) {
+  return {name, Kind::session, endAge, startAge, size};
+}
+
 QEVMemoryOptions options(std::int64_t megabytes, std::int64_t days, std::int64_t sessions) {
   QEVMemoryOptions o;
   o.maxDiskUsageMB = megabytes, o.maxEventAgeDays = days, o.maxSessionCount = sessions;
@@ -114,14 +113,11 @@ QEVMemoryOptions options(std::int64_t megabytes, std::int64_t days, std::int64_t
 class QEVMemoryPrunerTest : public ::testing::Test {
  protected:
   void SetUp() override { qevr::setClock(std::make_shared<qevr::ManualClock>(kNow)); }
-  void TearDown() override {
-    qevr::setClock(nullptr);
-    fs::remove_all(root);
-  }
+  void TearDown() override { qevr::setClock(nullptr); }
 
-  // Writes a real file of the item's kind through the store.
-  fs::path add(const Item& item) {
-    const QEVRUUID id = QEVRUUID::random();
+  // Writes a real file of the item's kind through the store, replacing any
+  // file of the same id.
+  fs::path add(const Item& item, const QEVRUUID& id = QEVRUUID::random()) {
     const auto ago = [](double seconds) { return kNow.addingSeconds(-seconds); };
     if (item.kind == Kind::event) {
       const QEVRDate created = ago(item.startAge.value_or(item.endAge.value_or(0) + 3600));
@@ -149,7 +145,8 @@ class QEVMemoryPrunerTest : public ::testing::Test {
   qevr::ScopedLogSink scopedSink{sink};
   qevr::FileSystem& real = qevr::FileSystem::defaultFileSystem();
   ScriptedFileSystem files;
-  fs::path root = makeScratchDirectory();
+  TemporaryDirectory temporary;
+  fs::path root = temporary.path;
   QEVFileMemoryStore store{root, real, std::make_shared<QEVLZFSECompressionEngine>()};
   QEVMemoryPruner pruner{root, files};
 };
@@ -157,87 +154,61 @@ class QEVMemoryPrunerTest : public ::testing::Test {
 TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
   const double month = 30 * kDay;
   const std::uint64_t half = kMB / 2, big = std::uint64_t{1} << 63;
-  const struct {
+  struct Case {
     const char* name;
     QEVMemoryOptions options;
     std::vector<Item> items;
     std::set<std::string> deleted;
-  } cases[] = {
-      {"age: exactly the limit stays, a second more goes",
-       options(25, 30, 100),
-       {{"edge", Kind::event, month},
-        {"older", Kind::event, month + 1},
-        {"oldSession", Kind::session, month + 1},
-        {"fresh", Kind::session, 1}},
-       {"older", "oldSession"}},
-      {"age: closedAt, else createdAt; endedAt, else startedAt, else the distant past",
-       options(25, 30, 100),
-       {{"closedRecently", Kind::event, kDay, 2 * month},
-        {"openOld", Kind::event, {}, 2 * month},
-        {"endedRecently", Kind::session, kDay, 2 * month},
-        {"startedOld", Kind::session, {}, 2 * month},
-        {"undated", Kind::session},
-        {"startedRecently", Kind::session, {}, kDay}},
-       {"openOld", "startedOld", "undated"}},
-      {"negative age and count count as 0",
-       options(25, -1, -1),
-       {{"now", Kind::event, 0}, {"secondAgo", Kind::event, 1}, {"sessionNow", Kind::session, 0}},
-       {"secondAgo", "sessionNow"}},
-      {"negative disk budget counts as 0",
-       options(-5, 30, 100),
-       {{"a", Kind::event, kDay, {}, 10}, {"b", Kind::session, kDay, {}, 10}},
-       {"a", "b"}},
-      {"count keeps the newest",
-       options(25, 1'000'000, 2),
-       {{"s3", Kind::session, 3 * kDay},
-        {"s1", Kind::session, kDay},
-        {"s2", Kind::session, 2 * kDay},
-        {"chunk", Kind::event, 10 * kDay}},
-       {"s3"}},
-      {"count: undated sessions go before any dated one",
-       options(25, 1'000'000, 1),
-       {{"undated", Kind::session}, {"ancient", Kind::session, 40 * 365 * kDay}},
-       {"undated"}},
-      {"count 0 takes every session and no chunk",
-       options(25, 30, 0),
-       {{"s", Kind::session, 1}, {"old", Kind::session, 2 * month}, {"chunk", Kind::event, 1}},
-       {"s", "old"}},
-      {"disk: a total equal to the budget stays",
-       options(1, 30, 100),
-       {{"a", Kind::event, 2 * kDay, {}, half}, {"b", Kind::session, kDay, {}, half}},
-       {}},
-      {"disk: one byte over takes the oldest, sessions and chunks alike",
-       options(1, 30, 100),
-       {{"newChunk", Kind::event, kDay, {}, half + 1},
-        {"oldSession", Kind::session, 2 * kDay, {}, half}},
-       {"oldSession"}},
-      {"disk: files already marked don't count",
-       options(1, 30, 0),
-       {{"older", Kind::event, 2 * kDay, {}, half}, {"session", Kind::session, kDay, {}, kMB}},
-       {"session"}},
-      {"disk: equal dates take chunks before sessions",
-       options(1, 30, 100),
-       {{"session", Kind::session, kDay, {}, 600'000}, {"chunk", Kind::event, kDay, {}, 600'000}},
-       {"chunk"}},
-      {"disk: budget 0 stops once nothing is left",
-       options(0, 30, 100),
-       {{"emptyOld", Kind::event, 3 * kDay, {}, 0},
-        {"full", Kind::session, 2 * kDay, {}, 100},
-        {"emptyNew", Kind::event, kDay, {}, 0}},
-       {"emptyOld", "full"}},
-      {"disk: a total past 64 bits still counts",
-       options(std::int64_t{1} << 43, 30, 100),
-       {{"old", Kind::event, 2 * kDay, {}, big}, {"new", Kind::event, kDay, {}, big}},
-       {"old"}},
-      {"disk: a budget past 64 bits is no limit",
-       options(std::numeric_limits<std::int64_t>::max(), 30, 100),
-       {{"old", Kind::event, 2 * kDay, {}, big}, {"new", Kind::event, kDay, {}, big}},
-       {}},
-      {"marked by two passes, deleted and counted once",
-       options(0, 30, 0),
-       {{"oldSession", Kind::session, 2 * month, {}, 10},
-        {"oldChunk", Kind::event, 2 * month, {}, 20}},
-       {"oldSession", "oldChunk"}},
+  };
+  const auto row = [](const char* name, QEVMemoryOptions o, std::vector<Item> items,
+                      std::set<std::string> deleted) {
+    return Case{name, o, std::move(items), std::move(deleted)};
+  };
+  const Case cases[] = {
+      row("age: exactly the limit stays, a second more goes", options(25, 30, 100),
+          {chunk("edge", month), chunk("older", month + 1), session("oldSession", month + 1),
+           session("fresh", 1)},
+          {"older", "oldSession"}),
+      row("age: closedAt, else createdAt; endedAt, else startedAt, else the distant past",
+          options(25, 30, 100),
+          {chunk("closedRecently", kDay, 2 * month), chunk("openOld", {}, 2 * month),
+           session("endedRecently", kDay, 2 * month), session("startedOld", {}, 2 * month),
+           session("undated"), session("startedRecently", {}, kDay)},
+          {"openOld", "startedOld", "undated"}),
+      row("negative age and count count as 0", options(25, -1, -1),
+          {chunk("now", 0), chunk("secondAgo", 1), session("sessionNow", 0)},
+          {"secondAgo", "sessionNow"}),
+      row("negative disk budget counts as 0", options(-5, 30, 100),
+          {chunk("a", kDay, {}, 10), session("b", kDay, {}, 10)}, {"a", "b"}),
+      row("count keeps the newest", options(25, 1'000'000, 2),
+          {session("s3", 3 * kDay), session("s1", kDay), session("s2", 2 * kDay),
+           chunk("chunk", 10 * kDay)},
+          {"s3"}),
+      row("count: undated sessions go before any dated one", options(25, 1'000'000, 1),
+          {session("undated"), session("ancient", 40 * 365 * kDay)}, {"undated"}),
+      row("count 0 takes every session and no chunk", options(25, 30, 0),
+          {session("s", 1), session("old", 2 * month), chunk("chunk", 1)}, {"s", "old"}),
+      row("disk: a total equal to the budget stays", options(1, 30, 100),
+          {chunk("a", 2 * kDay, {}, half), session("b", kDay, {}, half)}, {}),
+      row("disk: one byte over takes the oldest, sessions and chunks alike", options(1, 30, 100),
+          {chunk("newChunk", kDay, {}, half + 1), session("oldSession", 2 * kDay, {}, half)},
+          {"oldSession"}),
+      row("disk: files already marked don't count", options(1, 30, 0),
+          {chunk("older", 2 * kDay, {}, half), session("session", kDay, {}, kMB)}, {"session"}),
+      row("disk: equal dates take chunks before sessions", options(1, 30, 100),
+          {session("session", kDay, {}, 600'000), chunk("chunk", kDay, {}, 600'000)}, {"chunk"}),
+      row("disk: budget 0 stops once nothing is left", options(0, 30, 100),
+          {chunk("emptyOld", 3 * kDay, {}, 0), session("full", 2 * kDay, {}, 100),
+           chunk("emptyNew", kDay, {}, 0)},
+          {"emptyOld", "full"}),
+      row("disk: a total past 64 bits still counts", options(std::int64_t{1} << 43, 30, 100),
+          {chunk("old", 2 * kDay, {}, big), chunk("new", kDay, {}, big)}, {"old"}),
+      row("disk: a budget past 64 bits is no limit",
+          options(std::numeric_limits<std::int64_t>::max(), 30, 100),
+          {chunk("old", 2 * kDay, {}, big), chunk("new", kDay, {}, big)}, {}),
+      row("marked by two passes, deleted and counted once", options(0, 30, 0),
+          {session("oldSession", 2 * month, {}, 10), chunk("oldChunk", 2 * month, {}, 20)},
+          {"oldSession", "oldChunk"}),
   };
   // Cold: a new pruner. Warm: one that has already run over these very
   // files with limits that take nothing, and so reads none of them again.
@@ -288,8 +259,8 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
 // Disabled, a run touches no file, not even a damaged one, and logs
 // nothing; every completed run logs at info.
 TEST_F(QEVMemoryPrunerTest, LogsEveryCompletedRunAtInfoAndDisabledTouchesNothing) {
-  add({"old", Kind::event, 100 * kDay, {}, 4321});
-  add({"old", Kind::session, 100 * kDay, {}, 5});
+  add(chunk("old", 100 * kDay, {}, 4321));
+  add(session("old", 100 * kDay, {}, 5));
   const fs::path damaged = root / "events" / "damaged.json";
   real.writeFileAtomically(damaged, bytesOf("{"));
   QEVMemoryOptions off = options(0, 0, 0);
@@ -334,7 +305,7 @@ TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunBeforeAnyDeletion) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.contents + (c.knownGood ? " (known good)" : ""));
-    const fs::path old = add({"old", Kind::event, 100 * kDay});
+    const fs::path old = add(chunk("old", 100 * kDay));
     const fs::path damaged = add({"damaged", c.kind, kDay});
     if (c.knownGood)
       ASSERT_EQ(pruner.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
@@ -351,21 +322,22 @@ TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunBeforeAnyDeletion) {
 }
 
 TEST_F(QEVMemoryPrunerTest, RemovalFailureEndsTheRunAndVanishedFilesAreSkipped) {
-  const fs::path stuck = add({"stuck", Kind::event, 100 * kDay});
+  const fs::path stuck = add(chunk("stuck", 100 * kDay));
   files.unremovable.insert(stuck.filename());
   EXPECT_THROW(pruner.prune(QEVMemoryOptions()), std::system_error);
   EXPECT_TRUE(lines().empty());
   real.removeItem(stuck);
 
   // Listed, then gone by the time of the existence check: not counted.
-  const fs::path gone = add({"gone", Kind::session, 100 * kDay, {}, 70});
-  const fs::path old = add({"old", Kind::session, 100 * kDay, {}, 30});
+  const fs::path gone = add(session("gone", 100 * kDay, {}, 70));
+  const fs::path old = add(session("old", 100 * kDay, {}, 30));
   files.vanished.insert(gone.filename());
   EXPECT_EQ(pruner.prune(QEVMemoryOptions()), (QEVMemoryPruningSummary{0, 1, 30}));
   EXPECT_FALSE(real.exists(old));
 }
 
-// What a warm pruner knows must never outlive the file it was learnt from.
+// What a warm pruner knows must never outlive the file it was learnt from,
+// nor the file itself.
 TEST_F(QEVMemoryPrunerTest, ARememberedDateIsDroppedWhenItsFileChanges) {
   const QEVMemoryOptions defaults;
   const struct {
@@ -381,44 +353,25 @@ TEST_F(QEVMemoryPrunerTest, ARememberedDateIsDroppedWhenItsFileChanges) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const fs::path file = add({"x", c.kind, c.before});
-    const fs::path bystander = add({"y", Kind::event, kDay});
+    const fs::path bystander = add(chunk("y", kDay));
     const QEVMemoryPruner warm(root, files);
     ASSERT_EQ(warm.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
     EXPECT_EQ(warm.rememberedDateCount(), 2u);
-    // The same name with new contents, written through the store again.
-    const QEVRUUID id = QEVRUUID::parse(file.stem().string()).value();
-    const QEVRDate at = kNow.addingSeconds(-c.after);
-    if (c.kind == Kind::event) {
-      QEVMemoryEvent event{
-          QEVRUUID::random(), QEVMemoryEventType::screenView, at, {}, "Home", {}, {}, 1};
-      store.saveEventChunk({id, {}, at, at, {event}, 1, 1});
-    } else {
-      QEVSessionGraph graph;
-      graph.sessionId = id;
-      graph.endedAt = at;
-      store.saveSessionGraph(graph);
-    }
+    add({"x", c.kind, c.after, c.after}, QEVRUUID::parse(file.stem().string()).value());
     files.reads = 0;
     const QEVMemoryPruningSummary summary = warm.prune(defaults);
     EXPECT_EQ(files.reads, 1);  // the replaced file only
     EXPECT_EQ(summary.deletedEventChunks + summary.deletedSessionGraphs, c.deleted ? 1 : 0);
     EXPECT_EQ(real.exists(file), !c.deleted);
     EXPECT_TRUE(real.exists(bystander));
+    // Files that are gone, through the run or otherwise, are forgotten.
+    real.removeItem(bystander);
+    files.reads = 0;
+    EXPECT_EQ(warm.prune(defaults), QEVMemoryPruningSummary{});
+    EXPECT_EQ(files.reads, 0);
+    EXPECT_EQ(warm.rememberedDateCount(), c.deleted ? 0u : 1u);
     real.removeItem(root);
   }
-}
-
-TEST_F(QEVMemoryPrunerTest, FilesThatAreGoneAreForgotten) {
-  const fs::path a = add({"a", Kind::event, kDay});
-  add({"b", Kind::session, kDay});
-  add({"c", Kind::event, 100 * kDay});  // deleted by the run
-  pruner.prune(QEVMemoryOptions());
-  EXPECT_EQ(pruner.rememberedDateCount(), 3u);
-  real.removeItem(a);
-  files.reads = 0;
-  EXPECT_EQ(pruner.prune(QEVMemoryOptions()), QEVMemoryPruningSummary{});
-  EXPECT_EQ(files.reads, 0);
-  EXPECT_EQ(pruner.rememberedDateCount(), 1u);
 }
 
 // Requests made while a run waits join it; a request made once the run has

@@ -1,6 +1,7 @@
 #include <QEVMemory/QEVSessionGraph.h>
 #include <QEVRPlatform/Json.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -22,6 +23,11 @@ QEVMemoryEvent ev(Type type, std::optional<std::string> screenName = {},
                         QEVRDate{timestamp},   sessionId,
                         std::move(screenName), std::move(componentId),
                         std::move(metadata),   1};
+}
+
+// A dated event with no labels.
+QEVMemoryEvent at(double timestamp, Type type, QEVMemoryMetadata metadata = {}) {
+  return ev(type, {}, {}, std::move(metadata), timestamp);
 }
 
 QEVSessionGraph buildFrom(const std::vector<QEVMemoryEvent>& events) {
@@ -78,78 +84,65 @@ TEST(SessionGraphBuilderTest, SessionDates) {
     return Case{name, byEvents, startedAt, endedAt, duration, std::move(events)};
   };
   const Case cases[] = {
-      row("end only", false, kNone, 70, kNone, {ev(Type::sessionEnd, {}, {}, {}, 70)}),
+      row("end only", false, kNone, 70, kNone, {at(70, Type::sessionEnd)}),
       row("metadata dates", false, 500, 530, 30,
-          {ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{500}}}, 10),
-           ev(Type::sessionEnd, {}, {}, {{"endedAt", "yesterday"}}, 530)}),
+          {at(10, Type::sessionStart, {{"startedAt", QEVRDate{500}}}),
+           at(530, Type::sessionEnd, {{"endedAt", "yesterday"}})}),
       row("later start wins, duration not clamped", false, 20, 15, -5,
-          {ev(Type::sessionStart, {}, {}, {}, 10),
-           ev(Type::sessionStart, {}, {}, {{"startedAt", 1.0}}, 20),
-           ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{15}}}, 99)}),
+          {at(10, Type::sessionStart), at(20, Type::sessionStart, {{"startedAt", 1.0}}),
+           at(99, Type::sessionEnd, {{"endedAt", QEVRDate{15}}})}),
       row("no events", true, kNone, kNone, kNone, {}),
       // The first and last ingested, not the earliest and latest.
       row("neither start nor end", true, 40, 25, -15,
           {ev(Type::screenView, "Home", {}, {}, 40), ev(Type::buttonTap, "Home", "b", {}, 10),
-           ev(Type::custom, {}, {}, {{"name", "x"}}, 25)}),
+           at(25, Type::custom, {{"name", "x"}})}),
       row("start without end", true, 5, 30, 25,
-          {ev(Type::sessionStart, {}, {}, {{"startedAt", QEVRDate{5}}}, 8),
-           ev(Type::screenView, "Home", {}, {}, 30)}),
+          {at(8, Type::sessionStart, {{"startedAt", QEVRDate{5}}}), at(30, Type::screenView)}),
       row("end without start", true, 12, 50, 38,
-          {ev(Type::screenView, "Home", {}, {}, 12),
-           ev(Type::sessionEnd, {}, {}, {{"endedAt", QEVRDate{50}}}, 51)}),
-      row("both", true, 3, 9, 6,
-          {ev(Type::sessionStart, {}, {}, {}, 3), ev(Type::sessionEnd, {}, {}, {}, 9)}),
+          {at(12, Type::screenView), at(51, Type::sessionEnd, {{"endedAt", QEVRDate{50}}})}),
+      row("both", true, 3, 9, 6, {at(3, Type::sessionStart), at(9, Type::sessionEnd)}),
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     QEVSessionGraphBuilder builder;
     for (const QEVMemoryEvent& event : c.events)
       builder.ingest(event);
-    const QEVSessionGraph graph = c.byEvents ? builder.buildDatedByEvents() : builder.build();
-    EXPECT_EQ(graph.startedAt, dateOf(c.startedAt));
-    EXPECT_EQ(graph.endedAt, dateOf(c.endedAt));
-    EXPECT_EQ(graph.duration, std::isnan(c.duration) ? std::nullopt : std::optional(c.duration));
+    QEVSessionGraph expected = builder.build();
+    expected.startedAt = dateOf(c.startedAt);
+    expected.endedAt = dateOf(c.endedAt);
+    expected.duration = std::isnan(c.duration) ? std::nullopt : std::optional(c.duration);
     // Everything but the dates is what build() gives.
-    QEVSessionGraph plain = builder.build();
-    plain.startedAt = graph.startedAt;
-    plain.endedAt = graph.endedAt;
-    plain.duration = graph.duration;
-    EXPECT_EQ(graph, plain);
+    EXPECT_EQ(c.byEvents ? builder.buildDatedByEvents() : builder.build(), expected);
   }
 }
 
-TEST(SessionGraphBuilderTest, EdgesComeOnlyFromNavigationEventsOwnFields) {
-  const QEVSessionGraph graph = buildFrom({
-      ev(Type::navigation, "Cart", {}, {{"to", "Pay"}, {"from", "Cart"}}),
-      ev(Type::navigation, "Pay", {}, {{"from", "Cart"}}),           // to from screenName
-      ev(Type::navigation, "Pay", {}, {{"to", 7}, {"from", true}}),  // wrong kinds ignored
-      ev(Type::navigation, {}, {}, {{"from", "Cart"}}),              // nowhere to go
-      ev(Type::screenView, "Home"),
-      ev(Type::screenView, "Shop"),  // screen changes alone make no edge
-  });
-  EXPECT_EQ(graph.navigationEdges,
-            (std::vector<Edge>{{std::nullopt, "Pay", 1}, {"Cart", "Pay", 2}}));
-}
-
-// An absent text sorts as the empty text, not before it (where the two
-// otherwise tie, absent comes first); texts sort by code point, so "Z" <
-// "z" < "é".
-TEST(SessionGraphBuilderTest, EdgesSortByFromAsEmptyTextThenTo) {
+// Edges come only from navigation events' own fields. An absent "from"
+// sorts as the empty text, not before it (where the two otherwise tie,
+// absent comes first); texts sort by code point, so "P" < "Z" < "z" < "é".
+TEST(SessionGraphBuilderTest, EdgesComeFromNavigationEventsAndSortByFromThenTo) {
   auto nav = [](std::optional<std::string> from, std::string to) {
     QEVMemoryMetadata metadata{{"to", std::move(to)}};
     if (from) metadata.emplace("from", std::move(*from));
     return ev(Type::navigation, {}, {}, std::move(metadata));
   };
-  const QEVSessionGraph graph =
-      buildFrom({nav("\u00e9", "a"), nav("z", "a"), nav("Z", "a"), nav(std::nullopt, "b"),
-                 nav("", "a"), nav("", "b"), nav(std::nullopt, "a"), nav("", "a")});
-  EXPECT_EQ(graph.navigationEdges, (std::vector<Edge>{{std::nullopt, "a", 1},
-                                                      {"", "a", 2},
-                                                      {std::nullopt, "b", 1},
-                                                      {"", "b", 1},
-                                                      {"Z", "a", 1},
-                                                      {"z", "a", 1},
-                                                      {"\u00e9", "a", 1}}));
+  const QEVSessionGraph graph = buildFrom(
+      {ev(Type::navigation, "Cart", {}, {{"to", "Pay"}, {"from", "Cart"}}),
+       ev(Type::navigation, "Pay", {}, {{"from", "Cart"}}),           // to from screenName
+       ev(Type::navigation, "Pay", {}, {{"to", 7}, {"from", true}}),  // wrong kinds ignored
+       ev(Type::navigation, {}, {}, {{"from", "Cart"}}),              // nowhere to go
+       ev(Type::screenView, "Home"), ev(Type::screenView, "Shop"),    // no edge
+       nav("\u00e9", "a"), nav("z", "a"), nav("Z", "a"), nav(std::nullopt, "b"), nav("", "a"),
+       nav("", "b"), nav(std::nullopt, "a"), nav("", "a")});
+  const std::vector<Edge> expected{{std::nullopt, "Pay", 1},
+                                   {std::nullopt, "a", 1},
+                                   {"", "a", 2},
+                                   {std::nullopt, "b", 1},
+                                   {"", "b", 1},
+                                   {"Cart", "Pay", 2},
+                                   {"Z", "a", 1},
+                                   {"z", "a", 1},
+                                   {"\u00e9", "a", 1}};
+  EXPECT_EQ(graph.navigationEdges, expected);
 }
 
 TEST(SessionGraphBuilderTest, ComponentsCountPerScreenAndSortByScreenThenId) {
@@ -212,7 +205,7 @@ TEST(SessionGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
        {R"("screenSequence":["A\/B"])", R"("startedAt":"2001-01-01T00:01:40Z")",
         R"("duration":60.5)", R"({"to":"B","count":1})",
         R"({"componentId":"x","tapCount":1,"gestureCount":0})", R"("customEventCounts":{"n":1})"}) {
-    EXPECT_NE(json.find(part), std::string::npos) << part << " not in " << json;
+    EXPECT_THAT(json, ::testing::HasSubstr(part));
   }
   graph.endedAt = QEVRDate{160};  // whole seconds on disk
   EXPECT_EQ(QEVSessionGraph::fromJSON(json), graph);
