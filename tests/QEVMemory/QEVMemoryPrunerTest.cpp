@@ -307,8 +307,9 @@ TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunBeforeAnyDeletion) {
     SCOPED_TRACE(c.contents + (c.knownGood ? " (known good)" : ""));
     const fs::path old = add(chunk("old", 100 * kDay));
     const fs::path damaged = add({"damaged", c.kind, kDay});
-    if (c.knownGood)
+    if (c.knownGood) {
       ASSERT_EQ(pruner.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
+    }
     sink->clear();
     real.writeFileAtomically(damaged, bytesOf(c.contents));
     for (int run = 0; run < 2; ++run)
