@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <stdexcept>
 #include <string>
 
 #include "ThrowsMessage.h"
@@ -73,6 +75,8 @@ TEST(ObserverEventTest, JSONFormIsPinnedReadsBackAndEnforcesTheRuleOnDecoding) {
   } tags[] = {
       {QEVObserverMetadataValue("x/y"), R"({"type":"string","value":"x\/y"})"},
       {QEVObserverMetadataValue(-3), R"({"type":"int","value":-3})"},
+      {QEVObserverMetadataValue(std::uint64_t{INT64_MAX}),
+       R"({"type":"int","value":9223372036854775807})"},
       {QEVObserverMetadataValue(0.25), R"({"type":"double","value":0.25})"},
       {QEVObserverMetadataValue(true), R"({"type":"bool","value":true})"},
       {QEVObserverMetadataValue(QEVRDate{7.5}), R"({"type":"date","value":7.5})"},
@@ -97,6 +101,8 @@ TEST(ObserverEventTest, JSONFormIsPinnedReadsBackAndEnforcesTheRuleOnDecoding) {
   EXPECT_THROW(decode(head + R"("type":"gesture","timestamp":0,)"
                              R"("metadata":{"k":{"type":"uuid","value":"x"}}})"),
                qevr::json::DecodingError);
+  EXPECT_THROW(QEVObserverMetadataValue(std::uint64_t{INT64_MAX} + 1), std::out_of_range);
+  EXPECT_THROW(QEVObserverMetadataValue(UINT64_MAX), std::out_of_range);
 }
 
 TEST(ObserverInputValidationTest, NamesAreTrimmedAndLimitedInGraphemeClusters) {
