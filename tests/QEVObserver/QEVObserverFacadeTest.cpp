@@ -16,7 +16,6 @@
 #include "QEVSessionTracker.h"
 
 #include <atomic>
-#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -34,7 +33,6 @@ std::vector<Type> typesOf(const Sink& sink) {
   return out;
 }
 
-// A host sink that fails on every event.
 class ThrowingSink : public QEVObserverEventSink {
  public:
   void receive(const QEVObserverEvent&) override { throw std::runtime_error("host sink failed"); }
@@ -71,14 +69,16 @@ class ObserverFacadeTest : public ::testing::Test {
 };
 
 // Validation comes first, then the running check, then the call's own flag.
+// The flags, set before the start, hold through it and through the shutdown.
 TEST_F(ObserverFacadeTest, RefusalsComeInPipelineOrderEachWithItsErrorLine) {
+  const QEVObserverPrivacyOptions options{.allowScreenTracking = false,
+                                          .allowGestureTracking = false,
+                                          .allowComponentTracking = false,
+                                          .allowCustomEvents = false};
+  Observer::configure(options);
   EXPECT_FALSE(Observer::track("  ", {}));
   EXPECT_FALSE(Observer::track("jump", {}));
   start();
-  Observer::configure({.allowScreenTracking = false,
-                       .allowGestureTracking = false,
-                       .allowComponentTracking = false,
-                       .allowCustomEvents = false});
   EXPECT_FALSE(Observer::track("", {}));
   EXPECT_FALSE(Observer::track("jump", {}));
   EXPECT_FALSE(Observer::screenView("A", {}));
@@ -102,6 +102,8 @@ TEST_F(ObserverFacadeTest, RefusalsComeInPipelineOrderEachWithItsErrorLine) {
                                    "Custom event ignored because QEVObserver is not running"));
   for (const auto& e : logs->entries())
     EXPECT_TRUE(e.subsystem != "QEVObserver" || e.type == qevr::LogType::error);
+  QEVR::shutdown();
+  EXPECT_EQ(Observer::privacyOptions(), options);
 }
 
 TEST_F(ObserverFacadeTest, EventsCarryTheSessionTheScreenAndSanitisedMetadata) {
@@ -178,7 +180,6 @@ TEST_F(ObserverFacadeTest, SessionEventsFrameEachRunAndARestartBeginsANewSession
   auto again = startWithSink();
   const auto second = module->sessionTracker()->activeSession()->id;
   EXPECT_NE(second, session->id);
-  EXPECT_EQ(module->dispatcher()->sinkCount(), 1u);  // only the one just registered
   EXPECT_TRUE(Observer::track("after restart", {}));
   ASSERT_EQ(again->storedEvents().size(), 1u);
   EXPECT_EQ(again->storedEvents()[0].sessionId(), second);
@@ -208,15 +209,6 @@ TEST_F(ObserverFacadeTest, MisbehavingHostInputIsContained) {
   EXPECT_THAT(typesOf(*sink), ElementsAre(Type::custom, Type::sessionEnd));
 }
 
-TEST_F(ObserverFacadeTest, PrivacyOptionsSurviveStartAndShutdown) {
-  const QEVObserverPrivacyOptions options{.allowGestureTracking = false};
-  Observer::configure(options);
-  start();
-  EXPECT_EQ(Observer::privacyOptions(), options);
-  QEVR::shutdown();
-  EXPECT_EQ(Observer::privacyOptions(), options);
-}
-
 TEST_F(ObserverFacadeTest, ViewAdaptersCheckTheirOwnFlagFirst) {
   auto sink = startWithSink();
   Observer::configure({.allowSwiftUIHelpers = false});
@@ -229,25 +221,19 @@ TEST_F(ObserverFacadeTest, ViewAdaptersCheckTheirOwnFlagFirst) {
   EXPECT_THAT(typesOf(*sink), ElementsAre(Type::buttonTap));
 }
 
-// Eight host threads track while the system starts, pauses, resumes and
-// shuts down underneath them. Under TSan this checks the locking; at the end
-// nothing is accepted and no sink is left.
+// Host threads track while the lifecycle changes underneath them (TSan checks
+// the locking); at the end nothing is accepted and no sink is left.
 TEST_F(ObserverFacadeTest, ConcurrentCallsDuringLifecycleChanges) {
   qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
   std::atomic<bool> stop{false};
-  const std::function<bool()> calls[] = {
-      [] {
-        return Observer::track("tick", {{"n", 1}});
-      },
-      [] { return Observer::screenView("Screen", {}); },
-      [] { return Observer::buttonTap("b", "t", {}); },
-      [] { return Observer::gesture(QEVGestureType::tap, std::nullopt, {}); },
-  };
   std::vector<std::thread> hosts;
   for (int t = 0; t < 8; ++t) {
     hosts.emplace_back([&, t] {
       while (!stop) {
-        calls[t % 4]();
+        Observer::track("tick", {{"n", 1}});
+        Observer::screenView("Screen", {});
+        Observer::buttonTap("b", "t", {});
+        Observer::gesture(QEVGestureType::tap, std::nullopt, {});
         if (t == 0) {
           auto sink = std::make_shared<Sink>();
           if (auto id = QEVObserverIntegration::registerEventSink(sink)) {

@@ -29,12 +29,10 @@ QEVRConfiguration configuration(QEVRLogLevel level = QEVRLogLevel::trace) {
 class RuntimeStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    clock->set(QEVRDate::fromUnixSeconds(1769850300));  // 2026-01-31T09:05:00Z
+    // 2026-01-31T09:05:00.75Z: lines show whole seconds.
+    clock->set(QEVRDate::fromUnixSeconds(1769850300.75));
     qevr::setClock(clock);
-    QEVR::shutdown();
-    store().moduleRegistry().removeAll();
     store().logger().setMinimumLevel(QEVRLogLevel::trace);
-    logs->clear();
   }
   void TearDown() override {
     QEVR::shutdown();
@@ -133,8 +131,6 @@ TEST_F(RuntimeStoreTest, FailedStartRollsBackAndTheNextStartSucceeds) {
                                           "second.start", "third.start", "fourth.start"));
 }
 
-// Modules start in order and shut down in reverse; one that throws from its
-// hooks stops neither the others nor the lifecycle.
 TEST_F(RuntimeStoreTest, LifecycleDrivesModulesForwardAndShutdownBackwardWhateverTheyThrow) {
   addModule("a");
   addModule("b")->throwsFromHooks = true;
@@ -174,10 +170,11 @@ TEST_F(RuntimeStoreTest, RestartMakesANewWorkerAndRefillsTheContainer) {
   EXPECT_NE(firstWorker, secondWorker);
   EXPECT_FALSE(secondWorker->isShutDown());
   EXPECT_EQ(entriesAtStart, (std::vector<size_t>{4, 4}));
-  EXPECT_NO_THROW(store().dependencyContainer().resolve<QEVRConfiguration>());
-  EXPECT_NO_THROW(store().dependencyContainer().resolve<QEVRLogger>());
-  EXPECT_NO_THROW(store().dependencyContainer().resolve<QEVRLifecycleCoordinator>());
-  EXPECT_EQ(store().dependencyContainer().resolve<QEVRBackgroundWorker>(), secondWorker);
+  auto& container = store().dependencyContainer();
+  EXPECT_EQ(container.resolve<QEVRConfiguration>()->appId, "com.example.tests");
+  EXPECT_EQ(container.resolve<QEVRLogger>().get(), &store().logger());
+  EXPECT_NO_THROW(container.resolve<QEVRLifecycleCoordinator>());
+  EXPECT_EQ(container.resolve<QEVRBackgroundWorker>(), secondWorker);
 }
 
 // Work a module hands to its context waits on the start's executor until
@@ -204,7 +201,6 @@ TEST_F(RuntimeStoreTest, ModuleContextWorkRunsOnTheStartsExecutorAndFallsBackAft
   EXPECT_EQ(ran, 2);
 }
 
-// Which provider wins when several register is the container's business.
 TEST_F(RuntimeStoreTest, DiagnosticContextIsAbsentUntilAModuleRegistersAProvider) {
   struct Home : QEVRDiagnosticContextProviding {
     QEVRDiagnosticContext currentContext() override { return {std::nullopt, "Home"}; }
