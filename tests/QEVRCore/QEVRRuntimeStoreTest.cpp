@@ -66,8 +66,7 @@ class RuntimeStoreTest : public ::testing::Test {
 };
 
 TEST_F(RuntimeStoreTest, BlankAppIdIsRefusedBeforeAnythingChangesEvenWhileRunning) {
-  QEVRConfiguration blank = configuration();
-  blank.appId = " \n\t\u3000";
+  const QEVRConfiguration blank{.appId = " \n\t\u3000"};
   for (bool running : {false, true}) {
     if (running) QEVR::start(configuration());
     const S before = QEVR::lifecycleState();
