@@ -16,8 +16,6 @@
 #include "QEVSessionTracker.h"
 
 #include <atomic>
-#include <cstdint>
-#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -35,7 +33,6 @@ std::vector<Type> typesOf(const Sink& sink) {
   return out;
 }
 
-// A host sink that fails on every event.
 class ThrowingSink : public QEVObserverEventSink {
  public:
   void receive(const QEVObserverEvent&) override { throw std::runtime_error("host sink failed"); }
@@ -72,14 +69,16 @@ class ObserverFacadeTest : public ::testing::Test {
 };
 
 // Validation comes first, then the running check, then the call's own flag.
+// The flags, set before the start, hold through it and through the shutdown.
 TEST_F(ObserverFacadeTest, RefusalsComeInPipelineOrderEachWithItsErrorLine) {
+  const QEVObserverPrivacyOptions options{.allowScreenTracking = false,
+                                          .allowGestureTracking = false,
+                                          .allowComponentTracking = false,
+                                          .allowCustomEvents = false};
+  Observer::configure(options);
   EXPECT_FALSE(Observer::track("  ", {}));
   EXPECT_FALSE(Observer::track("jump", {}));
   start();
-  Observer::configure({.allowScreenTracking = false,
-                       .allowGestureTracking = false,
-                       .allowComponentTracking = false,
-                       .allowCustomEvents = false});
   EXPECT_FALSE(Observer::track("", {}));
   EXPECT_FALSE(Observer::track("jump", {}));
   EXPECT_FALSE(Observer::screenView("A", {}));
@@ -103,6 +102,8 @@ TEST_F(ObserverFacadeTest, RefusalsComeInPipelineOrderEachWithItsErrorLine) {
                                    "Custom event ignored because QEVObserver is not running"));
   for (const auto& e : logs->entries())
     EXPECT_TRUE(e.subsystem != "QEVObserver" || e.type == qevr::LogType::error);
+  QEVR::shutdown();
+  EXPECT_EQ(Observer::privacyOptions(), options);
 }
 
 TEST_F(ObserverFacadeTest, EventsCarryTheSessionTheScreenAndSanitisedMetadata) {
@@ -160,7 +161,6 @@ TEST_F(ObserverFacadeTest, SessionEventsFrameEachRunAndARestartBeginsANewSession
   auto late = startWithSink();
   const auto session = module->sessionTracker()->activeSession();
   ASSERT_TRUE(session.has_value());
-  EXPECT_EQ(session->startedAt, QEVRDate{800000000});
   clock->set(QEVRDate{800000090});
   QEVR::pause();
   QEVR::shutdown();  // from paused: sessionEnd still goes out
@@ -179,7 +179,6 @@ TEST_F(ObserverFacadeTest, SessionEventsFrameEachRunAndARestartBeginsANewSession
   auto again = startWithSink();
   const auto second = module->sessionTracker()->activeSession()->id;
   EXPECT_NE(second, session->id);
-  EXPECT_EQ(module->dispatcher()->sinkCount(), 1u);  // only the one just registered
   EXPECT_TRUE(Observer::track("after restart", {}));
   ASSERT_EQ(again->storedEvents().size(), 1u);
   EXPECT_EQ(again->storedEvents()[0].sessionId(), second);
@@ -200,11 +199,6 @@ TEST_F(ObserverFacadeTest, MisbehavingHostInputIsContained) {
   EXPECT_FALSE(Observer::gesture(static_cast<QEVGestureType>(-1), std::nullopt, {}));
   EXPECT_THAT(typesOf(*sink), ElementsAre(Type::custom));
 
-  // 64-bit unsigned metadata fits or is refused where the host builds it.
-  EXPECT_EQ(*QEVObserverMetadataValue(std::uint64_t{INT64_MAX}).intValue(), INT64_MAX);
-  EXPECT_THROW(QEVObserverMetadataValue(std::uint64_t{INT64_MAX} + 1), std::out_of_range);
-  EXPECT_THROW(QEVObserverMetadataValue(UINT64_MAX), std::out_of_range);
-
   // Shutdown sends sessionEnd through the throwing sink and still completes.
   QEVR::shutdown();
   EXPECT_EQ(QEVR::lifecycleState(), QEVRLifecycleState::shutdown);
@@ -212,15 +206,6 @@ TEST_F(ObserverFacadeTest, MisbehavingHostInputIsContained) {
   EXPECT_EQ(module->dispatcher()->sinkCount(), 0u);
   EXPECT_FALSE(module->sessionTracker()->activeSession().has_value());
   EXPECT_THAT(typesOf(*sink), ElementsAre(Type::custom, Type::sessionEnd));
-}
-
-TEST_F(ObserverFacadeTest, PrivacyOptionsSurviveStartAndShutdown) {
-  const QEVObserverPrivacyOptions options{.allowGestureTracking = false};
-  Observer::configure(options);
-  start();
-  EXPECT_EQ(Observer::privacyOptions(), options);
-  QEVR::shutdown();
-  EXPECT_EQ(Observer::privacyOptions(), options);
 }
 
 TEST_F(ObserverFacadeTest, ViewAdaptersCheckTheirOwnFlagFirst) {
@@ -235,25 +220,19 @@ TEST_F(ObserverFacadeTest, ViewAdaptersCheckTheirOwnFlagFirst) {
   EXPECT_THAT(typesOf(*sink), ElementsAre(Type::buttonTap));
 }
 
-// Eight host threads track while the system starts, pauses, resumes and
-// shuts down underneath them. Under TSan this checks the locking; at the end
-// nothing is accepted and no sink is left.
+// Host threads track while the lifecycle changes underneath them (TSan checks
+// the locking); at the end nothing is accepted and no sink is left.
 TEST_F(ObserverFacadeTest, ConcurrentCallsDuringLifecycleChanges) {
   qevr::ScopedLogSink quiet(std::make_shared<qevr::CapturingLogSink>());
   std::atomic<bool> stop{false};
-  const std::function<bool()> calls[] = {
-      [] {
-        return Observer::track("tick", {{"n", 1}});
-      },
-      [] { return Observer::screenView("Screen", {}); },
-      [] { return Observer::buttonTap("b", "t", {}); },
-      [] { return Observer::gesture(QEVGestureType::tap, std::nullopt, {}); },
-  };
   std::vector<std::thread> hosts;
   for (int t = 0; t < 8; ++t) {
     hosts.emplace_back([&, t] {
       while (!stop) {
-        calls[t % 4]();
+        Observer::track("tick", {{"n", 1}});
+        Observer::screenView("Screen", {});
+        Observer::buttonTap("b", "t", {});
+        Observer::gesture(QEVGestureType::tap, std::nullopt, {});
         if (t == 0) {
           auto sink = std::make_shared<Sink>();
           if (auto id = QEVObserverIntegration::registerEventSink(sink)) {

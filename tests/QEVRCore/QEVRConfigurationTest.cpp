@@ -26,7 +26,6 @@ TEST(ConfigurationTest, JSONFormIsPinned) {
             R"("isFallbackRecommendationsEnabled":false})");
 }
 
-// Each environment and level reads back as itself, the app id untouched.
 TEST(ConfigurationTest, RoundTripsEveryEnvironmentAndLevel) {
   QEVRConfiguration c = sample();
   for (QEVREnvironment environment :
@@ -58,8 +57,6 @@ TEST(ConfigurationTest, EveryKeyIsRequiredAndTyped) {
   std::string wrongType = json;
   wrongType.replace(wrongType.find("true"), 4, "\"true\"");
   EXPECT_THROW(QEVRConfiguration::fromJSON(wrongType), DecodingError);
-  // The C++ record has defaults; its JSON form does not borrow them.
-  EXPECT_THROW(QEVRConfiguration::fromJSON(R"({"appId":"com.example.app"})"), DecodingError);
 }
 
 }  // namespace

@@ -17,9 +17,8 @@ struct Derived : Base {};
 
 TEST(DependencyContainerTest, DuplicateRegistrationKeepsTheFirstAndNamesTheType) {
   QEVRDependencyContainer c;
-  auto first = std::make_shared<QEVRConfiguration>();
-  first->appId = "first";
-  c.register_<QEVRConfiguration>(first);
+  c.register_<QEVRConfiguration>(
+      std::make_shared<QEVRConfiguration>(QEVRConfiguration{.appId = "first"}));
   EXPECT_THAT([&] { c.register_<QEVRConfiguration>(std::make_shared<QEVRConfiguration>()); },
               throwsWithMessage<QEVRDependencyError>("duplicateRegistration(QEVRConfiguration)"));
   EXPECT_EQ(c.resolve<QEVRConfiguration>()->appId, "first");

@@ -89,11 +89,9 @@ TEST(LifecycleCoordinatorTest, EachCallAppliesOnlyFromItsSourceStatesAndRunsItsH
 
 TEST(LifecycleCoordinatorTest, FailingStartHookLeavesRunningUntilReset) {
   QEVRLifecycleCoordinator c;
-  QEVRLifecycleHooks hooks;
-  hooks.onStart = [] { throw std::runtime_error("module failed"); };
   int shutdowns = 0;
-  hooks.onShutdown = [&] { ++shutdowns; };
-  c.replaceHooks(hooks);
+  c.replaceHooks({.onStart = [] { throw std::runtime_error("module failed"); },
+                  .onShutdown = [&] { ++shutdowns; }});
   ASSERT_TRUE(c.beginStarting());
   EXPECT_THROW(c.start(), std::runtime_error);
   EXPECT_EQ(c.state(), S::running);
@@ -108,10 +106,8 @@ TEST(LifecycleCoordinatorTest, FailingStartHookLeavesRunningUntilReset) {
 
 TEST(LifecycleCoordinatorTest, HookMayCallBackIntoTheCoordinator) {
   QEVRLifecycleCoordinator c;
-  QEVRLifecycleHooks hooks;
   // A module that shuts the system down from its own start: no self-deadlock.
-  hooks.onStart = [&] { EXPECT_TRUE(c.shutdown()); };
-  c.replaceHooks(hooks);
+  c.replaceHooks({.onStart = [&] { EXPECT_TRUE(c.shutdown()); }});
   c.beginStarting();
   c.start();
   EXPECT_EQ(c.state(), S::shutdown);

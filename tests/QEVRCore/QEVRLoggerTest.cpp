@@ -30,19 +30,6 @@ TEST(LoggerTest, PassesRecordsAtOrAboveTheMinimum) {
   }
 }
 
-TEST(LoggerTest, RecordCarriesClockTimeSubsystemAndFormatsExactly) {
-  auto clock = std::make_shared<qevr::ManualClock>();
-  clock->set(QEVRDate::fromUnixSeconds(1769850300.75));  // 2026-01-31T09:05:00.75Z
-  qevr::setClock(clock);
-  auto sink = std::make_shared<CountingSink>();
-  QEVRLogger logger("QEVRCore", L::info, sink);
-  logger.log(L::info, "Lifecycle", "SDK started");
-  qevr::setClock(nullptr);
-  ASSERT_EQ(sink->records.size(), 1u);
-  EXPECT_EQ(sink->records[0].formattedLine(),
-            "2026-01-31T09:05:00Z [INFO] [QEVRCore:Lifecycle] SDK started");
-}
-
 class TypeFilteringSink : public qevr::CapturingLogSink {
  public:
   bool isEnabled(std::string_view, std::string_view, qevr::LogType type) const override {
