@@ -1,14 +1,10 @@
 #include <QEVRPlatform/Tasks.h>
-#include "ManualExecutor.h"
-#include "QEVMemoryChunkWriter.h"
-#include "QEVMemoryPipeline.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -16,7 +12,10 @@
 #include <thread>
 #include <vector>
 
+#include "ManualExecutor.h"
 #include "MemoryTestSupport.h"
+#include "QEVMemoryChunkWriter.h"
+#include "QEVMemoryPipeline.h"
 #include "QEVMemorySessionRecovery.h"
 
 namespace {
@@ -24,21 +23,18 @@ namespace {
 using Type = QEVObserverEventType;
 using std::chrono::milliseconds;
 
-// A store that records what it is asked to save and can be told to fail.
-// Saves a host makes on its own thread are counted apart; the first of them
-// runs `whileSavingHere` first.
+// Records what it is asked to save. Saves a host makes on its own thread are
+// counted apart; the first of them runs `whileSavingHere` first.
 class RecordingStore : public QEVMemoryStore {
  public:
   void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token) override {
     qevr::MutexLock guard(lock);
-    if (failChunks) throw std::runtime_error("disk full");
     chunks.push_back(chunk);
   }
   void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) override {
     if (savedHere.fetch_add(1) == 0 && whileSavingHere) whileSavingHere();
     saveEventChunk(chunk, {});
   }
-  std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token) override { return {}; }
   void saveSessionGraph(const QEVSessionGraph& graph, std::stop_token) override {
     if (!graph.sessionId) {
       throw QEVFileMemoryStoreError(QEVFileMemoryStoreError::Case::sessionGraphMissingIdentifier);
@@ -46,11 +42,12 @@ class RecordingStore : public QEVMemoryStore {
     qevr::MutexLock guard(lock);
     sessions.push_back(graph);
   }
-  std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token) override { return {}; }
   void saveUserGraph(const QEVUserGraph& graph, std::stop_token) override {
     qevr::MutexLock guard(lock);
     users.push_back(graph);
   }
+  std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token) override { return {}; }
+  std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token) override { return {}; }
   std::optional<QEVUserGraph> loadUserGraph(std::stop_token) override { return std::nullopt; }
   std::uint64_t estimatedDiskUsageBytes(std::stop_token) override { return 0; }
   void clearAll(std::stop_token) override {}
@@ -62,51 +59,54 @@ class RecordingStore : public QEVMemoryStore {
   }
 
   qevr::Mutex lock;  // guards the fields below
-  bool failChunks QEVR_GUARDED_BY(lock) = false;
   std::vector<QEVMemoryEventChunk> chunks QEVR_GUARDED_BY(lock);
   std::vector<QEVSessionGraph> sessions QEVR_GUARDED_BY(lock);
   std::vector<QEVUserGraph> users QEVR_GUARDED_BY(lock);
   std::atomic<int> savedHere{0};
-  std::function<void()> whileSavingHere;
+  std::function<void()> whileSavingHere;  // set before any host runs
 };
 
-QEVMemoryEvent memoryEvent(QEVMemoryEventType type, double at, std::uint64_t sequence) {
-  QEVMemoryEvent e;
-  e.id = QEVRUUID::random();
-  e.type = type;
-  e.timestamp = QEVRDate{at};
-  e.sequenceNumber = sequence;
-  return e;
+QEVMemoryEvent memoryEvent(double at, std::uint64_t sequence,
+                           QEVMemoryEventType type = QEVMemoryEventType::gesture) {
+  return {.id = QEVRUUID::random(),
+          .type = type,
+          .timestamp = QEVRDate{at},
+          .sequenceNumber = sequence};
+}
+
+QEVObserverEvent screenView(double at, std::optional<QEVRUUID> session = std::nullopt) {
+  return observerEvent(Type::screenView, QEVRDate{at}, session, {}, "Home");
+}
+
+// Hands an event to the pipeline and queues the writes of what it completes.
+void feed(QEVMemoryPipeline& pipeline, const QEVObserverEvent& event) {
+  pipeline.persist(pipeline.handle(event));
 }
 
 TEST(ChunkWriterTest, ClosesAtTheLimitAtSessionEndAndOnceAtShutdown) {
   QEVMemoryChunkWriter writer(std::make_shared<RecordingStore>(), 100, 1, nullptr, nullptr);
-  for (int i = 1; i <= 99; ++i) {
-    EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::gesture, i, i)).has_value());
-  }
-  auto full = writer.append(memoryEvent(QEVMemoryEventType::gesture, 100, 100));
+  for (int i = 1; i <= 99; ++i)
+    EXPECT_FALSE(writer.append(memoryEvent(i, i)).has_value()) << i;
+  auto full = writer.append(memoryEvent(100, 100));
   ASSERT_TRUE(full.has_value());
   EXPECT_EQ(full->eventCount, 100);
   EXPECT_EQ(full->events.size(), 100u);
   EXPECT_EQ(full->createdAt, QEVRDate{1});
   EXPECT_EQ(full->closedAt, QEVRDate{100});  // the closing event's time
-  EXPECT_EQ(full->events.front().sequenceNumber, 1u);
-  EXPECT_EQ(full->schemaVersion, 1);
 
-  auto lone = writer.append(memoryEvent(QEVMemoryEventType::sessionEnd, 200, 101));
+  auto lone = writer.append(memoryEvent(200, 101, QEVMemoryEventType::sessionEnd));
   ASSERT_TRUE(lone.has_value());
   EXPECT_NE(lone->id, full->id);
   EXPECT_EQ(lone->eventCount, 1);
-  EXPECT_EQ(lone->createdAt, lone->closedAt);
   EXPECT_FALSE(writer.closeActiveChunk(QEVRDate{300}).has_value());
 
   // Shutdown closes the open chunk once and refuses events until reopened.
-  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 301, 102));
+  writer.append(memoryEvent(301, 102));
   EXPECT_EQ(writer.shutdown(QEVRDate{350})->closedAt, QEVRDate{350});
   EXPECT_FALSE(writer.shutdown(QEVRDate{360}).has_value());
-  EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 370, 103)).has_value());
+  EXPECT_FALSE(writer.append(memoryEvent(370, 103)).has_value());
   writer.reopen();
-  writer.append(memoryEvent(QEVMemoryEventType::buttonTap, 380, 104));
+  writer.append(memoryEvent(380, 104));
   EXPECT_TRUE(writer.closeActiveChunk(QEVRDate{390}).has_value());
 }
 
@@ -116,19 +116,19 @@ TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30Second
   QEVMemoryChunkWriter writer(store, 100, 1, nullptr, nullptr, executor);
   writer.reopen(30);
   // (event time, events in the copy it makes; 0 for none)
-  const std::vector<std::pair<double, std::int64_t>> steps = {{0, 0},  {10, 0}, {30, 0}, {31, 4},
-                                                              {40, 0}, {61, 0}, {71, 7}, {72, 0}};
+  const std::pair<double, std::int64_t> steps[] = {{0, 0},  {10, 0}, {30, 0}, {31, 4},
+                                                   {40, 0}, {61, 0}, {71, 7}, {72, 0}};
   std::vector<QEVMemoryEventChunk> copies;
   std::uint64_t sequence = 0;
   for (const auto& [at, copied] : steps) {
-    auto out = writer.append(memoryEvent(QEVMemoryEventType::gesture, at, ++sequence));
+    auto out = writer.append(memoryEvent(at, ++sequence));
     ASSERT_EQ(out.has_value(), copied > 0) << "at " << at;
     if (!out) continue;
     EXPECT_EQ(out->eventCount, copied);
     EXPECT_FALSE(out->closedAt.has_value());
     copies.push_back(std::move(*out));
   }
-  auto closed = writer.append(memoryEvent(QEVMemoryEventType::sessionEnd, 80, ++sequence));
+  auto closed = writer.append(memoryEvent(80, ++sequence, QEVMemoryEventType::sessionEnd));
   ASSERT_TRUE(closed.has_value());
   EXPECT_EQ(closed->id, copies.front().id);  // one file, replaced
   EXPECT_EQ(closed->eventCount, 9);
@@ -148,7 +148,7 @@ TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30Second
   // Without the interval, as without memory across runs: no copies.
   writer.reopen();
   for (double at : {100.0, 200.0, 300.0})
-    EXPECT_FALSE(writer.append(memoryEvent(QEVMemoryEventType::gesture, at, ++sequence)));
+    EXPECT_FALSE(writer.append(memoryEvent(at, ++sequence)));
 }
 
 // A host that outruns the disk while another thread works the saves off:
@@ -163,7 +163,7 @@ TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
       if (!executor.runNext()) std::this_thread::yield();
   });
   for (int i = 1; i <= 500; ++i) {
-    writer.enqueueSave(writer.append(memoryEvent(QEVMemoryEventType::gesture, i, i)));
+    writer.enqueueSave(writer.append(memoryEvent(i, i)));
     EXPECT_LE(writer.pendingSaves(), QEVMemoryChunkWriter::kMaxPendingSaves);
   }
   writer.enqueueSave(std::nullopt);  // no chunk: no task
@@ -199,17 +199,14 @@ TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
                                                          c.longestWait);
     QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
                                std::nullopt, executor);
-    const auto event = [](double at) {
-      return observerEvent(Type::screenView, QEVRDate{at}, std::nullopt, {}, "Home");
-    };
     for (int i = 0; i < kFull; ++i)
-      pipeline.handle(event(i));
+      pipeline.handle(screenView(i));
     bool otherEventHandled = false;
     store->whileSavingHere = [&] {
-      std::thread other([&] { otherEventHandled = !pipeline.handle(event(200)); });
+      std::thread other([&] { otherEventHandled = !pipeline.handle(screenView(200)); });
       other.join();
     };
-    std::thread host([&] { pipeline.handle(event(100)); });
+    std::thread host([&] { pipeline.handle(screenView(100)); });
     // A host whose wait is over before the test sees it has saved already.
     while (writer->pacedThreads() + store->savedHere < 1)
       std::this_thread::yield();
@@ -281,7 +278,7 @@ TEST_F(PipelineTest, SessionEndCompletesTheSessionAndItsGraphsAreWrittenWhatever
       return worker != Worker::refuses;
     });
     const QEVRUUID session = QEVRUUID::random();
-    EXPECT_FALSE(p.handle(observerEvent(Type::screenView, QEVRDate{10}, session, {}, "Home")));
+    EXPECT_FALSE(p.handle(screenView(10, session)));
     auto completed = p.handle(observerEvent(Type::sessionEnd, QEVRDate{70}, session));
     ASSERT_TRUE(completed.has_value());
     EXPECT_EQ(completed->sessionGraph.eventCount, 2);  // the sessionEnd is counted
@@ -331,7 +328,7 @@ TEST_F(PipelineTest, MemoryOnlyPipelineStillCompletesSessions) {
 // The real file system until the power goes: after `cutAfter` durable
 // writes, every write fails and nothing more reaches the disk. A removal is
 // durable only once a later write flushes its directory; the cut drops the
-// ones still waiting. The cut also ends the run's locks, as a dead process's.
+// ones still waiting.
 class PowerCutFileSystem : public qevr::FileSystemWrapper {
  public:
   explicit PowerCutFileSystem(int cutAfterWrites)
@@ -347,6 +344,7 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
     if (!target().exists(p)) throw std::system_error(ENOENT, std::generic_category(), "remove");
     unsyncedRemovals.push_back(p);
   }
+  // Session markers are written and removed through their lock.
   std::unique_ptr<qevr::LockedFile> tryLockFile(const std::filesystem::path& p,
                                                 bool create) override {
     std::unique_ptr<qevr::LockedFile> inner;
@@ -356,21 +354,15 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
       inner = target().tryLockFile(p, false);
     }
     if (!inner) return nullptr;
-    auto held = std::make_shared<Held>(std::move(inner));
-    qevr::MutexLock guard(lock);
-    locks.push_back(held);
-    return std::make_unique<CutLockedFile>(*this, held, p);
+    return std::make_unique<CutLockedFile>(*this, std::move(inner), p.parent_path());
   }
 
-  // Ends the run: what was not durable is gone, and its locks with it.
+  // Ends the run: what was not durable is gone. (The run's locks went with
+  // its objects.)
   void cut() {
     qevr::MutexLock guard(lock);
     left = 0;
     unsyncedRemovals.clear();
-    for (auto& held : locks) {
-      qevr::MutexLock heldGuard(held->lock);
-      held->file.reset();
-    }
   }
   int writesDone() {
     qevr::MutexLock guard(lock);
@@ -378,39 +370,23 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
   }
 
  private:
-  struct Held {
-    explicit Held(std::unique_ptr<qevr::LockedFile> f) : file(std::move(f)) {}
-    qevr::Mutex lock;
-    std::unique_ptr<qevr::LockedFile> file QEVR_GUARDED_BY(lock);
-  };
   class CutLockedFile : public qevr::LockedFile {
    public:
-    CutLockedFile(PowerCutFileSystem& f, std::shared_ptr<Held> h, std::filesystem::path p)
-        : files(f), held(std::move(h)), path(std::move(p)) {}
-    std::vector<std::uint8_t> read(std::uint64_t maxBytes) override {
-      qevr::MutexLock guard(held->lock);
-      if (!held->file) throw std::system_error(EIO, std::generic_category(), "read");
-      return held->file->read(maxBytes);
-    }
+    CutLockedFile(PowerCutFileSystem& f, std::unique_ptr<qevr::LockedFile> file,
+                  std::filesystem::path directory)
+        : files(f), inner(std::move(file)), dir(std::move(directory)) {}
+    std::vector<std::uint8_t> read(std::uint64_t max) override { return inner->read(max); }
     void overwrite(std::span<const std::uint8_t> bytes) override {
-      files.durable(path.parent_path(), [&] {
-        qevr::MutexLock guard(held->lock);
-        if (!held->file) throw std::system_error(EIO, std::generic_category(), "write");
-        held->file->overwrite(bytes);
-      });
+      files.durable(dir, [&] { inner->overwrite(bytes); });
     }
     void remove() override {
-      files.durable(path.parent_path(), [&] {
-        qevr::MutexLock guard(held->lock);
-        if (!held->file) throw std::system_error(EIO, std::generic_category(), "remove");
-        held->file->remove();
-      });
+      files.durable(dir, [&] { inner->remove(); });
     }
 
    private:
     PowerCutFileSystem& files;
-    const std::shared_ptr<Held> held;
-    const std::filesystem::path path;
+    const std::unique_ptr<qevr::LockedFile> inner;
+    const std::filesystem::path dir;
   };
 
   [[noreturn]] void failLocked() QEVR_REQUIRES(lock) {
@@ -436,71 +412,92 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
   int left QEVR_GUARDED_BY(lock);
   int done QEVR_GUARDED_BY(lock) = 0;
   std::vector<std::filesystem::path> unsyncedRemovals QEVR_GUARDED_BY(lock);
-  std::vector<std::shared_ptr<Held>> locks QEVR_GUARDED_BY(lock);
 };
 
-// One run of an app with memory across runs over `files`: it recovers the
-// runs before, then records `sessions` sessions of `steps` events, each
-// ended by its sessionEnd but the last, which only the shutdown ends. The
-// writes run on this thread, once the run is over.
-void runApp(const std::filesystem::path& root, qevr::FileSystem& files, int sessions, int steps,
-            double startAt) {
-  qevr::ManualExecutor executor;
-  auto store = std::make_shared<QEVFileMemoryStore>(
-      root, files, std::make_shared<QEVLZFSECompressionEngine>(), executor);
-  std::optional<QEVUserGraph> earlier;
-  try {
-    earlier = store->loadUserGraph();
-  } catch (const std::exception&) {
+// One run of an app with memory across runs over `files`: its store, chunk
+// writer (four events a chunk) and pipeline, every write of theirs queued
+// on `executor` until the test runs it.
+struct App {
+  App(const std::filesystem::path& root, qevr::FileSystem& files)
+      : store(std::make_shared<QEVFileMemoryStore>(
+            root, files, std::make_shared<QEVLZFSECompressionEngine>(), executor)) {
+    std::optional<QEVUserGraph> earlier;
+    try {
+      earlier = store->loadUserGraph();
+    } catch (const std::exception&) {
+    }
+    pipeline = std::make_shared<QEVMemoryPipeline>(
+        std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
+        QEVMemoryPipeline::Continuity{earlier}, executor);
   }
-  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr, executor);
-  writer->reopen(30);
-  auto pipeline = std::make_shared<QEVMemoryPipeline>(
-      std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
-      QEVMemoryPipeline::Continuity{earlier}, executor);
-  pipeline->scheduleRecovery();
-  double at = startAt;
+  qevr::ManualExecutor executor;
+  std::shared_ptr<QEVFileMemoryStore> store;
+  std::shared_ptr<QEVMemoryChunkWriter> writer =
+      std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr, executor);
+  std::shared_ptr<QEVMemoryPipeline> pipeline;
+};
+
+// Recovers the runs before, then records `sessions` sessions of `steps`
+// events, each ended by its sessionEnd but the last, which only the
+// shutdown ends. The writes run once the run is over.
+void runApp(const std::filesystem::path& root, qevr::FileSystem& files, int sessions, int steps,
+            double at) {
+  App app(root, files);
+  app.writer->reopen(30);
+  app.pipeline->scheduleRecovery();
   for (int s = 0; s < sessions; ++s) {
     const QEVRUUID session = QEVRUUID::random();
     for (int i = 0; i < steps; ++i)
-      pipeline->persist(
-          pipeline->handle(observerEvent(Type::screenView, QEVRDate{at += 20}, session, {}, "S")));
-    if (s + 1 < sessions) {
-      pipeline->persist(
-          pipeline->handle(observerEvent(Type::sessionEnd, QEVRDate{at += 1}, session)));
-    }
+      feed(*app.pipeline, screenView(at += 20, session));
+    if (s + 1 < sessions)
+      feed(*app.pipeline, observerEvent(Type::sessionEnd, QEVRDate{at += 1}, session));
   }
-  pipeline->shutdown();
-  executor.runUntilIdle();
+  app.pipeline->shutdown();
+  app.executor.runUntilIdle();
 }
 
-class CountingReads : public qevr::FileSystemWrapper {
+// The real file system, counting its reads. `whileFirstChunkIsWritten` runs
+// in the middle of the first chunk write; `recordedFirst` notes whether
+// `firstMarker` held its record when the first user graph was written.
+class WatchedFiles : public qevr::FileSystemWrapper {
  public:
-  CountingReads() : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()) {}
+  WatchedFiles() : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()) {}
+
   std::vector<std::uint8_t> readFile(const std::filesystem::path& p, std::uint64_t max) override {
     ++reads;
     return FileSystemWrapper::readFile(p, max);
   }
+  void writeFileAtomically(const std::filesystem::path& p,
+                           std::span<const std::uint8_t> bytes) override {
+    if (p.filename() == "graph.json" && !firstMarker.empty() && !recordedFirst) {
+      recordedFirst = std::filesystem::file_size(firstMarker) > 0;
+    } else if (p.parent_path().filename() == "events" && whileFirstChunkIsWritten) {
+      std::exchange(whileFirstChunkIsWritten, nullptr)();
+    }
+    FileSystemWrapper::writeFileAtomically(p, bytes);
+  }
+
   std::atomic<int> reads{0};
+  // Set before any write and used only on the test's thread.
+  std::filesystem::path firstMarker;
+  std::function<void()> whileFirstChunkIsWritten;
+  std::optional<bool> recordedFirst;
 };
 
 TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) {
   TemporaryDirectory directory;
-  CountingReads files;
-  auto store = std::make_shared<QEVFileMemoryStore>(directory.path / "Memory", files,
+  WatchedFiles files;
+  auto store = std::make_shared<QEVFileMemoryStore>(directory.path, files,
                                                     std::make_shared<QEVLZFSECompressionEngine>());
   const QEVRUUID session = QEVRUUID::random();
-  QEVMemoryEventChunk chunk;
-  chunk.id = QEVRUUID::random();
-  chunk.sessionId = session;
-  chunk.createdAt = QEVRDate{10};
-  chunk.events.push_back(memoryEvent(QEVMemoryEventType::gesture, 10, 1));
-  chunk.events.back().sessionId = session;
-  chunk.eventCount = 1;
-  store->saveEventChunk(chunk);
-  int folds = 0;
-  auto fold = [&](const QEVSessionGraph& graph) {
-    ++folds;
+  QEVMemoryEvent event = memoryEvent(10, 1);
+  event.sessionId = session;
+  store->saveEventChunk({.id = QEVRUUID::random(),
+                         .sessionId = session,
+                         .createdAt = QEVRDate{10},
+                         .events = {event},
+                         .eventCount = 1});
+  auto fold = [](const QEVSessionGraph& graph) {
     QEVUserGraphBuilder builder(QEVRUUID::random(), QEVRDate{0});
     builder.merge(graph);
     return std::pair{builder.build(), std::uint64_t{1}};
@@ -510,48 +507,23 @@ TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) 
     store->saveUserGraph(*graph);
     if (then) then();
   };
+  const auto recover = [&] {
+    const auto notHere = [](const QEVRUUID&) { return false; };
+    return QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {});
+  };
   using Result = QEVMemoryRecovery::Result;
-  auto notHere = [](const QEVRUUID&) { return false; };
 
   auto held = store->lockSessionMarker(session, /*create=*/true);  // a live run's
   ASSERT_NE(held, nullptr);
-  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {}), Result{});
-  EXPECT_EQ(folds, 0);
+  EXPECT_EQ(recover(), Result{});
   held.reset();  // that run dies
-  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {}),
-            (Result{1, 0, 0}));
+  EXPECT_EQ(recover(), (Result{1, 0, 0}));
   EXPECT_EQ(store->loadSessionGraphs().size(), 1u);
   EXPECT_TRUE(store->sessionMarkers().empty());
   files.reads = 0;
-  EXPECT_EQ(QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {}), Result{});
+  EXPECT_EQ(recover(), Result{});
   EXPECT_EQ(files.reads.load(), 0) << "nothing abandoned, nothing read";
-  EXPECT_EQ(folds, 1);
 }
-
-// Runs `whileFirstChunkIsWritten` in the middle of the run's first chunk
-// write, and notes whether the first session's marker held its record when
-// the first user graph was written.
-class FirstChunkLast : public qevr::FileSystemWrapper {
- public:
-  explicit FirstChunkLast(std::filesystem::path marker)
-      : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()), firstMarker(std::move(marker)) {}
-
-  void writeFileAtomically(const std::filesystem::path& p,
-                           std::span<const std::uint8_t> bytes) override {
-    if (p.filename() == "graph.json" && !recordedFirst) {
-      recordedFirst = std::filesystem::file_size(firstMarker) > 0;
-    } else if (p.parent_path().filename() == "events" && whileFirstChunkIsWritten) {
-      std::exchange(whileFirstChunkIsWritten, nullptr)();
-    }
-    FileSystemWrapper::writeFileAtomically(p, bytes);
-  }
-
-  std::function<void()> whileFirstChunkIsWritten;
-  std::optional<bool> recordedFirst;  // set at the first user graph write
-
- private:
-  const std::filesystem::path firstMarker;
-};
 
 // Graph jobs may run side by side: a later session's user graph, which
 // counts the first session too, must wait for the first session's record.
@@ -559,30 +531,22 @@ class FirstChunkLast : public qevr::FileSystemWrapper {
 // is still being written.
 TEST(RecoveryTest, NoUserGraphCountsASessionBeforeItsMarkerSaysSo) {
   TemporaryDirectory directory;
-  const std::filesystem::path root = directory.path / "Memory";
   const QEVRUUID first = QEVRUUID::random();
-  qevr::ManualExecutor executor;
-  FirstChunkLast files(root / "live" / (first.uuidString() + ".lock"));
-  files.whileFirstChunkIsWritten = [&] { executor.runUntilIdle(); };
-  auto store = std::make_shared<QEVFileMemoryStore>(
-      root, files, std::make_shared<QEVLZFSECompressionEngine>(), executor);
-  auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 4, 1, nullptr, nullptr, executor);
-  auto pipeline =
-      std::make_shared<QEVMemoryPipeline>(std::make_shared<QEVMemoryEventStore>(), writer, store,
-                                          nullptr, QEVMemoryPipeline::Continuity{}, executor);
+  WatchedFiles files;
+  files.firstMarker = directory.path / "live" / (first.uuidString() + ".lock");
+  App app(directory.path, files);
+  files.whileFirstChunkIsWritten = [&] { app.executor.runUntilIdle(); };
   double at = 0;
   for (const QEVRUUID session : {first, QEVRUUID::random()}) {
     for (int i = 0; i < 3; ++i)
-      pipeline->persist(
-          pipeline->handle(observerEvent(Type::screenView, QEVRDate{at += 1}, session, {}, "S")));
-    pipeline->persist(
-        pipeline->handle(observerEvent(Type::sessionEnd, QEVRDate{at += 1}, session)));
+      feed(*app.pipeline, screenView(at += 1, session));
+    feed(*app.pipeline, observerEvent(Type::sessionEnd, QEVRDate{at += 1}, session));
   }
-  pipeline->shutdown();
-  executor.runUntilIdle();
+  app.pipeline->shutdown();
+  app.executor.runUntilIdle();
   EXPECT_EQ(files.recordedFirst, std::optional<bool>(true));
-  EXPECT_EQ(store->loadUserGraph()->totalSessions, 2);
-  EXPECT_TRUE(store->sessionMarkers().empty());
+  EXPECT_EQ(app.store->loadUserGraph()->totalSessions, 2);
+  EXPECT_TRUE(app.store->sessionMarkers().empty());
 }
 
 // Power cuts at every write of a run, and again at a write of the recovery
@@ -591,14 +555,14 @@ TEST(RecoveryTest, NoUserGraphCountsASessionBeforeItsMarkerSaysSo) {
 TEST(PowerLossTest, EveryCutOfARunAndOfItsRecoveryEndsWithEachSavedEventCountedOnce) {
   TemporaryDirectory measure;
   PowerCutFileSystem uncut(1'000'000);
-  runApp(measure.path / "Memory", uncut, 2, 6, 0);
+  runApp(measure.path, uncut, 2, 6, 0);
   const int writesOfARun = uncut.writesDone();
   ASSERT_GT(writesOfARun, 8);
 
   for (int cutAt = 0; cutAt <= writesOfARun; ++cutAt) {
     SCOPED_TRACE("cut after write " + std::to_string(cutAt));
     TemporaryDirectory directory;
-    const std::filesystem::path root = directory.path / "Memory";
+    const std::filesystem::path& root = directory.path;
     runApp(root, qevr::FileSystem::defaultFileSystem(), 1, 5, 0);  // a clean run before
     PowerCutFileSystem crashing(cutAt);
     runApp(root, crashing, 2, 6, 1000);
@@ -612,10 +576,9 @@ TEST(PowerLossTest, EveryCutOfARunAndOfItsRecoveryEndsWithEachSavedEventCountedO
     std::map<QEVRUUID, std::int64_t> onDisk, inGraphs;
     std::int64_t total = 0;
     for (const QEVMemoryEventChunk& chunk : store->loadEventChunks()) {
-      for (const QEVMemoryEvent& event : chunk.events) {
+      for (const QEVMemoryEvent& event : chunk.events)
         ++onDisk[*event.sessionId];
-        ++total;
-      }
+      total += static_cast<std::int64_t>(chunk.events.size());
     }
     for (const QEVSessionGraph& graph : store->loadSessionGraphs())
       inGraphs[*graph.sessionId] = graph.eventCount;
