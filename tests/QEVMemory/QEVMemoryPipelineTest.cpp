@@ -16,52 +16,28 @@
 #include "MemoryTestSupport.h"
 #include "QEVMemoryChunkWriter.h"
 #include "QEVMemoryPipeline.h"
-#include "QEVMemorySessionRecovery.h"
 
 namespace {
 
 using Type = QEVObserverEventType;
 using std::chrono::milliseconds;
 
-// Records what it is asked to save. Saves a host makes on its own thread are
-// counted apart; the first of them runs `whileSavingHere` first.
-class RecordingStore : public QEVMemoryStore {
+// The file store, counting apart the saves a host makes on its own thread;
+// the first of them runs `whileSavingHere` first.
+class HostSavingStore : public QEVFileMemoryStore {
  public:
-  void saveEventChunk(const QEVMemoryEventChunk& chunk, std::stop_token) override {
-    qevr::MutexLock guard(lock);
-    chunks.push_back(chunk);
-  }
+  explicit HostSavingStore(const std::filesystem::path& root)
+      : QEVFileMemoryStore(root, qevr::FileSystem::defaultFileSystem(),
+                           std::make_shared<QEVLZFSECompressionEngine>()) {}
   void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) override {
     if (savedHere.fetch_add(1) == 0 && whileSavingHere) whileSavingHere();
-    saveEventChunk(chunk, {});
+    QEVFileMemoryStore::saveEventChunkOnCallingThread(chunk);
   }
-  void saveSessionGraph(const QEVSessionGraph& graph, std::stop_token) override {
-    if (!graph.sessionId) {
-      throw QEVFileMemoryStoreError(QEVFileMemoryStoreError::Case::sessionGraphMissingIdentifier);
-    }
-    qevr::MutexLock guard(lock);
-    sessions.push_back(graph);
-  }
-  void saveUserGraph(const QEVUserGraph& graph, std::stop_token) override {
-    qevr::MutexLock guard(lock);
-    users.push_back(graph);
-  }
-  std::vector<QEVMemoryEventChunk> loadEventChunks(std::stop_token) override { return {}; }
-  std::vector<QEVSessionGraph> loadSessionGraphs(std::stop_token) override { return {}; }
-  std::optional<QEVUserGraph> loadUserGraph(std::stop_token) override { return std::nullopt; }
-  std::uint64_t estimatedDiskUsageBytes(std::stop_token) override { return 0; }
-  void clearAll(std::stop_token) override {}
-
-  // What was saved: chunks, session graphs, user graphs.
+  // Files on disk: chunks, session graphs, user graphs.
   std::array<std::size_t, 3> counts() {
-    qevr::MutexLock guard(lock);
-    return {chunks.size(), sessions.size(), users.size()};
+    return {loadEventChunks().size(), loadSessionGraphs().size(), loadUserGraph() ? 1u : 0u};
   }
 
-  qevr::Mutex lock;  // guards the fields below
-  std::vector<QEVMemoryEventChunk> chunks QEVR_GUARDED_BY(lock);
-  std::vector<QEVSessionGraph> sessions QEVR_GUARDED_BY(lock);
-  std::vector<QEVUserGraph> users QEVR_GUARDED_BY(lock);
   std::atomic<int> savedHere{0};
   std::function<void()> whileSavingHere;  // set before any host runs
 };
@@ -84,7 +60,7 @@ void feed(QEVMemoryPipeline& pipeline, const QEVObserverEvent& event) {
 }
 
 TEST(ChunkWriterTest, ClosesAtTheLimitAtSessionEndAndOnceAtShutdown) {
-  QEVMemoryChunkWriter writer(std::make_shared<RecordingStore>(), 100, 1, nullptr, nullptr);
+  QEVMemoryChunkWriter writer(nullptr, 100, 1, nullptr, nullptr);
   for (int i = 1; i <= 99; ++i)
     EXPECT_FALSE(writer.append(memoryEvent(i, i)).has_value()) << i;
   auto full = writer.append(memoryEvent(100, 100));
@@ -112,7 +88,8 @@ TEST(ChunkWriterTest, ClosesAtTheLimitAtSessionEndAndOnceAtShutdown) {
 
 TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30SecondsOld) {
   qevr::ManualExecutor executor;
-  auto store = std::make_shared<RecordingStore>();
+  TemporaryDirectory dir;
+  auto store = makeStore(dir.path);
   QEVMemoryChunkWriter writer(store, 100, 1, nullptr, nullptr, executor);
   writer.reopen(30);
   // (event time, events in the copy it makes; 0 for none)
@@ -139,39 +116,13 @@ TEST(ChunkWriterTest, AnOpenChunkIsCopiedOnceItsOldestUnsavedEventIsOver30Second
   EXPECT_EQ(writer.pendingSaves(), 3);
   EXPECT_EQ(executor.runAll(), 3u);
   EXPECT_EQ(writer.pendingSaves(), 0);
-  {
-    qevr::MutexLock guard(store->lock);
-    ASSERT_EQ(store->chunks.size(), 2u);
-    EXPECT_EQ(store->chunks[0].eventCount, 7);
-    EXPECT_EQ(store->chunks[1].eventCount, 9);
-  }
+  const auto saved = store->loadEventChunks();
+  ASSERT_EQ(saved.size(), 1u);
+  EXPECT_EQ(saved[0].eventCount, 9);
   // Without the interval, as without memory across runs: no copies.
   writer.reopen();
   for (double at : {100.0, 200.0, 300.0})
     EXPECT_FALSE(writer.append(memoryEvent(at, ++sequence)));
-}
-
-// A host that outruns the disk while another thread works the saves off:
-// in flight never passes the limit, and no chunk is lost.
-TEST(ChunkWriterTest, BurstsOfSavesStayBoundedAndLoseNothing) {
-  qevr::ManualExecutor executor;
-  auto store = std::make_shared<RecordingStore>();
-  QEVMemoryChunkWriter writer(store, 1, 1, nullptr, nullptr, executor, std::chrono::minutes(1));
-  std::atomic<bool> hostDone{false};
-  std::thread disk([&] {
-    while (!hostDone)
-      if (!executor.runNext()) std::this_thread::yield();
-  });
-  for (int i = 1; i <= 500; ++i) {
-    writer.enqueueSave(writer.append(memoryEvent(i, i)));
-    EXPECT_LE(writer.pendingSaves(), QEVMemoryChunkWriter::kMaxPendingSaves);
-  }
-  writer.enqueueSave(std::nullopt);  // no chunk: no task
-  hostDone = true;
-  disk.join();
-  executor.runUntilIdle();
-  EXPECT_EQ(store->counts()[0], 500u);
-  EXPECT_EQ(store->savedHere, 0);
 }
 
 // Every save slot is taken by a save queued on a manual executor; then a
@@ -194,7 +145,8 @@ TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.run);
     qevr::ManualExecutor executor;
-    auto store = std::make_shared<RecordingStore>();
+    TemporaryDirectory dir;
+    auto store = std::make_shared<HostSavingStore>(dir.path);
     auto writer = std::make_shared<QEVMemoryChunkWriter>(store, 1, 1, nullptr, nullptr, executor,
                                                          c.longestWait);
     QEVMemoryPipeline pipeline(std::make_shared<QEVMemoryEventStore>(), writer, store, nullptr,
@@ -255,7 +207,8 @@ class PipelineTest : public ::testing::Test {
   }
 
   qevr::ManualExecutor executor;
-  std::shared_ptr<RecordingStore> store = std::make_shared<RecordingStore>();
+  TemporaryDirectory dir;
+  std::shared_ptr<HostSavingStore> store = std::make_shared<HostSavingStore>(dir.path);
   std::shared_ptr<QEVMemoryEventStore> events = std::make_shared<QEVMemoryEventStore>();
   std::shared_ptr<QEVMemoryChunkWriter> writer =
       std::make_shared<QEVMemoryChunkWriter>(store, 100, 1, nullptr, nullptr, executor);
@@ -268,7 +221,7 @@ TEST_F(PipelineTest, SessionEndCompletesTheSessionAndItsGraphsAreWrittenWhatever
   enum class Worker { runs, refuses, drops };
   for (Worker worker : {Worker::runs, Worker::refuses, Worker::drops}) {
     SCOPED_TRACE(static_cast<int>(worker));
-    const auto before = store->counts();
+    store->clearAll();
     int submitted = 0;
     auto p = pipeline([&](QEVRBackgroundOperation op) {
       ++submitted;
@@ -286,10 +239,10 @@ TEST_F(PipelineTest, SessionEndCompletesTheSessionAndItsGraphsAreWrittenWhatever
     EXPECT_EQ(completed->userGraph.totalSessions, 1);
     p.persist(completed);
     EXPECT_EQ(submitted, 1);
-    EXPECT_EQ(store->counts(), before);
+    EXPECT_EQ(store->counts(), (std::array<std::size_t, 3>{0, 0, 0}));
     executor.runUntilIdle();
     // The chunk closed by the sessionEnd, the session graph, the user graph.
-    EXPECT_EQ(store->counts(), (std::array{before[0] + 1, before[1] + 1, before[2] + 1}));
+    EXPECT_EQ(store->counts(), (std::array<std::size_t, 3>{1, 1, 1}));
   }
 }
 
@@ -298,7 +251,7 @@ TEST_F(PipelineTest, SessionEndCompletesTheSessionAndItsGraphsAreWrittenWhatever
 TEST_F(PipelineTest, ShutdownCompletesTheOpenSessionOnceAndThenIgnoresEvents) {
   for (const bool sawEvent : {true, false}) {
     SCOPED_TRACE(sawEvent);
-    const auto before = store->counts();
+    store->clearAll();
     writer->reopen();
     auto p = pipeline(nullptr);
     if (sawEvent) p.handle(observerEvent(Type::buttonTap, QEVRDate{5}, std::nullopt, {}, "S", "b"));
@@ -309,10 +262,9 @@ TEST_F(PipelineTest, ShutdownCompletesTheOpenSessionOnceAndThenIgnoresEvents) {
     EXPECT_EQ(events->nextSequenceNumber(), next);  // no number used after shutdown
     executor.runUntilIdle();
     const std::size_t saved = sawEvent ? 1 : 0;
-    EXPECT_EQ(store->counts(), (std::array{before[0] + saved, before[1], before[2] + saved}));
+    EXPECT_EQ(store->counts(), (std::array<std::size_t, 3>{saved, 0, saved}));
+    EXPECT_EQ(store->loadUserGraph().value_or(QEVUserGraph{}).totalEvents, sawEvent ? 1 : 0);
   }
-  qevr::MutexLock guard(store->lock);
-  EXPECT_EQ(store->users[0].totalEvents, 1);
 }
 
 TEST_F(PipelineTest, MemoryOnlyPipelineStillCompletesSessions) {
@@ -456,15 +408,16 @@ void runApp(const std::filesystem::path& root, qevr::FileSystem& files, int sess
   app.executor.runUntilIdle();
 }
 
-// The real file system, counting its reads. `whileFirstChunkIsWritten` runs
-// in the middle of the first chunk write; `recordedFirst` notes whether
-// `firstMarker` held its record when the first user graph was written.
+// The real file system, counting the chunk files it reads.
+// `whileFirstChunkIsWritten` runs in the middle of the first chunk write;
+// `recordedFirst` notes whether `firstMarker` held its record when the first
+// user graph was written.
 class WatchedFiles : public qevr::FileSystemWrapper {
  public:
   WatchedFiles() : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()) {}
 
   std::vector<std::uint8_t> readFile(const std::filesystem::path& p, std::uint64_t max) override {
-    ++reads;
+    if (p.parent_path().filename() == "events") ++chunkReads;
     return FileSystemWrapper::readFile(p, max);
   }
   void writeFileAtomically(const std::filesystem::path& p,
@@ -477,18 +430,19 @@ class WatchedFiles : public qevr::FileSystemWrapper {
     FileSystemWrapper::writeFileAtomically(p, bytes);
   }
 
-  std::atomic<int> reads{0};
+  std::atomic<int> chunkReads{0};
   // Set before any write and used only on the test's thread.
   std::filesystem::path firstMarker;
   std::function<void()> whileFirstChunkIsWritten;
   std::optional<bool> recordedFirst;
 };
 
+// A start recovers the sessions of runs that died, but not one a live run
+// holds; and with nothing abandoned it reads no chunk.
 TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) {
   TemporaryDirectory directory;
   WatchedFiles files;
-  auto store = std::make_shared<QEVFileMemoryStore>(directory.path, files,
-                                                    std::make_shared<QEVLZFSECompressionEngine>());
+  auto store = makeStore(directory.path);
   const QEVRUUID session = QEVRUUID::random();
   QEVMemoryEvent event = memoryEvent(10, 1);
   event.sessionId = session;
@@ -497,32 +451,18 @@ TEST(RecoveryTest, LeavesAHeldSessionAloneAndReadsNoChunkWithoutAnAbandonedOne) 
                          .createdAt = QEVRDate{10},
                          .events = {event},
                          .eventCount = 1});
-  auto fold = [](const QEVSessionGraph& graph) {
-    QEVUserGraphBuilder builder(QEVRUUID::random(), QEVRDate{0});
-    builder.merge(graph);
-    return std::pair{builder.build(), std::uint64_t{1}};
-  };
-  auto save = [&](std::uint64_t, std::optional<QEVUserGraph> graph, std::function<void()> then) {
-    ASSERT_TRUE(graph.has_value());
-    store->saveUserGraph(*graph);
-    if (then) then();
-  };
-  const auto recover = [&] {
-    const auto notHere = [](const QEVRUUID&) { return false; };
-    return QEVMemoryRecovery::run(*store, std::nullopt, fold, save, notHere, {});
-  };
-  using Result = QEVMemoryRecovery::Result;
-
   auto held = store->lockSessionMarker(session, /*create=*/true);  // a live run's
   ASSERT_NE(held, nullptr);
-  EXPECT_EQ(recover(), Result{});
+  runApp(directory.path, files, 0, 0, 100);
+  EXPECT_TRUE(store->loadSessionGraphs().empty());
   held.reset();  // that run dies
-  EXPECT_EQ(recover(), (Result{1, 0, 0}));
+  runApp(directory.path, files, 0, 0, 200);
   EXPECT_EQ(store->loadSessionGraphs().size(), 1u);
+  EXPECT_EQ(store->loadUserGraph().value().totalEvents, 1);
   EXPECT_TRUE(store->sessionMarkers().empty());
-  files.reads = 0;
-  EXPECT_EQ(recover(), Result{});
-  EXPECT_EQ(files.reads.load(), 0) << "nothing abandoned, nothing read";
+  files.chunkReads = 0;
+  runApp(directory.path, files, 0, 0, 300);
+  EXPECT_EQ(files.chunkReads.load(), 0) << "nothing abandoned, no chunk read";
 }
 
 // Graph jobs may run side by side: a later session's user graph, which
