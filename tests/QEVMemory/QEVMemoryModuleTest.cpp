@@ -20,11 +20,13 @@
 #include "MemoryTestSupport.h"
 #include "QEVMemoryEventStore.h"
 #include "QEVMemoryRuntime.h"
+#include "ThrowsMessage.h"
 
 namespace {
 
 namespace Observer = QEVR::Observer;
 namespace Memory = QEVR::Memory;
+using qevr::testing::throwsWithMessage;
 
 class MemoryModuleTest : public ::testing::Test {
  protected:
@@ -35,6 +37,8 @@ class MemoryModuleTest : public ::testing::Test {
     Memory::configure(QEVMemoryOptions{});
     // Made after the override, so that its store lies in the test's directory.
     memory = std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule(executor));
+    registry().registerModule(QEVObserverIntegration::makeModule());
+    registry().registerModule(memory);
   }
   void TearDown() override {
     QEVR::shutdown();
@@ -46,11 +50,6 @@ class MemoryModuleTest : public ::testing::Test {
   }
 
   static QEVRModuleRegistry& registry() { return QEVRModuleRegistry::shared(); }
-
-  void registerBoth() {
-    registry().registerModule(QEVObserverIntegration::makeModule());
-    registry().registerModule(memory);
-  }
 
   void start() {
     QEVRConfiguration c;
@@ -81,8 +80,9 @@ class MemoryModuleTest : public ::testing::Test {
   std::shared_ptr<QEVMemoryModule> memory;
 };
 
+// Events while paused leave no trace and use no number; a restarted module
+// saves as after its first start, its numbers rising on: one counter.
 TEST_F(MemoryModuleTest, EventsTravelFromTheObserverToDiskAndBackAsASnapshot) {
-  registerBoth();
   start();
   ASSERT_FALSE(memory->isMemoryOnly());
   Observer::screenView("Home", {});
@@ -90,7 +90,11 @@ TEST_F(MemoryModuleTest, EventsTravelFromTheObserverToDiskAndBackAsASnapshot) {
     Observer::buttonTap("play", std::nullopt, {{"n", i}});
   // The 100th event closes a chunk, saved while the session goes on.
   Observer::navigation("Home", "Settings/Profile", {});
+  QEVR::pause();
+  memory->receive(observerEvent(QEVObserverEventType::custom, qevr::now(), std::nullopt));
+  QEVR::resume();
   Observer::track("level_completed", {{"password", "x"}, {"score", 3}});
+  EXPECT_EQ(memory->eventStore()->nextSequenceNumber(), 103u);
   QEVR::shutdown();
   EXPECT_EQ(Memory::memoryStats(), QEVMemoryStats{});  // nothing written yet
   executor.runUntilIdle();
@@ -110,31 +114,20 @@ TEST_F(MemoryModuleTest, EventsTravelFromTheObserverToDiskAndBackAsASnapshot) {
   EXPECT_EQ(snapshot.totalEvents, 102);
   EXPECT_EQ(snapshot.frequentComponents.at("play"), 99);
   EXPECT_EQ(snapshot.frequentCustomEvents.at("level_completed"), 1);
-}
 
-// Events while paused leave no trace and use no number; a restarted module
-// saves as after its first start, its numbers rising on: one counter.
-TEST_F(MemoryModuleTest, PausedEventsLeaveNoTraceAndARestartSavesLikeTheFirstStart) {
-  registerBoth();
-  for (std::uint64_t round = 0; round < 2; ++round) {
-    runApp([&] {
-      Observer::track("round", {});
-      QEVR::pause();
-      memory->receive(observerEvent(QEVObserverEventType::custom, qevr::now(), std::nullopt));
-      QEVR::resume();
-      Observer::track("after", {});
-      EXPECT_EQ(memory->eventStore()->nextSequenceNumber(), 2 * round + 3);
-    });
-    EXPECT_EQ(Memory::memoryStats().eventChunkCount, static_cast<std::int64_t>(round + 1));
-  }
+  runApp([] { Observer::track("again", {}); });
+  EXPECT_EQ(memory->eventStore()->nextSequenceNumber(), 104u);
+  EXPECT_EQ(Memory::memoryStats().eventChunkCount, 3);
 }
 
 TEST_F(MemoryModuleTest, StartWithoutAnObserverFailsAndALaterStartSucceeds) {
+  registry().removeAll();
   registry().registerModule(memory);
   EXPECT_THROW(start(), QEVMemoryModuleError);
   EXPECT_EQ(QEVR::lifecycleState(), QEVRLifecycleState::notStarted);
   registry().removeAll();
-  registerBoth();
+  registry().registerModule(QEVObserverIntegration::makeModule());
+  registry().registerModule(memory);
   EXPECT_NO_THROW(start());
   EXPECT_TRUE(QEVR::isRunning());
 }
@@ -147,17 +140,12 @@ TEST_F(MemoryModuleTest, StartRemovesTemporariesOfWritesCutShortByACrash) {
   ASSERT_GE(dead, 0);
   if (dead == 0) ::_exit(0);
   ASSERT_EQ(::waitpid(dead, nullptr, 0), dead);
-  const std::string crashed = "." + std::to_string(dead) + ".3.99.tmp";
-  const std::filesystem::path leftovers[] = {
-      root() / "events" / (".A0000000-0000-4000-8000-000000000000.json" + crashed),
-      root() / "sessions" / (".B0000000-0000-4000-8000-000000000000.json" + crashed),
-      root() / "user" / (".graph.json" + crashed),
-  };
-  for (const auto& file : leftovers) {
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file) << "{\"partial";
+  std::vector<std::filesystem::path> leftovers;
+  for (const char* directory : {"events", "sessions", "user"}) {
+    std::filesystem::create_directories(root() / directory);
+    leftovers.push_back(root() / directory / (".A.json." + std::to_string(dead) + ".3.99.tmp"));
+    std::ofstream(leftovers.back()) << "{\"partial";
   }
-  registerBoth();
   start();
   EXPECT_TRUE(std::filesystem::exists(leftovers[0]));  // the sweep waits to be run
   executor.runUntilIdle();
@@ -166,7 +154,6 @@ TEST_F(MemoryModuleTest, StartRemovesTemporariesOfWritesCutShortByACrash) {
 }
 
 TEST_F(MemoryModuleTest, DamagedFilesFailLoadsUntilClearMemory) {
-  registerBoth();
   runApp([] { Observer::track("x", {}); });
   const auto bad = root() / "events" / "00000000-0000-4000-8000-000000000000.json";
   std::ofstream(bad) << R"({"compressionType":"lzfse","uncompressedByteCount":3,"payload":"AAAA"})";
@@ -189,17 +176,13 @@ TEST_F(MemoryModuleTest, WithoutApplicationSupportTheModuleKeepsToMemory) {
   ::unsetenv("XDG_DATA_HOME");
   auto isolated =
       std::static_pointer_cast<QEVMemoryModule>(QEVMemoryIntegration::makeModule(executor));
-  bool statsFailed = false;
-  try {
-    Memory::memoryStats();
-  } catch (const QEVFileMemoryStoreError& e) {
-    statsFailed = e.kind() == QEVFileMemoryStoreError::Case::applicationSupportUnavailable;
-  }
+  EXPECT_THAT([] { Memory::memoryStats(); },
+              throwsWithMessage<QEVFileMemoryStoreError>("applicationSupportUnavailable"));
   if (home) ::setenv("HOME", savedHome.c_str(), 1);
   if (data) ::setenv("XDG_DATA_HOME", savedData.c_str(), 1);
   EXPECT_TRUE(isolated->isMemoryOnly());
-  EXPECT_TRUE(statsFailed);
 
+  registry().removeAll();
   registry().registerModule(QEVObserverIntegration::makeModule());
   registry().registerModule(isolated);
   start();
@@ -207,9 +190,10 @@ TEST_F(MemoryModuleTest, WithoutApplicationSupportTheModuleKeepsToMemory) {
   EXPECT_EQ(isolated->eventStore()->nextSequenceNumber(), 2u);
 }
 
-// Three runs of an app over one store, an hour apart, one screen each. With
-// continuity the user graph adds the runs up and their sessions keep their
-// dates through later pruning. Without it each start stands alone, and the
+// Three runs of an app over one store, an hour apart, one screen each. The
+// setting is read at start: each run flips it while it runs, to no effect.
+// With continuity the user graph adds the runs up and their sessions keep
+// their dates through later pruning. Without it each start stands alone, and the
 // undated session graphs go at the first pruning run that sees them: the
 // one behind the closing chunk, which the graph job (at medium priority)
 // goes before.
@@ -223,16 +207,16 @@ TEST_F(MemoryModuleTest, ContinuityCarriesTheUserGraphAndDatesSessionsAcrossRuns
       {true, 3, {"Run3", "Run2", "Run1"}, 3},
       {false, 1, {}, 0},
   };
-  registerBoth();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.continuity ? "on" : "off");
     Memory::clearMemory();
-    Memory::setContinuity(c.continuity);
     auto clock = std::make_shared<qevr::ManualClock>(qevr::systemClock().now());
     qevr::setClock(clock);
     std::optional<QEVUserGraph> first;
     for (int run = 1; run <= 3; ++run) {
+      Memory::setContinuity(c.continuity);
       runApp([&] {
+        Memory::setContinuity(!c.continuity);
         clock->advance(60);
         Observer::screenView("Run" + std::to_string(run), {});
         clock->advance(60);
@@ -262,7 +246,6 @@ TEST_F(MemoryModuleTest, ContinuityCarriesTheUserGraphAndDatesSessionsAcrossRuns
 }
 
 TEST_F(MemoryModuleTest, ContinuityStartsAfreshFromADamagedUserGraph) {
-  registerBoth();
   Memory::setContinuity(true);
   const auto graphFile = root() / "user" / "graph.json";
   std::filesystem::create_directories(graphFile.parent_path());
@@ -271,28 +254,6 @@ TEST_F(MemoryModuleTest, ContinuityStartsAfreshFromADamagedUserGraph) {
   Memory::setContinuity(false);
   EXPECT_EQ(userGraph().totalSessions, 1);
   EXPECT_EQ(logs->texts("QEVMemory", "Continuity").size(), 1u);
-}
-
-// The setting is read at start: turning it on while memory runs leaves the
-// running session undated (so the user graph never sees a date), and the
-// next start carries on; turning it off then changes nothing until the
-// start after.
-TEST_F(MemoryModuleTest, ContinuityChangesTakeEffectAtTheNextStart) {
-  registerBoth();
-  runApp([] {
-    Memory::setContinuity(true);
-    Observer::track("first", {});
-  });
-  EXPECT_FALSE(userGraph().lastSeenAt.has_value());
-  runApp([] {
-    Memory::setContinuity(false);
-    Observer::track("second", {});
-  });
-  EXPECT_EQ(userGraph().totalSessions, 2);
-  EXPECT_TRUE(userGraph().lastSeenAt.has_value());
-  const auto sessions = makeStore(root())->loadSessionGraphs();
-  ASSERT_EQ(sessions.size(), 1u);
-  EXPECT_TRUE(sessions[0].startedAt && sessions[0].endedAt);
 }
 
 // Snapshot rules over a store written directly.
