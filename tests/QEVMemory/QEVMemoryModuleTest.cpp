@@ -272,7 +272,7 @@ class SnapshotTest : public ::testing::Test {
   std::shared_ptr<QEVFileMemoryStore> store = makeStore(dir.path);
 };
 
-TEST_F(SnapshotTest, RecentFieldsUseTheFiveLatestSessionsAndRedact) {
+TEST_F(SnapshotTest, RecentFieldsUseTheFiveLatestSessionsAndAllRedact) {
   EXPECT_EQ(intelligenceSnapshot(*store), QEVMemoryIntelligenceSnapshot{});
   for (int i = 0; i < 7; ++i)
     store->saveSessionGraph(session(100.0 * i, {"S" + std::to_string(i), "  "}, {{{}, "Shop", i}}));
@@ -293,10 +293,8 @@ TEST_F(SnapshotTest, RecentFieldsUseTheFiveLatestSessionsAndRedact) {
   EXPECT_EQ(snapshot.recentNavigationPatterns.at("[redacted]->Home"), 2);
   EXPECT_EQ(snapshot.timeWindowStart, QEVRDate{0});
   EXPECT_EQ(snapshot.timeWindowEnd, QEVRDate{1e6 + 10});
-}
 
-TEST_F(SnapshotTest, UserGraphProvidesTotalsAndRedactedMaps) {
-  store->saveSessionGraph(session(50, {"A"}));
+  // A user graph provides the totals and the maps, redacted as well.
   store->saveUserGraph(
       {.userId = QEVRUUID::random(),
        .createdAt = QEVRDate{60},
@@ -304,13 +302,13 @@ TEST_F(SnapshotTest, UserGraphProvidesTotalsAndRedactedMaps) {
        .totalSessions = 1,
        .totalEvents = 4,
        .frequentlyVisitedScreens = {{"+44 20 7946 0958", 2}, {"555 987 6543", 5}, {" Home ", 1}}});
-  const auto snapshot = intelligenceSnapshot(*store);
-  EXPECT_EQ(snapshot.totalSessions, 1);
-  EXPECT_EQ(snapshot.frequentlyVisitedScreens.size(), 2u);  // the two numbers collide
-  EXPECT_EQ(snapshot.frequentlyVisitedScreens.count("[redacted]"), 1u);
-  EXPECT_EQ(snapshot.frequentlyVisitedScreens.at("Home"), 1);
-  EXPECT_EQ(snapshot.timeWindowStart, QEVRDate{60});
-  EXPECT_EQ(snapshot.timeWindowEnd, QEVRDate{60});  // lastSeenAt absent: from the sessions
+  const auto withUser = intelligenceSnapshot(*store);
+  EXPECT_EQ(withUser.totalSessions, 1);
+  EXPECT_EQ(withUser.frequentlyVisitedScreens.size(), 2u);  // the two numbers collide
+  EXPECT_EQ(withUser.frequentlyVisitedScreens.count("[redacted]"), 1u);
+  EXPECT_EQ(withUser.frequentlyVisitedScreens.at("Home"), 1);
+  EXPECT_EQ(withUser.timeWindowStart, QEVRDate{60});
+  EXPECT_EQ(withUser.timeWindowEnd, QEVRDate{1e6 + 10});  // lastSeenAt absent: from the sessions
 }
 
 // Graph files may hold any 64-bit count; sums over them stop at the limit
