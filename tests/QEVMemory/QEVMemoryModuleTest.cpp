@@ -19,7 +19,6 @@
 #include "ManualExecutor.h"
 #include "MemoryTestSupport.h"
 #include "QEVMemoryEventStore.h"
-#include "QEVMemoryRuntime.h"
 #include "ThrowsMessage.h"
 
 namespace {
@@ -45,7 +44,6 @@ class MemoryModuleTest : public ::testing::Test {
     executor.runUntilIdle();
     registry().removeAll();
     qevr::setApplicationSupportDirectoryOverride(std::nullopt);
-    QEVMemoryRuntime::shared().setDiagnosticsStoreOverride(nullptr);
     Memory::configure(QEVMemoryOptions{});
   }
 

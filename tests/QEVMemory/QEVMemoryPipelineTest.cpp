@@ -186,8 +186,7 @@ TEST(DiskSchedulerTest, ABurstOfJobsPacesTheCallerUntilTheQueueHasDrained) {
   EXPECT_EQ(done.load(), kFull + 1);
 }
 
-// Everything the pipeline writes waits on a manual executor until the test
-// runs it.
+// Everything the pipeline writes waits on the executor until the test runs it.
 class PipelineTest : public ::testing::Test {
  protected:
   QEVMemoryPipeline pipeline(QEVMemoryDiskScheduler::BackgroundSubmit submit) {
@@ -270,7 +269,9 @@ TEST_F(PipelineTest, MemoryOnlyPipelineStillCompletesSessions) {
 class PowerCutFileSystem : public qevr::FileSystemWrapper {
  public:
   explicit PowerCutFileSystem(int cutAfterWrites)
-      : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()), left(cutAfterWrites) {}
+      : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()),
+        budget(cutAfterWrites),
+        left(cutAfterWrites) {}
 
   void writeFileAtomically(const std::filesystem::path& p,
                            std::span<const std::uint8_t> bytes) override {
@@ -278,7 +279,7 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
   }
   void removeItem(const std::filesystem::path& p) override {
     qevr::MutexLock guard(lock);
-    if (left <= 0) failLocked();
+    if (left <= 0) throw std::system_error(EIO, std::generic_category(), "power cut");
     if (!target().exists(p)) throw std::system_error(ENOENT, std::generic_category(), "remove");
     unsyncedRemovals.push_back(p);
   }
@@ -295,8 +296,7 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
     return std::make_unique<CutLockedFile>(*this, std::move(inner), p.parent_path());
   }
 
-  // Ends the run: what was not durable is gone. (The run's locks went with
-  // its objects.)
+  // Ends the run: what was not durable is gone (its locks went with it).
   void cut() {
     qevr::MutexLock guard(lock);
     left = 0;
@@ -304,7 +304,7 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
   }
   int writesDone() {
     qevr::MutexLock guard(lock);
-    return done;
+    return budget - left;
   }
 
  private:
@@ -327,17 +327,13 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
     const std::filesystem::path dir;
   };
 
-  [[noreturn]] void failLocked() QEVR_REQUIRES(lock) {
-    throw std::system_error(EIO, std::generic_category(), "power cut");
-  }
   // A write that flushes `directory`, and with it the removals made there.
   template <typename Write>
   void durable(const std::filesystem::path& directory, Write write) {
     qevr::MutexLock guard(lock);
-    if (left <= 0) failLocked();
+    if (left <= 0) throw std::system_error(EIO, std::generic_category(), "power cut");
     write();
     --left;
-    ++done;
     std::erase_if(unsyncedRemovals, [&](const std::filesystem::path& removed) {
       if (removed.parent_path() != directory) return false;
       std::error_code ignored;
@@ -346,9 +342,9 @@ class PowerCutFileSystem : public qevr::FileSystemWrapper {
     });
   }
 
+  const int budget;
   qevr::Mutex lock;  // guards the fields below; held across the writes themselves
   int left QEVR_GUARDED_BY(lock);
-  int done QEVR_GUARDED_BY(lock) = 0;
   std::vector<std::filesystem::path> unsyncedRemovals QEVR_GUARDED_BY(lock);
 };
 
