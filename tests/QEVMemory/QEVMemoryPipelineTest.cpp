@@ -146,13 +146,18 @@ TEST(ChunkWriterTest, AFullWriterPacesTheHostUntilTheSavesAreDownToResumeAt) {
       std::thread other([&] { otherEventHandled = !pipeline.handle(screenView(200)); });
       other.join();
     };
-    std::thread host([&] { pipeline.handle(screenView(100)); });
-    // A host whose wait is over before the test sees it has saved already.
-    while (writer->pacedThreads() + store->savedHere < 1)
+    std::atomic<bool> hostDone{false};
+    std::thread host([&] {
+      pipeline.handle(screenView(100));
+      hostDone = true;
+    });
+    // A host whose wait is over before the test sees it has saved already;
+    // one that never waits fails the checks below.
+    while (writer->pacedThreads() + store->savedHere < 1 && !hostDone)
       std::this_thread::yield();
     EXPECT_FALSE(pipeline.isShutDown());  // takes the lock: hangs if the host holds it
     for (int r = 0; r < c.run; ++r)
-      ASSERT_TRUE(executor.runNext());
+      EXPECT_TRUE(executor.runNext()) << r;  // no ASSERT: the host is still to be joined
     host.join();
     EXPECT_EQ(store->savedHere, c.savedHere);
     EXPECT_EQ(otherEventHandled, c.savedHere > 0);
@@ -174,12 +179,17 @@ TEST(DiskSchedulerTest, ABurstOfJobsPacesTheCallerUntilTheQueueHasDrained) {
   for (int i = 0; i < kFull; ++i)
     scheduler.schedule(job);
   EXPECT_EQ(scheduler.pendingJobs(), kFull);
-  std::thread caller([&] { scheduler.schedule(job); });
-  // A caller that ran its job itself leaves the loop too, and fails below.
-  while (scheduler.pacedThreads() < 1 && done == 0)
+  std::atomic<bool> callerDone{false};
+  std::thread caller([&] {
+    scheduler.schedule(job);
+    callerDone = true;
+  });
+  // A caller that ran its job itself, or never waited, fails below.
+  while (scheduler.pacedThreads() < 1 && done == 0 && !callerDone)
     std::this_thread::yield();
+  EXPECT_FALSE(callerDone) << "went on past a full queue";
   for (int i = 0; i < kDrain; ++i)
-    ASSERT_TRUE(executor.runNext());
+    EXPECT_TRUE(executor.runNext()) << i;
   caller.join();
   EXPECT_EQ(done.load(), kDrain);  // the caller ran none itself
   EXPECT_EQ(executor.runUntilIdle(), static_cast<std::size_t>(kFull - kDrain + 1));
