@@ -50,11 +50,10 @@ class MemoryModuleTest : public ::testing::Test {
   static QEVRModuleRegistry& registry() { return QEVRModuleRegistry::shared(); }
 
   void start() {
-    QEVRConfiguration c;
-    c.appId = "com.example.memory-tests";
-    c.logLevel = QEVRLogLevel::off;
-    c.isBackgroundProcessingEnabled = true;
-    QEVR::start(c, executor);
+    QEVR::start({.appId = "com.example.memory-tests",
+                 .logLevel = QEVRLogLevel::off,
+                 .isBackgroundProcessingEnabled = true},
+                executor);
   }
 
   // One run of the app. The start's pruning run goes first, so that it never
