@@ -16,8 +16,7 @@
 
 #include <benchmark/benchmark.h>
 #include <simdjson.h>
-#include <unicode/brkiter.h>
-#include <unicode/locid.h>
+#include <unicode/ubrk.h>
 #include <unicode/utext.h>
 
 #include <array>
@@ -55,14 +54,19 @@ std::string padded(const Name& name) {
 // The baseline: what counting costs when every call makes its iterator.
 std::size_t graphemeCountWithFreshIterator(std::string_view text) {
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::BreakIterator> iterator(
-      icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+  const std::unique_ptr<UBreakIterator, decltype(&ubrk_close)> iterator(
+      ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status), &ubrk_close);
   UText utext = UTEXT_INITIALIZER;
   utext_openUTF8(&utext, text.data(), static_cast<int64_t>(text.size()), &status);
-  iterator->setText(&utext, status);
+  ubrk_setUText(iterator.get(), &utext, &status);
+  if (U_FAILURE(status)) {
+    utext_close(&utext);
+    std::cerr << "break iterator: " << u_errorName(status) << "\n";
+    std::abort();
+  }
   std::size_t count = 0;
-  iterator->first();
-  while (iterator->next() != icu::BreakIterator::DONE)
+  ubrk_first(iterator.get());
+  while (ubrk_next(iterator.get()) != UBRK_DONE)
     ++count;
   utext_close(&utext);
   return count;

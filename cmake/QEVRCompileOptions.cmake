@@ -8,6 +8,10 @@ add_library(qevr_options INTERFACE)
 target_compile_options(qevr_options INTERFACE
   -Wall -Wextra -Wpedantic -Werror -Wshadow
   -ffp-contract=off)
+# ICU is used through its C API only, which is all that the systems we ship
+# on provide (none exports ICU's C++ API). With this, ICU's C++ headers
+# declare nothing, so a use of them fails to compile.
+target_compile_definitions(qevr_options INTERFACE U_SHOW_CPLUSPLUS_API=0)
 # g++ 12 at -O3 reports impossible overlaps in inlined std::string
 # concatenation (-Wrestrict, a known false positive of that release); it
 # would fail optimised builds of correct code.

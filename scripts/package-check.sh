@@ -81,6 +81,19 @@ if [ -n "$missing" ]; then
 fi
 echo "   $(wc -l <"$work/exports.txt") symbols, all qevr_* or public C++ API, every qevr.h function among them"
 
+echo "== ICU imports of libqevr.so"
+# Phones ship ICU's C API only, so libqevr.so must not need ICU's C++ one:
+# no undefined symbol may be a mangled name in ICU's versioned namespace.
+nm -D --undefined-only "$libdir/libqevr.so" | awk '{print $2}' >"$work/imports.txt"
+icu_cxx="$(grep -E '^_Z.*icu_[0-9]+' "$work/imports.txt" || true)"
+if [ -n "$icu_cxx" ]; then
+  echo "libqevr.so imports ICU C++ symbols, which the platforms' ICU does not export:" >&2
+  c++filt <<<"$icu_cxx" | head -n 40 >&2
+  exit 1
+fi
+icu_c="$(grep -c -E '^u[a-z0-9]*_[A-Za-z0-9_]+_[0-9]+$' "$work/imports.txt" || true)"
+echo "   no ICU C++ symbols; $icu_c ICU C functions"
+
 echo "== consumer (shared): pkg-config"
 PKG_CONFIG_PATH="$libdir/pkgconfig" make -s -C "$root/examples/consumer" BUILD="$work"
 "$work/qevr_consumer_pc" "$work/data-pc"

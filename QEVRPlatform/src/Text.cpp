@@ -1,20 +1,18 @@
 #include <QEVRPlatform/Text.h>
 
-#include <unicode/brkiter.h>
-#include <unicode/bytestream.h>
-#include <unicode/casemap.h>
-#include <unicode/locid.h>
-#include <unicode/normalizer2.h>
-#include <unicode/regex.h>
+#include <unicode/ubrk.h>
+#include <unicode/ucasemap.h>
 #include <unicode/uchar.h>
-#include <unicode/unistr.h>
-#include <unicode/utext.h>
+#include <unicode/unorm2.h>
+#include <unicode/uregex.h>
+#include <unicode/ustring.h>
 #include <unicode/utypes.h>
 
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -90,16 +88,81 @@ bool isAsciiWhitespaceOrNewline(unsigned char c) {
 }
 
 // ICU takes 32-bit lengths.
-icu::StringPiece toPiece(std::string_view text) {
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+std::int32_t icuLength(std::size_t size) {
+  if (size > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
     throw std::length_error("qevr::text: string too long for ICU");
   }
-  return {text.data(), static_cast<std::int32_t>(text.size())};
+  return static_cast<std::int32_t>(size);
 }
 
 [[noreturn]] void throwIcuFailure(const char* what, UErrorCode status) {
   if (status == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
   throw std::runtime_error(std::string("qevr::text: ") + what + " failed: " + u_errorName(status));
+}
+
+// Owns an ICU C object and closes it with `Close`.
+template <auto Close>
+struct IcuCloser {
+  template <typename T>
+  void operator()(T* object) const {
+    Close(object);
+  }
+};
+template <typename T, auto Close>
+using IcuPointer = std::unique_ptr<T, IcuCloser<Close>>;
+
+// Runs an ICU function that writes `Char`s into a caller's buffer: first
+// into `guess` units, and when ICU reports that the result needs more, once
+// again into a buffer of the size it asked for. `fill(buffer, capacity,
+// status)` returns the full length of the result. On failure the status is
+// left in `status` and the returned string is meaningless.
+template <typename Char, typename Fill>
+std::basic_string<Char> fillBuffer(std::size_t guess, UErrorCode& status, Fill fill) {
+  constexpr auto kLargest = static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max());
+  std::basic_string<Char> out(guess < kLargest ? guess : kLargest, Char());
+  status = U_ZERO_ERROR;
+  std::int32_t length = fill(out.data(), static_cast<std::int32_t>(out.size()), &status);
+  if (status == U_BUFFER_OVERFLOW_ERROR) {
+    out.assign(static_cast<std::size_t>(length), Char());
+    status = U_ZERO_ERROR;
+    length = fill(out.data(), length, &status);
+  }
+  if (U_FAILURE(status)) return {};
+  out.resize(static_cast<std::size_t>(length));
+  return out;
+}
+
+// UTF-8 to UTF-16. Callers pass well-formed text (repaired beforehand); the
+// substitution only keeps ICU from failing should that ever not hold. A
+// UTF-8 string never needs more UTF-16 units than it has bytes.
+std::u16string toUtf16(std::string_view text) {
+  const std::int32_t length = icuLength(text.size());
+  UErrorCode status = U_ZERO_ERROR;
+  std::u16string out = fillBuffer<char16_t>(
+      text.size(), status, [&](char16_t* buffer, std::int32_t capacity, UErrorCode* code) {
+        std::int32_t written = 0;
+        u_strFromUTF8WithSub(buffer, capacity, &written, text.data(), length, kReplacementCharacter,
+                             nullptr, code);
+        return written;
+      });
+  if (U_FAILURE(status)) throwIcuFailure("converting UTF-8 to UTF-16", status);
+  return out;
+}
+
+// UTF-16 to UTF-8; an unpaired surrogate becomes U+FFFD. Each UTF-16 unit
+// needs at most three bytes.
+std::string toUtf8(std::u16string_view units) {
+  const std::int32_t length = icuLength(units.size());
+  UErrorCode status = U_ZERO_ERROR;
+  std::string out = fillBuffer<char>(
+      units.size() * 3, status, [&](char* buffer, std::int32_t capacity, UErrorCode* code) {
+        std::int32_t written = 0;
+        u_strToUTF8WithSub(buffer, capacity, &written, units.data(), length, kReplacementCharacter,
+                           nullptr, code);
+        return written;
+      });
+  if (U_FAILURE(status)) throwIcuFailure("converting UTF-16 to UTF-8", status);
+  return out;
 }
 
 // Holds the repaired copy of ill-formed input so that ICU sees valid UTF-8
@@ -128,7 +191,7 @@ class ValidText {
 // than iterating a name; and a UTF-16 buffer, because ICU's iterator walks
 // UTF-16 text about a fifth faster than UTF-8 text.
 struct IcuScratch {
-  std::unique_ptr<icu::BreakIterator> iterator;
+  IcuPointer<UBreakIterator, ubrk_close> iterator;
   std::u16string units;
 };
 
@@ -136,8 +199,8 @@ IcuScratch& threadScratch() {
   thread_local IcuScratch scratch = [] {
     UErrorCode status = U_ZERO_ERROR;
     IcuScratch made;
-    made.iterator.reset(
-        icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+    // "" is the root locale; nullptr would mean the default locale.
+    made.iterator.reset(ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status));
     if (U_FAILURE(status) || !made.iterator) {
       throwIcuFailure("creating a character break iterator", status);
     }
@@ -158,9 +221,7 @@ struct ClusterWalk {
 ClusterWalk walkClustersWithIcu(std::string_view text, std::size_t limit) {
   ClusterWalk walk;
   if (text.empty() || limit == 0) return walk;
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
-    throw std::length_error("qevr::text: string too long for ICU");
-  }
+  icuLength(text.size());
   IcuScratch& scratch = threadScratch();
   std::u16string& units = scratch.units;
   units.clear();
@@ -175,18 +236,14 @@ ClusterWalk walkClustersWithIcu(std::string_view text, std::size_t limit) {
     i += decoded.length;
   }
   UErrorCode status = U_ZERO_ERROR;
-  UText utext = UTEXT_INITIALIZER;
-  utext_openUChars(&utext, units.data(), static_cast<std::int64_t>(units.size()), &status);
-  scratch.iterator->setText(&utext, status);
-  // The iterator keeps its own shallow clone of `utext`, pointing at
-  // `units`; it is not used again before the next setText.
-  utext_close(&utext);
+  // The iterator points into `units` until the next call sets new text.
+  ubrk_setText(scratch.iterator.get(), units.data(), icuLength(units.size()), &status);
   if (U_FAILURE(status)) throwIcuFailure("setting break iterator text", status);
-  scratch.iterator->first();
+  ubrk_first(scratch.iterator.get());
   std::size_t unitEnd = 0;
   while (walk.clusters < limit) {
-    const std::int32_t next = scratch.iterator->next();
-    if (next == icu::BreakIterator::DONE) break;
+    const std::int32_t next = ubrk_next(scratch.iterator.get());
+    if (next == UBRK_DONE) break;
     ++walk.clusters;
     unitEnd = static_cast<std::size_t>(next);
   }
@@ -266,17 +323,22 @@ std::string normalizeNFC(std::string_view text) {
   if (firstNonAscii(text) == text.size()) return std::string(text);
   const ValidText valid(text);
   UErrorCode status = U_ZERO_ERROR;
-  const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
+  // A shared singleton that ICU owns; it is immutable and never closed.
+  const UNormalizer2* nfc = unorm2_getNFCInstance(&status);
   if (U_FAILURE(status)) throwIcuFailure("loading NFC data", status);
-  const icu::StringPiece piece = toPiece(valid.get());
-  if (nfc->isNormalizedUTF8(piece, status) && U_SUCCESS(status)) return std::string(valid.get());
-  status = U_ZERO_ERROR;
-  std::string out;
-  out.reserve(valid.get().size());
-  icu::StringByteSink<std::string> sink(&out);
-  nfc->normalizeUTF8(0, piece, sink, nullptr, status);
+  const std::u16string units = toUtf16(valid.get());
+  const auto length = static_cast<std::int32_t>(units.size());
+  if (unorm2_isNormalized(nfc, units.data(), length, &status) && U_SUCCESS(status)) {
+    return std::string(valid.get());
+  }
+  // Composition may lengthen the text (a few characters decompose and do
+  // not recompose), so the size is a first guess that fillBuffer corrects.
+  const std::u16string normalized = fillBuffer<char16_t>(
+      units.size(), status, [&](char16_t* buffer, std::int32_t capacity, UErrorCode* code) {
+        return unorm2_normalize(nfc, units.data(), length, buffer, capacity, code);
+      });
   if (U_FAILURE(status)) throwIcuFailure("NFC normalisation", status);
-  return out;
+  return toUtf8(normalized);
 }
 
 // normalizeNFC repairs ill-formed input before normalising, which is
@@ -353,13 +415,26 @@ std::string lowercased(std::string_view text) {
     return out;
   }
   const ValidText valid(text);
+  const std::string_view source = valid.get();
+  const std::int32_t length = icuLength(source.size());
   UErrorCode status = U_ZERO_ERROR;
-  std::string out;
-  out.reserve(valid.get().size());
-  icu::StringByteSink<std::string> sink(&out);
+  // Made once and shared by all threads: lower-casing only reads the map
+  // (it takes it const); only titlecasing, which we never do, mutates one.
   // "" is the root locale; nullptr would mean the process default locale,
   // which would bring in Turkish or Lithuanian rules on such systems.
-  icu::CaseMap::utf8ToLower("", 0, toPiece(valid.get()), sink, nullptr, status);
+  static const IcuPointer<UCaseMap, ucasemap_close> rootCaseMap = [] {
+    UErrorCode openStatus = U_ZERO_ERROR;
+    IcuPointer<UCaseMap, ucasemap_close> made(ucasemap_open("", 0, &openStatus));
+    if (U_FAILURE(openStatus) || !made) throwIcuFailure("opening a case map", openStatus);
+    return made;
+  }();
+  // Lower-casing can lengthen the text ("İ" becomes "i̇"), so the size is
+  // a first guess that fillBuffer corrects.
+  std::string out = fillBuffer<char>(
+      source.size(), status, [&](char* buffer, std::int32_t capacity, UErrorCode* code) {
+        return ucasemap_utf8ToLower(rootCaseMap.get(), buffer, capacity, source.data(), length,
+                                    code);
+      });
   if (U_FAILURE(status)) throwIcuFailure("lower-casing", status);
   return out;
 }
@@ -399,20 +474,27 @@ void appendUtf8(std::string& out, char32_t c) {
 
 struct RegexReplacer::Impl {
   std::string pattern;
-  // RegexPattern is immutable once compiled and documented as safe to share
-  // between threads; each replaceAll makes its own RegexMatcher.
-  std::unique_ptr<icu::RegexPattern> compiled;
+  // A URegularExpression holds match state besides the compiled pattern, so
+  // two threads must not match with one at once. This one is never matched:
+  // each replaceAll clones it, which shares the immutable compiled pattern
+  // and gives the call state of its own.
+  IcuPointer<URegularExpression, uregex_close> compiled;
 };
 
 RegexReplacer::RegexReplacer(std::shared_ptr<const Impl> implementation)
     : impl(std::move(implementation)) {}
 
 RegexReplacer RegexReplacer::compile(std::string_view pattern, bool caseInsensitive) {
-  const icu::UnicodeString source = icu::UnicodeString::fromUTF8(toPiece(pattern));
+  const ValidText valid(pattern);
+  const std::u16string source = toUtf16(valid.get());
   UParseError parseError{};
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexPattern> compiled(icu::RegexPattern::compile(
-      source, caseInsensitive ? UREGEX_CASE_INSENSITIVE : 0, parseError, status));
+  // uregex_open refuses a zero length, yet the empty pattern is valid: it is
+  // passed NUL-terminated (-1). Any other pattern goes with its length, so
+  // that a NUL inside it is part of it.
+  const std::int32_t length = source.empty() ? -1 : icuLength(source.size());
+  IcuPointer<URegularExpression, uregex_close> compiled(uregex_open(
+      source.c_str(), length, caseInsensitive ? UREGEX_CASE_INSENSITIVE : 0, &parseError, &status));
   if (U_FAILURE(status) || !compiled) {
     if (status == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
     throw std::invalid_argument("Invalid regular expression \"" + std::string(pattern) +
@@ -427,14 +509,27 @@ RegexReplacer RegexReplacer::compile(std::string_view pattern, bool caseInsensit
 
 std::string RegexReplacer::replaceAll(std::string_view input,
                                       std::string_view replacementTemplate) const {
-  // ICU's matcher works on UTF-16; conversion replaces ill-formed UTF-8
-  // with U+FFFD, the same as repairUtf8.
-  const icu::UnicodeString source = icu::UnicodeString::fromUTF8(toPiece(input));
-  const icu::UnicodeString replacement = icu::UnicodeString::fromUTF8(toPiece(replacementTemplate));
+  // The matcher works on UTF-16; ill-formed UTF-8 is repaired first, as
+  // everywhere else.
+  const ValidText validInput(input);
+  const ValidText validTemplate(replacementTemplate);
+  const std::u16string source = toUtf16(validInput.get());
+  const std::u16string replacement = toUtf16(validTemplate.get());
+  const auto replacementLength = static_cast<std::int32_t>(replacement.size());
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexMatcher> matcher(impl->compiled->matcher(source, status));
+  const IcuPointer<URegularExpression, uregex_close> matcher(
+      uregex_clone(impl->compiled.get(), &status));
   if (U_FAILURE(status) || !matcher) throwIcuFailure("creating a regex matcher", status);
-  const icu::UnicodeString result = matcher->replaceAll(replacement, status);
+  // The matcher points into `source`, which outlives it.
+  uregex_setText(matcher.get(), source.data(), static_cast<std::int32_t>(source.size()), &status);
+  if (U_FAILURE(status)) throwIcuFailure("setting regex input", status);
+  // Each attempt starts over from the beginning of the input.
+  const std::u16string result =
+      fillBuffer<char16_t>(source.size() + replacement.size(), status,
+                           [&](char16_t* buffer, std::int32_t capacity, UErrorCode* code) {
+                             return uregex_replaceAll(matcher.get(), replacement.data(),
+                                                      replacementLength, buffer, capacity, code);
+                           });
   if (U_FAILURE(status)) {
     if (status == U_INDEX_OUTOFBOUNDS_ERROR || status == U_REGEX_INVALID_CAPTURE_GROUP_NAME ||
         status == U_ILLEGAL_ARGUMENT_ERROR) {
@@ -444,9 +539,7 @@ std::string RegexReplacer::replaceAll(std::string_view input,
     }
     throwIcuFailure("regex replacement", status);
   }
-  std::string out;
-  result.toUTF8String(out);
-  return out;
+  return toUtf8(result);
 }
 
 const std::string& RegexReplacer::pattern() const {
