@@ -79,14 +79,4 @@ TEST(QEVIntentAnalyzerTest, EvidenceTakesTwoLinesOfEachListOrElseTheRecentSummar
   EXPECT_TRUE(sequencesOnly.analyzers.intentAnalyzer.analyze(std::nullopt).evidence.empty());
 }
 
-TEST(QEVIntentAnalyzerTest, TwoDomainsOverEqualDataHaveTheirOwnEntries) {
-  AnalyzerRig rig({.screens = {{"checkout", 9}, {"help", 2}}});
-  const QEVIntentAnalyzer& analyzer = rig.analyzers.intentAnalyzer;
-  EXPECT_EQ(analyzer.analyze(D::game()).primaryIntent, "support");
-  EXPECT_EQ(analyzer.analyze(D::ecommerce()).primaryIntent, "purchase");
-  EXPECT_EQ(rig.cache->count(), 2u);
-  EXPECT_EQ(analyzer.analyze(D::game()).primaryIntent, "support");
-  EXPECT_EQ(rig.cache->count(), 2u);
-}
-
 }  // namespace

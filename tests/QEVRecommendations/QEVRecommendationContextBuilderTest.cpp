@@ -9,20 +9,16 @@
 
 namespace {
 
-using qevr::testing::CountingSources;
-using qevr::testing::kGeneratedAt;
+using namespace qevr::testing;
 using Mode = CountingSources::Mode;
 
 QEVFixedRecommendationSources::Values allValues() {
-  QEVMemoryIntelligenceSnapshot snapshot;
-  snapshot.totalSessions = 2;
-  snapshot.totalEvents = 40;
-  snapshot.frequentlyVisitedScreens = {{"Home", 5}};
   return {
-      snapshot,
+      QEVMemoryIntelligenceSnapshot{
+          .totalSessions = 2, .totalEvents = 40, .frequentlyVisitedScreens = {{"Home", 5}}},
       QEVBehaviorSummary(" mail me: a.b@example.com ", {"Home", "  "}, {}, {}, 0.5, kGeneratedAt),
-      qevr::testing::intent(0.7, {"token: abc, rest", "call +1 (555) 123-4567"}),
-      qevr::testing::frustration(QEVFrustrationLevel::medium, 0.6, {"Cookie=xyz"}, {"c"}),
+      intent(0.7, {"token: abc, rest", "call +1 (555) 123-4567"}),
+      frustration(QEVFrustrationLevel::medium, 0.6, {"Cookie=xyz"}, {"c"}),
       QEVSkillAnalysis(QEVSkillLevel::advanced, {"e"}, "password: 1", 0.8, kGeneratedAt)};
 }
 
@@ -37,10 +33,8 @@ TEST(QEVRecommendationContextBuilderTest, FailingSourcesLeaveHoles) {
       sources->snapshotMode = Mode::fail;
   const QEVRecommendationContext context =
       builder(sources).build(QEVExperienceDomain::game(), std::nullopt, true);
-  QEVRecommendationContext expected;
-  expected.domain = QEVExperienceDomain::game();
-  expected.generatedAt = kGeneratedAt;
-  EXPECT_EQ(context, expected);
+  EXPECT_EQ(context, (QEVRecommendationContext{.domain = QEVExperienceDomain::game(),
+                                               .generatedAt = kGeneratedAt}));
   EXPECT_EQ(sources->analysisCalls, 4);
   EXPECT_EQ(sources->snapshotCalls, 1);
 }
@@ -93,16 +87,13 @@ TEST(QEVRecommendationContextBuilderTest, FrustrationCanBeLeftOut) {
 
 TEST(QEVRecommendationContextBuilderTest, MaximumAgeKeepsTheBoundary) {
   auto sources = std::make_shared<CountingSources>(allValues());
-  struct Case {
-    double nowOffset;
-    bool kept;
-  };
-  for (const Case& c : {Case{60.0, true}, Case{60.5, false}, Case{-10.0, true}}) {
-    SCOPED_TRACE(c.nowOffset);
+  const std::pair<double, bool> cases[] = {{60.0, true}, {60.5, false}, {-10.0, true}};
+  for (const auto& [age, kept] : cases) {
+    SCOPED_TRACE(age);
     const auto context =
-        builder(sources, kGeneratedAt.addingSeconds(c.nowOffset)).build(std::nullopt, 60.0, true);
-    EXPECT_EQ(context.intentAnalysis.has_value(), c.kept);
-    EXPECT_EQ(context.skillAnalysis.has_value(), c.kept);
+        builder(sources, kGeneratedAt.addingSeconds(age)).build(std::nullopt, 60.0, true);
+    EXPECT_EQ(context.intentAnalysis.has_value(), kept);
+    EXPECT_EQ(context.skillAnalysis.has_value(), kept);
     EXPECT_FALSE(context.userGraphSummary.empty());  // the snapshot is not aged
   }
 }
