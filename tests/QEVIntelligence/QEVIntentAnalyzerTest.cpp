@@ -4,7 +4,6 @@
 
 namespace {
 
-using Strings = std::vector<std::string>;
 using D = QEVExperienceDomain;
 
 TEST(QEVIntentAnalyzerTest, RuleOrderNotCountsDecidesThePrimaryIntent) {
@@ -28,7 +27,6 @@ TEST(QEVIntentAnalyzerTest, RuleOrderNotCountsDecidesThePrimaryIntent) {
       {"custom: common rules only", {{{"level_failed", 1}}}, D::custom("game"), "browse", {}},
       {"upper case matches", {{{"CHECKOUT", 3}}}, std::nullopt, "purchase", {}},
       {"repay has pay", {{{"repay", 1}}}, std::nullopt, "pay_bill", {}},
-      {"playlist has list", {{{"playlist", 1}}}, std::nullopt, "browse", {}},
       {"border has order", {{{"border", 1}}}, std::nullopt, "purchase", {}},
       {"at most three secondary",
        {.components = {{"help", 1}, {"cart", 1}, {"bill", 1}, {"topup", 1}, {"home", 1}}},

@@ -6,7 +6,6 @@
 
 namespace {
 
-using Strings = std::vector<std::string>;
 using enum QEVSkillLevel;
 
 const std::string kWins3 = "Frequent successful completion events";

@@ -84,18 +84,17 @@ TEST(QEVPersonalizationEngineTest, ConflictKeys) {
 }
 
 TEST(QEVPersonalizationEngineTest, ConflictFilterKeepsTheFirstOfEachKey) {
-  const auto highlight = recommendation(Action::highlightComponent("Home Banner", "Secret"), 0.9);
-  const auto reorder =
-      recommendation(Action::reorderComponent("home_banner", std::nullopt, 0), 0.8);
-  const auto helpCart = recommendation(Action::showHelp("cart", std::nullopt, "Home"), 0.9);
-  const auto reorderCart = recommendation(Action::reorderComponent("cart", std::nullopt, 0), 0.95);
-  const auto helpHome = recommendation(Action::showHelp(std::nullopt, std::nullopt, "Home"), 0.7);
-  const auto shortcut = recommendation(
-      Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt, "Cart", std::nullopt), 0.9);
+  // The input is taken as ranked: only its order counts.
+  const auto highlight = recommendation(Action::highlightComponent("Home Banner", "Secret"));
+  const auto reorder = recommendation(Action::reorderComponent("home_banner", std::nullopt, 0));
+  const auto helpCart = recommendation(Action::showHelp("cart", std::nullopt, "Home"));
+  const auto reorderCart = recommendation(Action::reorderComponent("cart", std::nullopt, 0));
+  const auto helpHome = recommendation(Action::showHelp(std::nullopt, std::nullopt, "Home"));
+  const auto shortcut = recommendation(Action::suggestShortcut({}, {}, {}, "Cart", {}));
   const auto landing = recommendation(
-      Action::custom({{"kind", "defaultLandingScreen"}, {"destinationScreen", "cart"}}), 0.8);
-  const auto noKind = recommendation(Action::custom({{"note", "x"}}), 0.6);
-  const auto noKind2 = recommendation(Action::custom({{"note", "y"}}), 0.6);
+      Action::custom({{"kind", "defaultLandingScreen"}, {"destinationScreen", "cart"}}));
+  const auto noKind = recommendation(Action::custom({{"note", "x"}}));
+  const auto noKind2 = recommendation(Action::custom({{"note", "y"}}));
 
   // The removed help adds none of its keys, so the later help for Home stays.
   EXPECT_EQ(idsOf(Engine::removeConflicts({reorderCart, helpCart, helpHome})),

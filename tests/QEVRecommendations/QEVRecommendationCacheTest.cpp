@@ -93,10 +93,8 @@ TEST_F(QEVRecommendationCacheTest, KeyCoversDomainPolicyAndTheWholeSummary) {
   snapshot.averageSessionDuration = 12;
   EXPECT_EQ(QEVMemorySnapshotSummary::of(snapshot), withoutDuration);
   EXPECT_EQ(QEVMemorySnapshotSummary::of(std::nullopt), QEVMemorySnapshotSummary{});
-}
 
-// Domains that could be confused in the key text stay apart.
-TEST_F(QEVRecommendationCacheTest, DomainTextsNeverCollide) {
+  // Domains that could be confused in the key text stay apart.
   using Key = QEVRecommendationCacheKey;
   EXPECT_NE(Key::domainText(QEVExperienceDomain::custom("x@y.io")),
             Key::domainText(QEVExperienceDomain::custom("z@y.io")));

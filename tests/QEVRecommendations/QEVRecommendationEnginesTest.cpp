@@ -16,18 +16,22 @@ using Strings = std::vector<std::string>;
 using namespace qevr::testing;
 using Level = QEVFrustrationLevel;
 
-std::vector<Kind> kindsOf(const std::vector<QEVRecommendation>& list) {
-  std::vector<Kind> kinds;
+// One projection of each recommendation in `list`.
+template <typename F>
+auto each(const std::vector<QEVRecommendation>& list, F project) {
+  std::vector<std::decay_t<decltype(project(list.front()))>> out;
   for (const QEVRecommendation& r : list)
-    kinds.push_back(r.action().kind());
-  return kinds;
+    out.push_back(project(r));
+  return out;
 }
-
-std::vector<Action> actionsOf(const std::vector<QEVRecommendation>& list) {
-  std::vector<Action> actions;
-  for (const QEVRecommendation& r : list)
-    actions.push_back(r.action());
-  return actions;
+Kind kindOf(const QEVRecommendation& r) {
+  return r.action().kind();
+}
+Action actionOf(const QEVRecommendation& r) {
+  return r.action();
+}
+std::string featureIdOf(const QEVRecommendation& r) {
+  return r.action().getIf<Action::SuggestFeature>()->featureId;
 }
 
 QEVUIRecommendationInput uiInput(Counts components) {
@@ -48,7 +52,7 @@ TEST(QEVUIRecommendationEngineTest, ReorderAndHighlightThresholds) {
   };
   for (const auto& [components, kinds] : cases) {
     SCOPED_TRACE(components.size());
-    EXPECT_EQ(kindsOf(engine.recommendations(uiInput(components))), kinds);
+    EXPECT_EQ(each(engine.recommendations(uiInput(components)), kindOf), kinds);
   }
 
   const auto tie = engine.recommendations(uiInput({{"b", 4}, {" a ", 4}}));
@@ -69,7 +73,7 @@ TEST(QEVUIRecommendationEngineTest, ContextualHelpNeedsMediumFrustrationAndAVali
   QEVUIRecommendationInput input = uiInput({{"checkout", 10}});
   input.frustrationAnalysis = frustration(Level::low);
   input.confusingComponentIds = {"pay"};
-  EXPECT_EQ(kindsOf(engine.recommendations(input)), std::vector<Kind>{Kind::reorderComponent});
+  EXPECT_EQ(each(engine.recommendations(input), kindOf), std::vector<Kind>{Kind::reorderComponent});
 
   input.frustrationAnalysis = frustration(Level::high, 0.9, {"s1", "s2"}, {"c1", "c2", "c3", "c4"});
   const auto help = engine.recommendations(input);
@@ -83,7 +87,8 @@ TEST(QEVUIRecommendationEngineTest, ContextualHelpNeedsMediumFrustrationAndAVali
   input.frustrationAnalysis = frustration(Level::medium);
   for (const Strings& ids : {Strings{}, Strings{"", "  "}}) {
     input.confusingComponentIds = ids;
-    EXPECT_EQ(kindsOf(engine.recommendations(input)), std::vector<Kind>{Kind::reorderComponent});
+    EXPECT_EQ(each(engine.recommendations(input), kindOf),
+              std::vector<Kind>{Kind::reorderComponent});
   }
 }
 
@@ -106,7 +111,7 @@ TEST(QEVUIRecommendationEngineTest, HidesOnlyTheLeastUsedOptionalComponent) {
     input.optionalComponentUsage = c.optional;
     input.criticalComponentIds = c.critical;
     EXPECT_EQ(
-        actionsOf(engine.recommendations(input)),
+        each(engine.recommendations(input), actionOf),
         c.hidden ? std::vector{Action::hideComponent(*c.hidden, "Home")} : std::vector<Action>{});
   }
 }
@@ -151,20 +156,21 @@ TEST(QEVNavigationRecommendationEngineTest, ShortcutLandingAndReduceStepsThresho
   // Sum 3 with the strongest edge into it having no source.
   auto out =
       engine.recommendations(navigationInput({{std::nullopt, " Cart ", 2}, {"Home", "Cart", 1}}));
-  EXPECT_EQ(actionsOf(out),
+  EXPECT_EQ(each(out, actionOf),
             std::vector{Action::suggestShortcut({}, {}, {}, "Cart", "shortcut_cart")});
   EXPECT_EQ(out.at(0).evidence(), Strings{"Cart: 3"});
 
   // Rule 2 and rule 4 for the same destination: one survives.
   out = engine.recommendations(navigationInput({{"Home", "Check-out", 3}}));
   EXPECT_EQ(titlesOf(out), Strings{"Suggest shortcut to frequent screen"});
-  EXPECT_EQ(actionsOf(out).at(0),
+  EXPECT_EQ(out.at(0).action(),
             Action::suggestShortcut({}, {}, "Home", "Check-out", "shortcut_check_out"));
 
   // Three sightings: no landing screen; four: one, as a custom action.
   EXPECT_TRUE(engine.recommendations(navigationInput({}, {"Home", "Home", " Home", "x"})).empty());
-  EXPECT_EQ(actionsOf(engine.recommendations(
-                navigationInput({}, {"Home", "Home", " Home", "Home\n", "unknown"}))),
+  EXPECT_EQ(each(engine.recommendations(
+                     navigationInput({}, {"Home", "Home", " Home", "Home\n", "unknown"})),
+                 actionOf),
             std::vector{
                 Action::custom({{"kind", "defaultLandingScreen"}, {"destinationScreen", "Home"}})});
 
@@ -184,10 +190,6 @@ QEVFeatureRecommendationInput featureInput(std::vector<QEVAvailableFeature> feat
           .domain = QEVExperienceDomain::ecommerce(),
           .availableFeatures = std::move(features),
           .generatedAt = kGeneratedAt};
-}
-
-std::string featureIdOf(const QEVRecommendation& r) {
-  return r.action().getIf<Action::SuggestFeature>()->featureId;
 }
 
 TEST(QEVFeatureRecommendationEngineTest, MatchingHelpers) {
@@ -223,9 +225,7 @@ TEST(QEVFeatureRecommendationEngineTest, RanksByScoreAndCutsAtThree) {
                                                          {"offers", "Offers", std::nullopt}},
                                                         "extra wishlist reorder offers"));
   // Equal scores: the lower identifier first.
-  ASSERT_EQ(four.size(), 3u);
-  EXPECT_EQ((Strings{featureIdOf(four[0]), featureIdOf(four[1]), featureIdOf(four[2])}),
-            (Strings{"offers", "reorder", "wishlist"}));
+  ASSERT_EQ(each(four, featureIdOf), (Strings{"offers", "reorder", "wishlist"}));
   EXPECT_EQ(four[0].confidence(), 0.873);
   EXPECT_EQ(four[0].reason(), "The feature matches the current inferred intent.");
   EXPECT_EQ(four[0].evidence(), Strings{"intent: extra wishlist reorder offers"});
@@ -316,9 +316,8 @@ TEST(QEVGameplayRecommendationEngineTest, Rules) {
                                              .customGameEvents = c.events});
     EXPECT_EQ(titlesOf(out), c.titles);
     std::vector<double> deltas;
-    for (const QEVRecommendation& r : out) {
-      if (auto* a = r.action().getIf<Action::AdjustDifficulty>())
-        deltas.push_back(a->difficultyDelta);
+    for (const Action& action : each(out, actionOf)) {
+      if (auto* a = action.getIf<Action::AdjustDifficulty>()) deltas.push_back(a->difficultyDelta);
     }
     EXPECT_EQ(deltas, c.deltas);
   }

@@ -70,15 +70,6 @@ TEST(QEVRecommendationsGeneratorTest, NothingIsCachedForAnEmptyResultOrACancella
   EXPECT_EQ(f.sources->analysisCalls, 4);
   f.generator.generate(std::nullopt, QEVRecommendationPolicy());
   EXPECT_EQ(f.sources->analysisCalls, 8);
-
-  // A cut of 0: the analyses have been asked, nothing is stored.
-  Fixture zero(storeValues());
-  EXPECT_TRUE(
-      zero.generator
-          .generate(std::nullopt, QEVRecommendationPolicy(0.65, true, true, true, true, false, 0))
-          .empty());
-  EXPECT_EQ(zero.sources->analysisCalls, 4);
-  EXPECT_EQ(zero.cache->entryCount(), 0u);
 }
 
 // A snapshot source that cancels the generation while answering, so the
