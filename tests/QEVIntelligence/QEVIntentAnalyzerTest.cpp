@@ -36,7 +36,7 @@ TEST(QEVIntentAnalyzerTest, RuleOrderNotCountsDecidesThePrimaryIntent) {
       {"fintech browse by account", {{{"account", 2}}}, D::fintech(), "browse", {}},
       {"navigation text counts",
        {.navigation = {{"home->faq", 1}}, .sequences = {"a"}},
-       std::nullopt,
+       {},
        "support",
        {"browse"}},
   };
