@@ -36,13 +36,11 @@ class ContextKeeper final : public QEVRModule {
 };
 
 QEVRConfiguration configuration(bool onDevice, bool cloud, bool local) {
-  QEVRConfiguration c;
-  c.appId = "com.example.intelligence-tests";
-  c.logLevel = QEVRLogLevel::off;
-  c.isOnDeviceAIEnabled = onDevice;
-  c.isCloudAIEnabled = cloud;
-  c.isLocalLLMEnabled = local;
-  return c;
+  return {.appId = "com.example.intelligence-tests",
+          .logLevel = QEVRLogLevel::off,
+          .isOnDeviceAIEnabled = onDevice,
+          .isCloudAIEnabled = cloud,
+          .isLocalLLMEnabled = local};
 }
 
 class IntelligenceModuleTest : public ::testing::Test {

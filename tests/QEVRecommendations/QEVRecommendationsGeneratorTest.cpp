@@ -98,33 +98,34 @@ TEST(QEVRecommendationsGeneratorTest, CancellationAfterTheMissStoresNothing) {
   EXPECT_EQ(cache->entryCount(), 0u);
 }
 
+// The engines' inputs under the default policy.
+QEVPersonalizationInput inputsOf(const std::optional<QEVMemoryIntelligenceSnapshot>& snapshot,
+                                 const QEVRecommendationContext& context = {},
+                                 std::optional<QEVExperienceDomain> domain = std::nullopt) {
+  return Generator::engineInputs(snapshot, context, domain, QEVRecommendationPolicy());
+}
+
 TEST(QEVRecommendationsGeneratorTest, ScreenSequencesAndEdges) {
-  const QEVRecommendationContext context{.generatedAt = kGeneratedAt};
-  QEVMemoryIntelligenceSnapshot snapshot{
-      .frequentlyVisitedScreens = {{"Home", 5}, {"Cart", 2}},
-      .recentNavigationPatterns = {{"Home->Cart", 4},
-                                   {"Cart", 2},
-                                   {"->Pay", 1},
-                                   {"Home->", 7},
-                                   {"A->B->C", 3},
-                                   {" X -> Y ", 1}},
-      .recentScreenSequences = {"Home > Cart", "> Checkout", " > "}};
-  const QEVRecommendationPolicy policy;
-  auto input = Generator::engineInputs(snapshot, context, std::nullopt, policy);
-  EXPECT_EQ(input.navigationInput.screenSequence,
-            (std::vector<std::string>{"Home", "Cart", "Checkout"}));
+  QEVMemoryIntelligenceSnapshot snapshot;
+  snapshot.frequentlyVisitedScreens = {{"Home", 5}, {"Cart", 2}};
+  snapshot.recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart", 2},    {"->Pay", 1},
+                                       {"Home->", 7},     {"A->B->C", 3}, {" X -> Y ", 1}};
+  snapshot.recentScreenSequences = {"Home > Cart", "> Checkout", " > "};
+  auto input = inputsOf(snapshot);
+  EXPECT_EQ(input.navigationInput.screenSequence, (Strings{"Home", "Cart", "Checkout"}));
   EXPECT_EQ(input.navigationInput.navigationEdges, (std::vector<Edge>{{"X", "Y", 1},
                                                                       {std::nullopt, "Pay", 1},
                                                                       {"A", "C", 3},
                                                                       {std::nullopt, "Cart", 2},
                                                                       {"Home", "Cart", 4}}));
 
+  // Without sequences, the frequent screens stand in.
   snapshot.recentScreenSequences = {};
-  input = Generator::engineInputs(snapshot, context, std::nullopt, policy);
-  EXPECT_EQ(input.navigationInput.screenSequence, (std::vector<std::string>{"Home", "Cart"}));
-  EXPECT_EQ(input.uiInput.screenPatterns, (std::vector<std::string>{"Home", "Cart"}));
+  input = inputsOf(snapshot);
+  EXPECT_EQ(input.navigationInput.screenSequence, (Strings{"Home", "Cart"}));
+  EXPECT_EQ(input.uiInput.screenPatterns, (Strings{"Home", "Cart"}));
 
-  input = Generator::engineInputs(std::nullopt, context, QEVExperienceDomain::game(), policy);
+  input = inputsOf(std::nullopt, {}, QEVExperienceDomain::game());
   EXPECT_TRUE(input.navigationInput.screenSequence.empty());
   EXPECT_TRUE(input.featureInput.availableFeatures.empty());
   EXPECT_EQ(input.gameplayInput.domain, QEVExperienceDomain::game());
@@ -134,27 +135,21 @@ TEST(QEVRecommendationsGeneratorTest, ConfusingComponentsFollowTheFrustrationLev
   const QEVMemoryIntelligenceSnapshot snapshot{
       .frequentComponents = {{"search", 3}, {"checkout", 8}}};
   QEVRecommendationContext context{.frustrationAnalysis = frustration(QEVFrustrationLevel::low)};
-  const QEVRecommendationPolicy policy;
-  EXPECT_TRUE(Generator::engineInputs(snapshot, context, std::nullopt, policy)
-                  .uiInput.confusingComponentIds.empty());
+  EXPECT_TRUE(inputsOf(snapshot, context).uiInput.confusingComponentIds.empty());
   context.frustrationAnalysis = frustration(QEVFrustrationLevel::high);
-  EXPECT_EQ(Generator::engineInputs(snapshot, context, std::nullopt, policy)
-                .uiInput.confusingComponentIds,
-            (std::vector<std::string>{"checkout", "search"}));
+  EXPECT_EQ(inputsOf(snapshot, context).uiInput.confusingComponentIds,
+            (Strings{"checkout", "search"}));
 }
 
 TEST(QEVRecommendationsGeneratorTest, CatalogueFilterKeepsMentionedFeatures) {
-  const QEVRecommendationContext context;
-  const QEVRecommendationPolicy policy;
   QEVMemoryIntelligenceSnapshot snapshot{.frequentlyVisitedScreens = {{"Data-Package Offers", 1}},
                                          .frequentCustomEvents = {{"SUPPORT_opened", 1}}};
-  auto features = Generator::engineInputs(snapshot, context, QEVExperienceDomain::telecom(), policy)
-                      .featureInput.availableFeatures;
-  EXPECT_EQ(features, (std::vector<QEVAvailableFeature>{{"data_package", "Data Package", {}},
-                                                        {"support", "Support", {}}}));
+  EXPECT_EQ(inputsOf(snapshot, {}, QEVExperienceDomain::telecom()).featureInput.availableFeatures,
+            (std::vector<QEVAvailableFeature>{{"data_package", "Data Package", {}},
+                                              {"support", "Support", {}}}));
   snapshot.frequentComponents = {{"home", 1}};
-  EXPECT_TRUE(Generator::engineInputs(snapshot, context, QEVExperienceDomain::game(), policy)
-                  .featureInput.availableFeatures.empty());
+  EXPECT_TRUE(
+      inputsOf(snapshot, {}, QEVExperienceDomain::game()).featureInput.availableFeatures.empty());
 }
 
 }  // namespace
