@@ -161,14 +161,13 @@ TEST(QEVRecommendationTest, RecommendationRoundTripsAndValidatesBeforeReadingThe
 
   // A blank title is reported although id, type and the rest are missing.
   const std::string help = R"(,"action":{"kind":"showHelp","screenName":"Home"}})";
-  EXPECT_EQ(validationMessage([&] {
-              QEVRecommendation::fromJSON(R"({"title":" ","summary":"s","confidence":0.5)" + help);
-            }),
-            "title must not be empty.");
-  EXPECT_EQ(validationMessage([&] {
-              QEVRecommendation::fromJSON(R"({"title":"t","summary":"s","confidence":2)" + help);
-            }),
-            "Recommendation confidence must be between 0.0 and 1.0.");
+  const std::pair<std::string, const char*> invalid[] = {
+      {R"({"title":" ","summary":"s","confidence":0.5)" + help, "title must not be empty."},
+      {R"({"title":"t","summary":"s","confidence":2)" + help,
+       "Recommendation confidence must be between 0.0 and 1.0."},
+  };
+  for (const auto& c : invalid)
+    EXPECT_EQ(validationMessage([&c] { QEVRecommendation::fromJSON(c.first); }), c.second);
   EXPECT_THROW(QEVRecommendation::fromJSON(R"({"title":"t","summary":"s","confidence":0.5)" + help),
                DecodingError);
   std::string badType = json;
