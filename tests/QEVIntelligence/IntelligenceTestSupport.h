@@ -17,6 +17,7 @@
 inline const QEVRDate kTestNow = QEVRDate::fromUnixSeconds(1794911493);
 
 using Counts = std::unordered_map<std::string, std::int64_t>;
+using Strings = std::vector<std::string>;
 
 struct SnapshotShape {
   Counts screens = {};

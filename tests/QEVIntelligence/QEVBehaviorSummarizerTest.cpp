@@ -4,8 +4,6 @@
 
 namespace {
 
-using Strings = std::vector<std::string>;
-
 TEST(QEVBehaviorSummarizerTest, PatternTagsAndSummaryFollowTheRuleTable) {
   const std::string made = "Behavior summary generated from local memory context.";
   const std::string none = "No behavior data is available yet.";

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <limits>
 #include <optional>
 #include <string>
@@ -50,9 +49,15 @@ TEST(QEVIntelligenceModelsTest, ResultsEncodeTheirFieldsInOrderAndRoundTrip) {
              R"("generatedAt":0})");
   expectJSON(QEVSkillAnalysis(QEVSkillLevel::expert, {}, std::nullopt, 1.0, QEVRDate{2}),
              R"({"skillLevel":"expert","evidence":[],"confidence":1,"generatedAt":2})");
-  expectJSON(QEVSkillAnalysis(QEVSkillLevel::beginner, {"e"}, "decrease", 0.4, QEVRDate{2}),
+  // The adjustment is free text, not one of the analyser's three words.
+  expectJSON(QEVSkillAnalysis(QEVSkillLevel::beginner, {"e"}, "sideways", 0.4, QEVRDate{2}),
              R"({"skillLevel":"beginner","evidence":["e"],"recommendedDifficultyAdjustment":)"
-             R"("decrease","confidence":0.4,"generatedAt":2})");
+             R"("sideways","confidence":0.4,"generatedAt":2})");
+  // An explicit null reads as absent; unknown keys are ignored.
+  EXPECT_EQ(QEVSkillAnalysis::fromJSON(R"({"confidence":1,"skillLevel":"expert","evidence":[],)"
+                                       R"("recommendedDifficultyAdjustment":null,"generatedAt":2,)"
+                                       R"("extra":1})"),
+            QEVSkillAnalysis(QEVSkillLevel::expert, {}, std::nullopt, 1.0, QEVRDate{2}));
 }
 
 TEST(QEVIntelligenceModelsTest, DecodingChecksConfidenceBeforeAnyOtherKey) {
@@ -82,17 +87,6 @@ TEST(QEVIntelligenceModelsTest, DecodingChecksConfidenceBeforeAnyOtherKey) {
   }
 }
 
-TEST(QEVIntelligenceModelsTest, SkillAdjustmentMayBeNullOrAnyText) {
-  const auto skill = QEVSkillAnalysis::fromJSON(
-      R"({"confidence":0.5,"skillLevel":"advanced","evidence":["x"],)"
-      R"("recommendedDifficultyAdjustment":null,"generatedAt":3,"extra":1})");
-  EXPECT_FALSE(skill.recommendedDifficultyAdjustment.has_value());
-  const auto custom = QEVSkillAnalysis::fromJSON(
-      R"({"confidence":0.5,"skillLevel":"advanced","evidence":[],)"
-      R"("recommendedDifficultyAdjustment":"sideways","generatedAt":3})");
-  EXPECT_EQ(custom.recommendedDifficultyAdjustment, "sideways");
-}
-
 TEST(QEVIntelligenceModelsTest, DomainJSONFollowsTheKeyedForm) {
   const std::pair<const char*, QEVExperienceDomain> decoded[] = {
       {R"({"game":{}})", QEVExperienceDomain::game()},
@@ -116,7 +110,6 @@ TEST(QEVIntelligenceModelsTest, DomainJSONFollowsTheKeyedForm) {
 TEST(QEVIntelligenceModelsTest, DomainLabelsRedactCustomText) {
   const std::pair<QEVExperienceDomain, const char*> cases[] = {
       {QEVExperienceDomain::mobileApp(), "mobileApp"},
-      {QEVExperienceDomain::ecommerce(), "ecommerce"},
       {QEVExperienceDomain::custom("   "), "custom"},
       {QEVExperienceDomain::custom(" me@example.com "), "custom([redacted])"},
       {QEVExperienceDomain::custom("token: abc"), "custom(token=[redacted])"},
@@ -129,12 +122,8 @@ TEST(QEVIntelligenceModelsTest, DomainLabelsRedactCustomText) {
   EXPECT_NE(QEVExperienceDomain::custom("a"), QEVExperienceDomain::custom("a "));
 }
 
+// The other texts are checked where the errors are thrown.
 TEST(QEVIntelligenceModelsTest, ErrorTexts) {
-  EXPECT_EQ(
-      QEVIntelligenceError::providerUnavailable(QEVLLMExecutionMode::cloud).errorDescription(),
-      "No LLM provider is available for execution mode cloud.");
-  EXPECT_EQ(QEVIntelligenceError::disabled().errorDescription(),
-            "QEVIntelligence is disabled and no deterministic fallback is available.");
   EXPECT_EQ(QEVIntelligenceError::executionDisabled().errorDescription(),
             "AI execution is disabled by configuration or provider selection.");
   EXPECT_NE(QEVIntelligenceError::providerUnavailable(QEVLLMExecutionMode::cloud),

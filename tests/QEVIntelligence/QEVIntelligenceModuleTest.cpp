@@ -36,13 +36,11 @@ class ContextKeeper final : public QEVRModule {
 };
 
 QEVRConfiguration configuration(bool onDevice, bool cloud, bool local) {
-  QEVRConfiguration c;
-  c.appId = "com.example.intelligence-tests";
-  c.logLevel = QEVRLogLevel::off;
-  c.isOnDeviceAIEnabled = onDevice;
-  c.isCloudAIEnabled = cloud;
-  c.isLocalLLMEnabled = local;
-  return c;
+  return {.appId = "com.example.intelligence-tests",
+          .logLevel = QEVRLogLevel::off,
+          .isOnDeviceAIEnabled = onDevice,
+          .isCloudAIEnabled = cloud,
+          .isLocalLLMEnabled = local};
 }
 
 class IntelligenceModuleTest : public ::testing::Test {
@@ -158,7 +156,7 @@ TEST_F(IntelligenceModuleTest, AnalysesRunBeforeTheStartDuringItAndAfterTheShutd
 
   registry().registerModule(QEVObserverIntegration::makeModule());
   registry().registerModule(QEVMemoryIntegration::makeModule());
-  registry().registerModule(module);
+  registry().registerModule(QEVIntelligenceIntegration::makeModule());
   QEVR::start(configuration(false, true, false));
   EXPECT_EQ(runtime().sharedCache()->count(), 0u);
   EXPECT_EQ(Intelligence::summarizeBehavior().confidence, 0.2);
@@ -174,6 +172,9 @@ TEST_F(IntelligenceModuleTest, AnalysesRunBeforeTheStartDuringItAndAfterTheShutd
   EXPECT_EQ(runtime().sharedCache()->count(), 0u);
   Intelligence::summarizeBehavior();
   EXPECT_EQ(runtime().sharedCache()->count(), 1u);
+  std::stop_source stop;
+  stop.request_stop();
+  EXPECT_THROW(Intelligence::analyzeSkill(std::nullopt, stop.get_token()), QEVRCancellationError);
 
   // The shutdown clears the shared cache and brings default analysers back;
   // clearCache() does not reach their private caches.
@@ -190,20 +191,6 @@ TEST_F(IntelligenceModuleTest, AnalysesRunBeforeTheStartDuringItAndAfterTheShutd
   QEVR::start(configuration(true, false, false));
   EXPECT_EQ(runtime().summarizer().preferredExecutionMode, Mode::onDevice);
   EXPECT_EQ(Intelligence::summarizeBehavior().summary, "No behavior data is available yet.");
-}
-
-TEST_F(IntelligenceModuleTest, AnAnalysisCanBeCancelledThroughTheFacade) {
-  std::stop_source stop;
-  stop.request_stop();
-  EXPECT_THROW(Intelligence::summarizeBehavior(stop.get_token()), QEVRCancellationError);
-  EXPECT_THROW(Intelligence::analyzeSkill(std::nullopt, stop.get_token()), QEVRCancellationError);
-}
-
-TEST_F(IntelligenceModuleTest, TheIntegrationMakesAFreshModule) {
-  const std::shared_ptr<QEVRModule> made = QEVIntelligenceIntegration::makeModule();
-  EXPECT_EQ(made->identifier(), "com.qevr.intelligence");
-  EXPECT_FALSE(dynamic_cast<const QEVIntelligenceModule&>(*made).started());
-  EXPECT_NE(QEVIntelligenceIntegration::makeModule(), made);
 }
 
 }  // namespace

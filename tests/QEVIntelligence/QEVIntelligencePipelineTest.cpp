@@ -1,8 +1,5 @@
 // What the four analysers share: cancellation at both checks, the cache
 // lookup before the rules, and the provider stage that always falls through.
-#include <QEVIntelligence/QEVFixedIntelligenceSnapshotProvider.h>
-#include <QEVIntelligence/QEVIntelligenceAnalyzers.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -76,18 +73,15 @@ TEST(QEVIntelligencePipelineTest, ACachedResultIsReturnedUnchanged) {
   EXPECT_EQ(rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::custom(" abc@x.io ")),
             intent);
   EXPECT_NE(rig.analyzers.intentAnalyzer.analyze(std::nullopt), intent);
+  // The skill rules ignore the domain, but it still enters the key.
+  EXPECT_EQ(rig.analyzers.skillAnalyzer.analyze(QEVExperienceDomain::game()),
+            rig.analyzers.skillAnalyzer.analyze(std::nullopt));
+  EXPECT_EQ(rig.cache->count(), 5u);
 
   // Once expired, the rules answer again.
   rig.cacheNow = kTestNow.addingSeconds(300);
   EXPECT_EQ(rig.analyzers.summarizer.summarize().summary,
             "Behavior summary generated from local memory context.");
-}
-
-TEST(QEVIntelligencePipelineTest, TheExecutionModeEntersTheKey) {
-  AnalyzerRig disabled(kShape);
-  AnalyzerRig cloud(kShape, QEVLLMExecutionMode::cloud);
-  EXPECT_NE(contextHash(disabled.context()), contextHash(cloud.context()));
-  EXPECT_EQ(disabled.analyzers.summarizer.summarize(), cloud.analyzers.summarizer.summarize());
 }
 
 TEST(QEVIntelligencePipelineTest, TheProviderStageRefusesAndOnlyCancellationPassesOn) {
@@ -115,25 +109,6 @@ TEST(QEVIntelligencePipelineTest, ASnapshotFailureReachesTheCaller) {
   for (const Analysis& analysis : kAnalyses) {
     EXPECT_THROW(analysis.run(rig.analyzers, {}), std::runtime_error);
   }
-}
-
-TEST(QEVIntelligencePipelineTest, ThePublicAnalyzersMatchTheWiredOnes) {
-  const auto source = std::make_shared<QEVFixedIntelligenceSnapshotProvider>(makeSnapshot(kShape));
-  const QEVIntelligenceAnalyzers analyzers(
-      source, {QEVLLMExecutionMode::disabled, [] { return kTestNow; }});
-  AnalyzerRig rig(kShape);
-  EXPECT_EQ(analyzers.summarizeBehavior(), rig.analyzers.summarizer.summarize());
-  EXPECT_EQ(analyzers.analyzeIntent(QEVExperienceDomain::game()),
-            rig.analyzers.intentAnalyzer.analyze(QEVExperienceDomain::game()));
-  EXPECT_EQ(analyzers.detectFrustration(), rig.analyzers.frustrationDetector.detect());
-  EXPECT_EQ(analyzers.analyzeSkill(std::nullopt),
-            rig.analyzers.skillAnalyzer.analyze(std::nullopt));
-  EXPECT_EQ(analyzers.cachedResultCount(), 4u);
-  analyzers.clearCache();
-  EXPECT_EQ(analyzers.cachedResultCount(), 0u);
-  std::stop_source stop;
-  stop.request_stop();
-  EXPECT_THROW(analyzers.summarizeBehavior(stop.get_token()), QEVRCancellationError);
 }
 
 }  // namespace

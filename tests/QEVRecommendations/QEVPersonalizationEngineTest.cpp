@@ -11,9 +11,7 @@ namespace {
 using Action = QEVRecommendationAction;
 using Engine = QEVPersonalizationEngine;
 using Priority = QEVRecommendationPriority;
-using qevr::testing::kGeneratedAt;
-using qevr::testing::recommendation;
-using qevr::testing::uuid;
+using namespace qevr::testing;
 
 std::vector<QEVRUUID> idsOf(const std::vector<QEVRecommendation>& list) {
   std::vector<QEVRUUID> ids;
@@ -55,12 +53,7 @@ TEST(QEVPersonalizationEngineTest, RankingIsATotalOrderEndingWithTheUUIDText) {
 }
 
 TEST(QEVPersonalizationEngineTest, ConflictKeys) {
-  using Keys = std::vector<std::string>;
-  struct Case {
-    Action action;
-    Keys keys;
-  };
-  const Case cases[] = {
+  const std::pair<Action, Strings> cases[] = {
       {Action::reorderComponent("Home Banner", std::nullopt, 0), {"component:homebanner"}},
       {Action::hideComponent("---", "Home"), {"component:"}},
       {Action::suggestFeature("challenge_mode", std::nullopt, std::nullopt),
@@ -84,25 +77,24 @@ TEST(QEVPersonalizationEngineTest, ConflictKeys) {
       {Action::custom({{"screen", "Home"}}), {}},
       {Action::custom({}), {}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.action.toJSON());
-    EXPECT_EQ(Engine::conflictKeys(c.action), c.keys);
+  for (const auto& [action, keys] : cases) {
+    SCOPED_TRACE(action.toJSON());
+    EXPECT_EQ(Engine::conflictKeys(action), keys);
   }
 }
 
 TEST(QEVPersonalizationEngineTest, ConflictFilterKeepsTheFirstOfEachKey) {
-  const auto highlight = recommendation(Action::highlightComponent("Home Banner", "Secret"), 0.9);
-  const auto reorder =
-      recommendation(Action::reorderComponent("home_banner", std::nullopt, 0), 0.8);
-  const auto helpCart = recommendation(Action::showHelp("cart", std::nullopt, "Home"), 0.9);
-  const auto reorderCart = recommendation(Action::reorderComponent("cart", std::nullopt, 0), 0.95);
-  const auto helpHome = recommendation(Action::showHelp(std::nullopt, std::nullopt, "Home"), 0.7);
-  const auto shortcut = recommendation(
-      Action::suggestShortcut(std::nullopt, std::nullopt, std::nullopt, "Cart", std::nullopt), 0.9);
+  // The input is taken as ranked: only its order counts.
+  const auto highlight = recommendation(Action::highlightComponent("Home Banner", "Secret"));
+  const auto reorder = recommendation(Action::reorderComponent("home_banner", std::nullopt, 0));
+  const auto helpCart = recommendation(Action::showHelp("cart", std::nullopt, "Home"));
+  const auto reorderCart = recommendation(Action::reorderComponent("cart", std::nullopt, 0));
+  const auto helpHome = recommendation(Action::showHelp(std::nullopt, std::nullopt, "Home"));
+  const auto shortcut = recommendation(Action::suggestShortcut({}, {}, {}, "Cart", {}));
   const auto landing = recommendation(
-      Action::custom({{"kind", "defaultLandingScreen"}, {"destinationScreen", "cart"}}), 0.8);
-  const auto noKind = recommendation(Action::custom({{"note", "x"}}), 0.6);
-  const auto noKind2 = recommendation(Action::custom({{"note", "y"}}), 0.6);
+      Action::custom({{"kind", "defaultLandingScreen"}, {"destinationScreen", "cart"}}));
+  const auto noKind = recommendation(Action::custom({{"note", "x"}}));
+  const auto noKind2 = recommendation(Action::custom({{"note", "y"}}));
 
   // The removed help adds none of its keys, so the later help for Home stays.
   EXPECT_EQ(idsOf(Engine::removeConflicts({reorderCart, helpCart, helpHome})),
@@ -113,39 +105,31 @@ TEST(QEVPersonalizationEngineTest, ConflictFilterKeepsTheFirstOfEachKey) {
   EXPECT_EQ(idsOf(Engine::removeConflicts({noKind, noKind2})), idsOf({noKind, noKind2}));
 }
 
-QEVPersonalizationInput inputWithComponents() {
-  QEVPersonalizationInput input;
-  input.uiInput.frequentComponents = {{"Home Banner", 10}, {"cart", 8}};
-  input.uiInput.screenPatterns = {"Secret"};
-  input.uiInput.generatedAt = kGeneratedAt;
-  return input;
-}
-
 TEST(QEVPersonalizationEngineTest, ConflictsAreResolvedBeforeThePolicy) {
   const Engine engine;
-  QEVPersonalizationInput input;
-  input.featureInput.intentAnalysis = qevr::testing::intent(0.7, {}, "tutorial");
-  input.featureInput.domain = QEVExperienceDomain::game();
-  input.featureInput.availableFeatures = {{"tutorial", "Tutorial", std::nullopt}};
-  input.gameplayInput.domain = QEVExperienceDomain::game();
-  input.gameplayInput.skillAnalysis = qevr::testing::skill(QEVSkillLevel::beginner);
   // The feature engine's "tutorial" outranks the gameplay tutorial help,
   // which shares its key "feature:tutorial".
-  input.policy = QEVRecommendationPolicy(0.0, true, true, true, true, true);
-  EXPECT_EQ(
-      qevr::testing::titlesOf(engine.recommendations(input)),
-      (std::vector<std::string>{"Suggest relevant feature", "Reduce difficulty for beginner"}));
+  QEVPersonalizationInput input{
+      .featureInput = {.intentAnalysis = intent(0.7, {}, "tutorial"),
+                       .domain = QEVExperienceDomain::game(),
+                       .availableFeatures = {{"tutorial", "Tutorial", std::nullopt}}},
+      .gameplayInput = {.domain = QEVExperienceDomain::game(),
+                        .skillAnalysis = skill(QEVSkillLevel::beginner)},
+      .policy = QEVRecommendationPolicy(0.0, true, true, true, true, true)};
+  EXPECT_EQ(titlesOf(engine.recommendations(input)),
+            (Strings{"Suggest relevant feature", "Reduce difficulty for beginner"}));
   // The policy then drops the winner; the loser does not come back.
   input.policy = QEVRecommendationPolicy(0.0, true, true, false, true, true);
-  EXPECT_EQ(qevr::testing::titlesOf(engine.recommendations(input)),
-            std::vector<std::string>{"Reduce difficulty for beginner"});
+  EXPECT_EQ(titlesOf(engine.recommendations(input)), Strings{"Reduce difficulty for beginner"});
 }
 
 TEST(QEVPersonalizationEngineTest, EitherMaximumBelowOneGivesNothing) {
   const Engine engine;
-  QEVPersonalizationInput input = inputWithComponents();
-  input.policy = QEVRecommendationPolicy(0.0);
-  input.maxRecommendations = 1;
+  QEVPersonalizationInput input{
+      .uiInput = {.frequentComponents = {{"Home Banner", 10}, {"cart", 8}},
+                  .screenPatterns = {"Secret"}},
+      .maxRecommendations = 1,
+      .policy = QEVRecommendationPolicy(0.0)};
   EXPECT_EQ(engine.recommendations(input).size(), 2u);  // the cut is the policy's
   input.maxRecommendations = 0;
   EXPECT_TRUE(engine.recommendations(input).empty());

@@ -32,20 +32,17 @@ class QEVRecommendationCacheTest : public ::testing::Test {
 
 TEST_F(QEVRecommendationCacheTest, EntriesLiveThreeHundredSeconds) {
   const std::vector<QEVRecommendation> list = {expiringAt(std::nullopt)};
-  struct Case {
-    double age;
-    bool hit;
-  };
-  for (const Case& c :
-       {Case{299.9, true}, Case{300.0, true}, Case{-50.0, true}, Case{300.1, false}}) {
-    SCOPED_TRACE(c.age);
+  const std::pair<double, bool> cases[] = {
+      {299.9, true}, {300.0, true}, {-50.0, true}, {300.1, false}};
+  for (const auto& [age, live] : cases) {
+    SCOPED_TRACE(age);
     cache.clear();
     clock->set(kGeneratedAt);
     cache.store(list, std::nullopt, policy, summary);
-    clock->set(kGeneratedAt.addingSeconds(c.age));
+    clock->set(kGeneratedAt.addingSeconds(age));
     EXPECT_EQ(cache.lookup(std::nullopt, policy, summary),
-              c.hit ? std::optional(list) : std::nullopt);
-    EXPECT_EQ(cache.entryCount(), c.hit ? 1u : 0u);
+              live ? std::optional(list) : std::nullopt);
+    EXPECT_EQ(cache.entryCount(), live ? 1u : 0u);
   }
 }
 
@@ -93,10 +90,8 @@ TEST_F(QEVRecommendationCacheTest, KeyCoversDomainPolicyAndTheWholeSummary) {
   snapshot.averageSessionDuration = 12;
   EXPECT_EQ(QEVMemorySnapshotSummary::of(snapshot), withoutDuration);
   EXPECT_EQ(QEVMemorySnapshotSummary::of(std::nullopt), QEVMemorySnapshotSummary{});
-}
 
-// Domains that could be confused in the key text stay apart.
-TEST_F(QEVRecommendationCacheTest, DomainTextsNeverCollide) {
+  // Domains that could be confused in the key text stay apart.
   using Key = QEVRecommendationCacheKey;
   EXPECT_NE(Key::domainText(QEVExperienceDomain::custom("x@y.io")),
             Key::domainText(QEVExperienceDomain::custom("z@y.io")));

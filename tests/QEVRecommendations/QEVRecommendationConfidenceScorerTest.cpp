@@ -12,13 +12,12 @@ using R = QEVRecommendationRiskLevel;
 TEST(QEVRecommendationConfidenceScorerTest, Examples) {
   const double inf = std::numeric_limits<double>::infinity();
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  struct Case {
+  const struct {
     const char* name;
     QEVRecommendationConfidenceInput input;
     P priority;
     double confidence;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"everything at maximum", {5, 1, 1, 0.0, 1, R::none}, P::critical, 1.0},
       {"one observation", {1, 1, 1, 0.0, 1, R::none}, P::medium, 0.45},
       {"no observation", {0, 1, 1, 0.0, 1, R::none}, P::low, 0.25},
@@ -40,22 +39,17 @@ TEST(QEVRecommendationConfidenceScorerTest, Examples) {
       {"NaN analysis", {5, 1, nan, 0.0, 1, R::none}, P::high, 0.75},
       {"help at medium frustration", {3, 0.75, 0.7, 0.0, 0.65, R::low}, P::medium, 0.648},
       {"reorder with count 3", {3, 0.85, 0.6, 0.0, 0.3, R::low}, P::medium, 0.613},
+      // Raw 0.84995: the confidence rounds to 0.85, the priority is taken
+      // from the score before rounding.
+      {"just under the critical band", {5, 1, 1, 0.0, 0.4995, R::low}, P::high, 0.85},
   };
   const QEVRecommendationConfidenceScorer scorer;
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const QEVRecommendationConfidenceScore score = scorer.score(c.input);
     EXPECT_EQ(score.priority, c.priority);
     EXPECT_EQ(score.confidence, c.confidence);
   }
-}
-
-TEST(QEVRecommendationConfidenceScorerTest, PriorityComesFromTheScoreBeforeRounding) {
-  // Raw 0.84995: the confidence rounds to 0.85, the priority stays high.
-  const QEVRecommendationConfidenceScorer scorer;
-  const auto score = scorer.score({5, 1, 1, 0.0, 0.4995, R::low});
-  EXPECT_EQ(score.confidence, 0.85);
-  EXPECT_EQ(score.priority, P::high);
 }
 
 }  // namespace

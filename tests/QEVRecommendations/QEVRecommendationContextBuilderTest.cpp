@@ -9,52 +9,52 @@
 
 namespace {
 
-using qevr::testing::CountingSources;
-using qevr::testing::kGeneratedAt;
+using namespace qevr::testing;
 using Mode = CountingSources::Mode;
 
 QEVFixedRecommendationSources::Values allValues() {
-  QEVMemoryIntelligenceSnapshot snapshot;
-  snapshot.totalSessions = 2;
-  snapshot.totalEvents = 40;
-  snapshot.frequentlyVisitedScreens = {{"Home", 5}};
   return {
-      snapshot,
+      QEVMemoryIntelligenceSnapshot{
+          .totalSessions = 2, .totalEvents = 40, .frequentlyVisitedScreens = {{"Home", 5}}},
       QEVBehaviorSummary(" mail me: a.b@example.com ", {"Home", "  "}, {}, {}, 0.5, kGeneratedAt),
-      qevr::testing::intent(0.7, {"token: abc, rest", "call +1 (555) 123-4567"}),
-      qevr::testing::frustration(QEVFrustrationLevel::medium, 0.6, {"Cookie=xyz"}, {"c"}),
+      intent(0.7, {"token: abc, rest", "call +1 (555) 123-4567"}),
+      frustration(QEVFrustrationLevel::medium, 0.6, {"Cookie=xyz"}, {"c"}),
       QEVSkillAnalysis(QEVSkillLevel::advanced, {"e"}, "password: 1", 0.8, kGeneratedAt)};
 }
 
-QEVRecommendationContextBuilder builder(std::shared_ptr<CountingSources> sources,
-                                        QEVRDate now = kGeneratedAt) {
-  return QEVRecommendationContextBuilder(sources, sources, [now] { return now; });
-}
+class QEVRecommendationContextBuilderTest : public ::testing::Test {
+ protected:
+  // A build over `sources` at `now`, with frustration asked for.
+  QEVRecommendationContext build(std::optional<QEVExperienceDomain> domain = std::nullopt,
+                                 std::optional<double> maxAge = std::nullopt,
+                                 bool includeFrustration = true, QEVRDate now = kGeneratedAt,
+                                 std::stop_token stop = {}) {
+    return QEVRecommendationContextBuilder(sources, sources, [now] { return now; })
+        .build(domain, maxAge, includeFrustration, std::move(stop));
+  }
 
-TEST(QEVRecommendationContextBuilderTest, FailingSourcesLeaveHoles) {
-  auto sources = std::make_shared<CountingSources>(allValues());
+  std::shared_ptr<CountingSources> sources = std::make_shared<CountingSources>(allValues());
+};
+
+TEST_F(QEVRecommendationContextBuilderTest, FailingSourcesLeaveHoles) {
   sources->summaryMode = sources->intentMode = sources->frustrationMode = sources->skillMode =
       sources->snapshotMode = Mode::fail;
-  const QEVRecommendationContext context =
-      builder(sources).build(QEVExperienceDomain::game(), std::nullopt, true);
-  QEVRecommendationContext expected;
-  expected.domain = QEVExperienceDomain::game();
-  expected.generatedAt = kGeneratedAt;
-  EXPECT_EQ(context, expected);
+  EXPECT_EQ(build(QEVExperienceDomain::game()),
+            (QEVRecommendationContext{.domain = QEVExperienceDomain::game(),
+                                      .generatedAt = kGeneratedAt}));
   EXPECT_EQ(sources->analysisCalls, 4);
   EXPECT_EQ(sources->snapshotCalls, 1);
 }
 
-TEST(QEVRecommendationContextBuilderTest, RedactsEveryAnalysis) {
-  auto sources = std::make_shared<CountingSources>(allValues());
-  const QEVRecommendationContext context = builder(sources).build(std::nullopt, std::nullopt, true);
+TEST_F(QEVRecommendationContextBuilderTest, RedactsEveryAnalysis) {
+  const QEVRecommendationContext context = build();
   ASSERT_TRUE(context.behaviorSummary && context.intentAnalysis && context.frustrationAnalysis &&
               context.skillAnalysis);
   EXPECT_EQ(context.behaviorSummary->summary, "mail me: [redacted]");
-  EXPECT_EQ(context.behaviorSummary->dominantScreens, std::vector<std::string>{"Home"});
+  EXPECT_EQ(context.behaviorSummary->dominantScreens, Strings{"Home"});
   EXPECT_EQ(context.intentAnalysis->evidence,
-            (std::vector<std::string>{"token=[redacted], rest", "call [redacted]"}));
-  EXPECT_EQ(context.frustrationAnalysis->signals, std::vector<std::string>{"Cookie=[redacted]"});
+            (Strings{"token=[redacted], rest", "call [redacted]"}));
+  EXPECT_EQ(context.frustrationAnalysis->signals, Strings{"Cookie=[redacted]"});
   EXPECT_EQ(context.skillAnalysis->recommendedDifficultyAdjustment, "password=[redacted]");
   EXPECT_EQ(context.userGraphSummary,
             "total sessions: 2; total events: 40; average session duration: unknown; "
@@ -65,49 +65,39 @@ TEST(QEVRecommendationContextBuilderTest, RedactsEveryAnalysis) {
   // A lone address redacts to the marker and stays.
   auto lone = allValues();
   lone.behaviorSummary->summary = "x@y.io";
-  const auto redacted =
-      builder(std::make_shared<CountingSources>(lone)).build(std::nullopt, std::nullopt, true);
-  EXPECT_EQ(redacted.behaviorSummary->summary, "[redacted]");
+  sources = std::make_shared<CountingSources>(lone);
+  EXPECT_EQ(build().behaviorSummary->summary, "[redacted]");
 }
 
-TEST(QEVRecommendationContextBuilderTest, CancellationEndsTheBuild) {
-  auto sources = std::make_shared<CountingSources>(allValues());
-  sources->skillMode = Mode::cancel;
-  EXPECT_THROW(builder(sources).build(std::nullopt, std::nullopt, true), QEVRCancellationError);
-
-  auto untouched = std::make_shared<CountingSources>(allValues());
+TEST_F(QEVRecommendationContextBuilderTest, CancellationEndsTheBuild) {
   std::stop_source stop;
   stop.request_stop();
-  EXPECT_THROW(builder(untouched).build(std::nullopt, std::nullopt, true, stop.get_token()),
+  EXPECT_THROW(build(std::nullopt, std::nullopt, true, kGeneratedAt, stop.get_token()),
                QEVRCancellationError);
-  EXPECT_EQ(untouched->analysisCalls + untouched->snapshotCalls, 0);
+  EXPECT_EQ(sources->analysisCalls + sources->snapshotCalls, 0);
+  sources->skillMode = Mode::cancel;
+  EXPECT_THROW(build(), QEVRCancellationError);
 }
 
-TEST(QEVRecommendationContextBuilderTest, FrustrationCanBeLeftOut) {
-  auto sources = std::make_shared<CountingSources>(allValues());
-  const auto context = builder(sources).build(std::nullopt, std::nullopt, false);
+TEST_F(QEVRecommendationContextBuilderTest, FrustrationCanBeLeftOut) {
+  const auto context = build(std::nullopt, std::nullopt, false);
   EXPECT_EQ(sources->frustrationCalls, 0);
   EXPECT_FALSE(context.frustrationAnalysis.has_value());
   EXPECT_TRUE(context.intentAnalysis.has_value());
 }
 
-TEST(QEVRecommendationContextBuilderTest, MaximumAgeKeepsTheBoundary) {
-  auto sources = std::make_shared<CountingSources>(allValues());
-  struct Case {
-    double nowOffset;
-    bool kept;
-  };
-  for (const Case& c : {Case{60.0, true}, Case{60.5, false}, Case{-10.0, true}}) {
-    SCOPED_TRACE(c.nowOffset);
-    const auto context =
-        builder(sources, kGeneratedAt.addingSeconds(c.nowOffset)).build(std::nullopt, 60.0, true);
-    EXPECT_EQ(context.intentAnalysis.has_value(), c.kept);
-    EXPECT_EQ(context.skillAnalysis.has_value(), c.kept);
+TEST_F(QEVRecommendationContextBuilderTest, MaximumAgeKeepsTheBoundary) {
+  const std::pair<double, bool> cases[] = {{60.0, true}, {60.5, false}, {-10.0, true}};
+  for (const auto& [age, kept] : cases) {
+    SCOPED_TRACE(age);
+    const auto context = build(std::nullopt, 60.0, true, kGeneratedAt.addingSeconds(age));
+    EXPECT_EQ(context.intentAnalysis.has_value(), kept);
+    EXPECT_EQ(context.skillAnalysis.has_value(), kept);
     EXPECT_FALSE(context.userGraphSummary.empty());  // the snapshot is not aged
   }
 }
 
-TEST(QEVRecommendationContextBuilderTest, TopItemsFragment) {
+TEST_F(QEVRecommendationContextBuilderTest, TopItemsFragment) {
   // Each entry redacted on its own; the redaction rules are the redactor's test.
   EXPECT_EQ(topItemsFragment("t", {{"auth: xyz", 3}}), "t: auth=[redacted]: 3");
   EXPECT_EQ(topItemsFragment("t", {}), "");
@@ -119,7 +109,7 @@ TEST(QEVRecommendationContextBuilderTest, TopItemsFragment) {
             "t: b: 1, c: 1, d: 1, e: 1");
 }
 
-TEST(QEVRecommendationContextBuilderTest, Summaries) {
+TEST_F(QEVRecommendationContextBuilderTest, Summaries) {
   QEVMemoryIntelligenceSnapshot snapshot;
   EXPECT_EQ(userGraphSummaryOf(snapshot),
             "total sessions: 0; total events: 0; average session duration: unknown");
@@ -144,9 +134,8 @@ TEST(QEVRecommendationContextBuilderTest, Summaries) {
   EXPECT_EQ(recentSessionSummaryOf(snapshot).size(), 2000u);
 }
 
-TEST(QEVRecommendationContextBuilderTest, ContextRoundTripsThroughJSON) {
-  auto sources = std::make_shared<CountingSources>(allValues());
-  const auto context = builder(sources).build(QEVExperienceDomain::custom("x"), std::nullopt, true);
+TEST_F(QEVRecommendationContextBuilderTest, ContextRoundTripsThroughJSON) {
+  const auto context = build(QEVExperienceDomain::custom("x"));
   qevr::json::Writer writer;
   context.encode(writer);
   const qevr::json::Value root = qevr::json::parse(writer.take());

@@ -58,14 +58,10 @@ TEST(QEVRecommendationPolicyTest, JSONRoundTripsAndDecodesWithoutClamps) {
   EXPECT_THROW(Policy::fromJSON(R"({"minimumConfidence":0.5})"), qevr::json::DecodingError);
 }
 
-TEST(QEVRecommendationPolicyTest, NormalizedKeyKeepsLettersAndNumbersOnly) {
-  EXPECT_EQ(normalizedRecommendationKey("Home Screen"), "homescreen");
+TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
+  // Protected names compare with letters and digits only, lower-cased.
   EXPECT_EQ(normalizedRecommendationKey("  HOME_screen-\n"), "homescreen");
   EXPECT_EQ(normalizedRecommendationKey("Écran 2!"), "écran2");
-  EXPECT_EQ(normalizedRecommendationKey("---"), "");
-}
-
-TEST(QEVRecommendationPolicyTest, EvaluatorDropsInOrderAndCuts) {
   const QEVRecommendationPolicyEvaluator evaluator;
   const auto help = Action::showHelp(std::nullopt, std::nullopt, "Home");
   struct Case {

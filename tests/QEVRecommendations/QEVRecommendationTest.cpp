@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <functional>
 #include <limits>
 
@@ -28,22 +27,22 @@ std::string validationMessage(const std::function<void()>& make) {
   return "";
 }
 
-QEVRecommendation make(std::string title, std::string summary, double confidence, Action action) {
+QEVRecommendation make(std::string title, std::string summary, double confidence, Action action,
+                       std::optional<QEVRDate> expiresAt = std::nullopt) {
   return QEVRecommendation(QEVRUUID::random(), QEVRecommendationType::ui, std::move(title),
                            std::move(summary), confidence, QEVRecommendationPriority::low, "", {},
-                           std::move(action), qevr::testing::kGeneratedAt, std::nullopt);
+                           std::move(action), qevr::testing::kGeneratedAt, expiresAt);
 }
 
 TEST(QEVRecommendationTest, ChecksRunInOrderAndTheFirstFailureWins) {
   const Action bad = Action::custom({});
-  struct Case {
+  const Action good = Action::highlightComponent("cart", std::nullopt);
+  const struct {
     std::string title, summary;
     double confidence;
     Action action;
     std::string message;
-  };
-  const Action good = Action::highlightComponent("cart", std::nullopt);
-  const Case cases[] = {
+  } cases[] = {
       {" \n\t", "", kNaN, bad, "title must not be empty."},
       {"T", "  ", kNaN, bad, "summary must not be empty."},
       {"T", "S", kNaN, bad, "Recommendation confidence must be between 0.0 and 1.0."},
@@ -53,7 +52,7 @@ TEST(QEVRecommendationTest, ChecksRunInOrderAndTheFirstFailureWins) {
       {"T", "S", 0.0, good, ""},
       {"T", "S", 1.0, good, ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
     EXPECT_EQ(validationMessage([&] { make(c.title, c.summary, c.confidence, c.action); }),
               c.message);
@@ -137,14 +136,13 @@ TEST(QEVRecommendationTest, ActionDecodingRebuildsThePayloadOnlyFromBothFlatKeys
   // Keys of other kinds are ignored; the validation error is what decoding throws.
   EXPECT_EQ(Action::fromJSON(R"({"kind":"hideComponent","componentId":"a","difficultyDelta":9})"),
             Action::hideComponent("a", std::nullopt));
-  EXPECT_EQ(validationMessage([] { Action::fromJSON(R"({"kind":"showHelp"})"); }),
-            "showHelp requires componentId, featureId, or screenName.");
-  EXPECT_EQ(
-      validationMessage([] {
-        Action::fromJSON(
-            R"({"kind":"suggestFeature","featureId":"a","featureName":" ","reasonCode":"x"})");
-      }),
-      "featureName must not be empty.");
+  const std::pair<const char*, const char*> invalid[] = {
+      {R"({"kind":"showHelp"})", "showHelp requires componentId, featureId, or screenName."},
+      {R"({"kind":"suggestFeature","featureId":"a","featureName":" ","reasonCode":"x"})",
+       "featureName must not be empty."},
+  };
+  for (const auto& c : invalid)
+    EXPECT_EQ(validationMessage([&c] { Action::fromJSON(c.first); }), c.second);
   EXPECT_THROW(Action::fromJSON(R"({"kind":"teleport"})"), DecodingError);
   EXPECT_THROW(Action::fromJSON(R"({"kind":"reorderComponent","componentId":"a"})"), DecodingError);
   EXPECT_THROW(Action::fromJSON(R"({"kind":"custom","customPayload":{"a":1}})"), DecodingError);
@@ -162,18 +160,15 @@ TEST(QEVRecommendationTest, RecommendationRoundTripsAndValidatesBeforeReadingThe
   EXPECT_EQ(QEVRecommendation::fromJSON(json), original);
 
   // A blank title is reported although id, type and the rest are missing.
-  EXPECT_EQ(validationMessage([] {
-              QEVRecommendation::fromJSON(R"({"title":" ","summary":"s","confidence":0.5,)"
-                                          R"("action":{"kind":"showHelp","screenName":"Home"}})");
-            }),
-            "title must not be empty.");
-  EXPECT_EQ(validationMessage([] {
-              QEVRecommendation::fromJSON(R"({"title":"t","summary":"s","confidence":2,)"
-                                          R"("action":{"kind":"showHelp","screenName":"Home"}})");
-            }),
-            "Recommendation confidence must be between 0.0 and 1.0.");
-  EXPECT_THROW(QEVRecommendation::fromJSON(R"({"title":"t","summary":"s","confidence":0.5,)"
-                                           R"("action":{"kind":"showHelp","screenName":"Home"}})"),
+  const std::string help = R"(,"action":{"kind":"showHelp","screenName":"Home"}})";
+  const std::pair<std::string, const char*> invalid[] = {
+      {R"({"title":" ","summary":"s","confidence":0.5)" + help, "title must not be empty."},
+      {R"({"title":"t","summary":"s","confidence":2)" + help,
+       "Recommendation confidence must be between 0.0 and 1.0."},
+  };
+  for (const auto& c : invalid)
+    EXPECT_EQ(validationMessage([&c] { QEVRecommendation::fromJSON(c.first); }), c.second);
+  EXPECT_THROW(QEVRecommendation::fromJSON(R"({"title":"t","summary":"s","confidence":0.5)" + help),
                DecodingError);
   std::string badType = json;
   badType.replace(badType.find("navigation"), 10, "teleport");
@@ -182,14 +177,11 @@ TEST(QEVRecommendationTest, RecommendationRoundTripsAndValidatesBeforeReadingThe
 
 TEST(QEVRecommendationTest, ExpiresAtTheReferenceDate) {
   const auto at = [](std::optional<QEVRDate> expiresAt) {
-    return QEVRecommendation(QEVRUUID::random(), QEVRecommendationType::ui, "t", "s", 0.5,
-                             QEVRecommendationPriority::low, "", {},
-                             Action::highlightComponent("c", std::nullopt), QEVRDate{0}, expiresAt);
+    return make("t", "s", 0.5, Action::highlightComponent("c", std::nullopt), expiresAt);
   };
-  EXPECT_TRUE(at(QEVRDate{100}).isExpired(QEVRDate{100}));
-  EXPECT_FALSE(at(QEVRDate{100}).isExpired(QEVRDate{99.9}));
   EXPECT_FALSE(at(std::nullopt).isExpired(QEVRDate{1e12}));
-  auto clock = std::make_shared<qevr::ManualClock>(QEVRDate{50});
+  // Without a reference date, the installed clock decides.
+  auto clock = std::make_shared<qevr::ManualClock>(QEVRDate{99.9});
   qevr::setClock(clock);
   EXPECT_FALSE(at(QEVRDate{100}).isExpired());
   clock->set(QEVRDate{100});

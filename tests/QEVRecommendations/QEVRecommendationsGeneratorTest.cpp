@@ -7,35 +7,34 @@
 
 namespace {
 
-using qevr::testing::CountingSources;
-using qevr::testing::kGeneratedAt;
+using namespace qevr::testing;
 using Edge = QEVNavigationRecommendationEdge;
 using Generator = QEVRecommendationsGenerator;
 
 QEVMemoryIntelligenceSnapshot storeSnapshot() {
-  QEVMemoryIntelligenceSnapshot snapshot;
-  snapshot.totalSessions = 4;
-  snapshot.totalEvents = 120;
-  snapshot.frequentlyVisitedScreens = {{"Home", 9}, {"Cart", 4}};
-  snapshot.frequentComponents = {{"checkout", 8}, {"search", 5}};
-  snapshot.recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart->Home", 2}};
-  snapshot.recentScreenSequences = {"Home > Cart > Home", "Home > Cart"};
-  return snapshot;
+  return {.totalSessions = 4,
+          .totalEvents = 120,
+          .frequentlyVisitedScreens = {{"Home", 9}, {"Cart", 4}},
+          .frequentComponents = {{"checkout", 8}, {"search", 5}},
+          .recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart->Home", 2}},
+          .recentScreenSequences = {"Home > Cart > Home", "Home > Cart"}};
 }
 
 QEVFixedRecommendationSources::Values storeValues() {
-  return {storeSnapshot(), std::nullopt, qevr::testing::intent(0.7),
-          qevr::testing::frustration(QEVFrustrationLevel::high, 0.8, {"rage taps"}), std::nullopt};
+  return {storeSnapshot(), std::nullopt, intent(0.7),
+          frustration(QEVFrustrationLevel::high, 0.8, {"rage taps"}), std::nullopt};
 }
 
 struct Fixture {
   std::shared_ptr<CountingSources> sources;
-  std::shared_ptr<QEVRecommendationCache> cache =
-      std::make_shared<QEVRecommendationCache>([] { return kGeneratedAt; });
+  std::shared_ptr<QEVRecommendationCache> cache;
   Generator generator;
 
-  explicit Fixture(QEVFixedRecommendationSources::Values values)
+  explicit Fixture(QEVFixedRecommendationSources::Values values,
+                   std::shared_ptr<QEVRecommendationCache> shared = nullptr)
       : sources(std::make_shared<CountingSources>(std::move(values))),
+        cache(shared ? shared
+                     : std::make_shared<QEVRecommendationCache>([] { return kGeneratedAt; })),
         generator(Generator::withSources(sources, sources, cache, [] { return kGeneratedAt; })) {}
 };
 
@@ -55,9 +54,7 @@ TEST(QEVRecommendationsGeneratorTest, ACacheHitCallsNoAnalysis) {
   // A changed count is a new state of the store: a new generation.
   auto values = storeValues();
   values.snapshot->frequentComponents["checkout"] = 9;
-  Fixture changed(values);
-  changed.generator = Generator::withSources(changed.sources, changed.sources, f.cache,
-                                             [] { return kGeneratedAt; });
+  Fixture changed(values, f.cache);
   const auto third = changed.generator.generate(std::nullopt, policy);
   EXPECT_EQ(changed.sources->analysisCalls, 4);
   ASSERT_FALSE(third.empty());
@@ -73,15 +70,6 @@ TEST(QEVRecommendationsGeneratorTest, NothingIsCachedForAnEmptyResultOrACancella
   EXPECT_EQ(f.sources->analysisCalls, 4);
   f.generator.generate(std::nullopt, QEVRecommendationPolicy());
   EXPECT_EQ(f.sources->analysisCalls, 8);
-
-  // A cut of 0: the analyses have been asked, nothing is stored.
-  Fixture zero(storeValues());
-  EXPECT_TRUE(
-      zero.generator
-          .generate(std::nullopt, QEVRecommendationPolicy(0.65, true, true, true, true, false, 0))
-          .empty());
-  EXPECT_EQ(zero.sources->analysisCalls, 4);
-  EXPECT_EQ(zero.cache->entryCount(), 0u);
 }
 
 // A snapshot source that cancels the generation while answering, so the
@@ -110,62 +98,58 @@ TEST(QEVRecommendationsGeneratorTest, CancellationAfterTheMissStoresNothing) {
   EXPECT_EQ(cache->entryCount(), 0u);
 }
 
+// The engines' inputs under the default policy.
+QEVPersonalizationInput inputsOf(const std::optional<QEVMemoryIntelligenceSnapshot>& snapshot,
+                                 const QEVRecommendationContext& context = {},
+                                 std::optional<QEVExperienceDomain> domain = std::nullopt) {
+  return Generator::engineInputs(snapshot, context, domain, QEVRecommendationPolicy());
+}
+
 TEST(QEVRecommendationsGeneratorTest, ScreenSequencesAndEdges) {
-  QEVRecommendationContext context;
-  context.generatedAt = kGeneratedAt;
   QEVMemoryIntelligenceSnapshot snapshot;
-  snapshot.recentScreenSequences = {"Home > Cart", "> Checkout", " > "};
   snapshot.frequentlyVisitedScreens = {{"Home", 5}, {"Cart", 2}};
   snapshot.recentNavigationPatterns = {{"Home->Cart", 4}, {"Cart", 2},    {"->Pay", 1},
                                        {"Home->", 7},     {"A->B->C", 3}, {" X -> Y ", 1}};
-  const QEVRecommendationPolicy policy;
-  auto input = Generator::engineInputs(snapshot, context, std::nullopt, policy);
-  EXPECT_EQ(input.navigationInput.screenSequence,
-            (std::vector<std::string>{"Home", "Cart", "Checkout"}));
+  snapshot.recentScreenSequences = {"Home > Cart", "> Checkout", " > "};
+  auto input = inputsOf(snapshot);
+  EXPECT_EQ(input.navigationInput.screenSequence, (Strings{"Home", "Cart", "Checkout"}));
   EXPECT_EQ(input.navigationInput.navigationEdges, (std::vector<Edge>{{"X", "Y", 1},
                                                                       {std::nullopt, "Pay", 1},
                                                                       {"A", "C", 3},
                                                                       {std::nullopt, "Cart", 2},
                                                                       {"Home", "Cart", 4}}));
 
+  // Without sequences, the frequent screens stand in.
   snapshot.recentScreenSequences = {};
-  input = Generator::engineInputs(snapshot, context, std::nullopt, policy);
-  EXPECT_EQ(input.navigationInput.screenSequence, (std::vector<std::string>{"Home", "Cart"}));
-  EXPECT_EQ(input.uiInput.screenPatterns, (std::vector<std::string>{"Home", "Cart"}));
+  input = inputsOf(snapshot);
+  EXPECT_EQ(input.navigationInput.screenSequence, (Strings{"Home", "Cart"}));
+  EXPECT_EQ(input.uiInput.screenPatterns, (Strings{"Home", "Cart"}));
 
-  input = Generator::engineInputs(std::nullopt, context, QEVExperienceDomain::game(), policy);
+  input = inputsOf(std::nullopt, {}, QEVExperienceDomain::game());
   EXPECT_TRUE(input.navigationInput.screenSequence.empty());
   EXPECT_TRUE(input.featureInput.availableFeatures.empty());
   EXPECT_EQ(input.gameplayInput.domain, QEVExperienceDomain::game());
 }
 
 TEST(QEVRecommendationsGeneratorTest, ConfusingComponentsFollowTheFrustrationLevel) {
-  QEVMemoryIntelligenceSnapshot snapshot;
-  snapshot.frequentComponents = {{"search", 3}, {"checkout", 8}};
-  QEVRecommendationContext context;
-  context.frustrationAnalysis = qevr::testing::frustration(QEVFrustrationLevel::low);
-  const QEVRecommendationPolicy policy;
-  EXPECT_TRUE(Generator::engineInputs(snapshot, context, std::nullopt, policy)
-                  .uiInput.confusingComponentIds.empty());
-  context.frustrationAnalysis = qevr::testing::frustration(QEVFrustrationLevel::high);
-  EXPECT_EQ(Generator::engineInputs(snapshot, context, std::nullopt, policy)
-                .uiInput.confusingComponentIds,
-            (std::vector<std::string>{"checkout", "search"}));
+  const QEVMemoryIntelligenceSnapshot snapshot{
+      .frequentComponents = {{"search", 3}, {"checkout", 8}}};
+  QEVRecommendationContext context{.frustrationAnalysis = frustration(QEVFrustrationLevel::low)};
+  EXPECT_TRUE(inputsOf(snapshot, context).uiInput.confusingComponentIds.empty());
+  context.frustrationAnalysis = frustration(QEVFrustrationLevel::high);
+  EXPECT_EQ(inputsOf(snapshot, context).uiInput.confusingComponentIds,
+            (Strings{"checkout", "search"}));
 }
 
 TEST(QEVRecommendationsGeneratorTest, CatalogueFilterKeepsMentionedFeatures) {
-  const QEVRecommendationContext context;
-  const QEVRecommendationPolicy policy;
-  QEVMemoryIntelligenceSnapshot snapshot;
-  snapshot.frequentlyVisitedScreens = {{"Data-Package Offers", 1}};
-  snapshot.frequentCustomEvents = {{"SUPPORT_opened", 1}};
-  auto features = Generator::engineInputs(snapshot, context, QEVExperienceDomain::telecom(), policy)
-                      .featureInput.availableFeatures;
-  EXPECT_EQ(features, (std::vector<QEVAvailableFeature>{{"data_package", "Data Package", {}},
-                                                        {"support", "Support", {}}}));
+  QEVMemoryIntelligenceSnapshot snapshot{.frequentlyVisitedScreens = {{"Data-Package Offers", 1}},
+                                         .frequentCustomEvents = {{"SUPPORT_opened", 1}}};
+  EXPECT_EQ(inputsOf(snapshot, {}, QEVExperienceDomain::telecom()).featureInput.availableFeatures,
+            (std::vector<QEVAvailableFeature>{{"data_package", "Data Package", {}},
+                                              {"support", "Support", {}}}));
   snapshot.frequentComponents = {{"home", 1}};
-  EXPECT_TRUE(Generator::engineInputs(snapshot, context, QEVExperienceDomain::game(), policy)
-                  .featureInput.availableFeatures.empty());
+  EXPECT_TRUE(
+      inputsOf(snapshot, {}, QEVExperienceDomain::game()).featureInput.availableFeatures.empty());
 }
 
 }  // namespace

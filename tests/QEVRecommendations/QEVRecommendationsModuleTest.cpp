@@ -51,23 +51,22 @@ class QEVRecommendationsModuleTest : public ::testing::Test {
   // A user graph on disk with two busy components: enough for the UI
   // engine to recommend something whenever generation is active.
   void storeUserGraph() {
-    QEVFileMemoryStore store(directory / "QEVR" / "Memory", qevr::FileSystem::defaultFileSystem(),
-                             std::make_shared<QEVLZFSECompressionEngine>());
     QEVUserGraph graph;
     graph.userId = QEVRUUID::random();
     graph.totalSessions = 6;
     graph.totalEvents = 60;
     graph.frequentComponents = {{"checkout", 9}, {"search", 6}};
     graph.frequentlyVisitedScreens = {{"Home", 12}, {"Cart", 7}};
-    store.saveUserGraph(graph);
+    QEVFileMemoryStore(directory / "QEVR" / "Memory", qevr::FileSystem::defaultFileSystem(),
+                       std::make_shared<QEVLZFSECompressionEngine>())
+        .saveUserGraph(graph);
   }
 
+  // Only the fallback flag given; the AI flags stay off.
   static QEVRConfiguration configuration(bool fallback) {
-    QEVRConfiguration c;
-    c.appId = "com.example.recommendations-tests";
-    c.logLevel = QEVRLogLevel::off;
-    c.isFallbackRecommendationsEnabled = fallback;
-    return c;
+    return {.appId = "com.example.recommendations-tests",
+            .logLevel = QEVRLogLevel::off,
+            .isFallbackRecommendationsEnabled = fallback};
   }
 
   // Where the starts' generations run their tasks: on the thread that waits.
@@ -80,16 +79,13 @@ class QEVRecommendationsModuleTest : public ::testing::Test {
 // Any one flag makes recommendations available, and so do the defaults;
 // pause and shutdown take them away again.
 TEST_F(QEVRecommendationsModuleTest, AvailabilityFollowsTheFlagsAndTheLifecycle) {
-  auto flags = [](bool onDevice, bool cloud, bool local, bool fallback) {
+  const auto flags = [](bool onDevice, bool cloud, bool local, bool fallback) {
     QEVRConfiguration c = configuration(fallback);
     c.isOnDeviceAIEnabled = onDevice;
     c.isCloudAIEnabled = cloud;
     c.isLocalLLMEnabled = local;
     return c;
   };
-  // What a host gets when it names nothing but its appId.
-  QEVRConfiguration onlyAppId;
-  onlyAppId.appId = "com.example.recommendations-tests";
   const struct {
     const char* label;
     QEVRConfiguration configuration;
@@ -100,7 +96,8 @@ TEST_F(QEVRecommendationsModuleTest, AvailabilityFollowsTheFlagsAndTheLifecycle)
       {"cloud AI", flags(false, true, false, false), true},
       {"local LLM", flags(false, false, true, false), true},
       {"fallback", flags(false, false, false, true), true},
-      {"only appId", onlyAppId, true},
+      // What a host gets when it names nothing but its appId.
+      {"only appId", {.appId = "com.example.recommendations-tests"}, true},
   };
   storeUserGraph();
   EXPECT_TRUE(Recommendations::generate().empty());  // before any start

@@ -10,11 +10,14 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace qevr::testing {
 
 inline const QEVRDate kGeneratedAt{800000000.0};
+
+using Strings = std::vector<std::string>;
 
 inline QEVRUUID uuid(std::uint8_t last) {
   QEVRUUID id;
@@ -64,38 +67,27 @@ class CountingSources final : public QEVRecommendationIntelligenceProviding,
 
   explicit CountingSources(QEVFixedRecommendationSources::Values values) : fixed(values) {}
 
-  Mode summaryMode = Mode::answer;
-  Mode intentMode = Mode::answer;
-  Mode frustrationMode = Mode::answer;
-  Mode skillMode = Mode::answer;
-  Mode snapshotMode = Mode::answer;
+  Mode summaryMode = Mode::answer, intentMode = Mode::answer, frustrationMode = Mode::answer;
+  Mode skillMode = Mode::answer, snapshotMode = Mode::answer;
 
   mutable std::atomic<int> analysisCalls{0};
   mutable std::atomic<int> frustrationCalls{0};
   mutable std::atomic<int> snapshotCalls{0};
 
   QEVBehaviorSummary summarizeBehavior(std::stop_token stop) const override {
-    ++analysisCalls;
-    act(summaryMode);
-    return fixed.summarizeBehavior(stop);
+    return answer(summaryMode, [&] { return fixed.summarizeBehavior(stop); });
   }
   QEVIntentAnalysis analyzeIntent(const std::optional<QEVExperienceDomain>& domain,
                                   std::stop_token stop) const override {
-    ++analysisCalls;
-    act(intentMode);
-    return fixed.analyzeIntent(domain, stop);
+    return answer(intentMode, [&] { return fixed.analyzeIntent(domain, stop); });
   }
   QEVFrustrationAnalysis detectFrustration(std::stop_token stop) const override {
-    ++analysisCalls;
     ++frustrationCalls;
-    act(frustrationMode);
-    return fixed.detectFrustration(stop);
+    return answer(frustrationMode, [&] { return fixed.detectFrustration(stop); });
   }
   QEVSkillAnalysis analyzeSkill(const std::optional<QEVExperienceDomain>& domain,
                                 std::stop_token stop) const override {
-    ++analysisCalls;
-    act(skillMode);
-    return fixed.analyzeSkill(domain, stop);
+    return answer(skillMode, [&] { return fixed.analyzeSkill(domain, stop); });
   }
   QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop) const override {
     ++snapshotCalls;
@@ -107,6 +99,13 @@ class CountingSources final : public QEVRecommendationIntelligenceProviding,
   static void act(Mode mode) {
     if (mode == Mode::fail) throw std::runtime_error("source failed");
     if (mode == Mode::cancel) throw QEVRCancellationError();
+  }
+  // One analysis call, counted, acted out per `mode`.
+  template <typename F>
+  std::invoke_result_t<F> answer(Mode mode, F fixedAnswer) const {
+    ++analysisCalls;
+    act(mode);
+    return fixedAnswer();
   }
 
   QEVFixedRecommendationSources fixed;
