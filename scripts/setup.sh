@@ -4,7 +4,8 @@
 #   scripts/setup.sh demo [--preset NAME]   build and run `qevr demo` (preset: release)
 #   scripts/setup.sh test [--preset NAME]   build and run the whole test suite (preset: debug)
 #
-# Presets: debug, release, asan (clang, ASan+UBSan, fuzzers), tsan (clang, TSan).
+# Presets: debug, release, minsize (built for size), asan (clang, ASan+UBSan,
+# fuzzers), tsan (clang, TSan).
 # Installs the Debian packages the build needs, only those that are missing.
 set -euo pipefail
 
@@ -20,7 +21,7 @@ done
 case "$job" in
   demo) preset="${preset:-release}" ;;
   test) preset="${preset:-debug}" ;;
-  *) echo "usage: scripts/setup.sh demo|test [--preset debug|release|asan|tsan]" >&2; exit 2 ;;
+  *) echo "usage: scripts/setup.sh demo|test [--preset debug|release|minsize|asan|tsan]" >&2; exit 2 ;;
 esac
 
 cd "$(dirname "$0")/.."
