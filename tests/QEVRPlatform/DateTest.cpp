@@ -24,7 +24,8 @@ TEST(DateTest, ReferenceDateIsTheStartOf2001) {
   EXPECT_LT(QEVRDate{1}, QEVRDate{2});
 }
 
-TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
+// Parsing the text gives the whole second at or below the date.
+TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePastAndParsesBack) {
   const struct {
     const char* label;
     QEVRDate date;
@@ -43,8 +44,13 @@ TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
       {"last second of year 9999", QEVRDate::fromUnixSeconds(253402300799), "9999-12-31T23:59:59Z"},
       {"first second of year 0", QEVRDate::fromUnixSeconds(-62167219200), "0000-01-01T00:00:00Z"},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(formatISO8601(c.date), c.text) << c.label;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(formatISO8601(c.date), c.text);
+    const std::optional<QEVRDate> back = parseISO8601(c.text);
+    ASSERT_TRUE(back.has_value());
+    EXPECT_EQ(back->unixSeconds(), std::floor(c.date.unixSeconds()));
+  }
 }
 
 TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
@@ -61,14 +67,11 @@ TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
     const char* text;
     double unixSeconds;
   } cases[] = {
-      {"2026-01-31T09:05:00Z", kJanuary31UnixSeconds},
       {"2026-01-31T10:05:00+01:00", kJanuary31UnixSeconds},
       {"2026-01-31T04:35:00-04:30", kJanuary31UnixSeconds},
       {"2026-01-31T09:05:00-00:00", kJanuary31UnixSeconds},
       {"2026-02-01T09:04:00+23:59", kJanuary31UnixSeconds},
       {"2000-02-29T00:00:00Z", 951782400},
-      {"1969-12-31T23:59:59Z", -1},
-      {"9999-12-31T23:59:59Z", 253402300799},
       // Offsets that keep the instant inside the writable years.
       {"0000-01-01T01:00:00+01:00", -62167219200},
       {"9999-12-31T22:59:59-01:00", 253402300799},
@@ -105,16 +108,6 @@ TEST(ISO8601Test, ParseRefusesEveryOtherForm) {
         "9999-12-31T23:59:59-00:01"}) {
     SCOPED_TRACE(text);
     EXPECT_FALSE(parseISO8601(text).has_value());
-  }
-}
-
-TEST(ISO8601Test, ParseOfFormatGivesTheWholeSecondBelow) {
-  for (double seconds : {0.0, 0.75, -0.25, 7.5e8, 1e9 + 0.999999}) {
-    SCOPED_TRACE(seconds);
-    const QEVRDate date{seconds};
-    const std::optional<QEVRDate> back = parseISO8601(formatISO8601(date));
-    ASSERT_TRUE(back.has_value());
-    EXPECT_EQ(back->unixSeconds(), std::floor(date.unixSeconds()));
   }
 }
 
