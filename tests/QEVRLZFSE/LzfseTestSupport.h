@@ -42,27 +42,6 @@ inline Bytes randomBytes(std::size_t n, std::uint32_t seed) {
   return out;
 }
 
-// Text-like bytes: words from a small vocabulary with numbers, so that the
-// match finder finds short and medium matches at many distances.
-inline Bytes textBytes(std::size_t n, std::uint32_t seed) {
-  static const char* const words[] = {
-      "event", "screen", "tap",  "session",   "\"id\":", "{",     "}",   ",",
-      " ",     "value",  "name", "timestamp", "gesture", "swipe", "\\/", "2024-05-01T12:00:00Z"};
-  std::mt19937 rng(seed);
-  Bytes out;
-  out.reserve(n + 32);
-  while (out.size() < n) {
-    const std::string w = words[rng() % std::size(words)];
-    out.insert(out.end(), w.begin(), w.end());
-    if (rng() % 4 == 0) {
-      const std::string num = std::to_string(rng() % 100000);
-      out.insert(out.end(), num.begin(), num.end());
-    }
-  }
-  out.resize(n);
-  return out;
-}
-
 // Whether every byte of `buffer` from `from` on is still `fill`.
 inline bool untouchedFrom(const Bytes& buffer, std::size_t from, std::uint8_t fill) {
   return std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(from), buffer.end(),
