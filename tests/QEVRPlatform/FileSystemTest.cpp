@@ -49,31 +49,25 @@ class FileSystemTest : public ::testing::Test {
   fs::path root;
 };
 
-TEST_F(FileSystemTest, AtomicWriteReplacesWholeForTheOwnerAloneAndLeavesNoTemporary) {
+// A write replaces the file whole, for the owner alone whatever mode the
+// replaced file had and whatever the umask allows, and leaves no temporary.
+// A directory in the way of the rename makes a write fail after its
+// temporary was written: the old file stays, and no temporary either.
+TEST_F(FileSystemTest, AtomicWriteReplacesWholeForTheOwnerAloneOrKeepsTheOldFile) {
   const fs::path target = root / "a" / "b.json";
   files.createDirectories(target.parent_path());
   files.writeFileAtomically(target, bytesOf("first"));
-  // Whatever mode the replaced file had, and whatever the umask allows.
   fs::permissions(target, fs::perms::all);
   files.writeFileAtomically(target, bytesOf("second, longer"));
   EXPECT_EQ(files.readFile(target, 1024), bytesOf("second, longer"));
   EXPECT_EQ(fs::status(target).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  EXPECT_THAT(files.listDirectory(target.parent_path()), ::testing::ElementsAre(target));
-}
 
-TEST_F(FileSystemTest, FailedWriteKeepsTheOldFile) {
-  const fs::path target = root / "keep.json";
-  files.writeFileAtomically(target, bytesOf("old"));
-  // A directory in the way of the rename makes the write fail after the
-  // temporary was written.
-  const fs::path blocked = root / "dir.json";
+  const fs::path blocked = target.parent_path() / "dir.json";
   files.createDirectories(blocked / "child");
   EXPECT_NE(errnoOf([&] { files.writeFileAtomically(blocked, bytesOf("new")); }), 0);
-  EXPECT_EQ(files.readFile(target, 1024), bytesOf("old"));
-  // No temporary left behind next to either target.
-  for (const auto& p : files.listDirectory(root)) {
-    EXPECT_EQ(p.extension() == ".tmp", false) << p;
-  }
+  EXPECT_EQ(files.readFile(target, 1024), bytesOf("second, longer"));
+  EXPECT_THAT(files.listDirectory(target.parent_path()),
+              ::testing::UnorderedElementsAre(target, blocked));
 }
 
 TEST_F(FileSystemTest, ConcurrentReadersSeeOldOrNewNeverPart) {

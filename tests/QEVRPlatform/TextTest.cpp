@@ -17,16 +17,6 @@ const std::string kFrance = "\U0001F1EB\U0001F1F7";
 const std::string kGermany = "\U0001F1E9\U0001F1EA";
 const std::string kReplacement = "\uFFFD";
 
-// Runs `body(t)` for t in [0, count) on threads of its own, all at once.
-template <typename F>
-void onThreads(std::size_t count, F body) {
-  std::vector<std::thread> threads;
-  for (std::size_t t = 0; t < count; ++t)
-    threads.emplace_back(body, t);
-  for (std::thread& thread : threads)
-    thread.join();
-}
-
 std::string repeated(const std::string& piece, int count) {
   std::string out;
   for (int i = 0; i < count; ++i)
@@ -47,20 +37,14 @@ TEST(Utf8Test, ValidatesAndRepairsWithOneReplacementPerMaximalSubpart) {
       {"four-byte", "a\U0001F600b", "a\U0001F600b"},
       {"U+FFFD itself", kReplacement, kReplacement},
       {"truncated two-byte at end", "ab\xC3", "ab" + kReplacement},
-      {"truncated four-byte before ASCII",
-       "\xF0\x9F\x98"
-       "A",
-       kReplacement + "A"},
+      {"truncated four-byte before ASCII", std::string("\xF0\x9F\x98") + "A", kReplacement + "A"},
       {"lone continuation", "a\x80z", "a" + kReplacement + "z"},
       {"overlong slash", "\xC0\xAF", kReplacement + kReplacement},
       {"overlong three-byte", "\xE0\x80\xAF", repeated(kReplacement, 3)},
       {"surrogate", "\xED\xA0\x80", repeated(kReplacement, 3)},
       {"above U+10FFFF", "\xF4\x90\x80\x80", repeated(kReplacement, 4)},
       {"invalid lead bytes", "\xFE\xFF", kReplacement + kReplacement},
-      {"truncated three-byte then valid",
-       "\xE2\x82"
-       "\xE2\x82\xAC",
-       kReplacement + "\u20AC"},
+      {"truncated three-byte then valid", "\xE2\x82\xE2\x82\xAC", kReplacement + "\u20AC"},
       {"long ASCII run then bad byte", std::string(20, 'x') + "\xFF",
        std::string(20, 'x') + kReplacement},
   };
@@ -174,6 +158,10 @@ TEST(GraphemeTest, CountsExtendedGraphemeClusters) {
       {"Hangul jamo", "\u1100\u1161\u11A8", 1},
       {"mixed", "Hi " + kFamily + "!", 5},
       {"ill-formed bytes count one each", "a\xFF\xFE", 3},
+      // Long runs, as a name limit of 128 clusters meets them.
+      {"128 families", repeated(kFamily, 128), 128},
+      {"128 flags", repeated(kFrance, 64) + repeated(kGermany, 64), 128},
+      {"127 ASCII letters then a decomposed e", std::string(127, 'a') + "e\u0301", 128},
   };
   for (const auto& c : cases)
     EXPECT_EQ(graphemeCount(c.text), c.clusters) << c.label;
@@ -195,35 +183,12 @@ TEST(GraphemeTest, PrefixNeverCutsACluster) {
       {"decomposed letter", "e\u0301x", 1, "e\u0301"},
       {"first family only", kFamily + kFamily, 1, kFamily},
       {"first flag only", kFrance + kGermany, 1, kFrance},
+      {"128 of 129 families", repeated(kFamily, 129), 128, repeated(kFamily, 128)},
+      {"mark kept after 127 letters", std::string(127, 'a') + "e\u0301z", 128,
+       std::string(127, 'a') + "e\u0301"},
   };
   for (const auto& c : cases)
     EXPECT_EQ(graphemePrefix(c.text, c.maxClusters), c.prefix) << c.label;
-}
-
-TEST(GraphemeTest, NameLimitOf128CountsClustersNotBytesOrCodePoints) {
-  const std::string families128 = repeated(kFamily, 128);
-  const std::string families129 = repeated(kFamily, 129);
-  EXPECT_EQ(graphemeCount(families128), 128u);
-  EXPECT_EQ(graphemeCount(families129), 129u);
-  EXPECT_EQ(graphemePrefix(families129, 128), families128);
-
-  const std::string flags128 = repeated(kFrance, 64) + repeated(kGermany, 64);
-  EXPECT_EQ(graphemeCount(flags128), 128u);
-
-  const std::string asciiThenMark = std::string(127, 'a') + "e\u0301";
-  EXPECT_EQ(graphemeCount(asciiThenMark), 128u);
-  EXPECT_EQ(graphemePrefix(asciiThenMark + "z", 128), asciiThenMark);
-}
-
-TEST(GraphemeTest, ThreadsCountConcurrentlyWithTheirOwnIterators) {
-  const std::string text = repeated(kFamily + "ab\u0301" + kFrance, 20);
-  std::vector<std::size_t> results(4);
-  onThreads(results.size(), [&](std::size_t t) {
-    for (int i = 0; i < 200; ++i)
-      results[t] += graphemeCount(text);
-  });
-  for (std::size_t total : results)
-    EXPECT_EQ(total, 200u * 80u);
 }
 
 // ---- Case and character classes ----
@@ -302,15 +267,24 @@ TEST(RegexReplacerTest, RejectsBadPatternsAndTemplates) {
   EXPECT_THROW(replacer.replaceAll("a", "${missing}"), std::invalid_argument);
 }
 
-TEST(RegexReplacerTest, OneCompiledPatternServesManyThreads) {
+// Each thread counts with its own break iterator and replaces with the one
+// compiled pattern, all at once.
+TEST(TextThreadsTest, CountAndReplaceConcurrently) {
+  const std::string text = repeated(kFamily + "ab\u0301" + kFrance, 20);
   const RegexReplacer replacer = RegexReplacer::compile(kEmailPattern, true);
   std::vector<int> mismatches(4, 0);
-  onThreads(mismatches.size(), [&](std::size_t t) {
-    const std::string input = "user" + std::to_string(t) + "@example.org wrote";
-    for (int i = 0; i < 200; ++i) {
-      if (replacer.replaceAll(input, "[redacted]") != "[redacted] wrote") ++mismatches[t];
-    }
-  });
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < mismatches.size(); ++t) {
+    threads.emplace_back([&, t] {
+      const std::string input = "user" + std::to_string(t) + "@example.org wrote";
+      for (int i = 0; i < 200; ++i) {
+        if (graphemeCount(text) != 80u) ++mismatches[t];
+        if (replacer.replaceAll(input, "[redacted]") != "[redacted] wrote") ++mismatches[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
   for (int count : mismatches)
     EXPECT_EQ(count, 0);
 }
