@@ -75,8 +75,6 @@ void play(Writer& writer, std::string_view calls) {
     kCalls.at(call)(writer);
 }
 
-// ---- Reading ----
-
 TEST(JsonParseTest, KeepsTheKindOfEachNumberAndDecodesEscapes) {
   struct Case {
     const char* text;
@@ -126,11 +124,7 @@ TEST(JsonParseTest, RefusesWhatIsNotJsonAsDataCorrupted) {
 TEST(JsonParseTest, AcceptsNestingUpToTheLimit) {
   const std::string deepest =
       std::string(kMaxNestingDepth, '[') + std::string(kMaxNestingDepth, ']');
-  const Value value = parse(deepest);
-  std::size_t depth = 1;
-  for (const Value* level = &value; !level->array().empty(); level = &level->array()[0])
-    ++depth;
-  EXPECT_EQ(depth, kMaxNestingDepth);
+  EXPECT_EQ(serialize(parse(deepest)), deepest);
 }
 
 TEST(JsonParseTest, LargeDocumentsParseWithTheirOwnParser) {
@@ -157,8 +151,6 @@ TEST(JsonParseTest, DuplicateKeysKeepTheFirstPlaceAndTheLastValue) {
   EXPECT_EQ(large.object()[7].key, "k7");
   EXPECT_EQ(large.object()[7].value, Value("again"));
 }
-
-// ---- Decoder ----
 
 class DecoderTest : public ::testing::Test {
  protected:
@@ -248,8 +240,6 @@ TEST_F(DecoderTest, FailuresCarryKindAndCodingPath) {
   }
 }
 
-// ---- Keyed enum form ----
-
 enum class Environment { development, staging, production };
 
 constexpr std::array<std::pair<std::string_view, Environment>, 3> kEnvironments{{
@@ -297,8 +287,6 @@ TEST(KeyedEnumTest, DecodesOneRecognisedKeyOverAnObjectAndRefusesAnythingElse) {
 TEST(KeyedEnumTest, EncodesTheCaseOverAnEmptyObject) {
   EXPECT_EQ(written([](Writer& w) { encodeKeyedEnum(w, "staging"); }), R"({"staging":{}})");
 }
-
-// ---- Writing ----
 
 TEST(JsonWriterTest, EscapesAsAStandardEncoderDoes) {
   const std::vector<std::pair<std::string, std::string>> cases = {
@@ -417,8 +405,6 @@ TEST(JsonWriterTest, ReparsedOutputWritesTheSameText) {
       "1e-7,18446744073709551615],\"o\":{\"k\":null,\"t\":false,\"s\":\"\u00E9\U0001F600\"}}");
 }
 
-// ---- Base64 ----
-
 TEST(Base64Test, EncodesWithPaddingAndDecodesBack) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"", ""},
@@ -445,13 +431,6 @@ TEST(Base64Test, DecodeRefusesNonCanonicalText) {
     SCOPED_TRACE(text);
     EXPECT_FALSE(base64Decode(text).has_value());
   }
-}
-
-TEST(Base64Test, BytesInJsonEscapeTheSlash) {
-  const std::vector<std::uint8_t> bytes = {0xFB, 0xFF, 0xBF};
-  const std::string text = written([&](Writer& w) { w.base64(bytes); });
-  EXPECT_EQ(text, R"("+\/+\/")");
-  EXPECT_EQ(Decoder(parse(text)).asBase64Bytes(), bytes);
 }
 
 }  // namespace

@@ -24,8 +24,6 @@ std::string repeated(const std::string& piece, int count) {
   return out;
 }
 
-// ---- UTF-8 ----
-
 TEST(Utf8Test, ValidatesAndRepairsWithOneReplacementPerMaximalSubpart) {
   const struct {
     const char* label;
@@ -75,8 +73,6 @@ TEST(Utf8Test, AppendUtf8WritesEachLengthAndReplacesSurrogates) {
   EXPECT_EQ(out, "A\u00E9\u20AC\U0001F600" + kReplacement + kReplacement);
 }
 
-// ---- Normalisation ----
-
 TEST(NormalizationTest, ComposesToNFCAndRepairsAtTheHostBoundary) {
   const struct {
     const char* label;
@@ -102,8 +98,6 @@ TEST(NormalizationTest, ComposesToNFCAndRepairsAtTheHostBoundary) {
     EXPECT_EQ(hostText(c.input), c.nfc);
   }
 }
-
-// ---- Trimming ----
 
 TEST(TrimTest, StripsSeparatorsAndControlWhitespaceFromBothEnds) {
   const struct {
@@ -131,8 +125,6 @@ TEST(TrimTest, StripsSeparatorsAndControlWhitespaceFromBothEnds) {
     EXPECT_EQ(isBlank(c.input), c.trimmed.empty());
   }
 }
-
-// ---- Grapheme clusters ----
 
 TEST(GraphemeTest, CountsExtendedGraphemeClusters) {
   const struct {
@@ -191,8 +183,6 @@ TEST(GraphemeTest, PrefixNeverCutsACluster) {
     EXPECT_EQ(graphemePrefix(c.text, c.maxClusters), c.prefix) << c.label;
 }
 
-// ---- Case and character classes ----
-
 TEST(CaseTest, LowercasesWithTheRootLocaleFullMapping) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"CheckOut", "checkout"},
@@ -218,8 +208,6 @@ TEST(CharacterClassTest, LettersAndNumbersOfEveryScript) {
   for (const auto& [c, expected] : cases)
     EXPECT_EQ(isLetterOrNumber(c), expected) << static_cast<std::uint32_t>(c);
 }
-
-// ---- Regular expressions ----
 
 constexpr const char* kEmailPattern = "[A-Z0-9._%+-]+@[A-Z0-9.-]+\\.[A-Z]{2,}";
 constexpr const char* kPhonePattern = "\\+?[0-9][0-9 .()\\-]{7,}[0-9]";
