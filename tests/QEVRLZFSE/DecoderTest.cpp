@@ -16,12 +16,6 @@ using testing::kVectorNames;
 using testing::readVector;
 using testing::untouchedFrom;
 
-// The destination of `n` bytes at the front of `buffer`; an empty one is a
-// null span, as an empty vector gives.
-std::span<std::uint8_t> front(Bytes& buffer, std::size_t n) {
-  return n == 0 ? std::span<std::uint8_t>() : std::span(buffer).first(n);
-}
-
 // Every stream under tests/data/lzfse decodes to its plain file. Short of
 // room, the decoder stops with the first bytes written and nothing past the
 // capacity; short of the limit, it refuses and leaves no output. Bytes after
@@ -54,7 +48,9 @@ TEST(DecoderTest, DecodesEveryVectorExactlyWithinTheRoomAndTheLimitItIsGiven) {
       if (cap > plain.size()) continue;
       SCOPED_TRACE(cap);
       Bytes buffer(cap + 64, 0x5A);
-      const DecodeResult r = decoder.decodeBuffer(stream, front(buffer, cap));
+      // An empty destination is a null span, as an empty vector gives.
+      const auto room = cap == 0 ? std::span<std::uint8_t>() : std::span(buffer).first(cap);
+      const DecodeResult r = decoder.decodeBuffer(stream, room);
       const auto status = cap == plain.size() ? DecodeStatus::ok : DecodeStatus::outputFull;
       EXPECT_EQ(r, (DecodeResult{status, cap}));
       EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(cap),

@@ -54,7 +54,15 @@ TEST(Utf8Test, ValidatesAndRepairsWithOneReplacementPerMaximalSubpart) {
   }
 }
 
-TEST(Utf8Test, DecodeNextWalksIllFormedInputToTheEnd) {
+// appendUtf8 writes each length and replaces what is no scalar value;
+// decodeNext walks ill-formed input to the end.
+TEST(Utf8Test, AppendUtf8AndDecodeNextTakeOneCodePointAtATime) {
+  std::string out;
+  for (char32_t c : {U'A', char32_t{0xE9}, char32_t{0x20AC}, char32_t{0x1F600}, char32_t{0xD800},
+                     char32_t{0x110000}}) {
+    appendUtf8(out, c);
+  }
+  EXPECT_EQ(out, "A\u00E9\u20AC\U0001F600" + kReplacement + kReplacement);
   const std::string text = "a\xF0\x9F\x98\xC3\U0001F600";
   std::size_t position = 0;
   std::vector<char32_t> codePoints;
@@ -62,15 +70,6 @@ TEST(Utf8Test, DecodeNextWalksIllFormedInputToTheEnd) {
     codePoints.push_back(*c);
   EXPECT_EQ(codePoints, (std::vector<char32_t>{U'a', 0xFFFD, 0xFFFD, 0x1F600}));
   EXPECT_EQ(position, text.size());
-}
-
-TEST(Utf8Test, AppendUtf8WritesEachLengthAndReplacesSurrogates) {
-  std::string out;
-  for (char32_t c : {U'A', char32_t{0xE9}, char32_t{0x20AC}, char32_t{0x1F600}, char32_t{0xD800},
-                     char32_t{0x110000}}) {
-    appendUtf8(out, c);
-  }
-  EXPECT_EQ(out, "A\u00E9\u20AC\U0001F600" + kReplacement + kReplacement);
 }
 
 TEST(NormalizationTest, ComposesToNFCAndRepairsAtTheHostBoundary) {
