@@ -89,7 +89,6 @@ TEST(EncoderTest, RoundTripsEveryVectorInputAndMatchesTheStoredChunkRatio) {
   }
 }
 
-// Which block kinds the encoder picks.
 TEST(EncoderTest, PicksTheBlockKindBySizeAndContent) {
   const Bytes text = readVector("text-4097.bin");
   auto prefix = [&](std::size_t n) {

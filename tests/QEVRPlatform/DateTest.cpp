@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -62,37 +62,29 @@ TEST(ManualExecutorTest, RunsByPriorityThenAgeOnlyWhenTold) {
   EXPECT_EQ(*captured, 0);
 }
 
-// Whether a task's body sees stop (checkCancellation throws), by how and
-// when it was requested.
+// Whether a task's body sees stop (checkCancellation throws): not when
+// nobody asked, and when its parent asked before the child was made, while
+// it was queued or while it ran, or when it was cancelled through a handle.
 TEST(TasksTest, CancellationReachesChildrenFromTheirParentAndTasksThroughTheirHandle) {
   enum class When { never, parentBeforeCreation, parentWhileQueued, parentWhileRunning, handle };
-  const struct {
-    const char* name;
-    When when;
-    bool seen;
-  } cases[] = {
-      {"not cancelled", When::never, false},
-      {"parent cancelled before the child is made", When::parentBeforeCreation, true},
-      {"parent cancelled while the child is queued", When::parentWhileQueued, true},
-      {"parent cancelled while the child runs", When::parentWhileRunning, true},
-      {"task cancelled through a handle", When::handle, true},
-  };
   EXPECT_NO_THROW(qevr::checkCancellation(std::stop_token{}));
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (When when : {When::never, When::parentBeforeCreation, When::parentWhileQueued,
+                    When::parentWhileRunning, When::handle}) {
+    SCOPED_TRACE(static_cast<int>(when));
     qevr::ManualExecutor executor;
     std::stop_source parent;
-    if (c.when == When::parentBeforeCreation) parent.request_stop();
+    if (when == When::parentBeforeCreation) parent.request_stop();
     auto task = qevr::childTask(executor, TaskPriority::medium, parent.get_token(),
                                 [&](std::stop_token stop) {
-                                  if (c.when == When::parentWhileRunning) parent.request_stop();
+                                  if (when == When::parentWhileRunning) parent.request_stop();
                                   qevr::checkCancellation(stop);
                                 });
-    if (c.when == When::parentWhileQueued) parent.request_stop();
-    if (c.when == When::handle) qevr::TaskHandle(task).cancel();
+    if (when == When::parentWhileQueued) parent.request_stop();
+    if (when == When::handle) qevr::TaskHandle(task).cancel();
     EXPECT_TRUE(executor.runNext());
-    EXPECT_EQ(task.isCancelled(), c.seen);
-    if (c.seen) {
+    const bool seen = when != When::never;
+    EXPECT_EQ(task.isCancelled(), seen);
+    if (seen) {
       EXPECT_THROW(task.value(), QEVRCancellationError);
     } else {
       EXPECT_NO_THROW(task.value());
@@ -133,11 +125,9 @@ TEST(TasksTest, NestedWaitsNeverDeadlockTheBoundedPoolOrAnExecutorWithoutThreads
 
 constexpr int kOtherTasks = 12;
 
-// The host waits on a child it has just queued while other tasks sit in the
-// queue at every priority; were the host holding a lock they need, running
-// one would deadlock it. It runs its child, and the grandchild that the
-// child waits for, itself, and none of the others; what the child returns
-// or throws comes back.
+// A waiter runs its queued child, and the grandchild the child waits for,
+// itself and none of the other queued tasks (one might need a lock the
+// waiter holds); what the child returns or throws comes back.
 TEST(TasksTest, AWaiterRunsItsOwnQueuedTaskAndNothingElse) {
   qevr::ManualExecutor executor;
   const std::thread::id host = std::this_thread::get_id();
@@ -204,7 +194,6 @@ TEST(TasksTest, AWaiterWhoseTaskRunsElsewhereBlocksAndReturnsWhenItFinishes) {
   EXPECT_EQ(executor.pending(), static_cast<std::size_t>(kOtherTasks));
 }
 
-// A task that waits for one child of its own.
 int parentOfOne(std::stop_token stop) {
   return qevr::childTask(TaskPriority::utility, stop, [](std::stop_token) { return 1; }).value();
 }

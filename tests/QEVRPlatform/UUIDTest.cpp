@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <string>
 #include <unordered_set>
-#include <vector>
 
 namespace {
 
@@ -39,10 +37,7 @@ TEST(UUIDTest, RandomUuidsAreVersion4WithTheRfcVariantAndDistinct) {
     const QEVRUUID uuid = QEVRUUID::random();
     ASSERT_EQ(uuid.version(), 4);
     ASSERT_EQ(uuid.bytes[8] & 0xC0, 0x80);
-    const std::string text = uuid.uuidString();
-    ASSERT_EQ(text[14], '4');
-    ASSERT_NE(std::string("89AB").find(text[19]), std::string::npos);
-    ASSERT_EQ(QEVRUUID::parse(text), uuid);
+    ASSERT_EQ(QEVRUUID::parse(uuid.uuidString()), uuid);
     seen.insert(uuid);
   }
   EXPECT_EQ(seen.size(), 2000u);
