@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,14 +16,8 @@ namespace {
 // 2026-01-31T09:05:00Z
 constexpr double kJanuary31UnixSeconds = 1769850300;
 
-TEST(DateTest, ReferenceDateIsTheStartOf2001) {
-  EXPECT_EQ(QEVRDate::fromUnixSeconds(978307200).secondsSinceReferenceDate, 0);
-  EXPECT_EQ(QEVRDate{}.unixSeconds(), 978307200);
-  EXPECT_EQ(QEVRDate{10}.addingSeconds(-2.5), QEVRDate{7.5});
-  EXPECT_LT(QEVRDate{1}, QEVRDate{2});
-}
-
-TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
+// Parsing the text gives the whole second at or below the date.
+TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePastAndParsesBack) {
   const struct {
     const char* label;
     QEVRDate date;
@@ -43,8 +36,13 @@ TEST(ISO8601Test, FormatsUtcWholeSecondsRoundingTowardThePast) {
       {"last second of year 9999", QEVRDate::fromUnixSeconds(253402300799), "9999-12-31T23:59:59Z"},
       {"first second of year 0", QEVRDate::fromUnixSeconds(-62167219200), "0000-01-01T00:00:00Z"},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(formatISO8601(c.date), c.text) << c.label;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(formatISO8601(c.date), c.text);
+    const std::optional<QEVRDate> back = parseISO8601(c.text);
+    ASSERT_TRUE(back.has_value());
+    EXPECT_EQ(back->unixSeconds(), std::floor(c.date.unixSeconds()));
+  }
 }
 
 TEST(ISO8601Test, FormatRefusesDatesFourDigitsCannotWrite) {
@@ -61,14 +59,11 @@ TEST(ISO8601Test, ParsesUtcAndNumericOffsets) {
     const char* text;
     double unixSeconds;
   } cases[] = {
-      {"2026-01-31T09:05:00Z", kJanuary31UnixSeconds},
       {"2026-01-31T10:05:00+01:00", kJanuary31UnixSeconds},
       {"2026-01-31T04:35:00-04:30", kJanuary31UnixSeconds},
       {"2026-01-31T09:05:00-00:00", kJanuary31UnixSeconds},
       {"2026-02-01T09:04:00+23:59", kJanuary31UnixSeconds},
       {"2000-02-29T00:00:00Z", 951782400},
-      {"1969-12-31T23:59:59Z", -1},
-      {"9999-12-31T23:59:59Z", 253402300799},
       // Offsets that keep the instant inside the writable years.
       {"0000-01-01T01:00:00+01:00", -62167219200},
       {"9999-12-31T22:59:59-01:00", 253402300799},
@@ -108,16 +103,6 @@ TEST(ISO8601Test, ParseRefusesEveryOtherForm) {
   }
 }
 
-TEST(ISO8601Test, ParseOfFormatGivesTheWholeSecondBelow) {
-  for (double seconds : {0.0, 0.75, -0.25, 7.5e8, 1e9 + 0.999999}) {
-    SCOPED_TRACE(seconds);
-    const QEVRDate date{seconds};
-    const std::optional<QEVRDate> back = parseISO8601(formatISO8601(date));
-    ASSERT_TRUE(back.has_value());
-    EXPECT_EQ(back->unixSeconds(), std::floor(date.unixSeconds()));
-  }
-}
-
 // Every test that installs a clock restores the system clock.
 class ClockTest : public ::testing::Test {
  protected:
@@ -142,26 +127,16 @@ TEST_F(ClockTest, InstalledManualClockDrivesNowUntilNullptrRestoresTheSystemCloc
   EXPECT_GT(current.secondsSinceReferenceDate, 7e8);
 }
 
-TEST_F(ClockTest, ManualClockAdvancesAtomicallyFromManyThreads) {
-  ManualClock clock;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&clock] {
-      for (int i = 0; i < 1000; ++i)
-        clock.advance(0.5);
-    });
-  }
-  for (std::thread& thread : threads)
-    thread.join();
-  EXPECT_EQ(clock.now(), QEVRDate{2000});
-}
-
-TEST_F(ClockTest, NowIsSafeWhileTheClockIsReplaced) {
+// Threads advance one manual clock and read now() while the installed
+// clock is replaced under them.
+TEST_F(ClockTest, ClocksAdvanceAtomicallyAndNowIsSafeWhileReplaced) {
+  ManualClock shared;
   std::vector<std::thread> readers;
-  std::vector<int> unexpected(3, 0);
+  std::vector<int> unexpected(4, 0);
   for (std::size_t t = 0; t < unexpected.size(); ++t) {
     readers.emplace_back([&, t] {
       for (int i = 0; i < 2000; ++i) {
+        shared.advance(0.25);
         const double seconds = now().secondsSinceReferenceDate;
         // Either a manual clock's 1 or 2, or the system clock.
         if (seconds != 1 && seconds != 2 && seconds < 7e8) ++unexpected[t];
@@ -174,6 +149,7 @@ TEST_F(ClockTest, NowIsSafeWhileTheClockIsReplaced) {
   }
   for (std::thread& reader : readers)
     reader.join();
+  EXPECT_EQ(shared.now(), QEVRDate{2000});
   for (int count : unexpected)
     EXPECT_EQ(count, 0);
 }

@@ -13,7 +13,7 @@ class OnlyErrors : public qevr::CapturingLogSink {
   }
 };
 
-TEST(LogTest, ScopedSinkCapturesAndRestores) {
+TEST(LogTest, ScopedSinkCapturesWhatItEnablesAndRestores) {
   auto before = qevr::currentLogSink();
   {
     auto capture = std::make_shared<qevr::CapturingLogSink>();
@@ -22,16 +22,17 @@ TEST(LogTest, ScopedSinkCapturesAndRestores) {
     qevr::platformLog("QEVObserver", "Events", qevr::LogType::default_, "line two");
     EXPECT_EQ(capture->texts(), (std::vector<std::string>{"line one", "line two"}));
     EXPECT_EQ(capture->texts("QEVMemory", "Pruning"), (std::vector<std::string>{"line one"}));
+    // A nested sink takes over and hands back; disabled types never reach it.
+    auto errors = std::make_shared<OnlyErrors>();
+    {
+      qevr::ScopedLogSink nested(errors);
+      qevr::platformLog("s", "c", qevr::LogType::info, "dropped");
+      qevr::platformLog("s", "c", qevr::LogType::error, "kept");
+    }
+    EXPECT_EQ(errors->texts(), std::vector<std::string>{"kept"});
+    EXPECT_EQ(qevr::currentLogSink(), capture);
   }
   EXPECT_EQ(qevr::currentLogSink(), before);
-}
-
-TEST(LogTest, DisabledTypesNeverReachTheSink) {
-  auto capture = std::make_shared<OnlyErrors>();
-  qevr::ScopedLogSink scoped(capture);
-  qevr::platformLog("s", "c", qevr::LogType::info, "dropped");
-  qevr::platformLog("s", "c", qevr::LogType::error, "kept");
-  EXPECT_EQ(capture->texts(), std::vector<std::string>{"kept"});
 }
 
 TEST(LogTest, NullSinkIsRefusedAndResetRestoresTheDefault) {

@@ -3,16 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <string>
 #include <unordered_set>
-#include <vector>
 
 namespace {
 
 const QEVRUUID kKnown{{0xE6, 0x21, 0xE1, 0xF8, 0xC3, 0x6C, 0x49, 0x5A, 0x93, 0xFC, 0x0C, 0x24, 0x7A,
                        0x3E, 0x6E, 0x5F}};
 
-TEST(UUIDTest, TextIsCanonicalUpperCaseAndParseAcceptsEitherCase) {
+TEST(UUIDTest, TextIsCanonicalUpperCaseAndParseAcceptsEitherCaseButNoOtherForm) {
   EXPECT_EQ(kKnown.uuidString(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
   EXPECT_EQ(QEVRUUID{}.uuidString(), "00000000-0000-0000-0000-000000000000");
   for (const char* text :
@@ -20,9 +18,6 @@ TEST(UUIDTest, TextIsCanonicalUpperCaseAndParseAcceptsEitherCase) {
         "e621E1f8-C36c-495A-93fC-0c247a3E6E5f"}) {
     EXPECT_EQ(QEVRUUID::parse(text), kKnown) << text;
   }
-}
-
-TEST(UUIDTest, ParseRefusesOtherForms) {
   // Too short or long, no hyphens, braces, a URN, a hyphen moved, a letter
   // past F, spaces, a plus for a hyphen.
   for (const char* text :
@@ -42,10 +37,7 @@ TEST(UUIDTest, RandomUuidsAreVersion4WithTheRfcVariantAndDistinct) {
     const QEVRUUID uuid = QEVRUUID::random();
     ASSERT_EQ(uuid.version(), 4);
     ASSERT_EQ(uuid.bytes[8] & 0xC0, 0x80);
-    const std::string text = uuid.uuidString();
-    ASSERT_EQ(text[14], '4');
-    ASSERT_NE(std::string("89AB").find(text[19]), std::string::npos);
-    ASSERT_EQ(QEVRUUID::parse(text), uuid);
+    ASSERT_EQ(QEVRUUID::parse(uuid.uuidString()), uuid);
     seen.insert(uuid);
   }
   EXPECT_EQ(seen.size(), 2000u);
