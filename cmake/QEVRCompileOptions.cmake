@@ -18,6 +18,11 @@ target_compile_definitions(qevr_options INTERFACE U_SHOW_CPLUSPLUS_API=0)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   target_compile_options(qevr_options INTERFACE -Wno-restrict)
 endif()
+# g++ before 14 reports the members a designated initialiser leaves out,
+# though leaving them to their defaults is the point of writing one.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 14)
+  target_compile_options(qevr_options INTERFACE -Wno-missing-field-initializers)
+endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND QEVR_THREAD_SAFETY_ANALYSIS)
   target_compile_options(qevr_options INTERFACE -Wthread-safety)
 endif()

@@ -26,8 +26,8 @@ using std::chrono::milliseconds;
 // the first of them runs `whileSavingHere` first.
 class HostSavingStore : public QEVFileMemoryStore {
  public:
-  explicit HostSavingStore(const std::filesystem::path& root)
-      : QEVFileMemoryStore(root, qevr::FileSystem::defaultFileSystem(),
+  explicit HostSavingStore(const std::filesystem::path& directory)
+      : QEVFileMemoryStore(directory, qevr::FileSystem::defaultFileSystem(),
                            std::make_shared<QEVLZFSECompressionEngine>()) {}
   void saveEventChunkOnCallingThread(const QEVMemoryEventChunk& chunk) override {
     if (savedHere.fetch_add(1) == 0 && whileSavingHere) whileSavingHere();

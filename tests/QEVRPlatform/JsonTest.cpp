@@ -232,7 +232,9 @@ TEST_F(DecoderTest, FailuresCarryKindAndCodingPath) {
     const DecodingError error = decodingErrorOf(c.decode);
     EXPECT_EQ(error.kind(), c.kind);
     EXPECT_EQ(error.codingPath(), c.path);
-    if (!c.message.empty()) EXPECT_THAT(c.decode, throwsWithMessage<DecodingError>(c.message));
+    if (!c.message.empty()) {
+      EXPECT_THAT(c.decode, throwsWithMessage<DecodingError>(c.message));
+    }
   }
 }
 
@@ -326,7 +328,9 @@ TEST(JsonWriterTest, WritesShortestRoundTripDoubles) {
     const std::string text = written([n = number](Writer& w) { w.number(n); });
     EXPECT_EQ(text, expected);
     const double back = Decoder(parse(text)).asDouble();
-    if (number != 0) EXPECT_EQ(bitsOf(back), bitsOf(number));
+    if (number != 0) {
+      EXPECT_EQ(bitsOf(back), bitsOf(number));
+    }
   }
 }
 
