@@ -1,6 +1,5 @@
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Tasks.h>
 #include "QEVMemoryPruner.h"
 
@@ -27,9 +26,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes bytesOf(std::string_view text) {
-  return {text.begin(), text.end()};
-}
 std::string textOf(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
 }
@@ -60,11 +56,7 @@ std::string failureOf(const std::function<void()>& call) {
   try {
     call();
   } catch (const qevr::json::DecodingError& e) {
-    const char* kinds[] = {"typeMismatch", "valueNotFound", "keyNotFound", "dataCorrupted"};
-    std::string text = std::string("decoding ") + kinds[static_cast<int>(e.kind())];
-    for (const std::string& entry : e.codingPath())
-      text += "." + entry;
-    return text;
+    return "decoding " + describe(e);
   } catch (const QEVCompressionError& e) {
     return std::string("compression ") + e.what();
   } catch (const std::system_error& e) {

@@ -1,7 +1,8 @@
 #include <QEVMemory/QEVMemoryEvent.h>
-#include <QEVRPlatform/Json.h>
 
 #include <gtest/gtest.h>
+
+#include "MemoryTestSupport.h"
 
 #include <cmath>
 #include <cstdint>
@@ -11,7 +12,6 @@
 
 namespace {
 
-using qevr::json::DecodingError;
 using ObsType = QEVObserverEventType;
 constexpr std::int64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
 
@@ -24,28 +24,6 @@ std::string repeat(std::string_view unit, std::size_t n) {
 
 QEVRDate isoDate(std::string_view text) {
   return qevr::parseISO8601(text).value();
-}
-
-// `json` with its `nth` (from 0) occurrence of `from` replaced by `to`.
-std::string replaced(std::string json, std::string_view from, std::string_view to, int nth = 0) {
-  std::size_t at = json.find(from);
-  while (nth-- > 0)
-    at = json.find(from, at + 1);
-  return json.replace(at, from.size(), to);
-}
-
-// What decoding `json` as a chunk threw: the error's kind and coding path.
-std::string decodingFailure(const std::string& json) {
-  try {
-    QEVMemoryEventChunk::fromJSON(json);
-  } catch (const DecodingError& error) {
-    const char* kinds[] = {"typeMismatch", "valueNotFound", "keyNotFound", "dataCorrupted"};
-    std::string text = kinds[static_cast<int>(error.kind())];
-    for (const std::string& entry : error.codingPath())
-      text += "." + entry;
-    return text;
-  }
-  return "none";
 }
 
 const QEVRUUID kEventId = QEVRUUID::parse("0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D").value();
@@ -124,12 +102,10 @@ TEST(MemoryEventConversionTest, CopiesIdentityAndMapsEveryType) {
     ASSERT_TRUE(event.has_value());
     EXPECT_EQ(rawValueOf(event->type), rawValueOf(ObsType(i)));
     EXPECT_EQ(memoryEventTypeFromRawValue(rawValueOf(ObsType(i))), event->type);
-    EXPECT_EQ(event->id, kEventId);
-    EXPECT_EQ(event->timestamp, QEVRDate{1234.75});
-    EXPECT_EQ(event->sessionId, kSessionId);
-    EXPECT_EQ(event->sequenceNumber, 42u);
     // The custom event's name survives for the session graph.
-    EXPECT_EQ(event->metadata, (QEVMemoryMetadata{{"name", "level_up"}}));
+    const QEVMemoryMetadata name{{"name", "level_up"}};
+    EXPECT_EQ(*event, (QEVMemoryEvent{
+                          kEventId, event->type, QEVRDate{1234.75}, kSessionId, {}, {}, name, 42}));
   }
 }
 
@@ -195,7 +171,8 @@ TEST(MemoryEventJsonTest, NullAndUnknownKeysAreToleratedMissingOrMalformedOnesAr
       {R"("events":[)", R"("events":{"a":)", "dataCorrupted"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(decodingFailure(replaced(json, c.from, c.to)), c.failure) << c.to;
+    EXPECT_EQ(decodingFailure<QEVMemoryEventChunk>(replaced(json, c.from, c.to)), c.failure)
+        << c.to;
   }
 }
 

@@ -1,6 +1,5 @@
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
 #include "ManualExecutor.h"
 #include "QEVMemoryPruner.h"
@@ -29,10 +28,6 @@ using Kind = QEVMemoryPruner::PruningCandidate::Kind;
 constexpr double kDay = 86'400;
 constexpr std::uint64_t kMB = 1'048'576;
 const QEVRDate kNow = qevr::parseISO8601("2026-03-01T12:00:00Z").value();
-
-std::vector<std::uint8_t> bytesOf(std::string_view text) {
-  return {text.begin(), text.end()};
-}
 
 // The real file system, except that sizes can be made up (to drive the disk
 // pass with exact numbers), files can seem gone or refuse removal, and
