@@ -212,10 +212,7 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
   EXPECT_THAT(store->loadSessionGraphs(),
               ElementsAre(graph("11111111-1111-4111-8111-111111111111", 2),
                           graph("22222222-2222-4222-8222-222222222222", 9)));
-  QEVUserGraph user;
-  user.userId = QEVRUUID::random();
-  user.totalSessions = 2;
-  user.frequentlyVisitedScreens = {{"Home/Start", 2}};
+  QEVUserGraph user{.userId = QEVRUUID::random(), .totalSessions = 2};
   store->saveUserGraph(user);
   user.totalSessions = 3;
   store->saveUserGraph(user);

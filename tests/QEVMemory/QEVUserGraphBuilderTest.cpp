@@ -93,8 +93,6 @@ TEST(UserGraphBuilderTest, AverageLastSeenAndUpdated) {
     EXPECT_EQ(graph.averageSessionDuration, c.average);
     EXPECT_EQ(graph.lastSeenAt, c.lastSeenAt);
     EXPECT_EQ(graph.updatedAt, c.updatedAt);
-    EXPECT_EQ(graph.createdAt, kCreatedAt);
-    EXPECT_EQ(graph.totalSessions, static_cast<std::int64_t>(c.sessions.size()));
   }
 }
 
@@ -172,8 +170,6 @@ TEST(UserGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
     EXPECT_THROW(QEVUserGraph::fromJSON(qevr::json::serialize(root)), qevr::json::DecodingError)
         << member.key;
   }
-  graph.averageSessionDuration = std::nan("");
-  EXPECT_THROW(graph.toJSON(), qevr::json::EncodingError);
 }
 
 }  // namespace
