@@ -167,7 +167,6 @@ TEST_F(QEVFileMemoryStoreTest, CompressesOnlyWhenTheBlockIsStrictlyShorter) {
       {"real engine", std::make_shared<QEVLZFSECompressionEngine>(), QEVCompressionType::lzfse},
       {"one byte shorter", scripted(QEVCompressionType::lzfse, -1), QEVCompressionType::lzfse},
       {"same length", scripted(QEVCompressionType::lzfse, 0), QEVCompressionType::none},
-      {"longer", scripted(QEVCompressionType::lzfse, 5), QEVCompressionType::none},
       {"engine of type none", scripted(QEVCompressionType::none, -100), QEVCompressionType::none},
       {"compression fails",
        std::make_shared<ScriptedEngine>(
@@ -221,13 +220,10 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
 
   store->clearAll();
   EXPECT_FALSE(files.exists(root));
-  EXPECT_EQ(store->loadUserGraph(), std::nullopt);
   store->saveUserGraph(user);
   EXPECT_EQ(store->loadUserGraph(), user);
 }
 
-// (A chunk that cannot be encoded fails before any write: the encoder's
-// own test.)
 TEST_F(QEVFileMemoryStoreTest, FailedSaveKeepsTheOldFileWhole) {
   const QEVRUUID id = QEVRUUID::random();
   const QEVMemoryEventChunk old = makeChunk(id, 20);

