@@ -101,7 +101,6 @@ TEST_F(QEVLZFSECompressionEngineTest, DecodesExactlyTheDeclaredLength) {
     Bytes block;
     Bytes expected;
   } cases[] = {
-      {"no block", {}, {}},
       {"zero prefix", Bytes(8, 0), {}},
       {"zero prefix and a stream", prefixed(0, {0xde, 0xad, 0xbe, 0xef}), {}},
       {"prefix at the limit", prefixed(kLimit, repeatedAStream(kLimit)), Bytes(kLimit, 'A')},
