@@ -178,10 +178,8 @@ TEST(MemoryEventJsonTest, NullAndUnknownKeysAreToleratedMissingOrMalformedOnesAr
 
 TEST(MemoryEventJsonTest, DatesLoseTheirFractionAndNonFiniteDoublesCannotBeWritten) {
   QEVMemoryEventChunk chunk = fullChunk();
-  chunk.createdAt = chunk.createdAt.addingSeconds(0.875);
   chunk.events[0].timestamp = QEVRDate{-0.25};  // rounds toward the past
   const QEVMemoryEventChunk read = QEVMemoryEventChunk::fromJSON(chunk.toJSON());
-  EXPECT_EQ(read.createdAt, isoDate("2026-03-01T09:30:05Z"));
   EXPECT_EQ(read.events[0].timestamp, QEVRDate{-1});
 
   chunk.events[0].metadata.insert_or_assign("d", std::nan(""));
