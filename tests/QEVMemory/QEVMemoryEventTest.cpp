@@ -29,13 +29,6 @@ QEVRDate isoDate(std::string_view text) {
 const QEVRUUID kEventId = QEVRUUID::parse("0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D").value();
 const QEVRUUID kSessionId = QEVRUUID::parse("11111111-2222-4333-8444-555555555555").value();
 
-QEVObserverEvent observerEvent(ObsType type, QEVObserverMetadata metadata,
-                               std::optional<std::string> screenName = std::nullopt,
-                               std::optional<std::string> componentId = std::nullopt) {
-  return QEVObserverEvent(kEventId, type, QEVRDate{1234.75}, kSessionId, std::move(screenName),
-                          std::move(componentId), std::move(metadata));
-}
-
 // A chunk of one event that uses every field.
 QEVMemoryEventChunk fullChunk() {
   const QEVRDate at = isoDate("2026-03-01T09:30:00Z");
@@ -72,7 +65,7 @@ TEST(MemoryEventConversionTest, LabelsAreTrimmedBlankAbsentAndCutTo128Characters
   }
   // Both labels of an event go through it.
   const auto event = QEVMemoryEvent::from(
-      observerEvent(ObsType::buttonTap, {}, repeat("s", 129), repeat("c", 130)), 1);
+      observerEvent(ObsType::buttonTap, {}, {}, {}, repeat("s", 129), repeat("c", 130)), 1);
   EXPECT_EQ(event->screenName, repeat("s", 128));
   EXPECT_EQ(event->componentId, repeat("c", 128));
 }
@@ -95,17 +88,19 @@ TEST(MemoryEventConversionTest, MetadataIsFilteredAgainAndStringsBounded) {
 }
 
 TEST(MemoryEventConversionTest, CopiesIdentityAndMapsEveryType) {
-  EXPECT_FALSE(QEVMemoryEvent::from(observerEvent(ObsType::gesture, {}), 0).has_value());
+  EXPECT_FALSE(QEVMemoryEvent::from(observerEvent(ObsType::gesture, {}, {}), 0).has_value());
   for (int i = 0; i <= static_cast<int>(ObsType::custom); ++i) {
-    const auto event =
-        QEVMemoryEvent::from(observerEvent(ObsType(i), {{"name", " level_up "}}), 42);
+    const QEVObserverEvent source =
+        observerEvent(ObsType(i), QEVRDate{1234.75}, kSessionId, {{"name", " level_up "}});
+    const auto event = QEVMemoryEvent::from(source, 42);
     ASSERT_TRUE(event.has_value());
     EXPECT_EQ(rawValueOf(event->type), rawValueOf(ObsType(i)));
     EXPECT_EQ(memoryEventTypeFromRawValue(rawValueOf(ObsType(i))), event->type);
     // The custom event's name survives for the session graph.
     const QEVMemoryMetadata name{{"name", "level_up"}};
-    EXPECT_EQ(*event, (QEVMemoryEvent{
-                          kEventId, event->type, QEVRDate{1234.75}, kSessionId, {}, {}, name, 42}));
+    EXPECT_EQ(*event,
+              (QEVMemoryEvent{
+                  source.id(), event->type, QEVRDate{1234.75}, kSessionId, {}, {}, name, 42}));
   }
 }
 
