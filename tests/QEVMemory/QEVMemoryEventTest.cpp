@@ -22,16 +22,12 @@ std::string repeat(std::string_view unit, std::size_t n) {
   return s;
 }
 
-QEVRDate isoDate(std::string_view text) {
-  return qevr::parseISO8601(text).value();
-}
-
 const QEVRUUID kEventId = QEVRUUID::parse("0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D").value();
 const QEVRUUID kSessionId = QEVRUUID::parse("11111111-2222-4333-8444-555555555555").value();
 
 // A chunk of one event that uses every field.
 QEVMemoryEventChunk fullChunk() {
-  const QEVRDate at = isoDate("2026-03-01T09:30:00Z");
+  const QEVRDate at = qevr::parseISO8601("2026-03-01T09:30:00Z").value();
   QEVMemoryEvent event{kEventId,
                        QEVMemoryEventType::navigation,
                        at.addingSeconds(5),
