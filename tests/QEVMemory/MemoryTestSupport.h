@@ -10,6 +10,7 @@
 
 #include <stdlib.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>

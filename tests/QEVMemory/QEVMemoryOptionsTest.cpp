@@ -4,6 +4,7 @@
 
 #include "MemoryTestSupport.h"
 
+#include <array>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -13,13 +14,16 @@ namespace {
 TEST(MemoryOptionsTest, ConstructorRaisesNegativeLimitsToZero) {
   constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-  const std::pair<QEVMemoryOptions, QEVMemoryOptions> cases[] = {
-      {QEVMemoryOptions(-1, 30, 100, true), QEVMemoryOptions(0, 30, 100, true)},
-      {QEVMemoryOptions(-5, kMin, -100, false), QEVMemoryOptions(0, 0, 0, false)},
-      {QEVMemoryOptions(0, kMax, 1, true), QEVMemoryOptions{0, kMax, 1, true}},
+  const struct {
+    QEVMemoryOptions options;
+    std::array<std::int64_t, 3> limits;  // disk, age, sessions
+  } cases[] = {
+      {QEVMemoryOptions(-1, 30, 100, true), {0, 30, 100}},
+      {QEVMemoryOptions(-5, kMin, -100, false), {0, 0, 0}},
+      {QEVMemoryOptions(0, kMax, 1, true), {0, kMax, 1}},
   };
-  for (const auto& [clamped, expected] : cases) {
-    EXPECT_EQ(clamped, expected);
+  for (const auto& [o, limits] : cases) {
+    EXPECT_EQ((std::array{o.maxDiskUsageMB, o.maxEventAgeDays, o.maxSessionCount}), limits);
   }
 }
 
