@@ -13,30 +13,17 @@ build="${1:-build/aarch64}"
 deps="$PWD/$build-deps"
 jobs="$(nproc 2>/dev/null || echo 2)"
 
-sudo_cmd=()
-[ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
-export DEBIAN_FRONTEND=noninteractive
-updated=""
+. scripts/install-missing.sh
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then
-  "${sudo_cmd[@]}" dpkg --add-architecture arm64
+  "${SUDO_CMD[@]}" dpkg --add-architecture arm64
 fi
-packages=(g++-aarch64-linux-gnu qemu-user libicu-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
-          zlib1g-dev:arm64 libsimdjson14:arm64)
-missing=()
-for p in "${packages[@]}"; do
-  [ "$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null)" = "install ok installed" ] || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "== installing: ${missing[*]}"
-  "${sudo_cmd[@]}" apt-get update -qq
-  updated=yes
-  "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+install_missing g++-aarch64-linux-gnu qemu-user libicu-dev:arm64 libgtest-dev:arm64 \
+  libgmock-dev:arm64 zlib1g-dev:arm64 libsimdjson14:arm64
 
 simdjson_cmake="$deps/usr/lib/aarch64-linux-gnu/cmake/simdjson"
 if [ ! -f "$simdjson_cmake/simdjson-config.cmake" ]; then
   echo "== unpacking libsimdjson-dev:arm64 into $deps"
-  [ -n "$updated" ] || "${sudo_cmd[@]}" apt-get update -qq
+  [ -n "$INSTALL_MISSING_UPDATED" ] || "${SUDO_CMD[@]}" apt-get update -qq
   rm -rf "$deps"
   mkdir -p "$deps/download"
   # apt's sandbox user may not write here; the download itself is the same.

@@ -33,17 +33,8 @@ packages=(build-essential cmake ninja-build pkg-config ccache clang clang-format
 if [ "$job" = test ]; then
   packages+=(python3 python3-pytest chromium graphviz clang-tidy)
 fi
-missing=()
-for p in "${packages[@]}"; do
-  [ "$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null)" = "install ok installed" ] || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "== installing: ${missing[*]}"
-  sudo_cmd=()
-  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
-  "${sudo_cmd[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+. scripts/install-missing.sh
+install_missing "${packages[@]}"
 
 jobs="$(nproc 2>/dev/null || echo 2)"
 echo "== configure ($preset)"
