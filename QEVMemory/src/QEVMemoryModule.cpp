@@ -38,8 +38,11 @@ QEVMemoryModule::Stack QEVMemoryModule::defaultStack(qevr::Executor& executor) {
   } catch (const QEVFileMemoryStoreError&) {
     return {};  // memory-only mode, silently
   }
+  // The index outlives the module, so that a start after a shutdown does
+  // not read the whole store again.
   auto pruner = std::make_shared<const QEVMemoryPruner>(
-      store->rootDirectory(), qevr::FileSystem::defaultFileSystem(), executor);
+      store->rootDirectory(), qevr::FileSystem::defaultFileSystem(), executor,
+      QEVMemoryPruner::sharedIndex(store->rootDirectory(), qevr::FileSystem::defaultFileSystem()));
   auto writer = std::make_shared<QEVMemoryChunkWriter>(
       store, QEVMemoryChunkWriter::kDefaultMaxEventsPerChunk,
       QEVMemoryChunkWriter::kCurrentSchemaVersion, pruner,

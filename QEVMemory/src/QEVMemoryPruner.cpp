@@ -14,7 +14,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -24,11 +23,10 @@ namespace {
 
 using Kind = QEVMemoryPruner::PruningCandidate::Kind;
 
-// A candidate as a run keeps it: by name within its kind's directory, so
-// that a full store's thousands of candidates cost a few bytes each rather
-// than a parsed path each.
+// A candidate as a run keeps it: by name within its kind's directory, the
+// name held by the index, which a run has to itself.
 struct Candidate {
-  std::string name;
+  std::string_view name;
   Kind kind;
   QEVRDate date;
   std::uint64_t byteCount = 0;
@@ -48,80 +46,123 @@ std::int64_t atLeastZero(std::int64_t value) {
   return std::max<std::int64_t>(value, 0);
 }
 
-bool identityLess(const qevr::FileIdentity& a, const qevr::FileIdentity& b) {
-  return std::tie(a.device, a.inode, a.size, a.modifiedNanoseconds, a.isRegularFile) <
-         std::tie(b.device, b.inode, b.size, b.modifiedNanoseconds, b.isRegularFile);
-}
-
-bool memoLess(const QEVMemoryPruner::RememberedDate& a, const QEVMemoryPruner::RememberedDate& b) {
-  return identityLess(a.identity, b.identity);
-}
-
-std::optional<QEVRDate> lookUp(const QEVMemoryPruner::DateMemo& memo,
-                               const qevr::FileIdentity& identity) {
-  const auto found = std::lower_bound(
-      memo.begin(), memo.end(), identity,
-      [](const QEVMemoryPruner::RememberedDate& entry, const qevr::FileIdentity& wanted) {
-        return identityLess(entry.identity, wanted);
-      });
-  if (found == memo.end() || !(found->identity == identity)) return std::nullopt;
-  return found->date;
-}
-
-// What a run learns of one file.
-struct FileFacts {
-  QEVRDate date;
-  std::uint64_t byteCount = 0;
+// One "*.json" file of a directory as runs know it. `date` belongs to
+// `identity`: it goes when the identity changes.
+struct KnownFile {
+  std::string name;
+  std::optional<qevr::FileIdentity> identity;
+  std::optional<QEVRDate> date;
 };
 
-// Learns the dates of a run's files: from the memo of earlier runs when a
-// file's identity is unchanged, else by reading and decoding it. `seen`
-// collects what this run knows, for the next.
+// A directory's files as of the last run, in listing order (files that came
+// later at the end), and the watch that keeps that list up to date.
+struct KnownDirectory {
+  std::unique_ptr<qevr::DirectoryWatch> watch;
+  bool listed = false;  // `files` is a whole listing
+  std::vector<KnownFile> files;
+};
+
+bool isJson(std::string_view name) {
+  return fs::path(name).extension() == ".json";
+}
+
+// Brings `known` up to date with the directory: through its watch when it
+// has one that can tell what changed, else by listing it anew, with the
+// watch taken first so that nothing made during the listing goes unseen.
+// Dates of files whose identity is unchanged carry over.
+void refresh(qevr::FileSystem& files, const fs::path& directory, KnownDirectory& known) {
+  if (known.listed && known.watch) {
+    if (const std::optional<std::vector<std::string>> changed = known.watch->changes()) {
+      // `changed` is sorted; each name is looked at once, with one lstat.
+      std::vector<bool> seen(changed->size(), false);
+      std::erase_if(known.files, [&](KnownFile& file) {
+        const auto at = std::lower_bound(changed->begin(), changed->end(), file.name);
+        if (at == changed->end() || *at != file.name) return false;
+        seen[static_cast<std::size_t>(at - changed->begin())] = true;
+        const std::optional<qevr::FileIdentity> now = files.fileIdentity(directory / file.name);
+        if (!now) return true;
+        if (now != file.identity) file.date.reset();
+        file.identity = now;
+        return false;
+      });
+      for (std::size_t i = 0; i < changed->size(); ++i) {
+        const std::string& name = (*changed)[i];
+        if (seen[i] || !isJson(name)) continue;
+        if (std::optional<qevr::FileIdentity> now = files.fileIdentity(directory / name)) {
+          known.files.push_back({name, now, std::nullopt});
+        }
+      }
+      return;
+    }
+  }
+  known.listed = false;
+  known.watch.reset();
+  std::vector<KnownFile> before = std::move(known.files);
+  known.files.clear();
+  if (!files.exists(directory)) return;
+  known.watch = files.watchDirectory(directory);
+  std::vector<qevr::DirectoryEntry> listing =
+      qevr::jsonFilesIn(files, directory, qevr::ListingOrder::asListed);
+  std::sort(before.begin(), before.end(),
+            [](const KnownFile& a, const KnownFile& b) { return a.name < b.name; });
+  known.files.reserve(listing.size());
+  for (qevr::DirectoryEntry& entry : listing) {
+    std::optional<QEVRDate> date;
+    const auto at = std::lower_bound(
+        before.begin(), before.end(), entry.name,
+        [](const KnownFile& file, const std::string& name) { return file.name < name; });
+    if (at != before.end() && at->name == entry.name && at->identity == entry.identity) {
+      date = at->date;
+    }
+    known.files.push_back({std::move(entry.name), entry.identity, date});
+  }
+  known.listed = true;
+}
+
+std::size_t rememberedIn(const KnownDirectory& known) {
+  return static_cast<std::size_t>(std::count_if(known.files.begin(), known.files.end(),
+                                                [](const KnownFile& f) { return f.date; }));
+}
+
+// The file's size as the listing or the last look at it found it.
+std::uint64_t byteCountOf(qevr::FileSystem& files, const fs::path& directory,
+                          const KnownFile& file) {
+  return file.identity ? file.identity->size : files.fileSize(directory / file.name).value_or(0);
+}
+
+// Learns the dates of a run's files: the remembered one where there is one,
+// else by reading and decoding the file, remembering what it gives while
+// there is room.
 class DateReader {
  public:
-  DateReader(qevr::FileSystem& fileSystem, const QEVMemoryPruner::DateMemo& known)
-      : files(fileSystem), memo(known) {}
+  DateReader(qevr::FileSystem& fileSystem, std::size_t alreadyRemembered)
+      : files(fileSystem),
+        room(QEVMemoryPruner::kMaxRememberedDates -
+             std::min(alreadyRemembered, QEVMemoryPruner::kMaxRememberedDates)) {}
 
   template <typename Decode>
-  FileFacts factsOf(const fs::path& directory, const qevr::DirectoryEntry& entry, Decode decode) {
-    // Only a plain file is remembered: a link's own identity says nothing
-    // of what it points to. A remembered file needs neither its path nor
-    // another system call, as the listing gave its size too.
-    std::optional<qevr::FileIdentity> before = entry.identity;
-    if (before && !before->isRegularFile) before.reset();
-    if (before) {
-      if (const std::optional<QEVRDate> date = lookUp(memo, *before)) {
-        keep(*before, *date);
-        return {*date, before->size};
-      }
-    }
-    const fs::path file = directory / entry.name;
-    // The size is the entry's own, a link's included, as fileSize gives it.
-    const std::uint64_t size =
-        entry.identity ? entry.identity->size : files.fileSize(file).value_or(0);
-    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+  QEVRDate dateOf(const fs::path& directory, KnownFile& file, Decode decode) {
+    if (file.date) return *file.date;
+    const fs::path path = directory / file.name;
+    const std::vector<std::uint8_t> bytes = files.readFile(path, kQEVMemoryMaxFileBytes);
     bytesRead += bytes.size();
     const QEVRDate date = decode(qevr::text::asText(bytes));
-    // Only bytes known to belong to one identity are remembered: a file
-    // replaced while it was read is read again next time.
-    if (before && files.fileIdentity(file) == before) keep(*before, date);
-    return {date, size};
+    // Only a plain file is remembered (a link's own identity says nothing
+    // of what it points to), and only when the bytes are known to belong
+    // to its identity: a file replaced while it was read is read again.
+    if (room > 0 && file.identity && file.identity->isRegularFile &&
+        files.fileIdentity(path) == file.identity) {
+      file.date = date;
+      --room;
+    }
+    return date;
   }
 
-  void expect(std::size_t fileCount) {
-    found.reserve(std::min(fileCount, QEVMemoryPruner::kMaxRememberedDates));
-  }
-  QEVMemoryPruner::DateMemo& seen() { return found; }
   std::uint64_t readBytes() const { return bytesRead; }
 
  private:
-  void keep(const qevr::FileIdentity& identity, QEVRDate date) {
-    if (found.size() < QEVMemoryPruner::kMaxRememberedDates) found.push_back({identity, date});
-  }
-
   qevr::FileSystem& files;
-  const QEVMemoryPruner::DateMemo& memo;
-  QEVMemoryPruner::DateMemo found;
+  std::size_t room;
   std::uint64_t bytesRead = 0;
 };
 
@@ -133,40 +174,51 @@ class DateReader {
 constexpr std::uint64_t kReleaseAfterReadingBytes = 1'048'576;
 constexpr std::chrono::seconds kReleaseAtLeastEvery{10};
 
+}  // namespace
+
+// Held for a whole run: runs take turns over the index, so that what one
+// learns serves the next instead of both reading the same files at once.
+class QEVMemoryPruner::Index {
+ public:
+  Index(fs::path rootDirectory, qevr::FileSystem& fileSystem)
+      : root(std::move(rootDirectory)), files(fileSystem) {}
+
+  const fs::path root;
+  qevr::FileSystem& files;
+  qevr::Mutex lock;  // guards the two directories
+  KnownDirectory events QEVR_GUARDED_BY(lock);
+  KnownDirectory sessions QEVR_GUARDED_BY(lock);
+};
+
+namespace {
+
 // Learns every chunk's and session graph's date. Any file that does not
 // decode ends the run here, before a single file has been removed.
 std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& root,
+                                      KnownDirectory& events, KnownDirectory& sessions,
                                       DateReader& dates, const std::stop_token& stop) {
   // The block format of a chunk file carries its own length, so any LZFSE
   // engine with the standard limit reads what the store wrote.
   const QEVLZFSECompressionEngine engine;
-  const fs::path events = root / "events";
-  const fs::path sessions = root / "sessions";
-  // Listing order: ties in the passes below keep it.
-  std::vector<qevr::DirectoryEntry> chunkFiles =
-      qevr::jsonFilesIn(files, events, qevr::ListingOrder::asListed);
-  std::vector<qevr::DirectoryEntry> sessionFiles =
-      qevr::jsonFilesIn(files, sessions, qevr::ListingOrder::asListed);
-  // Sized once: grown by doubling, the largest buffers of a run would be
-  // copied and freed between the short-lived ones of the decoding.
+  const fs::path eventsDirectory = root / "events";
+  const fs::path sessionsDirectory = root / "sessions";
   std::vector<Candidate> all;
-  all.reserve(chunkFiles.size() + sessionFiles.size());
-  dates.expect(all.capacity());
-  for (qevr::DirectoryEntry& file : chunkFiles) {
+  all.reserve(events.files.size() + sessions.files.size());
+  for (KnownFile& file : events.files) {
     qevr::checkCancellation(stop);
-    const FileFacts facts = dates.factsOf(events, file, [&engine](std::string_view text) {
+    const QEVRDate date = dates.dateOf(eventsDirectory, file, [&engine](std::string_view text) {
       const QEVMemoryEventChunk chunk = decodeStoredChunkFile(text, engine);
       return chunk.closedAt.value_or(chunk.createdAt);
     });
-    all.push_back({std::move(file.name), Kind::event, facts.date, facts.byteCount});
+    all.push_back({file.name, Kind::event, date, byteCountOf(files, eventsDirectory, file)});
   }
-  for (qevr::DirectoryEntry& file : sessionFiles) {
+  for (KnownFile& file : sessions.files) {
     qevr::checkCancellation(stop);
-    const FileFacts facts = dates.factsOf(sessions, file, [](std::string_view text) {
+    const QEVRDate date = dates.dateOf(sessionsDirectory, file, [](std::string_view text) {
       const QEVSessionGraph graph = QEVSessionGraph::fromJSON(text);
       return graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast));
     });
-    all.push_back({std::move(file.name), Kind::session, facts.date, facts.byteCount});
+    all.push_back({file.name, Kind::session, date, byteCountOf(files, sessionsDirectory, file)});
   }
   return all;
 }
@@ -226,24 +278,27 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
 
 }  // namespace
 
+std::shared_ptr<QEVMemoryPruner::Index> QEVMemoryPruner::sharedIndex(const fs::path& rootDirectory,
+                                                                     qevr::FileSystem& fileSystem) {
+  // Only the last store's index is kept: a process has one store, and tests
+  // that go through many roots should not keep a watch open on each.
+  static qevr::Mutex lock;  // guards `last`
+  static std::shared_ptr<Index> last;
+  qevr::MutexLock guard(lock);
+  if (!last || last->root != rootDirectory || &last->files != &fileSystem) {
+    last = std::make_shared<Index>(rootDirectory, fileSystem);
+  }
+  return last;
+}
+
 QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileSystem,
-                                 qevr::Executor& runExecutor)
+                                 qevr::Executor& runExecutor, std::shared_ptr<Index> givenIndex)
     : root(std::move(rootDirectory)),
       files(fileSystem),
       executor(runExecutor),
-      memo(std::make_shared<const DateMemo>()) {}
+      index(givenIndex ? std::move(givenIndex) : std::make_shared<Index>(root, files)) {}
 
-std::shared_ptr<const QEVMemoryPruner::DateMemo> QEVMemoryPruner::rememberedDates() const {
-  qevr::MutexLock guard(memoLock);
-  return memo;
-}
-
-void QEVMemoryPruner::remember(std::shared_ptr<const DateMemo> next) const {
-  std::shared_ptr<const DateMemo> old;
-  qevr::MutexLock guard(memoLock);
-  old = std::exchange(memo, std::move(next));
-  // `old` is freed after the lock is released, as locals go in reverse.
-}
+QEVMemoryPruner::~QEVMemoryPruner() = default;
 
 std::size_t QEVMemoryPruner::removeAbandonedTemporaries() const {
   std::size_t removed = 0;
@@ -254,7 +309,8 @@ std::size_t QEVMemoryPruner::removeAbandonedTemporaries() const {
 }
 
 std::size_t QEVMemoryPruner::rememberedDateCount() const {
-  return rememberedDates()->size();
+  qevr::MutexLock guard(index->lock);
+  return rememberedIn(index->events) + rememberedIn(index->sessions);
 }
 
 QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
@@ -266,37 +322,21 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
       qevr::detachTask(executor, qevr::TaskPriority::utility, [&](std::stop_token) {
         qevr::checkCancellation(stop);
         const QEVRDate now = qevr::now();
-        const std::shared_ptr<const DateMemo> known = rememberedDates();
-        DateReader dates(files, *known);
-        std::vector<Candidate> all;
-        try {
-          all = listCandidates(files, root, dates, stop);
-        } catch (...) {
-          // The run saw only part of the store: what it learnt joins what
-          // was known, and nothing is forgotten yet. A store stuck on a
-          // damaged file thus reads only that file on later runs.
-          DateMemo merged = std::move(dates.seen());
-          merged.insert(merged.end(), known->begin(), known->end());
-          std::stable_sort(merged.begin(), merged.end(), memoLess);
-          merged.erase(std::unique(merged.begin(), merged.end(),
-                                   [](const RememberedDate& a, const RememberedDate& b) {
-                                     return a.identity == b.identity;
-                                   }),
-                       merged.end());
-          if (merged.size() > kMaxRememberedDates) merged.resize(kMaxRememberedDates);
-          remember(std::make_shared<const DateMemo>(std::move(merged)));
-          throw;
-        }
+        qevr::MutexLock guard(index->lock);
+        refresh(files, root / "events", index->events);
+        refresh(files, root / "sessions", index->sessions);
+        DateReader dates(files, rememberedIn(index->events) + rememberedIn(index->sessions));
+        // A failure leaves what the run learnt in the index, so that a store
+        // stuck on a damaged file reads only that file on later runs.
+        std::vector<Candidate> all =
+            listCandidates(files, root, index->events, index->sessions, dates, stop);
         readBytes = dates.readBytes();
-        // Files that are gone drop out here: only what this run saw stays.
-        DateMemo seen = std::move(dates.seen());
-        std::sort(seen.begin(), seen.end(), memoLess);
-        remember(std::make_shared<const DateMemo>(std::move(seen)));
         const std::vector<bool> marked = markForDeletion(all, options, now);
 
-        // Runs may overlap, so a marked file can already be gone; that is
-        // not an error and not a deletion of ours. A failed removal ends the
-        // run with what was removed so far left removed.
+        // Runs may overlap with another process's, so a marked file can
+        // already be gone; that is not an error and not a deletion of ours.
+        // A failed removal ends the run with what was removed so far left
+        // removed. Our own removals reach the index through the watch.
         QEVMemoryPruningSummary result;
         for (std::size_t i = 0; i < all.size(); ++i) {
           if (!marked[i]) continue;
@@ -309,7 +349,6 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         }
         return result;
       }).value();
-
   const std::int64_t nowTicks = qevr::monotonicNow().time_since_epoch().count();
   std::int64_t last = lastRelease.load(std::memory_order_relaxed);
   const auto every =

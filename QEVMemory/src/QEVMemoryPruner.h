@@ -24,13 +24,17 @@ struct QEVMemoryPruningSummary {
   bool operator==(const QEVMemoryPruningSummary&) const = default;
 };
 
-// Runs may overlap and meet in the file system. Each file's date is
-// remembered from one run to the next, keyed by the file's identity, so a
-// run over an unchanged store reads no file. The memo is mutable state
-// behind its own lock (a const pruner is shared by the module and the chunk
-// writer); the time of the last heap trim is the only other, an atomic. A
-// file is read again once its identity changes, a damaged file is never
-// remembered, and files that are gone are forgotten.
+// What the store holds is kept from one run to the next in an index: each
+// file's name, identity and date as last decoded. A run lists a directory
+// only when it cannot tell what changed in it: where the system reports a
+// directory's changes (by this process or any other), a run looks at the
+// changed files alone, and reads only the files whose identity is new. A
+// damaged file is never remembered, and files that are gone are forgotten.
+// The index is shared by the pruners of one store in a process, so that a
+// module started again carries on from what the last one learnt; runs over
+// it take turns. The time of the last heap trim, an atomic, is the only
+// other mutable state: a const pruner is shared by the module and the chunk
+// writer.
 class QEVMemoryPruner {
  public:
   struct PruningCandidate {
@@ -41,9 +45,21 @@ class QEVMemoryPruner {
     std::uint64_t byteCount = 0;
   };
 
-  // `files` and `executor` must outlive the pruner.
+  class Index;
+
+  // The index of the store at `rootDirectory` on `files` (which must
+  // outlive it), the same one each time for the same store until another is
+  // asked for. Thread-safe.
+  static std::shared_ptr<Index> sharedIndex(const std::filesystem::path& rootDirectory,
+                                            qevr::FileSystem& files);
+
+  // `files` and `executor` must outlive the pruner. Without an `index`, the
+  // pruner starts one of its own; one from sharedIndex must be for the same
+  // root and file system.
   QEVMemoryPruner(std::filesystem::path rootDirectory, qevr::FileSystem& files,
-                  qevr::Executor& executor = qevr::defaultExecutor());
+                  qevr::Executor& executor = qevr::defaultExecutor(),
+                  std::shared_ptr<Index> index = nullptr);
+  ~QEVMemoryPruner();
 
   // Runs the three passes on a utility-priority task of the pruner's
   // executor and waits for it. Returns zeros at once when pruning is off. Throws the first file,
@@ -60,34 +76,21 @@ class QEVMemoryPruner {
 
   const std::filesystem::path& rootDirectory() const { return root; }
 
-  // At most this many dates are remembered (48 bytes each, 3 MiB in all);
-  // files past it are read on every run.
+  // At most this many dates are remembered; files past it are read on
+  // every run.
   static constexpr std::size_t kMaxRememberedDates = 65'536;
 
-  // A file's date as last decoded, for the identity it had then.
-  struct RememberedDate {
-    qevr::FileIdentity identity;
-    QEVRDate date;
-  };
-  using DateMemo = std::vector<RememberedDate>;  // sorted by identity
-
-  // How many dates are remembered now; for tests and benchmarks.
+  // How many dates are remembered now; for tests and benchmarks. Waits for
+  // a run in progress.
   std::size_t rememberedDateCount() const;
 
  private:
-  std::shared_ptr<const DateMemo> rememberedDates() const;
-  void remember(std::shared_ptr<const DateMemo> memo) const;
-
   const std::filesystem::path root;
   qevr::FileSystem& files;
   qevr::Executor& executor;
+  const std::shared_ptr<Index> index;
 
   // steady_clock ticks of the last heap trim after a run; runs that read
   // little trim at most every few seconds.
   mutable std::atomic<std::int64_t> lastRelease{0};
-
-  // Guards the pointer only: a run reads a memo that is never changed once
-  // published, and publishes a new one when it ends.
-  mutable qevr::Mutex memoLock;
-  mutable std::shared_ptr<const DateMemo> memo QEVR_GUARDED_BY(memoLock);
 };

@@ -30,8 +30,9 @@ constexpr std::uint64_t kMB = 1'048'576;
 const QEVRDate kNow = qevr::parseISO8601("2026-03-01T12:00:00Z").value();
 
 // The real file system, except that sizes can be made up (to drive the disk
-// pass with exact numbers), files can seem gone or refuse removal, and
-// calls are counted. Keyed by file name.
+// pass with exact numbers), files can seem gone or refuse removal,
+// directories can be unwatchable (so that every run lists them), and calls
+// are counted. Keyed by file name.
 class ScriptedFileSystem final : public qevr::FileSystemWrapper {
  public:
   ScriptedFileSystem() : FileSystemWrapper(qevr::FileSystem::defaultFileSystem()) {}
@@ -46,6 +47,7 @@ class ScriptedFileSystem final : public qevr::FileSystemWrapper {
   }
   std::vector<qevr::DirectoryEntry> listDirectoryWithIdentities(const fs::path& p) override {
     ++calls;
+    ++listings;
     std::vector<qevr::DirectoryEntry> entries = FileSystemWrapper::listDirectoryWithIdentities(p);
     for (qevr::DirectoryEntry& entry : entries)
       withMadeUpSize(entry.name, entry.identity);
@@ -73,10 +75,15 @@ class ScriptedFileSystem final : public qevr::FileSystemWrapper {
       throw std::system_error(EACCES, std::generic_category());
     FileSystemWrapper::removeItem(p);
   }
+  std::unique_ptr<qevr::DirectoryWatch> watchDirectory(const fs::path& p) override {
+    return watchable ? FileSystemWrapper::watchDirectory(p) : nullptr;
+  }
   std::map<fs::path, std::uint64_t> sizes;
   std::set<fs::path> vanished, unremovable;
+  bool watchable = true;
   std::atomic<int> calls{0};
   std::atomic<int> reads{0};
+  std::atomic<int> listings{0};
 };
 
 // One file of a scenario. Ages are seconds before kNow; an absent age
@@ -206,49 +213,56 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
           {"oldSession", "oldChunk"}),
   };
   // Cold: a new pruner. Warm: one that has already run over these very
-  // files with limits that take nothing, and so reads none of them again.
-  for (const bool warm : {false, true}) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(std::string(c.name) + (warm ? " (warm)" : " (cold)"));
-      std::map<std::string, fs::path> paths;
-      QEVMemoryPruningSummary expected;
-      for (const Item& item : c.items) {
-        paths[item.name] = add(item);
-        if (!c.deleted.contains(item.name)) continue;
-        ++(item.kind == Kind::event ? expected.deletedEventChunks : expected.deletedSessionGraphs);
-        expected.freedBytes += item.size;
-      }
-      // Never candidates: the user graph, other extensions, sub-directories.
-      store.saveUserGraph(QEVUserGraph{});
-      const std::vector<fs::path> bystanders = {
-          root / "user" / "graph.json", root / "events" / "a.txt", root / "sessions" / "B.JSON",
-          root / "events" / "c" / "d.json"};
-      for (std::size_t i = 1; i < bystanders.size(); ++i) {
-        real.createDirectories(bystanders[i].parent_path());
-        real.writeFileAtomically(bystanders[i], bytesOf("{"));
-      }
+  // files with limits that take nothing, and so reads none of them again;
+  // where directories can be watched, it lists none of them either.
+  for (const bool watchable : {true, false})
+    for (const bool warm : {false, true}) {
+      files.watchable = watchable;
+      for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + (warm ? " (warm" : " (cold") +
+                     (watchable ? ", watched)" : ", listed)"));
+        std::map<std::string, fs::path> paths;
+        QEVMemoryPruningSummary expected;
+        for (const Item& item : c.items) {
+          paths[item.name] = add(item);
+          if (!c.deleted.contains(item.name)) continue;
+          ++(item.kind == Kind::event ? expected.deletedEventChunks
+                                      : expected.deletedSessionGraphs);
+          expected.freedBytes += item.size;
+        }
+        // Never candidates: the user graph, other extensions, sub-directories.
+        store.saveUserGraph(QEVUserGraph{});
+        const std::vector<fs::path> bystanders = {
+            root / "user" / "graph.json", root / "events" / "a.txt", root / "sessions" / "B.JSON",
+            root / "events" / "c" / "d.json"};
+        for (std::size_t i = 1; i < bystanders.size(); ++i) {
+          real.createDirectories(bystanders[i].parent_path());
+          real.writeFileAtomically(bystanders[i], bytesOf("{"));
+        }
 
-      const QEVMemoryPruner fresh(root, files);
-      if (warm) {
-        const QEVMemoryOptions keepAll =
-            options(std::numeric_limits<std::int64_t>::max(), 1'000'000, 1'000'000);
-        ASSERT_EQ(fresh.prune(keepAll), QEVMemoryPruningSummary{});
+        const QEVMemoryPruner fresh(root, files);
+        if (warm) {
+          const QEVMemoryOptions keepAll =
+              options(std::numeric_limits<std::int64_t>::max(), 1'000'000, 1'000'000);
+          ASSERT_EQ(fresh.prune(keepAll), QEVMemoryPruningSummary{});
+          sink->clear();
+          files.reads = 0;
+          files.listings = 0;
+        }
+        EXPECT_EQ(fresh.prune(c.options), expected);
+        if (warm) {
+          EXPECT_EQ(files.reads, 0);
+          EXPECT_EQ(files.listings, watchable ? 0 : 2);
+        }
+        for (const auto& [name, path] : paths)
+          EXPECT_EQ(real.exists(path), !c.deleted.contains(name)) << name;
+        for (const fs::path& path : bystanders)
+          EXPECT_TRUE(real.exists(path)) << path;
+        EXPECT_EQ(lines().size(), 1u);
         sink->clear();
-        files.reads = 0;
+        real.removeItem(root);
       }
-      EXPECT_EQ(fresh.prune(c.options), expected);
-      if (warm) {
-        EXPECT_EQ(files.reads, 0);
-      }
-      for (const auto& [name, path] : paths)
-        EXPECT_EQ(real.exists(path), !c.deleted.contains(name)) << name;
-      for (const fs::path& path : bystanders)
-        EXPECT_TRUE(real.exists(path)) << path;
-      EXPECT_EQ(lines().size(), 1u);
-      sink->clear();
-      real.removeItem(root);
     }
-  }
 }
 
 // Disabled, a run touches no file, not even a damaged one, and logs
@@ -327,8 +341,9 @@ TEST_F(QEVMemoryPrunerTest, RemovalFailureEndsTheRunAndVanishedFilesAreSkipped) 
 }
 
 // What a warm pruner knows must never outlive the file it was learnt from,
-// nor the file itself.
-TEST_F(QEVMemoryPrunerTest, ARememberedDateIsDroppedWhenItsFileChanges) {
+// nor the file itself, and a file that someone else drops in is seen by the
+// next run; a pruner made again over the same index reads nothing anew.
+TEST_F(QEVMemoryPrunerTest, WhatRunsRememberFollowsEveryChangeToTheStore) {
   const QEVMemoryOptions defaults;
   const struct {
     const char* name;
@@ -340,27 +355,39 @@ TEST_F(QEVMemoryPrunerTest, ARememberedDateIsDroppedWhenItsFileChanges) {
       {"chunk made new", Kind::event, 100 * kDay, kDay, false},
       {"session made old", Kind::session, kDay, 100 * kDay, true},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const fs::path file = add({"x", c.kind, c.before});
-    const fs::path bystander = add(chunk("y", kDay));
-    const QEVMemoryPruner warm(root, files);
-    ASSERT_EQ(warm.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
-    EXPECT_EQ(warm.rememberedDateCount(), 2u);
-    add({"x", c.kind, c.after, c.after}, QEVRUUID::parse(file.stem().string()).value());
-    files.reads = 0;
-    const QEVMemoryPruningSummary summary = warm.prune(defaults);
-    EXPECT_EQ(files.reads, 1);  // the replaced file only
-    EXPECT_EQ(summary.deletedEventChunks + summary.deletedSessionGraphs, c.deleted ? 1 : 0);
-    EXPECT_EQ(real.exists(file), !c.deleted);
-    EXPECT_TRUE(real.exists(bystander));
-    // Files that are gone, through the run or otherwise, are forgotten.
-    real.removeItem(bystander);
-    files.reads = 0;
-    EXPECT_EQ(warm.prune(defaults), QEVMemoryPruningSummary{});
-    EXPECT_EQ(files.reads, 0);
-    EXPECT_EQ(warm.rememberedDateCount(), c.deleted ? 0u : 1u);
-    real.removeItem(root);
+  for (const bool watchable : {true, false}) {
+    files.watchable = watchable;
+    for (const auto& c : cases) {
+      SCOPED_TRACE(std::string(c.name) + (watchable ? " (watched)" : " (listed)"));
+      const fs::path file = add({"x", c.kind, c.before});
+      const fs::path bystander = add(chunk("y", kDay));
+      const QEVMemoryPruner warm(root, files, qevr::defaultExecutor(),
+                                 QEVMemoryPruner::sharedIndex(root, files));
+      ASSERT_EQ(warm.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
+      EXPECT_EQ(warm.rememberedDateCount(), 2u);
+      add({"x", c.kind, c.after, c.after}, QEVRUUID::parse(file.stem().string()).value());
+      files.reads = 0;
+      const QEVMemoryPruningSummary summary = warm.prune(defaults);
+      EXPECT_EQ(files.reads, 1);  // the replaced file only
+      EXPECT_EQ(summary.deletedEventChunks + summary.deletedSessionGraphs, c.deleted ? 1 : 0);
+      EXPECT_EQ(real.exists(file), !c.deleted);
+      EXPECT_TRUE(real.exists(bystander));
+      // Files that are gone, through the run or otherwise, are forgotten.
+      real.removeItem(bystander);
+      files.reads = 0;
+      EXPECT_EQ(warm.prune(defaults), QEVMemoryPruningSummary{});
+      EXPECT_EQ(files.reads, 0);
+      EXPECT_EQ(warm.rememberedDateCount(), c.deleted ? 0u : 1u);
+
+      const fs::path dropped = add(session("dropped", 100 * kDay, {}, 77));
+      const QEVMemoryPruner again(root, files, qevr::defaultExecutor(),
+                                  QEVMemoryPruner::sharedIndex(root, files));
+      files.reads = 0;
+      EXPECT_EQ(again.prune(defaults), (QEVMemoryPruningSummary{0, 1, 77}));
+      EXPECT_EQ(files.reads, 1);
+      EXPECT_FALSE(real.exists(dropped));
+      real.removeItem(root);
+    }
   }
 }
 

@@ -62,6 +62,22 @@ class QEVR_API LockedFile {
   virtual void remove() = 0;
 };
 
+// Tells which children of one directory changed since it last said, so that
+// a caller holding a listing can update it instead of listing again. A
+// change is any entry created, removed, renamed in or out, written or having
+// its attributes changed, by this process or any other. Thread safety: one
+// thread at a time.
+class QEVR_API DirectoryWatch {
+ public:
+  virtual ~DirectoryWatch() = default;
+  // The names of the children that changed since the watch began or the
+  // last call, each once, in no order. Absent when the watch cannot tell
+  // (its queue overflowed, or the directory itself was removed, renamed or
+  // unmounted): the caller must list the directory again, and take a new
+  // watch, as this one stays blind from then on. Never blocks.
+  virtual std::optional<std::vector<std::string>> changes() = 0;
+};
+
 class QEVR_API FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -144,6 +160,13 @@ class QEVR_API FileSystem {
   // its holder removed while this call waited for the lock counts as absent.
   // Other failures throw.
   virtual std::unique_ptr<LockedFile> tryLockFile(const std::filesystem::path& path, bool create);
+
+  // Starts watching the direct children of an existing directory. Changes
+  // made from the moment this returns are reported; take the watch before
+  // the listing it is to keep up to date. Returns nullptr where the system
+  // offers no such notice (only Linux and Android do here) or it is out of
+  // watches: the caller then lists each time.
+  virtual std::unique_ptr<DirectoryWatch> watchDirectory(const std::filesystem::path& directory);
 };
 
 // Forwards every call to another FileSystem; override what you need.
@@ -190,6 +213,9 @@ class QEVR_API FileSystemWrapper : public FileSystem {
   }
   std::unique_ptr<LockedFile> tryLockFile(const std::filesystem::path& p, bool create) override {
     return base.tryLockFile(p, create);
+  }
+  std::unique_ptr<DirectoryWatch> watchDirectory(const std::filesystem::path& p) override {
+    return base.watchDirectory(p);
   }
 
  protected:
