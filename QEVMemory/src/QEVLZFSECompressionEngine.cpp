@@ -1,6 +1,7 @@
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 
 #include <QEVRLZFSE/Lzfse.h>
+#include <QEVRPlatform/Tasks.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -10,11 +11,25 @@ namespace {
 
 constexpr std::size_t kLengthPrefixBytes = 8;
 
+// The codec keeps its state per thread for the next chunk; a pool thread
+// that has gone idle gives it back.
+void releaseCodersWhenIdle() {
+  static const bool registered = [] {
+    qevr::releaseOnIdlePoolThreads([] {
+      qevr::lzfse::releaseThreadEncoder();
+      qevr::lzfse::releaseThreadDecoder();
+    });
+    return true;
+  }();
+  (void)registered;
+}
+
 }  // namespace
 
 std::vector<std::uint8_t> QEVLZFSECompressionEngine::compress(
     const std::vector<std::uint8_t>& input) const {
   if (input.empty()) return {};
+  releaseCodersWhenIdle();
   // One attempt with room for twice the input: the encoder falls back to
   // uncompressed blocks (the input plus a dozen bytes) when that is
   // shorter, so only its own failure can make this throw.
@@ -35,6 +50,7 @@ std::vector<std::uint8_t> QEVLZFSECompressionEngine::compress(
 std::vector<std::uint8_t> QEVLZFSECompressionEngine::decompress(
     const std::vector<std::uint8_t>& input) const {
   if (input.empty()) return {};
+  releaseCodersWhenIdle();
   if (input.size() < kLengthPrefixBytes) throw QEVCompressionError::decompressionFailed();
   std::uint64_t n = 0;
   for (std::size_t i = 0; i < kLengthPrefixBytes; ++i)

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 namespace qevr::lzfse {
 
@@ -480,11 +481,18 @@ DecodeStatus Decoder::decode(std::span<const std::uint8_t> src, std::size_t maxO
 }
 
 namespace {
+// Made on a thread's first use; releaseThreadCoders frees it.
+thread_local std::unique_ptr<Decoder> threadDecoderSlot;
+
 Decoder& threadDecoder() {
-  thread_local Decoder decoder;
-  return decoder;
+  if (!threadDecoderSlot) threadDecoderSlot = std::make_unique<Decoder>();
+  return *threadDecoderSlot;
 }
 }  // namespace
+
+void releaseThreadDecoder() {
+  threadDecoderSlot.reset();
+}
 
 DecodeResult decodeBuffer(std::span<const std::uint8_t> src, std::span<std::uint8_t> dst) {
   return threadDecoder().decodeBuffer(src, dst);

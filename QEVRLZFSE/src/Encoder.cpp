@@ -572,11 +572,18 @@ std::vector<std::uint8_t> Encoder::encode(std::span<const std::uint8_t> src) {
 }
 
 namespace {
+// Made on a thread's first use; releaseThreadCoders frees it.
+thread_local std::unique_ptr<Encoder> threadEncoderSlot;
+
 Encoder& threadEncoder() {
-  thread_local Encoder encoder;
-  return encoder;
+  if (!threadEncoderSlot) threadEncoderSlot = std::make_unique<Encoder>();
+  return *threadEncoderSlot;
 }
 }  // namespace
+
+void releaseThreadEncoder() {
+  threadEncoderSlot.reset();
+}
 
 std::size_t encodeBuffer(std::span<const std::uint8_t> src, std::span<std::uint8_t> dst) {
   return threadEncoder().encodeBuffer(src, dst);

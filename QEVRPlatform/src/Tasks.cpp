@@ -5,7 +5,11 @@
 #include "QueueingExecutor.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <mutex>
 #include <thread>
 
 const char* QEVRCancellationError::what() const noexcept {
@@ -19,6 +23,15 @@ void checkCancellation(const std::stop_token& token) {
 }
 
 namespace {
+
+// Set once each, never cleared: read by idle pool threads without a lock.
+std::array<std::atomic<void (*)()>, 8> idleReleases{};
+
+void runIdleReleases() {
+  for (const auto& slot : idleReleases) {
+    if (void (*release)() = slot.load(std::memory_order_acquire)) release();
+  }
+}
 
 // The process-wide pool: the default executor. Its threads start with the
 // first task and live as long as the process; they sleep on `workQueued`,
@@ -52,9 +65,20 @@ class Pool final : public QueueingExecutor {
         runLocked(std::move(next));
         continue;
       }
-      waitOn(workQueued);
+      // A thread that has had nothing to do for a while frees what it keeps
+      // for its next task, so that a burst's buffers do not stay resident.
+      std::unique_lock<std::mutex> raw(lock.native(), std::adopt_lock);
+      const bool woken = workQueued.wait_for(raw, kIdleBeforeRelease) == std::cv_status::no_timeout;
+      raw.release();
+      if (woken || queuedCount > 0) continue;
+      lock.native().unlock();
+      runIdleReleases();
+      lock.native().lock();
+      if (queuedCount == 0) waitOn(workQueued);
     }
   }
+
+  static constexpr std::chrono::seconds kIdleBeforeRelease{1};
 
   const unsigned threadCount;
   std::condition_variable workQueued;
@@ -62,6 +86,16 @@ class Pool final : public QueueingExecutor {
 };
 
 }  // namespace
+
+void releaseOnIdlePoolThreads(void (*release)()) {
+  for (auto& slot : idleReleases) {
+    void (*expected)() = nullptr;
+    if (slot.compare_exchange_strong(expected, release, std::memory_order_acq_rel) ||
+        expected == release) {
+      return;
+    }
+  }
+}
 
 namespace detail {
 

@@ -78,5 +78,7 @@ class Decoder {
 DecodeResult decodeBuffer(std::span<const std::uint8_t> src, std::span<std::uint8_t> dst);
 DecodeStatus decode(std::span<const std::uint8_t> src, std::size_t maxOutputBytes,
                     std::vector<std::uint8_t>& out);
+// Frees the calling thread's Decoder; its next use makes a new one.
+void releaseThreadDecoder();
 
 }  // namespace qevr::lzfse

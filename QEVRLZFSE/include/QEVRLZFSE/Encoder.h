@@ -53,5 +53,8 @@ class Encoder {
 // The same operations on a per-thread Encoder.
 std::size_t encodeBuffer(std::span<const std::uint8_t> src, std::span<std::uint8_t> dst);
 std::vector<std::uint8_t> encode(std::span<const std::uint8_t> src);
+// Frees the calling thread's Encoder (about 700 KB); its next use makes a
+// new one.
+void releaseThreadEncoder();
 
 }  // namespace qevr::lzfse

@@ -226,6 +226,12 @@ Task<TaskResultOf<F>> childTask(TaskPriority priority, const std::stop_token& pa
 // Number of threads in the pool.
 QEVR_API unsigned taskPoolSize();
 
+// Registers `release`, which each pool thread calls, on itself, once it has
+// had nothing to do for a second: it frees what the calling thread keeps for
+// its next task (a coder's thread-local state, for example). Registering a
+// function again does nothing; at most 8 are kept. Thread-safe.
+QEVR_API void releaseOnIdlePoolThreads(void (*release)());
+
 // What the pool holds at one instant, for tools, tests and benchmarks.
 struct TaskPoolLoad {
   std::size_t queued = 0;          // tasks waiting for a thread
