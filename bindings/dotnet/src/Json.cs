@@ -415,10 +415,13 @@ namespace QEVR
 
         internal static DateTime FromSeconds(double seconds, string path)
         {
-            double ticks = Math.Round(seconds * TimeSpan.TicksPerSecond) + Reference.Ticks;
-            if (double.IsNaN(ticks) || ticks < DateTime.MinValue.Ticks || ticks > DateTime.MaxValue.Ticks)
+            // The offset alone fits a double exactly to the tick; the sum with
+            // the reference (about 6e17 ticks) would not.
+            double offset = Math.Round(seconds * TimeSpan.TicksPerSecond);
+            if (double.IsNaN(offset) || offset < DateTime.MinValue.Ticks - Reference.Ticks ||
+                offset > DateTime.MaxValue.Ticks - Reference.Ticks)
                 throw new QevrInvalidJsonException(path + ": date out of range");
-            return new DateTime((long)ticks, DateTimeKind.Utc);
+            return new DateTime(Reference.Ticks + (long)offset, DateTimeKind.Utc);
         }
     }
 
