@@ -48,8 +48,8 @@ namespace QEVR.Tests
                 managedBefore, managedAfter, managedAfter - managedBefore);
             Assert.That(Utf8.FreedCount - freedBefore, Is.EqualTo(calls), "one release per options string");
             // An unreleased options string is ~100 bytes of malloc: 100,000 of
-            // them would add about 10 MB.
-            Assert.That(nativeAfter - nativeBefore, Is.LessThan(2048));
+            // them add about 10 MB, where a sound run moves by 0.5 to 1.5 MB.
+            Assert.That(nativeAfter - nativeBefore, Is.LessThan(4096));
             Assert.That(managedAfter - managedBefore, Is.LessThan(256 * 1024));
         }
 
