@@ -507,6 +507,12 @@ namespace QEVR
             return (long)value;
         }
 
+        internal long? OptionalInteger(string key)
+        {
+            if (Optional(key) == null) return null;
+            return Integer(key);
+        }
+
         internal double Number(string key)
         {
             return AsNumber(key, Required(key));

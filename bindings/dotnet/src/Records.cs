@@ -380,13 +380,12 @@ namespace QEVR
 
         internal static RecommendationAction FromFields(JsonFields f)
         {
-            double? position = f.OptionalNumber("targetPosition");
             return new RecommendationAction
             {
                 Kind = f.String("kind"),
                 ComponentId = f.OptionalString("componentId"),
                 ScreenName = f.OptionalString("screenName"),
-                TargetPosition = position.HasValue ? (long?)f.Integer("targetPosition") : null,
+                TargetPosition = f.OptionalInteger("targetPosition"),
                 SourceScreen = f.OptionalString("sourceScreen"),
                 DestinationScreen = f.OptionalString("destinationScreen"),
                 ShortcutId = f.OptionalString("shortcutId"),
