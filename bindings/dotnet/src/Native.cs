@@ -178,7 +178,8 @@ namespace QEVR
             }
         }
 
-        // For log lines, which must never throw: bad bytes become U+FFFD.
+        // For log lines and error texts, which must never throw: bad bytes
+        // become U+FFFD.
         internal static string FromNativeLenient(IntPtr pointer)
         {
             byte[] bytes = Bytes(pointer);

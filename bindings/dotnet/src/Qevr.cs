@@ -70,7 +70,7 @@ namespace QEVR
         // failed call, before any other qevr_* call on the thread.
         private static QevrException Failure(int status)
         {
-            string text = Utf8.FromNative(Native.qevr_last_error()) ?? "";
+            string text = Utf8.FromNativeLenient(Native.qevr_last_error());
             return QevrException.FromStatus(status, text);
         }
 
@@ -131,6 +131,7 @@ namespace QEVR
             JsonWriter writer = new JsonWriter().BeginObject();
             foreach (KeyValuePair<string, object> pair in metadata)
             {
+                if (pair.Key == null) throw new QevrInvalidArgumentException("metadata has a null key");
                 object value = pair.Value;
                 string what = "metadata[\"" + pair.Key + "\"]";
                 writer.Key(pair.Key).BeginObject().Key("type");
