@@ -5,7 +5,7 @@
 #   - examples/consumer built against each prefix with find_package, and
 #     against the shared one with pkg-config, and run;
 #   - libqevr.so exports only the C API and the public C++ API;
-#   - the Python binding's tests against the installed library;
+#   - the Python and .NET bindings' tests against the installed library;
 #   - a Debian package through CPack.
 #
 #   scripts/package-check.sh [BUILD_DIR]   (default: build/package)
@@ -116,6 +116,26 @@ if [ -d "$root/bindings/python/tests" ]; then
   [ -n "$python" ] || { echo "no python3 with pytest: run scripts/setup.sh test first" >&2; exit 1; }
   QEVR_LIBRARY="$libdir/libqevr.so" PYTHONPATH="$root/bindings/python" \
     "$python" -m pytest -q -p no:cacheprovider "$root/bindings/python/tests"
+fi
+
+if [ -d "$root/bindings/dotnet/tests" ]; then
+  echo "== .NET binding against the installed library"
+  for tool in mcs mono nunit-console; do
+    command -v "$tool" >/dev/null || { echo "no $tool: run scripts/setup.sh test first" >&2; exit 1; }
+  done
+  nunit="$(ls /usr/lib/cli/nunit.framework-2.6*/nunit.framework.dll 2>/dev/null | sort | tail -n 1)"
+  [ -n "$nunit" ] || { echo "no NUnit 2.6 framework: run scripts/setup.sh test first" >&2; exit 1; }
+  dotnet="$work/dotnet"
+  mkdir -p "$dotnet"
+  mcs=(mcs -langversion:7.2 -nologo -warnaserror+)
+  "${mcs[@]}" -target:library -out:"$dotnet/Qevr.dll" "$root"/bindings/dotnet/src/*.cs
+  "${mcs[@]}" -target:library -out:"$dotnet/Qevr.Tests.dll" -r:"$dotnet/Qevr.dll" -r:"$nunit" \
+    "$root"/bindings/dotnet/tests/*.cs
+  "${mcs[@]}" -out:"$dotnet/sample.exe" -r:"$dotnet/Qevr.dll" "$root/bindings/dotnet/sample/Sample.cs"
+  # Mono finds libqevr.so through LD_LIBRARY_PATH.
+  (cd "$dotnet" && LD_LIBRARY_PATH="$libdir" nunit-console -nologo -noshadow -noresult Qevr.Tests.dll)
+  LD_LIBRARY_PATH="$libdir" cmake -DMONO=mono -DSAMPLE="$dotnet/sample.exe" -DDATA_DIR="$dotnet/sample-data" \
+    -P "$root/bindings/dotnet/sample/run-twice.cmake"
 fi
 
 echo "== Debian package"

@@ -28,10 +28,11 @@ cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake ninja-build pkg-config ccache clang clang-format libclang-rt-dev
           libicu-dev libsimdjson-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev)
-# The tests also drive the Python binding, render qevr report's page in a
-# headless browser and lay its graph out with dot; CI adds clang-tidy.
+# The tests also drive the Python binding and the .NET one (Mono and
+# NUnit), render qevr report's page in a headless browser and lay its graph
+# out with dot; CI adds clang-tidy.
 if [ "$job" = test ]; then
-  packages+=(python3 python3-pytest chromium graphviz clang-tidy)
+  packages+=(python3 python3-pytest mono-devel nunit-console chromium graphviz clang-tidy)
 fi
 . scripts/install-missing.sh
 install_missing "${packages[@]}"
