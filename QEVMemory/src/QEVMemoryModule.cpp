@@ -47,7 +47,7 @@ QEVMemoryModule::Stack QEVMemoryModule::defaultStack(qevr::Executor& executor) {
       store, QEVMemoryChunkWriter::kDefaultMaxEventsPerChunk,
       QEVMemoryChunkWriter::kCurrentSchemaVersion, pruner,
       [] { return QEVMemoryRuntime::shared().activeOptions(); }, executor);
-  return {store, writer, pruner};
+  return {store, writer, pruner, store->rootDirectory()};
 }
 
 QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore,
@@ -55,21 +55,22 @@ QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore
                                  std::shared_ptr<QEVMemoryChunkWriter> givenWriter,
                                  std::shared_ptr<const QEVMemoryPruner> givenPruner,
                                  qevr::Executor& taskExecutor)
-    : QEVMemoryModule(
-          std::move(eventStore),
-          givenStore || givenWriter || givenPruner
-              ? Stack{std::move(givenStore), std::move(givenWriter), std::move(givenPruner)}
-              : defaultStack(taskExecutor),
-          taskExecutor) {}
+    : QEVMemoryModule(std::move(eventStore),
+                      givenStore || givenWriter || givenPruner
+                          ? Stack{std::move(givenStore), std::move(givenWriter),
+                                  std::move(givenPruner), std::nullopt}
+                          : defaultStack(taskExecutor),
+                      taskExecutor) {}
 
-QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack,
+QEVMemoryModule::QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack built,
                                  qevr::Executor& taskExecutor)
     : executor(taskExecutor),
       events(std::move(eventStore)),
-      memoryStore(std::move(stack.store)),
-      chunkWriter(std::move(stack.writer)),
-      pruner(std::move(stack.pruner)),
-      startRun(std::make_shared<QEVMemoryQueuedPruneRun>(taskExecutor)) {}
+      // A given stack has no root; the default one has its root, or nothing
+      // at all when memory-only.
+      followsDefaultRoot(built.root || (!built.store && !built.writer && !built.pruner)),
+      startRun(std::make_shared<QEVMemoryQueuedPruneRun>(taskExecutor)),
+      stack(std::move(built)) {}
 
 namespace {
 
@@ -85,11 +86,12 @@ constexpr double kOpenChunkSaveAfterSeconds = 30;
 }  // namespace
 
 std::optional<QEVUserGraph> QEVMemoryModule::earlierUserGraph(
+    const std::shared_ptr<QEVMemoryStore>& store,
     const std::shared_ptr<QEVMemoryPipeline>& previous) const {
-  if (!memoryStore) return std::nullopt;
+  if (!store) return std::nullopt;
   if (previous) previous->waitForGraphSaves(kPreviousSavesTimeout);
   try {
-    return memoryStore->loadUserGraph();
+    return store->loadUserGraph();
   } catch (const std::exception&) {
     // The error's text may name a path below the user's home: not for a log.
     qevr::platformLog("QEVMemory", "Continuity", qevr::LogType::error,
@@ -98,28 +100,51 @@ std::optional<QEVUserGraph> QEVMemoryModule::earlierUserGraph(
   }
 }
 
+bool QEVMemoryModule::isMemoryOnly() const {
+  qevr::MutexLock guard(lock);
+  return stack.store == nullptr;
+}
+
+std::optional<QEVMemoryModule::Stack> QEVMemoryModule::movedDefaultStack() const {
+  if (!followsDefaultRoot) return std::nullopt;
+  const std::optional<std::filesystem::path> root =
+      defaultMemoryRootDirectory(qevr::FileSystem::defaultFileSystem());
+  {
+    qevr::MutexLock guard(lock);
+    if (root == stack.root) return std::nullopt;
+  }
+  return defaultStack(executor);
+}
+
 void QEVMemoryModule::start(const QEVRModuleContext& context) {
   const bool continuing = QEVMemoryRuntime::shared().continuity();
+  // Built before the lock is taken: it may open a directory watch.
+  std::optional<Stack> moved = movedDefaultStack();
   std::shared_ptr<QEVMemoryPipeline> previous;
+  Stack current;
   {
     qevr::MutexLock guard(lock);
     if (isStarted) return;
     isStarted = true;
     isPaused = false;
     previous = pipeline;
+    if (moved) stack = std::move(*moved);
+    current = stack;
   }
   // No sink is registered yet, so no event can arrive while this reads.
   std::optional<QEVMemoryPipeline::Continuity> continuity;
-  if (continuing) continuity = QEVMemoryPipeline::Continuity{earlierUserGraph(previous)};
+  if (continuing) {
+    continuity = QEVMemoryPipeline::Continuity{earlierUserGraph(current.store, previous)};
+  }
   {
     qevr::MutexLock guard(lock);
     // The writer was shut down with the previous pipeline; a restarted
     // module saves chunks exactly as after its first start.
-    if (chunkWriter) {
-      chunkWriter->reopen(continuing ? std::optional(kOpenChunkSaveAfterSeconds) : std::nullopt);
+    if (current.writer) {
+      current.writer->reopen(continuing ? std::optional(kOpenChunkSaveAfterSeconds) : std::nullopt);
     }
     pipeline = std::make_shared<QEVMemoryPipeline>(
-        events, chunkWriter, memoryStore,
+        events, current.writer, current.store,
         [context](QEVRBackgroundOperation operation) {
           return context.submitBackgroundWork(std::move(operation));
         },
@@ -138,8 +163,8 @@ void QEVMemoryModule::start(const QEVRModuleContext& context) {
     started = pipeline;
   }
   if (continuing) started->scheduleRecovery();
-  if (pruner) {
-    startRun->request([runner = pruner](std::stop_token stop) {
+  if (current.pruner) {
+    startRun->request([runner = current.pruner](std::stop_token stop) {
       runner->removeAbandonedTemporaries();
       runner->prune(QEVMemoryRuntime::shared().activeOptions(), stop);
     });

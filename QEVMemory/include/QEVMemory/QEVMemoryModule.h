@@ -43,7 +43,10 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
  public:
   // With `memoryStore`, `chunkWriter` and `pruner` all null the module builds
   // its default stack on the default root; if there is no application-
-  // support directory it runs in memory-only mode (graphs, no disk).
+  // support directory it runs in memory-only mode (graphs, no disk). A
+  // start finding the default root moved (qevr_set_data_directory between a
+  // shutdown and the start) builds the stack anew there; saves still on
+  // their way finish in the old one.
   // The module and its default stack run their background work on
   // `executor`, which must outlive them and their work; the graph jobs go
   // to the start's worker (QEVRModuleContext::submitBackgroundWork).
@@ -63,7 +66,8 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
   // Events arriving while stopped or paused are dropped, not queued.
   void receive(const QEVObserverEvent& event) override;
 
-  bool isMemoryOnly() const { return memoryStore == nullptr; }
+  // Whether the stack of the last start (or of construction) has no store.
+  bool isMemoryOnly() const;
   const std::shared_ptr<QEVMemoryEventStore>& eventStore() const { return events; }
 
  private:
@@ -71,26 +75,32 @@ class QEVR_API QEVMemoryModule : public QEVRModule,
     std::shared_ptr<QEVMemoryStore> store;
     std::shared_ptr<QEVMemoryChunkWriter> writer;
     std::shared_ptr<const QEVMemoryPruner> pruner;
+    // The default root the default stack was built on; none when memory-only.
+    std::optional<std::filesystem::path> root;
   };
   static Stack defaultStack(qevr::Executor& executor);
   // The user graph a continuing start carries on from: the one in the
   // store once the previous pipeline's saves have landed, if it decodes.
   std::optional<QEVUserGraph> earlierUserGraph(
+      const std::shared_ptr<QEVMemoryStore>& store,
       const std::shared_ptr<QEVMemoryPipeline>& previous) const;
-  QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack stack,
+  // The default stack for the default root as it is now, or nothing when it
+  // is still the one `current` was built on.
+  std::optional<Stack> movedDefaultStack() const QEVR_EXCLUDES(lock);
+  QEVMemoryModule(std::shared_ptr<QEVMemoryEventStore> eventStore, Stack built,
                   qevr::Executor& executor);
 
   // Constant after construction.
   qevr::Executor& executor;
   const std::shared_ptr<QEVMemoryEventStore> events;
-  const std::shared_ptr<QEVMemoryStore> memoryStore;
-  const std::shared_ptr<QEVMemoryChunkWriter> chunkWriter;
-  const std::shared_ptr<const QEVMemoryPruner> pruner;
+  // Whether the stack is the default one, rebuilt when the default root moves.
+  const bool followsDefaultRoot;
   // The run each start asks for. A host that starts and stops in quick
   // succession queues one run, not one per start.
   const std::shared_ptr<QEVMemoryQueuedPruneRun> startRun;
 
   mutable qevr::Mutex lock;
+  Stack stack QEVR_GUARDED_BY(lock);
   std::shared_ptr<QEVMemoryPipeline> pipeline QEVR_GUARDED_BY(lock);
   std::optional<QEVRUUID> sinkIdentifier QEVR_GUARDED_BY(lock);
   bool isStarted QEVR_GUARDED_BY(lock) = false;

@@ -188,8 +188,9 @@ QEVR_API qevr_status qevr_set_log_callback(qevr_log_callback callback, void* use
 
 /* Moves the application-support directory below which memory keeps its
  * files (<dir>/QEVR/Memory); NULL restores the platform's answer
- * ($XDG_DATA_HOME, else ~/.local/share). Process-wide; set it before
- * qevr_start. */
+ * ($XDG_DATA_HOME, else ~/.local/share). Process-wide. The memory and
+ * inspection calls use it from their next call; recording uses it from the
+ * next qevr_start (saves still on their way finish in the old place). */
 QEVR_API qevr_status qevr_set_data_directory(const char* path);
 
 /* Waits until the library's background work (disk saves started by

@@ -184,7 +184,8 @@ namespace QEVR
         }
 
         // Memory keeps its files below `path`/QEVR/Memory; null restores the
-        // platform's directory. Process-wide; set it before Start.
+        // platform's directory. Process-wide: the memory calls use it at
+        // once, recording from the next Start.
         public static void SetDataDirectory(string path)
         {
             Check(Native.qevr_set_data_directory(Utf8.ToNative(path, "path")));

@@ -12,6 +12,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 /* ---- What a refused call must leave alone ---- */
@@ -780,6 +781,33 @@ static void test_threads_keep_their_own_errors(void) {
   wait_idle();
 }
 
+/* A host that moves the data directory between two lives of the system
+ * gets the next life's memory in the new place, and the old one untouched. */
+static void test_data_directory_moves_between_lives(const char* data_dir) {
+  char moved[512];
+  char* out = NULL;
+  snprintf(moved, sizeof moved, "%s/moved", data_dir);
+  CHECK(mkdir(moved, 0700) == 0, "mkdir moved");
+  out = TAKE(qevr_memory_stats(NULL, &out), "stats before the move");
+  char* before = out;
+
+  CHECK_STATUS(qevr_set_data_directory(moved), QEVR_OK, "move");
+  CHECK_STATUS(qevr_start(NULL), QEVR_OK, "start after the move");
+  CHECK_STATUS(qevr_screen_view("Elsewhere", NULL, NULL), QEVR_OK, "event after the move");
+  CHECK_STATUS(qevr_shutdown(), QEVR_OK, "shutdown after the move");
+  wait_idle();
+  out = TAKE(qevr_memory_snapshot(NULL, &out), "snapshot in the new place");
+  CHECK_CONTAINS(out, "\"Elsewhere\"", "the event went to the new place");
+  CHECK_CONTAINS(out, "\"totalSessions\":1", "one session in the new place");
+  qevr_string_free(out);
+
+  CHECK_STATUS(qevr_set_data_directory(data_dir), QEVR_OK, "move back");
+  out = TAKE(qevr_memory_stats(NULL, &out), "stats after moving back");
+  CHECK(strcmp(out, before) == 0, "the old place untouched");
+  qevr_string_free(out);
+  qevr_string_free(before);
+}
+
 static int remove_entry(const char* path, const struct stat* info, int flag, struct FTW* ftw) {
   (void)info;
   (void)flag;
@@ -805,6 +833,7 @@ int main(void) {
   CHECK_STATUS(qevr_shutdown(), QEVR_OK, "shutdown after the refusal tables");
   wait_idle();
   test_end_to_end(data_dir);
+  test_data_directory_moves_between_lives(data_dir);
   test_log_callback();
   test_threads_keep_their_own_errors();
 
