@@ -184,6 +184,34 @@ typedef void (*qevr_log_callback)(const char* subsystem, const char* category, q
  * callback. */
 QEVR_API qevr_status qevr_set_log_callback(qevr_log_callback callback, void* user_data);
 
+/* Sends every log line from now on to a queue instead, from which the host
+ * takes them with qevr_next_log_line on a thread of its choosing. For hosts
+ * whose runtime must not be entered from the library's own threads: a
+ * managed runtime attaches each thread that calls into it, and may wait for
+ * those threads when the process exits.
+ *
+ * The queue keeps the newest `capacity` lines (1 to 100000); when it is
+ * full, the oldest line is dropped and counted. Replaces the callback, as
+ * qevr_set_log_callback does (waiting for lines in flight to it), or an
+ * earlier queue, whose lines not yet taken are kept. qevr_set_log_callback,
+ * with a callback or NULL, ends the queue: no line enters it any more, the
+ * lines in it can still be taken, and then qevr_next_log_line returns
+ * QEVR_ERROR_STATE, at once for calls waiting on it. A queue installed after
+ * that starts empty.
+ * QEVR_ERROR_INVALID_ARGUMENT for a capacity out of range. */
+QEVR_API qevr_status qevr_set_log_queue(long long capacity);
+
+/* Takes the oldest line from the queue, waiting up to `timeout_ms` (0: not
+ * at all) for one to arrive. `out_json` gets the line, to free with
+ * qevr_string_free, or NULL when none came in time:
+ *   {"subsystem":"QEVMemory","category":"Pruning","level":"info",
+ *    "text":"...","dropped":0}
+ * `level` is "debug", "info", "default", "error" or "fault"; `dropped`
+ * counts the lines dropped, the queue being full, since the line taken
+ * before. QEVR_ERROR_STATE when no queue is installed, or it has ended and
+ * is empty. Blocks up to `timeout_ms`. */
+QEVR_API qevr_status qevr_next_log_line(long long timeout_ms, char** out_json);
+
 /* ---- Data directory ---- */
 
 /* Moves the application-support directory below which memory keeps its

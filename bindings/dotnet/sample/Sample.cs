@@ -25,6 +25,12 @@ internal static class Sample
         }
 
         Qevr.SetContinuity(true);
+        // The library's warnings and errors into the game's own log.
+        Qevr.Log += (sender, line) =>
+        {
+            if (line.Level >= LogLevel.Default)
+                Console.Error.WriteLine("qevr: {0}/{1}: {2}", line.Subsystem, line.Category, line.Text);
+        };
 
         // At launch, and again each time the game comes back to the foreground.
         Qevr.Start(new Configuration { AppId = "com.example.sample" });

@@ -13,6 +13,8 @@ namespace QEVR
     {
         private const string Library = "qevr";
 
+        // Only ever called with null here: the binding takes its lines from
+        // the log queue.
         [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
         internal delegate void LogCallback(IntPtr subsystem, IntPtr category, int level, IntPtr text,
             IntPtr userData);
@@ -37,6 +39,12 @@ namespace QEVR
 
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int qevr_set_log_callback(LogCallback callback, IntPtr userData);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int qevr_set_log_queue(long capacity);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int qevr_next_log_line(long timeoutMs, out IntPtr json);
 
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int qevr_set_data_directory(byte[] path);
@@ -211,19 +219,5 @@ namespace QEVR
                 Interlocked.Increment(ref freed);
             }
         }
-    }
-
-    // Marks the log forwarder as a callback from native code; ahead-of-time
-    // compilers (IL2CPP, Mono's full AOT) find it by this attribute's name
-    // and generate the entry point native code calls.
-    [AttributeUsage(AttributeTargets.Method)]
-    internal sealed class MonoPInvokeCallbackAttribute : Attribute
-    {
-        public MonoPInvokeCallbackAttribute(Type delegateType)
-        {
-            DelegateType = delegateType;
-        }
-
-        public Type DelegateType { get; private set; }
     }
 }

@@ -32,12 +32,13 @@ namespace QEVR
     // One line the library logged. No line holds host or user data.
     public sealed class LogEventArgs : EventArgs
     {
-        internal LogEventArgs(string subsystem, string category, LogLevel level, string text)
+        internal LogEventArgs(string subsystem, string category, LogLevel level, string text, long dropped)
         {
             Subsystem = subsystem;
             Category = category;
             Level = level;
             Text = text;
+            Dropped = dropped;
         }
 
         // "QEVMemory", "QEVRCore", ...
@@ -46,6 +47,8 @@ namespace QEVR
         public string Category { get; private set; }
         public LogLevel Level { get; private set; }
         public string Text { get; private set; }
+        // Lines lost just before this one because nothing took them in time.
+        public long Dropped { get; private set; }
     }
 
     // QEVR through its C API (libqevr). Every call may be made from any
@@ -476,21 +479,29 @@ namespace QEVR
 
         // ---- Log lines
 
+        // Lines the library logs while no pump takes them wait in a queue of
+        // this many; beyond it the oldest go, and the next line says so.
+        private const long LogQueueCapacity = 10000;
+        // How long the pump waits in native code at a time, so that it
+        // notices an ended queue even if it missed the wake-up.
+        private const long LogWaitMs = 250;
+
         private static readonly object logLock = new object();
         private static EventHandler<LogEventArgs> logHandlers;
+        // The pump of the current queue, and its generation: a pump whose
+        // generation is no longer current stops. Both guarded by logLock.
+        private static Thread logPump;
+        private static int logGeneration;
         private static bool unloadHooked;
-        // The one delegate native code holds, referenced from here for the
-        // life of the process: a collected delegate that the library still
-        // calls would be a call into freed memory.
-        private static readonly Native.LogCallback logCallback = ForwardLine;
 
         // The library's log lines, from the first handler on; while there is
         // none they go to the platform's log (syslog on Linux). Handlers run
-        // on the thread that logged, background threads included, possibly
-        // several at once; keep them short and thread-safe. An exception a
-        // handler throws is dropped. Do not add or remove handlers from
-        // inside a handler. When the last handler is removed, no line is
-        // still on its way to any handler.
+        // one line at a time, in order, on a background thread of this
+        // binding, never on a thread of the library (a runtime that such a
+        // thread had entered could wait for it at exit). Keep them short. An
+        // exception a handler throws is dropped. Do not add or remove
+        // handlers from inside a handler. The lines logged before the last
+        // handler is removed reach it before the removal returns; none after.
         public static event EventHandler<LogEventArgs> Log
         {
             add
@@ -500,8 +511,13 @@ namespace QEVR
                     EventHandler<LogEventArgs> next = logHandlers + value;
                     if (logHandlers == null && next != null)
                     {
-                        Check(Native.qevr_set_log_callback(logCallback, IntPtr.Zero));
+                        Check(Native.qevr_set_log_queue(LogQueueCapacity));
                         HookUnload();
+                        int generation = Interlocked.Increment(ref logGeneration);
+                        logPump = new Thread(() => PumpLines(generation));
+                        logPump.IsBackground = true;
+                        logPump.Name = "QEVR log";
+                        logPump.Start();
                     }
                     Volatile.Write(ref logHandlers, next);
                 }
@@ -511,15 +527,22 @@ namespace QEVR
                 lock (logLock)
                 {
                     EventHandler<LogEventArgs> next = logHandlers - value;
+                    if (next == null) StopPump();
                     Volatile.Write(ref logHandlers, next);
-                    if (next == null) Native.qevr_set_log_callback(null, IntPtr.Zero);
                 }
             }
         }
 
-        // The library's threads outlive this runtime (and, in an editor, this
-        // domain): before either goes, hand the lines back to the platform,
-        // which waits for any line still being delivered here.
+        // Ends the queue and waits until the pump has delivered what it held,
+        // unless this is the pump (a handler that broke the rule above).
+        private static void StopPump()
+        {
+            Native.qevr_set_log_callback(null, IntPtr.Zero);
+            Thread pump = logPump;
+            logPump = null;
+            if (pump != null && pump != Thread.CurrentThread) pump.Join();
+        }
+
         private static void HookUnload()
         {
             if (unloadHooked) return;
@@ -528,39 +551,70 @@ namespace QEVR
             AppDomain.CurrentDomain.DomainUnload += StopForwarding;
         }
 
+        // Before the runtime or this domain goes, the lines go back to the
+        // platform's log.
         private static void StopForwarding(object sender, EventArgs e)
         {
             lock (logLock)
             {
+                if (logHandlers == null) return;
+                StopPump();
                 Volatile.Write(ref logHandlers, null);
-                Native.qevr_set_log_callback(null, IntPtr.Zero);
             }
         }
 
-        [MonoPInvokeCallback(typeof(Native.LogCallback))]
-        private static void ForwardLine(IntPtr subsystem, IntPtr category, int level, IntPtr text, IntPtr userData)
+        // Takes lines until the queue has ended and is empty, or a newer pump
+        // has replaced this one.
+        private static void PumpLines(int generation)
         {
-            // Nothing may propagate into native code.
-            try
+            while (Volatile.Read(ref logGeneration) == generation)
             {
-                EventHandler<LogEventArgs> handlers = Volatile.Read(ref logHandlers);
-                if (handlers == null) return;
-                LogEventArgs line = new LogEventArgs(Utf8.FromNativeLenient(subsystem),
-                    Utf8.FromNativeLenient(category), (LogLevel)level, Utf8.FromNativeLenient(text));
-                foreach (Delegate handler in handlers.GetInvocationList())
+                IntPtr json;
+                int status = Native.qevr_next_log_line(LogWaitMs, out json);
+                string text = Utf8.Take(json);
+                if (status != 0) return;
+                if (text == null) continue;
+                try
                 {
-                    try
-                    {
-                        ((EventHandler<LogEventArgs>)handler)(null, line);
-                    }
-                    catch (Exception)
-                    {
-                        // A failing handler must not keep the others from the line.
-                    }
+                    Deliver(ParseLine(text));
+                }
+                catch (Exception)
+                {
+                    // A line this binding cannot read is dropped, not the pump.
                 }
             }
-            catch (Exception)
+        }
+
+        internal static LogEventArgs ParseLine(string json)
+        {
+            JsonFields f = JsonFields.Parse(json, "log line");
+            LogLevel level;
+            switch (f.String("level"))
             {
+                case "debug": level = LogLevel.Debug; break;
+                case "info": level = LogLevel.Info; break;
+                case "error": level = LogLevel.Error; break;
+                case "fault": level = LogLevel.Fault; break;
+                default: level = LogLevel.Default; break;
+            }
+            return new LogEventArgs(f.String("subsystem"), f.String("category"), level, f.String("text"),
+                f.Integer("dropped"));
+        }
+
+        private static void Deliver(LogEventArgs line)
+        {
+            EventHandler<LogEventArgs> handlers = Volatile.Read(ref logHandlers);
+            if (handlers == null) return;
+            foreach (Delegate handler in handlers.GetInvocationList())
+            {
+                try
+                {
+                    ((EventHandler<LogEventArgs>)handler)(null, line);
+                }
+                catch (Exception)
+                {
+                    // A failing handler must not keep the others from the line.
+                }
             }
         }
     }

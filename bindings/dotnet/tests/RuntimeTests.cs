@@ -88,6 +88,24 @@ namespace QEVR.Tests
         }
 
         [Test]
+        public void LinesFromTheLibrarysThreadsReachHandlersOnTheBindingsThread()
+        {
+            ConcurrentQueue<string> threads = new ConcurrentQueue<string>();
+            List<LogEventArgs> lines = LinesDuring(() =>
+            {
+                EventHandler<LogEventArgs> where = (sender, line) => threads.Enqueue(Thread.CurrentThread.Name);
+                Qevr.Log += where;
+                Qevr.ConfigureMemory(new MemoryOptions { PruningEnabled = true });
+                Session(() => { });
+                Qevr.Log -= where;
+            });
+            Assert.That(lines.Any(l => l.Category == "Pruning" && l.Text.StartsWith("Pruned 0 event chunks")),
+                string.Join("\n", lines.Select(l => l.Text)));
+            Assert.That(threads.Distinct(), Is.EqualTo(new[] { "QEVR log" }));
+            Assert.That(lines.Select(l => l.Dropped), Is.All.EqualTo(0));
+        }
+
+        [Test]
         public void NoLineReachesAHandlerOnceRemoved()
         {
             int count = 0;

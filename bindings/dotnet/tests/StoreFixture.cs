@@ -4,9 +4,7 @@ using NUnit.Framework;
 
 namespace QEVR.Tests
 {
-    // One data directory for the whole run: the memory store stays where
-    // the process's first start put it, so a directory per test would split
-    // writes and reads between two stores.
+    // One data directory for the whole run, never the user's own.
     [SetUpFixture]
     public class DataDirectoryForTheRun
     {
@@ -28,9 +26,10 @@ namespace QEVR.Tests
         }
     }
 
-    // Every test starts from an empty store with pruning off (so no
-    // background run logs while a test listens to the log), and puts the
-    // process-wide settings back to their defaults afterwards.
+    // Every test starts from an empty store with pruning off, and puts the
+    // process-wide settings back to their defaults afterwards. A session cut
+    // off by Shutdown knows neither its start nor its end, so a pruning run
+    // takes its graph first; the tests that count graphs need it kept.
     public abstract class StoreFixture
     {
         protected static string DataDirectory

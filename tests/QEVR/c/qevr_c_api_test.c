@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 /* ---- What a refused call must leave alone ---- */
@@ -731,6 +732,77 @@ static void test_log_callback(void) {
   CHECK(captured_count() <= kMaxLines, "every line kept");
 }
 
+/* ---- Log queue ---- */
+
+static void* wait_for_a_line(void* status) {
+  char* line = NULL;
+  *(qevr_status*)status = qevr_next_log_line(60000, &line);
+  qevr_string_free(line);
+  return NULL;
+}
+
+static void test_log_queue(void) {
+  static const char kIgnored[] =
+      "{\"subsystem\":\"QEVObserver\",\"category\":\"Events\",\"level\":\"error\",\"text\":"
+      "\"Screen view ignored because QEVObserver is not running\",\"dropped\":%d}";
+  char expected[256];
+  char* out = &out_sentinel;
+  wait_idle();
+  CHECK_STATUS(qevr_next_log_line(0, &out), QEVR_ERROR_STATE, "no queue yet");
+  CHECK(out == NULL, "no line without a queue");
+  static const long long bad_capacities[] = {0, -1, 100001};
+  for (size_t i = 0; i < sizeof bad_capacities / sizeof bad_capacities[0]; ++i)
+    CHECK_STATUS(qevr_set_log_queue(bad_capacities[i]), QEVR_ERROR_INVALID_ARGUMENT, "capacity");
+
+  /* The queue replaces the callback; a full queue drops its oldest lines
+   * and says how many the next line taken follows. */
+  CHECK_STATUS(qevr_set_log_callback(capture_line, &captured), QEVR_OK, "callback first");
+  const int before = captured_count();
+  CHECK_STATUS(qevr_set_log_queue(2), QEVR_OK, "queue of two");
+  CHECK_STATUS(qevr_next_log_line(-1, &out), QEVR_ERROR_INVALID_ARGUMENT, "negative wait");
+  CHECK_STATUS(qevr_next_log_line(0, NULL), QEVR_ERROR_INVALID_ARGUMENT, "NULL out_json");
+  for (int i = 0; i < 5; ++i)
+    log_screen_view_while_stopped();
+  CHECK(captured_count() == before, "the callback gets nothing once the queue is in");
+  static const int dropped[] = {3, 0};
+  for (size_t i = 0; i < 2; ++i) {
+    out = TAKE(qevr_next_log_line(1000, &out), "take a line");
+    snprintf(expected, sizeof expected, kIgnored, dropped[i]);
+    CHECK(out && strcmp(out, expected) == 0, out);
+    qevr_string_free(out);
+  }
+  CHECK_STATUS(qevr_next_log_line(10, &out), QEVR_OK, "empty queue");
+  CHECK(out == NULL, "no line in time");
+
+  /* Installing a queue again keeps what is waiting. */
+  log_screen_view_while_stopped();
+  CHECK_STATUS(qevr_set_log_queue(100), QEVR_OK, "a larger queue");
+  out = TAKE(qevr_next_log_line(0, &out), "the line kept");
+  snprintf(expected, sizeof expected, kIgnored, 0);
+  CHECK(out && strcmp(out, expected) == 0, out);
+  qevr_string_free(out);
+
+  /* An ended queue still hands out what it holds, then says it ended; a
+   * host thread waiting on it wakes. */
+  log_screen_view_while_stopped();
+  CHECK_STATUS(qevr_set_log_callback(NULL, NULL), QEVR_OK, "end the queue");
+  log_screen_view_while_stopped();
+  out = TAKE(qevr_next_log_line(0, &out), "the line before the end");
+  CHECK(out && strcmp(out, expected) == 0, out);
+  qevr_string_free(out);
+  CHECK_STATUS(qevr_next_log_line(0, &out), QEVR_ERROR_STATE, "nothing after the end");
+  CHECK_STATUS(qevr_set_log_queue(100), QEVR_OK, "a new queue");
+  pthread_t waiter;
+  qevr_status waited = QEVR_ERROR_INTERNAL;
+  const time_t started = time(NULL);
+  CHECK(pthread_create(&waiter, NULL, wait_for_a_line, &waited) == 0, "waiter");
+  nanosleep(&(struct timespec){0, 50 * 1000 * 1000}, NULL);
+  CHECK_STATUS(qevr_set_log_callback(NULL, NULL), QEVR_OK, "end the queue");
+  pthread_join(waiter, NULL);
+  CHECK(waited == QEVR_ERROR_STATE, "the waiter learns the queue ended");
+  CHECK(time(NULL) - started < 30, "the waiter woke before its time-out");
+}
+
 /* ---- Threads ----
  *
  * Each thread's refusals name a key of its own; the last error it reads
@@ -835,6 +907,7 @@ int main(void) {
   test_end_to_end(data_dir);
   test_data_directory_moves_between_lives(data_dir);
   test_log_callback();
+  test_log_queue();
   test_threads_keep_their_own_errors();
 
   CHECK_STATUS(qevr_set_data_directory(NULL), QEVR_OK, "data dir reset");
