@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
