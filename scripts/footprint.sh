@@ -77,6 +77,18 @@ measure() {
         --events 100000 --seed 99)")
     done
     figures[$name.cpu.$store]="$(awk -v s="$(median3 "${runs[@]}")" 'BEGIN { printf "%.1f", s * 10 }')"
+    if [ "$store" = full ]; then
+      # A second launch on the same files, as an app's next start: what the
+      # first one learnt about the store and kept beside it counts here.
+      runs=()
+      for _ in 1 2 3; do
+        local again
+        again="$(fresh run full)"
+        "$dir/tools/qevr/qevr" simulate --data-dir "$again" --events 100000 --seed 98 >/dev/null
+        runs+=("$(cpu_of "$dir/tools/qevr/qevr" simulate --data-dir "$again" --events 100000 --seed 99)")
+      done
+      figures[$name.cpu.second]="$(awk -v s="$(median3 "${runs[@]}")" 'BEGIN { printf "%.1f", s * 10 }')"
+    fi
     for events in 1000 100000; do
       [ "$store" = empty ] && [ "$events" = 100000 ] && continue
       local lines=()
@@ -121,6 +133,7 @@ else
 fi
 row "CPU us/event, simulate 100,000, empty store" cpu.empty us ""
 row "CPU us/event, simulate 100,000, full store" cpu.full us "<= 6, <= 1.5x empty"
+row "CPU us/event, the same, second launch" cpu.second us "<= 6, <= 1.5x empty"
 row "qevr_start ms, empty store" start_ms.empty.1000 ms ""
 row "qevr_start ms, full store" start_ms.full.1000 ms "<= 1"
 row "RSS added kB, start + 1,000 events, empty store" rss_added_kb.empty.1000 kB ""
@@ -129,9 +142,11 @@ row "RSS added kB, start + 1,000 events, full store" rss_added_kb.full.1000 kB "
 row "RSS peak added kB, start + 1,000 events, full" peak_added_kb.full.1000 kB "<= 3072"
 row "RSS peak added kB, start + 100,000 events, full" peak_added_kb.full.100000 kB "<= 5120"
 row "libqevr.so stripped bytes" size B "<= 1,000,000 (minsize)"
-this_cpu="${figures[this.cpu.full]}" empty_cpu="${figures[this.cpu.empty]}"
+empty_cpu="${figures[this.cpu.empty]}"
 echo
-echo "full store / empty store CPU: $(awk -v a="$this_cpu" -v b="$empty_cpu" 'BEGIN { printf "%.2fx", a / b }')"
+for launch in full second; do
+  echo "$launch / empty store CPU: $(awk -v a="${figures[this.cpu.$launch]}" -v b="$empty_cpu" 'BEGIN { printf "%.2fx", a / b }')"
+done
 if [ -f build/minsize/QEVR/libqevr.so ]; then
   cp build/minsize/QEVR/libqevr.so "$work/min.so" && strip --strip-all "$work/min.so"
   echo "libqevr.so stripped, minsize build: $(stat -c %s "$work/min.so") bytes"

@@ -1,5 +1,7 @@
 #include <QEVMemory/QEVFileMemoryStore.h>
 
+#include "QEVMemoryPruner.h"
+
 #include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/JsonFiles.h>
@@ -248,6 +250,10 @@ std::uint64_t QEVFileMemoryStore::estimatedDiskUsageBytes(std::stop_token stop) 
 void QEVFileMemoryStore::clearAll(std::stop_token stop) {
   runFileWork(executor, stop, [&] {
     if (files.exists(root)) files.removeItem(root);
+    // The pruner's dates beside the root name the files that were here and
+    // when their events happened: they go with them.
+    const fs::path dates = QEVMemoryPruner::datesFileFor(root);
+    if (files.exists(dates)) files.removeItem(dates);
   });
 }
 

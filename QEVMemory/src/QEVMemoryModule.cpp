@@ -42,7 +42,8 @@ QEVMemoryModule::Stack QEVMemoryModule::defaultStack(qevr::Executor& executor) {
   // not read the whole store again.
   auto pruner = std::make_shared<const QEVMemoryPruner>(
       store->rootDirectory(), qevr::FileSystem::defaultFileSystem(), executor,
-      QEVMemoryPruner::sharedIndex(store->rootDirectory(), qevr::FileSystem::defaultFileSystem()));
+      QEVMemoryPruner::sharedIndex(store->rootDirectory(), qevr::FileSystem::defaultFileSystem(),
+                                   QEVMemoryPruner::datesFileFor(store->rootDirectory())));
   auto writer = std::make_shared<QEVMemoryChunkWriter>(
       store, QEVMemoryChunkWriter::kDefaultMaxEventsPerChunk,
       QEVMemoryChunkWriter::kCurrentSchemaVersion, pruner,

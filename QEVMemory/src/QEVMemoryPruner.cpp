@@ -9,9 +9,14 @@
 #include <QEVRPlatform/Text.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <chrono>
+#include <cmath>
 #include <limits>
+#include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -180,15 +185,135 @@ constexpr std::chrono::seconds kReleaseAtLeastEvery{10};
 // learns serves the next instead of both reading the same files at once.
 class QEVMemoryPruner::Index {
  public:
-  Index(fs::path rootDirectory, qevr::FileSystem& fileSystem)
-      : root(std::move(rootDirectory)), files(fileSystem) {}
+  Index(fs::path rootDirectory, qevr::FileSystem& fileSystem, std::optional<fs::path> keptDatesFile)
+      : root(std::move(rootDirectory)), files(fileSystem), datesFile(std::move(keptDatesFile)) {}
 
   const fs::path root;
   qevr::FileSystem& files;
-  qevr::Mutex lock;  // guards the two directories
+  const std::optional<fs::path> datesFile;
+  qevr::Mutex lock;  // guards the two directories and the dates file's state
   KnownDirectory events QEVR_GUARDED_BY(lock);
   KnownDirectory sessions QEVR_GUARDED_BY(lock);
+  bool datesFileRead QEVR_GUARDED_BY(lock) = false;
+  bool datesFileWritten QEVR_GUARDED_BY(lock) = false;
+  std::size_t learntSinceWritten QEVR_GUARDED_BY(lock) = 0;
 };
+
+namespace {
+
+// The dates file: "QEVRPD1\n", a little-endian u32 count, then per date a
+// u8 kind (0 chunk, 1 session graph), a u8 name length and the name, the
+// identity's device, inode, size and modification time (u64, u64, u64,
+// i64) and the date's seconds (an IEEE double's bits, u64).
+constexpr std::string_view kDatesMagic = "QEVRPD1\n";
+// The most a valid file can hold: every remembered date with a 255-byte name.
+constexpr std::uint64_t kMaxDatesFileBytes =
+    kDatesMagic.size() + 4 + QEVMemoryPruner::kMaxRememberedDates * (2 + 255 + 40);
+
+void putLittleEndian(std::vector<std::uint8_t>& out, std::uint64_t value, int bytes) {
+  for (int i = 0; i < bytes; ++i)
+    out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+}
+
+std::vector<std::uint8_t> encodeDates(const KnownDirectory& events,
+                                      const KnownDirectory& sessions) {
+  std::vector<std::uint8_t> out(kDatesMagic.begin(), kDatesMagic.end());
+  putLittleEndian(out, 0, 4);
+  std::uint32_t count = 0;
+  for (const KnownDirectory* known : {&events, &sessions}) {
+    for (const KnownFile& file : known->files) {
+      if (!file.date || !file.identity || file.name.size() > 255) continue;
+      out.push_back(known == &events ? 0 : 1);
+      out.push_back(static_cast<std::uint8_t>(file.name.size()));
+      out.insert(out.end(), file.name.begin(), file.name.end());
+      putLittleEndian(out, file.identity->device, 8);
+      putLittleEndian(out, file.identity->inode, 8);
+      putLittleEndian(out, file.identity->size, 8);
+      putLittleEndian(out, static_cast<std::uint64_t>(file.identity->modifiedNanoseconds), 8);
+      putLittleEndian(out, std::bit_cast<std::uint64_t>(file.date->secondsSinceReferenceDate), 8);
+      ++count;
+    }
+  }
+  for (int i = 0; i < 4; ++i) {
+    out[kDatesMagic.size() + static_cast<std::size_t>(i)] =
+        static_cast<std::uint8_t>(count >> (8 * i));
+  }
+  return out;
+}
+
+struct KeptDate {
+  qevr::FileIdentity identity;
+  QEVRDate date;
+};
+
+// The dates of a file written by encodeDates, by kind and name; nothing
+// unless the whole file is well-formed.
+std::optional<std::array<std::map<std::string, KeptDate, std::less<>>, 2>> decodeDates(
+    std::span<const std::uint8_t> bytes) {
+  std::size_t at = 0;
+  const auto take = [&](std::size_t n) -> std::optional<std::span<const std::uint8_t>> {
+    if (bytes.size() - at < n) return std::nullopt;
+    at += n;
+    return bytes.subspan(at - n, n);
+  };
+  const auto number = [&](int n) -> std::optional<std::uint64_t> {
+    const auto part = take(static_cast<std::size_t>(n));
+    if (!part) return std::nullopt;
+    std::uint64_t value = 0;
+    for (int i = n - 1; i >= 0; --i)
+      value = value << 8 | (*part)[static_cast<std::size_t>(i)];
+    return value;
+  };
+  const auto magic = take(kDatesMagic.size());
+  if (!magic || !std::equal(magic->begin(), magic->end(), kDatesMagic.begin())) return std::nullopt;
+  const std::optional<std::uint64_t> count = number(4);
+  if (!count || *count > QEVMemoryPruner::kMaxRememberedDates) return std::nullopt;
+  std::array<std::map<std::string, KeptDate, std::less<>>, 2> kept;
+  for (std::uint64_t i = 0; i < *count; ++i) {
+    const auto kind = number(1);
+    const auto length = number(1);
+    if (!kind || *kind > 1 || !length) return std::nullopt;
+    const auto name = take(static_cast<std::size_t>(*length));
+    const auto device = number(8), inode = number(8), size = number(8), modified = number(8),
+               seconds = number(8);
+    if (!name || !seconds) return std::nullopt;
+    const double date = std::bit_cast<double>(*seconds);
+    if (!std::isfinite(date)) return std::nullopt;
+    qevr::FileIdentity identity{*device, *inode, *size, static_cast<std::int64_t>(*modified), true};
+    kept[*kind].insert_or_assign(std::string(name->begin(), name->end()),
+                                 KeptDate{identity, QEVRDate{date}});
+  }
+  if (at != bytes.size()) return std::nullopt;
+  return kept;
+}
+
+// Gives the files that have no date yet the one kept for their name and
+// identity, up to the limit of remembered dates.
+void applyKeptDates(qevr::FileSystem& files, const fs::path& datesFile, KnownDirectory& events,
+                    KnownDirectory& sessions) {
+  std::optional<std::array<std::map<std::string, KeptDate, std::less<>>, 2>> kept;
+  try {
+    if (!files.exists(datesFile)) return;
+    kept = decodeDates(files.readFile(datesFile, kMaxDatesFileBytes));
+  } catch (const std::exception&) {
+    return;
+  }
+  if (!kept) return;
+  std::size_t remembered = rememberedIn(events) + rememberedIn(sessions);
+  for (KnownDirectory* known : {&events, &sessions}) {
+    const auto& byName = (*kept)[known == &events ? 0 : 1];
+    for (KnownFile& file : known->files) {
+      if (remembered >= QEVMemoryPruner::kMaxRememberedDates) return;
+      if (file.date || !file.identity || !file.identity->isRegularFile) continue;
+      const auto it = byName.find(file.name);
+      if (it == byName.end() || it->second.identity != *file.identity) continue;
+      file.date = it->second.date;
+      ++remembered;
+    }
+  }
+}
+
+}  // namespace
 
 namespace {
 
@@ -278,15 +403,29 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
 
 }  // namespace
 
-std::shared_ptr<QEVMemoryPruner::Index> QEVMemoryPruner::sharedIndex(const fs::path& rootDirectory,
-                                                                     qevr::FileSystem& fileSystem) {
+std::shared_ptr<QEVMemoryPruner::Index> QEVMemoryPruner::makeIndex(
+    fs::path rootDirectory, qevr::FileSystem& fileSystem, std::optional<fs::path> datesFile) {
+  return std::make_shared<Index>(std::move(rootDirectory), fileSystem, std::move(datesFile));
+}
+
+fs::path QEVMemoryPruner::datesFileFor(const fs::path& rootDirectory) {
+  fs::path root = rootDirectory;
+  if (!root.has_filename()) root = root.parent_path();
+  fs::path dates = root;
+  dates += ".dates";
+  return dates;
+}
+
+std::shared_ptr<QEVMemoryPruner::Index> QEVMemoryPruner::sharedIndex(
+    const fs::path& rootDirectory, qevr::FileSystem& fileSystem,
+    std::optional<fs::path> datesFile) {
   // Only the last store's index is kept: a process has one store, and tests
   // that go through many roots should not keep a watch open on each.
   static qevr::Mutex lock;  // guards `last`
   static std::shared_ptr<Index> last;
   qevr::MutexLock guard(lock);
   if (!last || last->root != rootDirectory || &last->files != &fileSystem) {
-    last = std::make_shared<Index>(rootDirectory, fileSystem);
+    last = makeIndex(rootDirectory, fileSystem, std::move(datesFile));
   }
   return last;
 }
@@ -296,7 +435,7 @@ QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileS
     : root(std::move(rootDirectory)),
       files(fileSystem),
       executor(runExecutor),
-      index(givenIndex ? std::move(givenIndex) : std::make_shared<Index>(root, files)) {}
+      index(givenIndex ? std::move(givenIndex) : makeIndex(root, files)) {}
 
 QEVMemoryPruner::~QEVMemoryPruner() = default;
 
@@ -325,12 +464,32 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         qevr::MutexLock guard(index->lock);
         refresh(files, root / "events", index->events);
         refresh(files, root / "sessions", index->sessions);
-        DateReader dates(files, rememberedIn(index->events) + rememberedIn(index->sessions));
+        if (index->datesFile && !index->datesFileRead) {
+          index->datesFileRead = true;
+          applyKeptDates(files, *index->datesFile, index->events, index->sessions);
+        }
+        const std::size_t rememberedBefore =
+            rememberedIn(index->events) + rememberedIn(index->sessions);
+        DateReader dates(files, rememberedBefore);
         // A failure leaves what the run learnt in the index, so that a store
         // stuck on a damaged file reads only that file on later runs.
         std::vector<Candidate> all =
             listCandidates(files, root, index->events, index->sessions, dates, stop);
         readBytes = dates.readBytes();
+        if (index->datesFile && readBytes > 0) {
+          index->learntSinceWritten +=
+              rememberedIn(index->events) + rememberedIn(index->sessions) - rememberedBefore;
+          if (!index->datesFileWritten || index->learntSinceWritten >= kSaveDatesAfterLearning) {
+            try {
+              files.writeFileAtomically(*index->datesFile,
+                                        encodeDates(index->events, index->sessions));
+              index->datesFileWritten = true;
+              index->learntSinceWritten = 0;
+            } catch (const std::exception&) {
+              // A cache that cannot be written costs the next process reads.
+            }
+          }
+        }
         const std::vector<bool> marked = markForDeletion(all, options, now);
 
         // Runs may overlap with another process's, so a marked file can

@@ -49,9 +49,30 @@ class QEVMemoryPruner {
 
   // The index of the store at `rootDirectory` on `files` (which must
   // outlive it), the same one each time for the same store until another is
-  // asked for. Thread-safe.
+  // asked for. Thread-safe. With a `datesFile`, a new index starts from the
+  // dates kept there by an earlier process, and keeps what it learns there
+  // for the next; see makeIndex.
   static std::shared_ptr<Index> sharedIndex(const std::filesystem::path& rootDirectory,
-                                            qevr::FileSystem& files);
+                                            qevr::FileSystem& files,
+                                            std::optional<std::filesystem::path> datesFile = {});
+
+  // A new index. With a `datesFile`, its first run takes the dates kept
+  // there for files whose name and identity (device, inode, size and
+  // modification time) are unchanged, instead of reading those files; a
+  // run that has read files writes the dates it knows there, when it is
+  // the index's first or has learnt kSaveDatesAfterLearning since the last
+  // write. The file is a cache: one that is missing, damaged or hostile
+  // is ignored, and a failed write is dropped.
+  static std::shared_ptr<Index> makeIndex(std::filesystem::path rootDirectory,
+                                          qevr::FileSystem& files,
+                                          std::optional<std::filesystem::path> datesFile = {});
+
+  // Where the default stack keeps its dates: beside the store's root, not
+  // in it, so that the store's files and their sizes are the store's alone
+  // ("<root>.dates").
+  static std::filesystem::path datesFileFor(const std::filesystem::path& rootDirectory);
+
+  static constexpr std::size_t kSaveDatesAfterLearning = 64;
 
   // `files` and `executor` must outlive the pruner. Without an `index`, the
   // pruner starts one of its own; one from sharedIndex must be for the same

@@ -10,8 +10,10 @@
 
 #include "MemoryTestSupport.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <limits>
 #include <map>
 #include <set>
@@ -389,6 +391,69 @@ TEST_F(QEVMemoryPrunerTest, WhatRunsRememberFollowsEveryChangeToTheStore) {
       real.removeItem(root);
     }
   }
+}
+
+// A new process starts from the dates the last one kept, for the files
+// whose identity is unchanged; a kept file that is damaged or hostile is
+// ignored whole, never trusted in part. Clearing the store takes it too.
+TEST_F(QEVMemoryPrunerTest, KeptDatesSpareTheNextProcessItsReads) {
+  const fs::path kept = root / "kept.dates";  // outside events/ and sessions/
+  const auto edit = [&](auto change) {
+    std::vector<std::uint8_t> bytes = real.readFile(kept, kMB);
+    change(bytes);
+    real.writeFileAtomically(kept, bytes);
+  };
+  fs::path old;
+  const struct {
+    const char* name;
+    std::function<void()> change;
+    int reads;  // the kept file among them
+  } cases[] = {
+      {"kept as written", [] {}, 1},
+      {"a file replaced since",
+       [&] {
+         add(chunk("again", 100 * kDay, {}, 40), QEVRUUID::parse(old.stem().string()).value());
+       },
+       2},
+      {"gone", [&] { real.removeItem(kept); }, 3},
+      {"truncated", [&] { edit([](auto& b) { b.pop_back(); }); }, 4},
+      {"a byte too many", [&] { edit([](auto& b) { b.push_back(0); }); }, 4},
+      {"another format", [&] { edit([](auto& b) { b[6] = '2'; }); }, 4},
+      {"a count past the limit", [&] { edit([](auto& b) { b[11] = 0xFF; }); }, 4},
+      {"an unknown kind", [&] { edit([](auto& b) { b[12] = 7; }); }, 4},
+      {"a date that is not a number",
+       [&] { edit([](auto& b) { std::fill(b.end() - 8, b.end(), 0xFF); }); }, 4},
+      {"not a dates file", [&] { real.writeFileAtomically(kept, bytesOf("{}")); }, 4},
+  };
+  const QEVMemoryOptions keepAll =
+      options(std::numeric_limits<std::int64_t>::max(), 1'000'000, 1'000'000);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    old = add(chunk("old", 100 * kDay, {}, 40));
+    add(chunk("new", kDay));
+    add(session("new", kDay));
+    files.reads = 0;
+    const QEVMemoryPruner first(root, files, qevr::defaultExecutor(),
+                                QEVMemoryPruner::makeIndex(root, files, kept));
+    ASSERT_EQ(first.prune(keepAll), QEVMemoryPruningSummary{});
+    ASSERT_EQ(files.reads, 3);
+    ASSERT_TRUE(real.exists(kept));
+    c.change();
+
+    const QEVMemoryPruner next(root, files, qevr::defaultExecutor(),
+                               QEVMemoryPruner::makeIndex(root, files, kept));
+    files.reads = 0;
+    EXPECT_EQ(next.prune(QEVMemoryOptions()), (QEVMemoryPruningSummary{1, 0, 40}));
+    EXPECT_EQ(files.reads, c.reads);
+    EXPECT_FALSE(real.exists(old));
+    real.removeItem(root);
+  }
+
+  const fs::path beside = QEVMemoryPruner::datesFileFor(root);
+  EXPECT_EQ(beside, fs::path(root.string() + ".dates"));
+  real.writeFileAtomically(beside, bytesOf("kept"));
+  store.clearAll();
+  EXPECT_FALSE(real.exists(beside));
 }
 
 // Requests made while a run waits join it; a request made once the run has
