@@ -501,7 +501,9 @@ namespace QEVR
         // thread had entered could wait for it at exit). Keep them short. An
         // exception a handler throws is dropped. Do not add or remove
         // handlers from inside a handler. The lines logged before the last
-        // handler is removed reach it before the removal returns; none after.
+        // handler is removed reach it before the removal returns, and none
+        // after. A handler removed while others stay misses the lines still
+        // queued, and may still get one that was on its way.
         public static event EventHandler<LogEventArgs> Log
         {
             add

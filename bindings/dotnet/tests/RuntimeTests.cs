@@ -90,19 +90,17 @@ namespace QEVR.Tests
         [Test]
         public void LinesFromTheLibrarysThreadsReachHandlersOnTheBindingsThread()
         {
-            ConcurrentQueue<string> threads = new ConcurrentQueue<string>();
-            List<LogEventArgs> lines = LinesDuring(() =>
-            {
-                EventHandler<LogEventArgs> where = (sender, line) => threads.Enqueue(Thread.CurrentThread.Name);
-                Qevr.Log += where;
-                Qevr.ConfigureMemory(new MemoryOptions { PruningEnabled = true });
-                Session(() => { });
-                Qevr.Log -= where;
-            });
-            Assert.That(lines.Any(l => l.Category == "Pruning" && l.Text.StartsWith("Pruned 0 event chunks")),
-                string.Join("\n", lines.Select(l => l.Text)));
-            Assert.That(threads.Distinct(), Is.EqualTo(new[] { "QEVR log" }));
-            Assert.That(lines.Select(l => l.Dropped), Is.All.EqualTo(0));
+            ConcurrentQueue<KeyValuePair<string, LogEventArgs>> seen = new ConcurrentQueue<KeyValuePair<string, LogEventArgs>>();
+            EventHandler<LogEventArgs> handler = (sender, line) =>
+                seen.Enqueue(new KeyValuePair<string, LogEventArgs>(Thread.CurrentThread.Name, line));
+            Qevr.Log += handler;
+            Qevr.ConfigureMemory(new MemoryOptions { PruningEnabled = true });
+            Session(() => { });
+            Qevr.Log -= handler;
+            Assert.That(seen.Any(p => p.Value.Category == "Pruning" && p.Value.Text.StartsWith("Pruned 0 event chunks")),
+                string.Join("\n", seen.Select(p => p.Value.Text)));
+            Assert.That(seen.Select(p => p.Key).Distinct(), Is.EqualTo(new[] { "QEVR log" }));
+            Assert.That(seen.Select(p => p.Value.Dropped), Is.All.EqualTo(0));
         }
 
         [Test]
@@ -120,16 +118,16 @@ namespace QEVR.Tests
         [Test]
         public void AThrowingHandlerKeepsNeitherTheCallNorTheOtherHandlersFromTheLine()
         {
+            // The collector goes last, so that its removal waits for the line.
             EventHandler<LogEventArgs> throwing = (sender, line) => { throw new InvalidOperationException("handler fault"); };
+            ConcurrentQueue<string> texts = new ConcurrentQueue<string>();
+            EventHandler<LogEventArgs> collector = (sender, line) => texts.Enqueue(line.Text);
             Qevr.Log += throwing;
-            try
-            {
-                Assert.That(LinesDuring(() => Qevr.ClearMemory()).Select(l => l.Text), Is.EqualTo(new[] { "Cleared local QEVMemory storage" }));
-            }
-            finally
-            {
-                Qevr.Log -= throwing;
-            }
+            Qevr.Log += collector;
+            Qevr.ClearMemory();
+            Qevr.Log -= throwing;
+            Qevr.Log -= collector;
+            Assert.That(texts, Is.EqualTo(new[] { "Cleared local QEVMemory storage" }));
         }
 
         [Test]
