@@ -97,20 +97,10 @@ class CallbackLogSink final : public qevr::LogSink {
   int inFlight QEVR_GUARDED_BY(lock) = 0;
 };
 
+// The C level's name, as the queue's lines give it.
 const char* levelName(qevr::LogType type) {
-  switch (type) {
-    case qevr::LogType::debug:
-      return "debug";
-    case qevr::LogType::info:
-      return "info";
-    case qevr::LogType::default_:
-      return "default";
-    case qevr::LogType::error:
-      return "error";
-    case qevr::LogType::fault:
-      return "fault";
-  }
-  return "default";
+  static constexpr const char* kNames[] = {"debug", "info", "default", "error", "fault"};
+  return kNames[levelOf(type)];
 }
 
 // One line as logged, kept until the host takes it.

@@ -13,12 +13,6 @@ namespace QEVR
     {
         private const string Library = "qevr";
 
-        // Only ever called with null here: the binding takes its lines from
-        // the log queue.
-        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
-        internal delegate void LogCallback(IntPtr subsystem, IntPtr category, int level, IntPtr text,
-            IntPtr userData);
-
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern IntPtr qevr_version();
 
@@ -37,8 +31,9 @@ namespace QEVR
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern void qevr_cancel_token_free(IntPtr token);
 
+        // Only ever given NULL here: the binding takes its lines from the queue.
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
-        internal static extern int qevr_set_log_callback(LogCallback callback, IntPtr userData);
+        internal static extern int qevr_set_log_callback(IntPtr callback, IntPtr userData);
 
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int qevr_set_log_queue(long capacity);

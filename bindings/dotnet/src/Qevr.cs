@@ -539,7 +539,7 @@ namespace QEVR
         // unless this is the pump (a handler that broke the rule above).
         private static void StopPump()
         {
-            Native.qevr_set_log_callback(null, IntPtr.Zero);
+            Native.qevr_set_log_callback(IntPtr.Zero, IntPtr.Zero);
             Thread pump = logPump;
             logPump = null;
             if (pump != null && pump != Thread.CurrentThread) pump.Join();
