@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <exception>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -283,6 +284,33 @@ std::size_t QEVMemoryStore::forEachEventChunk(
   for (QEVMemoryEventChunk& chunk : chunks)
     visit(std::move(chunk));
   return 0;
+}
+
+std::optional<std::string> QEVMemoryStore::loadOutcomeLog(std::stop_token) {
+  return std::nullopt;
+}
+
+void QEVMemoryStore::saveOutcomeLog(std::string_view, std::stop_token) {
+  throw std::logic_error("this store keeps no outcome log");
+}
+
+std::optional<std::string> QEVFileMemoryStore::loadOutcomeLog(std::stop_token stop) {
+  return runFileWork(executor, stop, [&]() -> std::optional<std::string> {
+    const fs::path file = root / kOutcomeLogFile;
+    if (!files.exists(file)) return std::nullopt;
+    const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxOutcomeLogBytes);
+    return std::string(asText(bytes));
+  });
+}
+
+void QEVFileMemoryStore::saveOutcomeLog(std::string_view bytes, std::stop_token stop) {
+  if (bytes.size() > kQEVMemoryMaxOutcomeLogBytes) {
+    throw std::length_error("outcome log larger than its limit");
+  }
+  runFileWork(executor, stop, [&] {
+    files.createDirectories(root);
+    files.writeFileAtomically(root / kOutcomeLogFile, bytesOf(bytes));
+  });
 }
 
 std::unique_ptr<qevr::LockedFile> QEVFileMemoryStore::lockSessionMarker(const QEVRUUID& sessionId,

@@ -93,4 +93,16 @@ std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync() {
   return qevr::runAsFuture([](std::stop_token stop) { return intelligenceSnapshot(stop); });
 }
 
+std::vector<QEVSessionGraph> sessionGraphs(std::stop_token stop) {
+  return resolveStore()->loadSessionGraphs(stop);
+}
+
+std::optional<std::string> outcomeLog(std::stop_token stop) {
+  return resolveStore()->loadOutcomeLog(stop);
+}
+
+void saveOutcomeLog(std::string_view bytes, std::stop_token stop) {
+  resolveStore()->saveOutcomeLog(bytes, stop);
+}
+
 }  // namespace QEVR::Memory

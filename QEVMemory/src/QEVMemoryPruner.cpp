@@ -351,8 +351,10 @@ std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& r
 // The three passes, each adding to `marked` (parallel to `all`). The sorts
 // are stable so that ties keep the order of `all`: chunks before sessions,
 // then listing order.
+// `fixedBytes` is what the budget holds that pruning never removes.
 std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
-                                  const QEVMemoryOptions& options, QEVRDate now) {
+                                  const QEVMemoryOptions& options, QEVRDate now,
+                                  std::uint64_t fixedBytes) {
   std::vector<bool> marked(all.size(), false);
 
   // Age: strictly older than the cutoff. A chunk exactly as old as allowed
@@ -385,7 +387,7 @@ std::vector<bool> markForDeletion(const std::vector<Candidate>& all,
   }
   const std::uint64_t budget = static_cast<std::uint64_t>(megabytes) * kBytesPerMB;
   std::vector<std::size_t> remaining;
-  std::uint64_t total = 0;
+  std::uint64_t total = fixedBytes;
   for (std::size_t i = 0; i < all.size(); ++i) {
     if (marked[i]) continue;
     remaining.push_back(i);
@@ -490,7 +492,10 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
             }
           }
         }
-        const std::vector<bool> marked = markForDeletion(all, options, now);
+        // The outcome log, when there is one, takes its share of the budget.
+        const std::uint64_t fixedBytes =
+            files.fileSize(root / QEVFileMemoryStore::kOutcomeLogFile).value_or(0);
+        const std::vector<bool> marked = markForDeletion(all, options, now, fixedBytes);
 
         // Runs may overlap with another process's, so a marked file can
         // already be gone; that is not an error and not a deletion of ours.

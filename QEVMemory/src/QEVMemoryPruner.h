@@ -1,6 +1,7 @@
 // Keeps the store within the limits of QEVMemoryOptions: by age, by number
 // of sessions and by disk usage, over events/*.json and sessions/*.json.
-// user/graph.json is never touched.
+// user/graph.json is never touched; outcomes.json is never touched either,
+// but its size counts against the disk budget.
 #pragma once
 
 #include <QEVMemory/QEVMemoryOptions.h>

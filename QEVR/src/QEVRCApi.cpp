@@ -423,4 +423,45 @@ qevr_status qevr_generate(const char* domain_json, const char* policy_json,
   });
 }
 
+qevr_status qevr_set_outcome_learning(int enabled) {
+  return guarded([&] { QEVR::Recommendations::setOutcomeLearning(enabled != 0); });
+}
+
+qevr_status qevr_outcome_learning(int* out_enabled) {
+  return guarded([&] {
+    if (out_enabled == nullptr)
+      throw Failure(QEVR_ERROR_INVALID_ARGUMENT, "out_enabled must not be NULL");
+    *out_enabled = QEVR::Recommendations::outcomeLearning() ? 1 : 0;
+  });
+}
+
+qevr_status qevr_record_outcome(const char* recommendation_json, const char* outcome) {
+  return guarded([&] {
+    const std::string_view json = requiredText(recommendation_json, "recommendation_json");
+    const std::string_view text = requiredText(outcome, "outcome");
+    const std::optional<QEVRecommendationOutcome> parsed = recommendationOutcomeFromRawValue(text);
+    if (!parsed) {
+      throw Failure(QEVR_ERROR_INVALID_ARGUMENT,
+                    "outcome must be \"shown\", \"applied\" or \"dismissed\"");
+    }
+    const QEVRecommendation recommendation =
+        decodeArgument("recommendation_json", [&] { return QEVRecommendation::fromJSON(json); });
+    if (!QEVR::Recommendations::recordOutcome(recommendation, *parsed)) {
+      throw Failure(QEVR_ERROR_STATE, "outcome learning is off");
+    }
+  });
+}
+
+qevr_status qevr_outcomes(char** out_json) {
+  return guarded([&] {
+    prepareOut(out_json, "out_json");
+    qevr::json::Writer writer;
+    writer.beginArray();
+    for (const QEVRecommendationOutcomeHistory& history : QEVR::Recommendations::outcomes())
+      history.encode(writer, true);
+    writer.endArray();
+    handOut(out_json, writer.take());
+  });
+}
+
 }  // extern "C"

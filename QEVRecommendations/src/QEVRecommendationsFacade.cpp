@@ -4,6 +4,7 @@
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 
+#include "QEVRecommendationOutcomeStore.h"
 #include "QEVRecommendationsRuntime.h"
 
 #include <memory>
@@ -34,6 +35,23 @@ std::future<std::vector<QEVRecommendation>> generateAsync(QEVExperienceDomain do
 
 void clearCache() {
   QEVRecommendationsRuntime::shared().cache()->clear();
+}
+
+void setOutcomeLearning(bool enabled) {
+  QEVRecommendationOutcomeStore::shared().setLearning(enabled);
+}
+
+bool outcomeLearning() {
+  return QEVRecommendationOutcomeStore::shared().learning();
+}
+
+bool recordOutcome(const QEVRecommendation& recommendation, QEVRecommendationOutcome outcome,
+                   std::stop_token stop) {
+  return QEVRecommendationOutcomeStore::shared().record(recommendation, outcome, std::move(stop));
+}
+
+std::vector<QEVRecommendationOutcomeHistory> outcomes(std::stop_token stop) {
+  return QEVRecommendationOutcomeStore::shared().histories(std::move(stop));
 }
 
 }  // namespace QEVR::Recommendations

@@ -1,5 +1,7 @@
 #include "QEVRecommendationsRuntime.h"
 
+#include "QEVRecommendationOutcomeStore.h"
+
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 
 QEVRecommendationsRuntime& QEVRecommendationsRuntime::shared() {
@@ -49,6 +51,7 @@ std::vector<QEVRecommendation> QEVRecommendationsRuntime::generate(
     current = generator;
   }
   if (!active) return {};
-  return current->generate(
-      domain, policy ? *policy : QEVRecommendationPolicy::defaultPolicy(domain), std::move(stop));
+  std::vector<QEVRecommendation> generated = current->generate(
+      domain, policy ? *policy : QEVRecommendationPolicy::defaultPolicy(domain), stop);
+  return QEVRecommendationOutcomeStore::shared().holdBack(std::move(generated), stop);
 }

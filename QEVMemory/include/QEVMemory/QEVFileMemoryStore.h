@@ -4,6 +4,7 @@
 //   <root>/sessions/<UUID>.json  one session graph
 //   <root>/user/graph.json       the user graph
 //   <root>/live/<UUID>.lock      a session still being written (continuity)
+//   <root>/outcomes.json         the recommendations' outcome log (opt-in)
 //
 // <root> defaults to <application support>/QEVR/Memory. Every file is
 // written atomically, whole; the layout is shared with QEVMemoryPruner.
@@ -87,6 +88,11 @@ class QEVR_API QEVFileMemoryStore : public QEVMemoryStore {
   std::vector<QEVRUUID> sessionMarkers() override;
   bool hasSessionGraph(const QEVRUUID& sessionId) override;
   std::size_t forEachEventChunk(const std::function<void(QEVMemoryEventChunk&&)>& visit) override;
+  std::optional<std::string> loadOutcomeLog(std::stop_token stop = {}) override;
+  void saveOutcomeLog(std::string_view bytes, std::stop_token stop = {}) override;
+
+  // The outcome log's name below the root; the pruner counts its size.
+  static constexpr const char* kOutcomeLogFile = "outcomes.json";
 
  private:
   void writeEventChunk(const QEVMemoryEventChunk& chunk);

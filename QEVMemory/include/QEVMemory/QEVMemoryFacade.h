@@ -3,10 +3,15 @@
 
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 #include <QEVMemory/QEVMemoryOptions.h>
+#include <QEVMemory/QEVSessionGraph.h>
 #include <QEVRPlatform/Export.h>
 
 #include <future>
+#include <optional>
 #include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
 
 // The public face of memory. Works whether or not the module runs: each
 // disk operation uses the override store or builds one of its own. Each
@@ -58,4 +63,14 @@ QEVR_API void clearMemory(std::stop_token stop = {});
 QEVR_API std::future<void> clearMemoryAsync();
 QEVR_API QEVMemoryIntelligenceSnapshot intelligenceSnapshot(std::stop_token stop = {});
 QEVR_API std::future<QEVMemoryIntelligenceSnapshot> intelligenceSnapshotAsync();
+
+// The stored session graphs, in file-name order: what the recommendations
+// layer measures the effect of an applied recommendation on.
+QEVR_API std::vector<QEVSessionGraph> sessionGraphs(std::stop_token stop = {});
+
+// The recommendations layer's outcome log (QEVMemoryStore::loadOutcomeLog):
+// bytes memory keeps for it, counts against maxDiskUsageMB and erases with
+// clearMemory. Absent when there is none.
+QEVR_API std::optional<std::string> outcomeLog(std::stop_token stop = {});
+QEVR_API void saveOutcomeLog(std::string_view bytes, std::stop_token stop = {});
 }  // namespace QEVR::Memory

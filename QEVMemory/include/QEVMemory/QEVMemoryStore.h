@@ -15,6 +15,8 @@
 #include <memory>
 #include <optional>
 #include <stop_token>
+#include <string>
+#include <string_view>
 #include <vector>
 
 // The store contract. Each operation blocks the caller until its file work,
@@ -62,4 +64,16 @@ class QEVR_API QEVMemoryStore {
   // loadEventChunks; a file that does not decode is skipped. Returns how
   // many were skipped.
   virtual std::size_t forEachEventChunk(const std::function<void(QEVMemoryEventChunk&&)>& visit);
+
+  // The outcome log that the recommendations layer keeps in the store: one
+  // small file of bytes that memory stores, counts in the disk budget and
+  // clears with the rest, but never reads itself. Absent when there is
+  // none. A store without one loads nothing and refuses to save (throws
+  // std::logic_error).
+  virtual std::optional<std::string> loadOutcomeLog(std::stop_token stop = {});
+  virtual void saveOutcomeLog(std::string_view bytes, std::stop_token stop = {});
 };
+
+// The largest outcome log a store keeps or loads: a bigger one is refused
+// (std::length_error to save, EFBIG to load) rather than written or read.
+inline constexpr std::uint64_t kQEVMemoryMaxOutcomeLogBytes = 1024 * 1024;

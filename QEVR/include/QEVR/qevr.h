@@ -316,6 +316,35 @@ QEVR_API qevr_status qevr_analyze_skill(const char* domain_json, qevr_cancel_tok
 QEVR_API qevr_status qevr_generate(const char* domain_json, const char* policy_json,
                                    qevr_cancel_token* cancel, char** out_json);
 
+/* ---- Outcomes ----
+ *
+ * Outcome learning, off by default: while it is off every generation is
+ * exactly as without it. When on, qevr_generate leaves out advice that was
+ * dismissed twice in the last 30 days, and advice that was applied unless
+ * its effect is "worse". An advice is one line of history across
+ * generations: its type, action kind and target, not its id. */
+QEVR_API qevr_status qevr_set_outcome_learning(int enabled);
+QEVR_API qevr_status qevr_outcome_learning(int* out_enabled);
+
+/* Records what the host did with a recommendation (one element of
+ * qevr_generate's array): `outcome` is "shown", "applied" or "dismissed".
+ * QEVR_ERROR_STATE while outcome learning is off. Blocks for one small
+ * atomic file write. */
+QEVR_API qevr_status qevr_record_outcome(const char* recommendation_json, const char* outcome);
+
+/* A JSON array of histories, in the order first recorded:
+ *   {"key":"gameplay/adjustDifficulty/decrease","type":"gameplay",
+ *    "title":…,"action":{…},"shown":2,"applied":1,"dismissed":0,
+ *    "firstRecordedAt":…,"lastRecordedAt":…,"firstAppliedAt":…,
+ *    "dismissedAt":[…],
+ *    "effect":{"effect":"improved","signal":"failuresAndRetries",
+ *              "sessionsBefore":6,"sessionsAfter":5,"before":3.2,"after":0.8},
+ *    "isHeldBack":true}
+ * "effect" ("improved", "unchanged", "worse" or "tooEarly") is present once
+ * applied, for actions that have a figure; it is a change observed in this
+ * user's sessions, not a proof that the recommendation caused it. */
+QEVR_API qevr_status qevr_outcomes(char** out_json);
+
 #ifdef __cplusplus
 }
 #endif
