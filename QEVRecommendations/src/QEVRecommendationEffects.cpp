@@ -42,9 +42,17 @@ Side sideOf(const std::vector<double>& values) {
   return side;
 }
 
-// A change counts when it is larger than twice its standard error, than
-// 15 % of the figure before, and than `smallest`, a floor that keeps a
-// figure near zero from calling noise a change.
+// The two-sided 95 % point of Student's t for 1 to 30 degrees of freedom;
+// past 30 the normal's 1.96 is close enough.
+constexpr double kStudentT95[] = {12.706, 4.303, 3.182, 2.776, 2.571, 2.447, 2.365, 2.306,
+                                  2.262,  2.228, 2.201, 2.179, 2.160, 2.145, 2.131, 2.120,
+                                  2.110,  2.101, 2.093, 2.086, 2.080, 2.074, 2.069, 2.064,
+                                  2.060,  2.056, 2.052, 2.048, 2.045, 2.042};
+
+// A change counts when it passes a pooled two-sample t test at 95 %, and
+// is larger than 15 % of the figure before and than `smallest`, a floor
+// that keeps a figure near zero from calling noise a change. Few sessions
+// make the test strict rather than the answer a guess.
 QEVRecommendationEffect compare(const Side& before, const Side& after, bool lowerIsBetter,
                                 double smallest) {
   if (before.count < kQEVEffectMinimumSessions || after.count < kQEVEffectMinimumSessions) {
@@ -52,9 +60,12 @@ QEVRecommendationEffect compare(const Side& before, const Side& after, bool lowe
   }
   double gain = after.mean - before.mean;
   if (lowerIsBetter) gain = -gain;
-  const double error = std::sqrt(before.variance / static_cast<double>(before.count) +
-                                 after.variance / static_cast<double>(after.count));
-  const double threshold = std::max({2 * error, 0.15 * std::fabs(before.mean), smallest});
+  const auto nb = static_cast<double>(before.count), na = static_cast<double>(after.count);
+  const double pooled = ((nb - 1) * before.variance + (na - 1) * after.variance) / (nb + na - 2);
+  const double error = std::sqrt(pooled * (1 / nb + 1 / na));
+  const std::int64_t freedom = before.count + after.count - 2;
+  const double t = freedom <= 30 ? kStudentT95[freedom - 1] : 1.96;
+  const double threshold = std::max({t * error, 0.15 * std::fabs(before.mean), smallest});
   if (gain > threshold) return QEVRecommendationEffect::improved;
   if (gain < -threshold) return QEVRecommendationEffect::worse;
   return QEVRecommendationEffect::unchanged;

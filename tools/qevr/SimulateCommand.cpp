@@ -8,12 +8,14 @@
 #include <charconv>
 #include <chrono>
 #include <filesystem>
+#include <iomanip>
 #include <memory>
 #include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "OutcomePersonas.h"
 #include "SimulatedUser.h"
 
 namespace {
@@ -40,21 +42,28 @@ int runSimulateCommand(const std::vector<std::string>& given, std::ostream& out,
   std::vector<std::string> args = given;
   const bool continuity = std::erase(args, std::string("--continuity")) > 0;
   std::optional<std::filesystem::path> dataDir;
-  std::optional<std::uint64_t> events, seed = 1;
+  std::optional<std::uint64_t> events, personas, seed = 1;
+  bool wellFormed = true;
   for (size_t i = 0; i + 1 < args.size(); i += 2) {
     if (args[i] == "--data-dir") {
       dataDir = args[i + 1];
     } else if (args[i] == "--events") {
       events = parseCount(args[i + 1]);
+      wellFormed = wellFormed && events;
+    } else if (args[i] == "--personas") {
+      personas = parseCount(args[i + 1]);
+      wellFormed = wellFormed && personas && *personas > 0 && *personas <= 100000;
     } else if (args[i] == "--seed") {
       seed = parseCount(args[i + 1]);
     } else {
-      events.reset();
+      wellFormed = false;
       break;
     }
   }
-  if (!dataDir || !events || !seed || args.size() % 2 != 0) {
-    err << "usage: qevr simulate --data-dir DIR --events N [--seed S] [--continuity]\n";
+  if (!dataDir || !seed || !wellFormed || events.has_value() == personas.has_value() ||
+      (personas && continuity) || args.size() % 2 != 0) {
+    err << "usage: qevr simulate --data-dir DIR --events N [--seed S] [--continuity]\n"
+           "       qevr simulate --data-dir DIR --personas USERS [--seed S]\n";
     return 2;
   }
   std::error_code error;
@@ -62,6 +71,15 @@ int runSimulateCommand(const std::vector<std::string>& given, std::ostream& out,
   if (error) {
     err << "qevr simulate: cannot create " << dataDir->string() << ": " << error.message() << "\n";
     return 1;
+  }
+  if (personas) {
+    const auto began = qevr::monotonicNow();
+    const std::vector<OutcomePersonaResult> results =
+        playOutcomePersonas(*dataDir, static_cast<int>(*personas), *seed);
+    const bool met = printOutcomePersonaResults(results, out);
+    const double seconds = std::chrono::duration<double>(qevr::monotonicNow() - began).count();
+    out << "played in " << std::fixed << std::setprecision(1) << seconds << " s\n";
+    return met ? 0 : 1;
   }
   qevr::setApplicationSupportDirectoryOverride(*dataDir);
   qevr::ScopedLogSink silent(std::make_shared<SilentLogSink>());
