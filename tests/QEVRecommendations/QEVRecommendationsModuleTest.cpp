@@ -9,6 +9,7 @@
 #include <QEVRecommendations/QEVRecommendationsModule.h>
 #include "ManualExecutor.h"
 #include "QEVRecommendationsRuntime.h"
+#include "RecommendationTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -21,6 +22,8 @@
 namespace {
 
 namespace Recommendations = QEVR::Recommendations;
+using qevr::testing::Strings;
+using qevr::testing::titlesOf;
 
 class QEVRecommendationsModuleTest : public ::testing::Test {
  protected:
@@ -41,6 +44,8 @@ class QEVRecommendationsModuleTest : public ::testing::Test {
     EXPECT_EQ(executor.pending(), 0u);
     registry().removeAll();
     QEVRecommendationsRuntime::shared().reset();
+    Recommendations::setOutcomeLearning(false);
+    qevr::setClock(nullptr);
     qevr::setApplicationSupportDirectoryOverride(std::nullopt);
     std::error_code ignored;
     std::filesystem::remove_all(directory, ignored);
@@ -179,6 +184,55 @@ TEST_F(QEVRecommendationsModuleTest, AsyncFormsGiveTheBlockingResult) {
   EXPECT_EQ(Recommendations::generateAsync().get(), blocking);  // cached
   const QEVRecommendationPolicy none(0.0, true, true, true, false);
   EXPECT_TRUE(Recommendations::generateAsync(QEVExperienceDomain::mobileApp(), none).get().empty());
+}
+
+// Off, outcomes are refused and generation is untouched; on, advice
+// dismissed twice stays away for 30 days, and nothing else does.
+TEST_F(QEVRecommendationsModuleTest, OutcomeLearningHoldsBackDismissedAdvice) {
+  auto clock = std::make_shared<qevr::ManualClock>(QEVRDate{800000000});
+  qevr::setClock(clock);
+  storeUserGraph();
+  registry().registerModule(QEVRecommendationsIntegration::makeModule());
+  QEVR::start(configuration(true), executor);
+  const std::vector<QEVRecommendation> all = Recommendations::generate();
+  ASSERT_GE(all.size(), 2u);
+  const std::filesystem::path log = directory / "QEVR" / "Memory" / "outcomes.json";
+
+  EXPECT_FALSE(Recommendations::recordOutcome(all[0], QEVRecommendationOutcome::dismissed));
+  EXPECT_FALSE(std::filesystem::exists(log));
+  EXPECT_EQ(sink->texts("com.qevr.recommendations", "Outcomes"),
+            Strings{"Outcome not recorded: outcome learning is off"});
+
+  Recommendations::setOutcomeLearning(true);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(Recommendations::recordOutcome(all[0], QEVRecommendationOutcome::dismissed));
+  }
+  EXPECT_TRUE(std::filesystem::exists(log));
+  std::vector<QEVRecommendation> rest(all.begin() + 1, all.end());
+  auto titles = [](const std::vector<QEVRecommendation>& list) { return titlesOf(list); };
+  EXPECT_EQ(titles(Recommendations::generate()), titles(rest));
+  const auto histories = Recommendations::outcomes();
+  ASSERT_EQ(histories.size(), 1u);
+  EXPECT_EQ(histories[0].dismissedCount, 2);
+  EXPECT_TRUE(histories[0].isHeldBack);
+
+  Recommendations::setOutcomeLearning(false);
+  EXPECT_EQ(Recommendations::generate(), all);
+  Recommendations::setOutcomeLearning(true);
+  clock->advance(30 * 86400);
+  Recommendations::clearCache();
+  EXPECT_EQ(titles(Recommendations::generate()), titles(all));
+
+  // A damaged log holds nothing back and is started afresh by the next
+  // recording.
+  clock->set(QEVRDate{800000000});
+  std::filesystem::resize_file(log, 10);
+  EXPECT_EQ(titles(Recommendations::generate()), titles(all));
+  EXPECT_TRUE(Recommendations::outcomes().empty());
+  EXPECT_TRUE(Recommendations::recordOutcome(all[1], QEVRecommendationOutcome::applied));
+  EXPECT_EQ(sink->texts("com.qevr.recommendations", "Outcomes").back(),
+            "Outcome log could not be read; starting a new one");
+  EXPECT_EQ(Recommendations::outcomes().size(), 1u);
 }
 
 }  // namespace
