@@ -144,7 +144,6 @@ namespace QEVR.Tests
         // the number itself must not change.
         [TestCase(817208307.3281224)]
         [TestCase(0.1)]
-        [TestCase(-2.2250738585072014E-308)]
         public void RecommendationKeepsItsNumbersExactly(double number)
         {
             string json = "[{\"id\":\"X\",\"type\":\"ui\",\"title\":\"T\",\"summary\":\"S\",\"confidence\":" +
@@ -156,64 +155,45 @@ namespace QEVR.Tests
             Assert.That(back["createdAt"], Is.TypeOf<long>());
         }
 
-        private const string History = "{\"key\":\"navigation/suggestShortcut/home|level\",\"type\":\"navigation\"," +
-            "\"title\":\"T\",\"action\":{\"kind\":\"suggestShortcut\",\"sourceScreen\":\"Home\"," +
-            "\"destinationScreen\":\"Level\",\"shortcutId\":\"s\"},\"shown\":2,\"applied\":1,\"dismissed\":1," +
-            "\"firstRecordedAt\":0,\"lastRecordedAt\":86400.5,\"firstAppliedAt\":60,\"dismissedAt\":[30]";
+        private const string History = "[{\"key\":\"navigation/suggestShortcut/home|level\",\"type\":\"navigation\"," +
+            "\"title\":\"T\",\"action\":{\"kind\":\"suggestShortcut\",\"destinationScreen\":\"Level\"},\"shown\":2," +
+            "\"applied\":1,\"dismissed\":1,\"firstRecordedAt\":0,\"lastRecordedAt\":86400.5,\"firstAppliedAt\":60," +
+            "\"dismissedAt\":[30],\"effect\":{\"effect\":\"improved\",\"signal\":\"destinationSteps\",\"sessionsBefore\":6," +
+            "\"sessionsAfter\":5,\"before\":3.2,\"after\":0.8,\"reachedBefore\":0.5,\"reachedAfter\":1},\"isHeldBack\":true}]";
 
-        public static readonly object[] Histories =
+        [Test]
+        public void OutcomeHistoryDecodesItsCountsDatesAndEffect()
         {
-            new object[] { History + ",\"effect\":{\"effect\":\"improved\",\"signal\":\"destinationSteps\",\"sessionsBefore\":6," +
-                "\"sessionsAfter\":5,\"before\":3.2,\"after\":0.8,\"reachedBefore\":0.5,\"reachedAfter\":1},\"isHeldBack\":true}",
-                "improved", 0.5, true },
-            new object[] { History + ",\"effect\":{\"effect\":\"worse\",\"signal\":\"destinationSteps\",\"sessionsBefore\":6," +
-                "\"sessionsAfter\":5,\"before\":3.2,\"after\":0.8},\"isHeldBack\":false}", "worse", null, false },
-            new object[] { History + ",\"isHeldBack\":false}", null, null, false },
-        };
-
-        [TestCaseSource("Histories")]
-        public void OutcomeHistoryDecodesItsCountsDatesAndEffect(string json, string effect, double? reachedBefore, bool heldBack)
-        {
-            OutcomeHistory h = OutcomeHistory.ListFromJson("[" + json + "]")[0];
+            OutcomeHistory h = OutcomeHistory.ListFromJson(History)[0];
             Assert.That(h.Key, Is.EqualTo("navigation/suggestShortcut/home|level"));
             Assert.That(h.Action.DestinationScreen, Is.EqualTo("Level"));
             Assert.That(new[] { h.Shown, h.Applied, h.Dismissed }, Is.EqualTo(new[] { 2L, 1L, 1L }));
-            Assert.That(h.FirstRecordedAt, Is.EqualTo(Dates.Reference));
             Assert.That(h.LastRecordedAt, Is.EqualTo(new DateTime(2001, 1, 2, 0, 0, 0, 500, DateTimeKind.Utc)));
             Assert.That(h.FirstAppliedAt, Is.EqualTo(Dates.Reference.AddMinutes(1)));
             Assert.That(h.DismissedAt, Is.EqualTo(new[] { Dates.Reference.AddSeconds(30) }));
-            Assert.That(h.IsHeldBack, Is.EqualTo(heldBack));
-            if (effect == null)
-            {
-                Assert.That(h.Effect, Is.Null);
-                return;
-            }
-            Assert.That(h.Effect.Effect, Is.EqualTo(effect));
-            Assert.That(h.Effect.Signal, Is.EqualTo("destinationSteps"));
-            Assert.That(new[] { h.Effect.SessionsBefore, h.Effect.SessionsAfter }, Is.EqualTo(new[] { 6L, 5L }));
-            Assert.That(new[] { h.Effect.Before, h.Effect.After }, Is.EqualTo(new[] { 3.2, 0.8 }));
-            Assert.That(h.Effect.ReachedBefore, Is.EqualTo(reachedBefore));
-            Assert.That(h.Effect.ReachedAfter, Is.EqualTo(reachedBefore == null ? (double?)null : 1.0));
+            Assert.That(h.IsHeldBack, Is.True);
+            Assert.That(new object[] { h.Effect.Effect, h.Effect.Signal, h.Effect.SessionsBefore, h.Effect.SessionsAfter },
+                Is.EqualTo(new object[] { "improved", "destinationSteps", 6L, 5L }));
+            Assert.That(new[] { h.Effect.Before, h.Effect.After, h.Effect.ReachedBefore, h.Effect.ReachedAfter },
+                Is.EqualTo(new double?[] { 3.2, 0.8, 0.5, 1.0 }));
+
+            // Not applied, never dismissed, no effect; a member it does not know is passed over.
+            OutcomeHistory bare = OutcomeHistory.ListFromJson(History.Replace(",\"firstAppliedAt\":60", "")
+                .Replace("\"dismissedAt\":[30],\"effect\":", "\"dismissedAt\":[],\"later\":"))[0];
+            Assert.That(bare.FirstAppliedAt, Is.Null);
+            Assert.That(bare.DismissedAt, Is.Empty);
+            Assert.That(bare.Effect, Is.Null);
         }
 
-        [TestCase(",\"isHeldBack\":1}", "outcomes[0].isHeldBack: expected true or false")]
-        [TestCase("}", "outcomes[0].isHeldBack: missing")]
-        [TestCase(",\"effect\":{\"effect\":\"improved\",\"signal\":\"featureUse\",\"sessionsBefore\":1.5}," +
-            "\"isHeldBack\":true}", "outcomes[0].effect.sessionsBefore: expected an integer")]
-        [TestCase(",\"effect\":[],\"isHeldBack\":true}", "outcomes[0].effect: expected an object")]
-        public void OutcomeHistoryOfTheWrongShapeNamesThePath(string tail, string message)
+        [TestCase("\"isHeldBack\":true", "\"isHeldBack\":1", "outcomes[0].isHeldBack: expected true or false")]
+        [TestCase(",\"isHeldBack\":true", "", "outcomes[0].isHeldBack: missing")]
+        [TestCase("\"sessionsBefore\":6", "\"sessionsBefore\":1.5", "outcomes[0].effect.sessionsBefore: expected an integer")]
+        [TestCase("\"dismissedAt\":[30]", "\"dismissedAt\":[30,null]", "outcomes[0].dismissedAt[1]: expected a number")]
+        [TestCase("\"dismissedAt\":[30]", "\"dismissedAt\":[1e300]", "outcomes[0].dismissedAt[0]: date out of range")]
+        [TestCase("\"dismissedAt\":[30]", "\"dismissedAt\":30", "outcomes[0].dismissedAt: expected an array")]
+        public void OutcomeHistoryOfTheWrongShapeNamesThePath(string good, string bad, string message)
         {
-            string json = "[" + History + tail + "]";
-            StringAssert.Contains(message, Assert.Throws<QevrInvalidJsonException>(() => OutcomeHistory.ListFromJson(json)).Message);
-        }
-
-        [TestCase("[\"30\"]", "outcomes[0].dismissedAt[0]: expected a number")]
-        [TestCase("[30,null]", "outcomes[0].dismissedAt[1]: expected a number")]
-        [TestCase("{}", "outcomes[0].dismissedAt: expected an array")]
-        [TestCase("[1e300]", "outcomes[0].dismissedAt[0]: date out of range")]
-        public void DismissalDatesOfTheWrongShapeNameTheirIndex(string dates, string message)
-        {
-            string json = "[" + History.Replace("\"dismissedAt\":[30]", "\"dismissedAt\":" + dates) + ",\"isHeldBack\":true}]";
+            string json = History.Replace(good, bad);
             StringAssert.Contains(message, Assert.Throws<QevrInvalidJsonException>(() => OutcomeHistory.ListFromJson(json)).Message);
         }
 
