@@ -377,6 +377,40 @@ namespace QEVR
             return this;
         }
 
+        // A value as JsonReader decoded it, written back. Numbers keep the
+        // type the reader gave them: an integer stays an integer, and a
+        // double is written in its round-trip form. `what` names the value
+        // in an exception.
+        internal JsonWriter Value(object value, string what)
+        {
+            if (value == null)
+            {
+                Separate();
+                builder.Append("null");
+                return this;
+            }
+            string text = value as string;
+            if (text != null) return String(text);
+            if (value is bool) return Bool((bool)value);
+            if (value is long) return Integer((long)value);
+            if (value is double) return Number((double)value, what);
+            Dictionary<string, object> members = value as Dictionary<string, object>;
+            if (members != null)
+            {
+                BeginObject();
+                foreach (KeyValuePair<string, object> pair in members) Key(pair.Key).Value(pair.Value, what);
+                return EndObject();
+            }
+            List<object> items = value as List<object>;
+            if (items != null)
+            {
+                BeginArray();
+                foreach (object item in items) Value(item, what);
+                return EndArray();
+            }
+            throw new QevrInternalException(what + " holds a " + value.GetType().FullName + ", not a JSON value");
+        }
+
         // Non-ASCII text is written as it is; the whole text is encoded as
         // UTF-8 afterwards, which refuses lone surrogates.
         private void Quote(string value)
@@ -556,6 +590,20 @@ namespace QEVR
                 texts.Add(text);
             }
             return texts.AsReadOnly();
+        }
+
+        internal IReadOnlyList<DateTime> DateList(string key)
+        {
+            List<object> items = Required(key) as List<object>;
+            if (items == null) throw WrongType(key, "an array");
+            List<DateTime> dates = new List<DateTime>(items.Count);
+            for (int i = 0; i < items.Count; i++)
+            {
+                object item = items[i];
+                if (!(item is long) && !(item is double)) throw WrongType(key + "[" + i + "]", "a number");
+                dates.Add(Dates.FromSeconds(Convert.ToDouble(item), path + "." + key + "[" + i + "]"));
+            }
+            return dates.AsReadOnly();
         }
 
         internal IReadOnlyDictionary<string, long> Counts(string key)

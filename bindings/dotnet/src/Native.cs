@@ -124,6 +124,18 @@ namespace QEVR
 
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int qevr_generate(byte[] domain, byte[] policy, IntPtr cancel, out IntPtr json);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int qevr_set_outcome_learning(int enabled);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int qevr_outcome_learning(out int enabled);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int qevr_record_outcome(byte[] recommendationJson, byte[] outcome);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int qevr_outcomes(out IntPtr json);
     }
 
     // Text across the boundary: UTF-8 both ways, never the platform's code page.

@@ -29,6 +29,14 @@ namespace QEVR
         Fault = 4
     }
 
+    // What the host did with a recommendation.
+    public enum Outcome
+    {
+        Shown,
+        Applied,
+        Dismissed
+    }
+
     // One line the library logged. No line holds host or user data.
     public sealed class LogEventArgs : EventArgs
     {
@@ -475,6 +483,64 @@ namespace QEVR
             RecommendationPolicy policy = null, CancellationToken cancellation = default(CancellationToken))
         {
             return Task.Run(() => Generate(domain, policy, cancellation));
+        }
+
+        // ---- Outcomes
+
+        // Outcome learning, off by default and process-wide. While it is on,
+        // Generate leaves out advice dismissed twice in the last 30 days, and
+        // advice applied unless its effect is "worse".
+        public static void SetOutcomeLearning(bool enabled)
+        {
+            Check(Native.qevr_set_outcome_learning(enabled ? 1 : 0));
+        }
+
+        public static bool GetOutcomeLearning()
+        {
+            int enabled;
+            Check(Native.qevr_outcome_learning(out enabled));
+            return enabled != 0;
+        }
+
+        // Records what the host did with a recommendation Generate returned.
+        // QevrStateException while outcome learning is off. Blocks for one
+        // small file write.
+        public static void RecordOutcome(Recommendation recommendation, Outcome outcome)
+        {
+            string json = recommendation == null ? null : recommendation.ToJson();
+            Check(Native.qevr_record_outcome(Json(json, "recommendation"),
+                Utf8.ToNative(OutcomeText(outcome), "outcome")));
+        }
+
+        public static Task RecordOutcomeAsync(Recommendation recommendation, Outcome outcome)
+        {
+            return Task.Run(() => RecordOutcome(recommendation, outcome));
+        }
+
+        internal static string OutcomeText(Outcome outcome)
+        {
+            switch (outcome)
+            {
+                case Outcome.Shown: return "shown";
+                case Outcome.Applied: return "applied";
+                case Outcome.Dismissed: return "dismissed";
+                default: throw new QevrInvalidArgumentException("outcome " + (int)outcome + " is not an Outcome");
+            }
+        }
+
+        // Every advice with recorded outcomes, in the order first recorded,
+        // with its effect once applied. Readable while learning is off. Reads
+        // the outcome log and, once something was applied, the sessions.
+        public static IReadOnlyList<OutcomeHistory> GetOutcomes()
+        {
+            IntPtr json;
+            int status = Native.qevr_outcomes(out json);
+            return OutcomeHistory.ListFromJson(Taken(status, json));
+        }
+
+        public static Task<IReadOnlyList<OutcomeHistory>> GetOutcomesAsync()
+        {
+            return Task.Run(() => GetOutcomes());
         }
 
         // ---- Log lines

@@ -399,8 +399,16 @@ namespace QEVR
         }
     }
 
+    // Made by Generate only: it keeps the object the library sent, which
+    // RecordOutcome hands back.
     public sealed class Recommendation
     {
+        private object source;
+
+        private Recommendation()
+        {
+        }
+
         public string Id { get; private set; }
         // "ui", "navigation", "feature", "personalization", "gameplay" or
         // "diagnostic".
@@ -436,6 +444,106 @@ namespace QEVR
                     Action = RecommendationAction.FromFields(f.Object("action")),
                     CreatedAt = f.Date("createdAt"),
                     ExpiresAt = f.OptionalDate("expiresAt"),
+                    source = items[i],
+                });
+            }
+            return result.AsReadOnly();
+        }
+
+        // The recommendation as the library sent it, members this binding
+        // does not know included.
+        internal string ToJson()
+        {
+            return new JsonWriter().Value(source, "recommendation").ToString();
+        }
+    }
+
+    // What changed after an advice was first applied, on the one figure
+    // that fits its action, comparing this user's latest sessions before
+    // with those after. An observed change, not proof that the advice
+    // caused it: anything else that changed in between shows up too.
+    public sealed class OutcomeEffect
+    {
+        // "improved", "unchanged", "worse" or "tooEarly" (too few sessions
+        // on either side to tell).
+        public string Effect { get; private set; }
+        // The figure: "repeatedInteractions", "failuresAndRetries",
+        // "featureUse" or "destinationSteps".
+        public string Signal { get; private set; }
+        public long SessionsBefore { get; private set; }
+        public long SessionsAfter { get; private set; }
+        // The figure's mean over each side's sessions.
+        public double Before { get; private set; }
+        public double After { get; private set; }
+        // "destinationSteps" only: the share of sessions that reached the
+        // destination; null for the other figures.
+        public double? ReachedBefore { get; private set; }
+        public double? ReachedAfter { get; private set; }
+
+        internal static OutcomeEffect FromFields(JsonFields f)
+        {
+            if (f == null) return null;
+            return new OutcomeEffect
+            {
+                Effect = f.String("effect"),
+                Signal = f.String("signal"),
+                SessionsBefore = f.Integer("sessionsBefore"),
+                SessionsAfter = f.Integer("sessionsAfter"),
+                Before = f.Number("before"),
+                After = f.Number("after"),
+                ReachedBefore = f.OptionalNumber("reachedBefore"),
+                ReachedAfter = f.OptionalNumber("reachedAfter"),
+            };
+        }
+    }
+
+    // Every outcome recorded for one advice. The same advice comes back from
+    // each generation with a new Id; its Key ("<type>/<kind>/<target>", for
+    // example "gameplay/adjustDifficulty/decrease") stays.
+    public sealed class OutcomeHistory
+    {
+        public string Key { get; private set; }
+        // Type, Title and Action of the latest recommendation recorded.
+        public string Type { get; private set; }
+        public string Title { get; private set; }
+        public RecommendationAction Action { get; private set; }
+        public long Shown { get; private set; }
+        public long Applied { get; private set; }
+        public long Dismissed { get; private set; }
+        public DateTime FirstRecordedAt { get; private set; }
+        public DateTime LastRecordedAt { get; private set; }
+        // Null until applied; the line between before and after.
+        public DateTime? FirstAppliedAt { get; private set; }
+        // The latest dismissals, oldest first.
+        public IReadOnlyList<DateTime> DismissedAt { get; private set; }
+        // Null until applied, and for actions without a figure (hiding a
+        // component, custom actions).
+        public OutcomeEffect Effect { get; private set; }
+        // Whether outcome learning keeps the advice out of Generate now.
+        public bool IsHeldBack { get; private set; }
+
+        internal static IReadOnlyList<OutcomeHistory> ListFromJson(string json)
+        {
+            List<object> items = JsonFields.ParseArray(json, "outcomes");
+            List<OutcomeHistory> result = new List<OutcomeHistory>(items.Count);
+            for (int i = 0; i < items.Count; i++)
+            {
+                JsonFields f = JsonFields.Of(items[i], "outcomes[" + i + "]");
+                result.Add(new OutcomeHistory
+                {
+                    Key = f.String("key"),
+                    Type = f.String("type"),
+                    Title = f.String("title"),
+                    Action = RecommendationAction.FromFields(f.Object("action")),
+                    Shown = f.Integer("shown"),
+                    Applied = f.Integer("applied"),
+                    Dismissed = f.Integer("dismissed"),
+                    FirstRecordedAt = f.Date("firstRecordedAt"),
+                    LastRecordedAt = f.Date("lastRecordedAt"),
+                    FirstAppliedAt = f.OptionalDate("firstAppliedAt"),
+                    DismissedAt = f.DateList("dismissedAt"),
+                    Effect = OutcomeEffect.FromFields(f.OptionalObject("effect")),
+                    IsHeldBack = f.Bool("isHeldBack"),
                 });
             }
             return result.AsReadOnly();

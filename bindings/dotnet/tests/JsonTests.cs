@@ -126,6 +126,77 @@ namespace QEVR.Tests
             Assert.That(r.ExpiresAt, Is.EqualTo(new DateTime(2000, 12, 31, 23, 59, 59, DateTimeKind.Utc)));
         }
 
+        // Compact, so that what goes back can be compared as text: members
+        // the binding does not read, nulls, integers and doubles included.
+        [TestCase("{\"id\":\"X\",\"type\":\"ui\",\"title\":\"T \\\"q\\\" é\\n\",\"summary\":\"S\",\"confidence\":0.738," +
+            "\"priority\":\"high\",\"reason\":\"R\",\"evidence\":[\"play: 6\"],\"action\":{\"kind\":\"reorderComponent\"," +
+            "\"componentId\":\"play\",\"screenName\":\"Home\",\"targetPosition\":0},\"createdAt\":817208307.25}")]
+        [TestCase("{\"id\":\"X\",\"type\":\"gameplay\",\"title\":\"T\",\"summary\":\"S\",\"confidence\":1,\"priority\":\"low\"," +
+            "\"reason\":\"R\",\"evidence\":[],\"action\":{\"kind\":\"adjustDifficulty\",\"difficultyDelta\":-1.5}," +
+            "\"createdAt\":-0.25,\"expiresAt\":null,\"future\":{\"a\":[1,2.5,null,true,{}],\"b\":\"\\u0001\"}}")]
+        public void RecommendationGoesBackAsItCame(string json)
+        {
+            Recommendation r = Recommendation.ListFromJson("[" + json + "]")[0];
+            Assert.That(r.ToJson(), Is.EqualTo(json));
+        }
+
+        // The runtime may print a double with more digits than it came with;
+        // the number itself must not change.
+        [TestCase(817208307.3281224)]
+        [TestCase(0.1)]
+        public void RecommendationKeepsItsNumbersExactly(double number)
+        {
+            string json = "[{\"id\":\"X\",\"type\":\"ui\",\"title\":\"T\",\"summary\":\"S\",\"confidence\":" +
+                number.ToString("R", CultureInfo.InvariantCulture) + ",\"priority\":\"low\",\"reason\":\"R\",\"evidence\":[]," +
+                "\"action\":{\"kind\":\"custom\",\"customPayload\":{}},\"createdAt\":0}]";
+            Dictionary<string, object> back = (Dictionary<string, object>)JsonReader.Parse(Recommendation.ListFromJson(json)[0].ToJson());
+            Assert.That(back["confidence"], Is.TypeOf<double>());
+            Assert.That((double)back["confidence"], Is.EqualTo(number));
+            Assert.That(back["createdAt"], Is.TypeOf<long>());
+        }
+
+        private const string History = "[{\"key\":\"navigation/suggestShortcut/home|level\",\"type\":\"navigation\"," +
+            "\"title\":\"T\",\"action\":{\"kind\":\"suggestShortcut\",\"destinationScreen\":\"Level\"},\"shown\":2," +
+            "\"applied\":1,\"dismissed\":1,\"firstRecordedAt\":0,\"lastRecordedAt\":86400.5,\"firstAppliedAt\":60," +
+            "\"dismissedAt\":[30],\"effect\":{\"effect\":\"improved\",\"signal\":\"destinationSteps\",\"sessionsBefore\":6," +
+            "\"sessionsAfter\":5,\"before\":3.2,\"after\":0.8,\"reachedBefore\":0.5,\"reachedAfter\":1},\"isHeldBack\":true}]";
+
+        [Test]
+        public void OutcomeHistoryDecodesItsCountsDatesAndEffect()
+        {
+            OutcomeHistory h = OutcomeHistory.ListFromJson(History)[0];
+            Assert.That(h.Key, Is.EqualTo("navigation/suggestShortcut/home|level"));
+            Assert.That(h.Action.DestinationScreen, Is.EqualTo("Level"));
+            Assert.That(new[] { h.Shown, h.Applied, h.Dismissed }, Is.EqualTo(new[] { 2L, 1L, 1L }));
+            Assert.That(h.LastRecordedAt, Is.EqualTo(new DateTime(2001, 1, 2, 0, 0, 0, 500, DateTimeKind.Utc)));
+            Assert.That(h.FirstAppliedAt, Is.EqualTo(Dates.Reference.AddMinutes(1)));
+            Assert.That(h.DismissedAt, Is.EqualTo(new[] { Dates.Reference.AddSeconds(30) }));
+            Assert.That(h.IsHeldBack, Is.True);
+            Assert.That(new object[] { h.Effect.Effect, h.Effect.Signal, h.Effect.SessionsBefore, h.Effect.SessionsAfter },
+                Is.EqualTo(new object[] { "improved", "destinationSteps", 6L, 5L }));
+            Assert.That(new[] { h.Effect.Before, h.Effect.After, h.Effect.ReachedBefore, h.Effect.ReachedAfter },
+                Is.EqualTo(new double?[] { 3.2, 0.8, 0.5, 1.0 }));
+
+            // Not applied, never dismissed, no effect; a member it does not know is passed over.
+            OutcomeHistory bare = OutcomeHistory.ListFromJson(History.Replace(",\"firstAppliedAt\":60", "")
+                .Replace("\"dismissedAt\":[30],\"effect\":", "\"dismissedAt\":[],\"later\":"))[0];
+            Assert.That(bare.FirstAppliedAt, Is.Null);
+            Assert.That(bare.DismissedAt, Is.Empty);
+            Assert.That(bare.Effect, Is.Null);
+        }
+
+        [TestCase("\"isHeldBack\":true", "\"isHeldBack\":1", "outcomes[0].isHeldBack: expected true or false")]
+        [TestCase(",\"isHeldBack\":true", "", "outcomes[0].isHeldBack: missing")]
+        [TestCase("\"sessionsBefore\":6", "\"sessionsBefore\":1.5", "outcomes[0].effect.sessionsBefore: expected an integer")]
+        [TestCase("\"dismissedAt\":[30]", "\"dismissedAt\":[30,null]", "outcomes[0].dismissedAt[1]: expected a number")]
+        [TestCase("\"dismissedAt\":[30]", "\"dismissedAt\":[1e300]", "outcomes[0].dismissedAt[0]: date out of range")]
+        [TestCase("\"dismissedAt\":[30]", "\"dismissedAt\":30", "outcomes[0].dismissedAt: expected an array")]
+        public void OutcomeHistoryOfTheWrongShapeNamesThePath(string good, string bad, string message)
+        {
+            string json = History.Replace(good, bad);
+            StringAssert.Contains(message, Assert.Throws<QevrInvalidJsonException>(() => OutcomeHistory.ListFromJson(json)).Message);
+        }
+
         public static readonly object[] TaggedMetadata =
         {
             new object[] { "s", "a\"b\\\n\u0001é😀", "{\"s\":{\"type\":\"string\",\"value\":\"a\\\"b\\\\\\n\\u0001é😀\"}}" },

@@ -51,6 +51,7 @@ namespace QEVR.Tests
             if (state == LifecycleState.Running || state == LifecycleState.Paused) Qevr.Shutdown();
             Assert.That(Qevr.WaitForBackgroundIdle(), Is.True, "background work still running at teardown");
             Qevr.SetContinuity(false);
+            Qevr.SetOutcomeLearning(false);
             Qevr.ConfigurePrivacy(null);
             Qevr.ConfigureMemory(null);
         }

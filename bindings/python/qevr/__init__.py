@@ -14,6 +14,11 @@ bool, datetime), or values already in the tagged form
 Every failure raises a subclass of ``qevr.Error`` that carries the C status
 in ``.code`` and the library's text in ``.message``.
 
+Outcome learning (``set_outcome_learning``, off by default) lets the host
+report what it did with a recommendation (``record_outcome``) and read each
+advice's history back (``outcomes``); an effect there is a change observed
+in this user's sessions, not proof of cause.
+
 Blocking calls (memory, analyses, generate) release the GIL while they run,
 as every ctypes call does, and accept a ``CancelToken`` that another thread
 may cancel.
@@ -46,7 +51,8 @@ __all__ = [
     "navigation", "button_tap", "gesture", "memory_options", "configure_memory",
     "memory_stats", "clear_memory", "memory_snapshot", "summarize_behavior", "analyze_intent",
     "detect_frustration", "analyze_skill", "generate", "to_datetime", "set_continuity",
-    "continuity", "use_logging",
+    "continuity", "set_outcome_learning", "outcome_learning", "record_outcome", "outcomes",
+    "use_logging",
 ]
 
 
@@ -167,6 +173,10 @@ _SIGNATURES = {
     "qevr_detect_frustration": ([_token, _out], ctypes.c_int),
     "qevr_analyze_skill": ([_c, _token, _out], ctypes.c_int),
     "qevr_generate": ([_c, _c, _token, _out], ctypes.c_int),
+    "qevr_set_outcome_learning": ([ctypes.c_int], ctypes.c_int),
+    "qevr_outcome_learning": ([_int_out], ctypes.c_int),
+    "qevr_record_outcome": ([_c, _c], ctypes.c_int),
+    "qevr_outcomes": ([_out], ctypes.c_int),
 }
 for _name, (_args, _result) in _SIGNATURES.items():
     _function = getattr(_lib, _name)
@@ -461,6 +471,38 @@ def analyze_skill(domain=None, cancel=None):
 def generate(domain=None, policy=None, cancel=None):
     """Ranked recommendations (a list of dicts); [] while not running."""
     return _take(_lib.qevr_generate, _domain(domain), _json(policy), _token_of(cancel))
+
+
+def set_outcome_learning(enabled):
+    """Outcome learning (off by default, process-wide). While it is on,
+    generate leaves out advice dismissed twice in the last 30 days, and
+    applied advice unless its effect is "worse"."""
+    _check(_lib.qevr_set_outcome_learning(1 if enabled else 0))
+
+
+def outcome_learning():
+    enabled = ctypes.c_int(0)
+    _check(_lib.qevr_outcome_learning(ctypes.byref(enabled)))
+    return bool(enabled.value)
+
+
+def record_outcome(recommendation, outcome):
+    """Records what the host did with `recommendation`, one element of
+    generate's list as it came back (a dict, or its JSON text): "shown",
+    "applied" or "dismissed". Raises LifecycleStateError (the library's
+    state status) while outcome learning is off. Blocks for one small file
+    write."""
+    _check(_lib.qevr_record_outcome(_json(recommendation), _text(outcome)))
+
+
+def outcomes():
+    """Every advice with recorded outcomes, in the order first recorded: a
+    list of dicts with "key", "type", "title", "action", the "shown",
+    "applied" and "dismissed" counts, their dates, "isHeldBack" and, once
+    applied and where the action has a figure, "effect". An effect is a
+    change observed in this user's sessions, not proof that the advice
+    caused it. Readable while learning is off."""
+    return _take(_lib.qevr_outcomes)
 
 
 use_logging(True)
