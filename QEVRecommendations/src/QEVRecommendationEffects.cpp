@@ -137,15 +137,20 @@ std::optional<QEVRDate> dateOf(const QEVSessionGraph& graph) {
   return graph.endedAt;
 }
 
-// The latest kQEVEffectWindowSessions counted sessions on each side.
+// The latest kQEVEffectWindowSessions counted sessions on each side. Stored
+// dates are whole seconds, so a session is before only if it ended at least
+// a second before the application, and after only if it started later
+// than it; anything in between may have run across it and is left out.
 std::pair<std::vector<double>, std::vector<double>> split(
     const std::vector<std::pair<QEVRDate, const QEVSessionGraph*>>& dated, QEVRDate appliedAt,
     const Figure& figure) {
   std::vector<double> before, after;
   for (auto it = dated.rbegin(); it != dated.rend(); ++it) {
     const QEVSessionGraph& graph = *it->second;
-    if (it->first < appliedAt && graph.endedAt && *graph.endedAt > appliedAt) continue;
-    std::vector<double>& side = it->first < appliedAt ? before : after;
+    const QEVRDate last = graph.endedAt ? *graph.endedAt : it->first;
+    const bool isAfter = it->first > appliedAt;
+    if (!isAfter && last.addingSeconds(1) > appliedAt) continue;
+    std::vector<double>& side = isAfter ? after : before;
     if (side.size() >= kQEVEffectWindowSessions) continue;
     const SessionFigure value = figure(graph);
     if (value.counted) side.push_back(value.value);

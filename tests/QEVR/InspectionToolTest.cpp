@@ -329,6 +329,13 @@ TEST_F(InspectionToolTest, DemoLaunchesCarryOnFromTheSessionsBeforeThem) {
                 {secondLaunch + "0 recommendations"});
   expectSection("== the player", {firstLaunch, secondLaunch, "1. [gameplay"},
                 {secondLaunch + "0 recommendations"});
+  // Dismissed twice and applied advice stay out of launch 3; the applied
+  // one has no sessions after it yet.
+  expectSection("== outcome learning",
+                {"dismissed twice: Suggest relevant feature", "applied: Reduce difficulty",
+                 "launch 3: 2 earlier sessions, ", "dismissed 2; held back",
+                 "effect tooEarly on failuresAndRetries (", "after); held back"},
+                {"launch 3: 2 earlier sessions, 0 recommendations"});
 
   demo(base / "demo");
   expectSection(

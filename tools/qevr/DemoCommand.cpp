@@ -98,6 +98,48 @@ std::string summaryOf(const LaunchStart& found) {
   return line;
 }
 
+// The player's host acts on what launch 2 offered, with outcome learning
+// on: feature suggestions dismissed twice, the lower difficulty applied.
+// Launch 3 then goes without them, and the outcomes show what was done.
+bool playOutcomes(std::ostream& out, const QEVRConfiguration& configuration,
+                  const std::vector<QEVRecommendation>& offered, std::uint64_t& accepted) {
+  const auto game = QEVExperienceDomain::game();
+  out << "\n== outcome learning: the player's host dismisses feature suggestions and applies "
+         "the lower difficulty\n";
+  QEVR::Recommendations::setOutcomeLearning(true);
+  for (const QEVRecommendation& recommendation : offered) {
+    QEVR::Recommendations::recordOutcome(recommendation, QEVRecommendationOutcome::shown);
+    const auto* difficulty =
+        recommendation.action().getIf<QEVRecommendationAction::AdjustDifficulty>();
+    if (recommendation.type() == QEVRecommendationType::feature) {
+      for (int i = 0; i < 2; ++i) {
+        QEVR::Recommendations::recordOutcome(recommendation, QEVRecommendationOutcome::dismissed);
+      }
+      out << "dismissed twice: " << recommendation.title() << "\n";
+    } else if (difficulty && difficulty->difficultyDelta < 0) {
+      QEVR::Recommendations::recordOutcome(recommendation, QEVRecommendationOutcome::applied);
+      out << "applied: " << recommendation.title() << "\n";
+    }
+  }
+  LaunchStart third;
+  if (!runLaunch(configuration, game, visitAsPlayer, third, accepted)) return false;
+  out << "launch 3: " << summaryOf(third) << "; " << accepted << " events\n";
+  for (const QEVRecommendationOutcomeHistory& history : QEVR::Recommendations::outcomes()) {
+    out << "  " << history.title << " [" << history.key << "]: shown " << history.shownCount
+        << ", applied " << history.appliedCount << ", dismissed " << history.dismissedCount;
+    if (history.effect) {
+      const QEVRecommendationEffectMeasurement& e = *history.effect;
+      out << "; effect " << rawValueOf(e.effect) << " on " << rawValueOf(e.signal) << " ("
+          << e.sessionsBefore << " sessions before, " << e.sessionsAfter << " after)";
+    }
+    out << (history.isHeldBack ? "; held back" : "") << "\n";
+  }
+  out << "an effect is a change observed in this user's sessions, not a proof that the "
+         "recommendation caused it\n";
+  QEVR::Recommendations::setOutcomeLearning(false);
+  return true;
+}
+
 }  // namespace
 
 int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -289,6 +331,11 @@ int runDemoCommand(const std::vector<std::string>& args, std::ostream& out, std:
       out << "what launch 2 started from\n";
       printAnalyses(out, *summary, *intent, *frustration, *skill);
       printRecommendations(out, second.recommendations);
+      if (persona.visit == visitAsPlayer &&
+          !playOutcomes(out, configuration, second.recommendations, accepted)) {
+        err << "qevr demo: background work did not finish within 60 s\n";
+        return 1;
+      }
     }
   } catch (const std::exception& e) {
     err << "qevr demo: " << e.what() << "\n";

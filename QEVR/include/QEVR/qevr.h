@@ -342,7 +342,9 @@ QEVR_API qevr_status qevr_record_outcome(const char* recommendation_json, const 
  *    "isHeldBack":true}
  * "effect" ("improved", "unchanged", "worse" or "tooEarly") is present once
  * applied, for actions that have a figure; it is a change observed in this
- * user's sessions, not a proof that the recommendation caused it. */
+ * user's sessions, not a proof that the recommendation caused it. Effects
+ * need dated sessions: turn memory continuity on
+ * (qevr_memory_set_continuity), or they stay "tooEarly". */
 QEVR_API qevr_status qevr_outcomes(char** out_json);
 
 #ifdef __cplusplus

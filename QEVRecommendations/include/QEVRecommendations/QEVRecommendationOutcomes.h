@@ -139,8 +139,11 @@ class QEVR_API QEVRecommendationOutcomeLog {
 
 // The effect of the history's advice on `graphs`; absent until it was
 // applied, and for actions without a figure. Sessions are dated by their
-// start (else their end); a session that runs across the moment of
-// application, or has no date, is left out.
+// start (else their end), in whole seconds; a session that may have run
+// across the moment of application, or has no date, is left out. Only
+// memory continuity dates every session (QEVR::Memory::setContinuity):
+// without it a session closed by shutdown has no dates, and effects stay
+// tooEarly.
 QEVR_API std::optional<QEVRecommendationEffectMeasurement> measureRecommendationEffect(
     const QEVRecommendationOutcomeHistory& history, const std::vector<QEVSessionGraph>& graphs);
 

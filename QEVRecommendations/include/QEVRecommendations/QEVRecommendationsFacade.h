@@ -58,7 +58,8 @@ QEVR_API bool recordOutcome(const QEVRecommendation& recommendation,
 
 // Every advice with recorded outcomes, in the order first recorded, with
 // its effect once applied: an observed change in this user's sessions, not
-// a proof that the recommendation caused it. Reads the outcome log and,
+// a proof that the recommendation caused it. Effects need dated sessions,
+// which memory continuity gives (QEVR::Memory::setContinuity). Reads the outcome log and,
 // when something was applied, the session graphs. Readable while learning
 // is off; empty when the log is absent or does not decode. Throws as
 // recordOutcome does.
