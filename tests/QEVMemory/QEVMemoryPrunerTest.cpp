@@ -163,10 +163,11 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
     QEVMemoryOptions options;
     std::vector<Item> items;
     std::set<std::string> deleted;
+    std::uint64_t outcomeLogSize = 0;  // none when 0
   };
   const auto row = [](const char* name, QEVMemoryOptions o, std::vector<Item> items,
-                      std::set<std::string> deleted) {
-    return Case{name, o, std::move(items), std::move(deleted)};
+                      std::set<std::string> deleted, std::uint64_t outcomeLogSize = 0) {
+    return Case{name, o, std::move(items), std::move(deleted), outcomeLogSize};
   };
   const Case cases[] = {
       row("age: exactly the limit stays, a second more goes", options(25, 30, 100),
@@ -199,6 +200,8 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
           {"oldSession"}),
       row("disk: files already marked don't count", options(1, 30, 0),
           {chunk("older", 2 * kDay, {}, half), session("session", kDay, {}, kMB)}, {"session"}),
+      row("disk: the outcome log takes its share and is never removed", options(1, 30, 100),
+          {chunk("old", 2 * kDay, {}, half), session("new", kDay, {}, half)}, {"old"}, 1),
       row("disk: equal dates take chunks before sessions", options(1, 30, 100),
           {session("session", kDay, {}, 600'000), chunk("chunk", kDay, {}, 600'000)}, {"chunk"}),
       row("disk: budget 0 stops once nothing is left", options(0, 30, 100),
@@ -241,6 +244,13 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
           real.createDirectories(bystanders[i].parent_path());
           real.writeFileAtomically(bystanders[i], bytesOf("{"));
         }
+        const fs::path outcomeLog = root / QEVFileMemoryStore::kOutcomeLogFile;
+        if (c.outcomeLogSize > 0) {
+          store.saveOutcomeLog("{}");
+          files.sizes[outcomeLog.filename()] = c.outcomeLogSize;
+        } else {
+          files.sizes.erase(outcomeLog.filename());
+        }
 
         const QEVMemoryPruner fresh(root, files);
         if (warm) {
@@ -260,6 +270,7 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
           EXPECT_EQ(real.exists(path), !c.deleted.contains(name)) << name;
         for (const fs::path& path : bystanders)
           EXPECT_TRUE(real.exists(path)) << path;
+        EXPECT_EQ(real.exists(outcomeLog), c.outcomeLogSize > 0);
         EXPECT_EQ(lines().size(), 1u);
         sink->clear();
         real.removeItem(root);

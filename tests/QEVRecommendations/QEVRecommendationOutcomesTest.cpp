@@ -65,6 +65,7 @@ TEST(QEVRecommendationOutcomesTest, LogCountsTrimsAndRoundTrips) {
   EXPECT_EQ(h.dismissedAt.front(), t0.addingSeconds(93));
   EXPECT_EQ(h.dismissedAt.back(), t0.addingSeconds(100));
   EXPECT_EQ(QEVRecommendationOutcomeLog::fromJSON(log.toJSON()).histories(), log.histories());
+  const std::string firstKey = h.key;
 
   // Past the entry limit the least recently recorded go; past a year, all.
   for (std::size_t i = 0; i < QEVRecommendationOutcomeLog::kMaxEntries; ++i) {
@@ -74,7 +75,7 @@ TEST(QEVRecommendationOutcomesTest, LogCountsTrimsAndRoundTrips) {
   }
   log.trim(t0.addingSeconds(1000));
   EXPECT_EQ(log.histories().size(), QEVRecommendationOutcomeLog::kMaxEntries);
-  EXPECT_EQ(log.find(h.key), nullptr);
+  EXPECT_EQ(log.find(firstKey), nullptr);
   log.trim(t0.addingSeconds(367 * kDay));
   EXPECT_TRUE(log.histories().empty());
 }

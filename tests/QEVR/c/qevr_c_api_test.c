@@ -880,6 +880,32 @@ static void test_data_directory_moves_between_lives(const char* data_dir) {
   qevr_string_free(before);
 }
 
+/* Refused while off and for bad input; on, kept per advice. */
+static void test_outcomes(void) {
+  const char* advice =
+      "{\"id\":\"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\",\"type\":\"ui\",\"title\":\"Help\","
+      "\"summary\":\"S\",\"confidence\":0.8,\"priority\":\"high\",\"reason\":\"r\","
+      "\"evidence\":[],\"action\":{\"kind\":\"showHelp\",\"componentId\":\"Play\"},"
+      "\"createdAt\":0}";
+  char* out = NULL;
+  CHECK_STATUS(qevr_record_outcome(advice, "applied"), QEVR_ERROR_STATE, "off");
+  CHECK_STATUS(qevr_set_outcome_learning(1), QEVR_OK, "learning on");
+  int on = 0;
+  CHECK_STATUS(qevr_outcome_learning(&on), QEVR_OK, "learning read");
+  CHECK(on == 1, "learning is on");
+  CHECK_STATUS(qevr_record_outcome(advice, "Applied"), QEVR_ERROR_INVALID_ARGUMENT, "outcome");
+  CHECK_STATUS(qevr_record_outcome("{}", "applied"), QEVR_ERROR_INVALID_JSON, "not advice");
+  CHECK_STATUS(qevr_record_outcome(NULL, "applied"), QEVR_ERROR_INVALID_ARGUMENT, "no advice");
+  for (int i = 0; i < 2; ++i)
+    CHECK_STATUS(qevr_record_outcome(advice, "dismissed"), QEVR_OK, "dismissed");
+  out = TAKE(qevr_outcomes(&out), "outcomes");
+  CHECK_CONTAINS(out, "\"key\":\"ui\\/showHelp\\/play||\"", "kept per advice");
+  CHECK_CONTAINS(out, "\"shown\":0,\"applied\":0,\"dismissed\":2", "counted");
+  CHECK_CONTAINS(out, "\"isHeldBack\":true", "held back");
+  qevr_string_free(out);
+  CHECK_STATUS(qevr_set_outcome_learning(0), QEVR_OK, "learning off");
+}
+
 static int remove_entry(const char* path, const struct stat* info, int flag, struct FTW* ftw) {
   (void)info;
   (void)flag;
@@ -906,6 +932,7 @@ int main(void) {
   wait_idle();
   test_end_to_end(data_dir);
   test_data_directory_moves_between_lives(data_dir);
+  test_outcomes();
   test_log_callback();
   test_log_queue();
   test_threads_keep_their_own_errors();
