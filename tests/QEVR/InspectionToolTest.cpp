@@ -5,6 +5,7 @@
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRecommendations/QEVRecommendation.h>
+#include <QEVRecommendations/QEVRecommendationOutcomes.h>
 #include "QEVMemoryPruner.h"
 
 #include "ToolTestSupport.h"
@@ -18,6 +19,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -224,6 +226,12 @@ TEST_F(InspectionToolTest, DoctorFindsAndQuarantinesEachKindOfDamage) {
        [](const fs::path& file) { fs::create_symlink(file.filename(), file); },
        "Too many levels of symbolic links"},
       {"events not a directory", "events", write("x"), "Not a directory"},
+      {"outcome log of another format", "outcomes.json",
+       write(R"({"format":"qevr-outcomes/9","histories":[]})"), "Not an outcome log", false},
+      {"outcome log cut short", "outcomes.json", write(R"({"format":"qevr-outcomes/1","hist)"),
+       "not valid JSON", false},
+      {"outcome log past its limit", "outcomes.json",
+       write(std::string(kQEVMemoryMaxOutcomeLogBytes + 1, ' ')), "too large", false},
   };
   if (::geteuid() != 0) {  // permissions do not stop root
     cases.push_back({"unreadable", "events/0A000000-0000-4000-8000-000000000008.json",
@@ -267,6 +275,50 @@ TEST_F(InspectionToolTest, DoctorFindsAndQuarantinesEachKindOfDamage) {
     EXPECT_EQ(runTool({"doctor", "--data-dir", data.string()}, scratch).status, 0);
     EXPECT_NO_THROW(intelligenceSnapshot(*openStore(root)));
     EXPECT_TRUE(pruningSucceeds(root));
+  }
+}
+
+// The outcome log is shown with its size and histories; the doctor reads
+// it and, healthy, leaves it byte for byte as it was, --fix included.
+TEST_F(InspectionToolTest, DoctorShowsTheOutcomeLogAndNeverWritesIt) {
+  QEVRecommendationOutcomeLog two;
+  const QEVRDate at = qevr::now().addingSeconds(-86'400);
+  two.record(recommendationFor(QEVRecommendationType::gameplay, "Easier",
+                               QEVRecommendationAction::adjustDifficulty(-0.2, {}, {})),
+             QEVRecommendationOutcome::applied, at);
+  two.record(recommendationFor(QEVRecommendationType::ui, "Help",
+                               QEVRecommendationAction::showHelp("pay", {}, {})),
+             QEVRecommendationOutcome::dismissed, at);
+  const struct {
+    const char* name;
+    std::optional<std::string> log;
+    std::string line;  // what follows "outcome log "
+  } cases[] = {
+      {"none", std::nullopt, "absent"},
+      {"two histories", two.toJSON(),
+       "present, " + std::to_string(two.toJSON().size()) +
+           " bytes of at most 1048576, 2 histories of at most 256"},
+      {"no histories", QEVRecommendationOutcomeLog().toJSON(),
+       "present, " + std::to_string(QEVRecommendationOutcomeLog().toJSON().size()) +
+           " bytes of at most 1048576, 0 histories of at most 256"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path data = copyOfStore(memoryRoot(), base / (std::string("outcomes-") + c.name));
+    if (c.log) writeOutcomeLog(data / "QEVR" / "Memory", *c.log);
+    const auto before = contents(data);
+    for (const bool fix : {false, true}) {
+      std::vector<std::string> args = {"doctor", "--data-dir", data.string()};
+      if (fix) args.push_back("--fix");
+      const ToolRun run = runTool(args, scratch);
+      EXPECT_EQ(run.status, 0) << run.out << run.err;
+      EXPECT_NE(run.out.find("\nuser graph present\noutcome log " + c.line + "\n"),
+                std::string::npos)
+          << run.out;
+      EXPECT_NE(run.out.find("damaged files 0\npruning can run: yes\nhealthy\n"), std::string::npos)
+          << run.out;
+      EXPECT_EQ(contents(data), before);
+    }
   }
 }
 

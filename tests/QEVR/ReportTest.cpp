@@ -7,12 +7,14 @@
 
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVRPlatform/Json.h>
+#include <QEVRecommendations/QEVRecommendationOutcomes.h>
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -326,6 +328,107 @@ TEST(ReportTextTest, RecommendationsLinkToTheAnalysesTheyCameFrom) {
   }
 }
 
+// --- the outcomes section -------------------------------------------------
+
+// The page's outcomes section, from its heading to its end.
+std::string outcomesSection(const std::string& page) {
+  const std::size_t begin = page.find("<section id=\"outcomes\">");
+  if (begin == std::string::npos) return "";
+  return page.substr(begin, page.find("</section>", begin) - begin);
+}
+
+// The table row of the history titled `title` in the outcomes section.
+std::string outcomeRow(const std::string& section, const std::string& title) {
+  const std::size_t at = section.find("<td>" + title + " ");
+  if (at == std::string::npos) return "";
+  const std::size_t begin = section.rfind("<tr", at);
+  return section.substr(begin, section.find("</tr>", at) - begin);
+}
+
+const std::string kCaveat =
+    "observed change in these sessions, not a proof that the recommendation caused it";
+
+// Each history alone on a page, as the report measured it: its row shows the
+// counts, hold-back and effect; a log that failed says so in words.
+TEST(ReportOutcomesTest, EachHistoryShowsItsCountsHoldBackAndEffect) {
+  using E = QEVRecommendationEffect;
+  using S = QEVRecommendationSignal;
+  struct Case {
+    const char* name;
+    std::optional<QEVRecommendationEffectMeasurement> effect;
+    bool applied, heldBack;
+    std::vector<std::string> shown, notShown;
+  };
+  auto effect = [](E e, S s, double before, double after) {
+    return QEVRecommendationEffectMeasurement{e, s, 4, 5, before, after, {}, {}};
+  };
+  auto shortcut = effect(E::improved, S::destinationSteps, 4, 1.5);
+  shortcut.reachedBefore = 0.5;
+  shortcut.reachedAfter = 1.0;
+  const Case cases[] = {
+      {"never applied", {}, false, true, {"not applied", "<td>yes</td>"}, {"badge effect"}},
+      {"improved",
+       effect(E::improved, S::failuresAndRetries, 6, 1),
+       true,
+       true,
+       {"effect-improved\">improved<", "failuresAndRetries",
+        "6.00 over 4 sessions before, 1.00 over 5 after", "<td>yes</td>"},
+       {"undo", "class=\"worse\""}},
+      {"worse",
+       effect(E::worse, S::repeatedInteractions, 1, 5),
+       true,
+       false,
+       {"<tr class=\"worse\">", "effect-worse\">worse<", "the host should undo it", "<td>no</td>"},
+       {}},
+      {"too early",
+       effect(E::tooEarly, S::repeatedInteractions, 0, 2),
+       true,
+       true,
+       {"tooEarly"},
+       {"undo"}},
+      {"share",
+       effect(E::unchanged, S::featureUse, 0.25, 0.3),
+       true,
+       true,
+       {"unchanged", "25% over 4 sessions before, 30% over 5 after"},
+       {"reached in"}},
+      {"shortcut", shortcut, true, true, {"reached in 50% of sessions before, 100% after"}, {}},
+      {"no figure", {}, true, true, {"no figure to measure"}, {"badge effect"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    QEVRecommendationOutcomeHistory history;
+    history.key = kHostile + c.name;
+    history.title = c.name;
+    history.shownCount = 7;
+    history.appliedCount = c.applied ? 2 : 0;
+    history.dismissedCount = 3;
+    if (c.applied) history.firstAppliedAt = QEVRDate{800000000};
+    history.effect = c.effect;
+    history.isHeldBack = c.heldBack;
+    ReportModel model;
+    model.outcomes.histories = {history};
+    const std::string page = renderReportPage(model);
+    EXPECT_EQ(page.find(kHostile), std::string::npos);
+    const std::string row = outcomeRow(outcomesSection(page), c.name);
+    ASSERT_NE(row, "") << page;
+    EXPECT_NE(row.find("<td class=\"num\">7</td><td class=\"num\">" +
+                       std::to_string(history.appliedCount) + "</td><td class=\"num\">3</td>"),
+              std::string::npos)
+        << row;
+    for (const std::string& text : c.shown)
+      EXPECT_NE(row.find(text), std::string::npos) << text << "\n" << row;
+    for (const std::string& text : c.notShown)
+      EXPECT_EQ(row.find(text), std::string::npos) << text << "\n" << row;
+  }
+
+  ReportModel model;
+  model.outcomes.failure = "format: <Not an outcome log>";
+  EXPECT_NE(outcomesSection(renderReportPage(model))
+                .find("could not be read: format: &lt;Not an outcome log&gt;</p>"),
+            std::string::npos);
+}
+
 // --- qevr report end to end -------------------------------------------------
 
 class ReportToolTest : public ::testing::Test {
@@ -354,7 +457,7 @@ TEST_F(ReportToolTest, PageHasEverySectionFetchesNothingAndLeavesTheStoreAlone) 
     const std::string html = slurp(page);
     for (const char* id :
          {"overview", "sessions", "flow", "components", "behaviour", "intent", "frustration",
-          "skill", "recommendations", "report-errors", "report-data", "flow-svg"}) {
+          "skill", "recommendations", "outcomes", "report-errors", "report-data", "flow-svg"}) {
       EXPECT_NE(html.find("id=\"" + std::string(id) + "\""), std::string::npos) << id;
     }
     EXPECT_NE(html.find("data-node=\"0\""), std::string::npos);
@@ -473,6 +576,102 @@ TEST_F(ReportToolTest, FallsBackToTheBuiltinLayoutWhenDotFailsOrIsMissing) {
     EXPECT_NE(slurp(page).find("Laid out with the builtin layered layout (" + c.note +
                                ", so the builtin layout was used)."),
               std::string::npos);
+  }
+}
+
+// Outcomes recorded ten days ago over sessions on either side of them: the
+// page measures each effect on the store's session graphs, judges hold-back
+// at its own time, and reads the log without ever writing the store.
+TEST_F(ReportToolTest, OutcomesAreMeasuredOnTheStoredSessionsAndTheLogIsOnlyRead) {
+  const QEVRDate now = qevr::now();
+  const QEVRDate appliedAt = now.addingSeconds(-10 * 86'400.0);
+  const fs::path memory = base / "outcomes" / "QEVR" / "Memory";
+  const auto store = openStore(memory);
+  // Four sessions before: six failures and two taps on "pay" each; four
+  // after: one failure and six taps.
+  for (int s = -4; s < 4; ++s) {
+    const bool after = s >= 0;
+    QEVSessionGraph graph;
+    graph.sessionId = QEVRUUID::random();
+    graph.startedAt = appliedAt.addingSeconds((s < 0 ? s : s + 1) * 86'400.0);
+    graph.endedAt = graph.startedAt->addingSeconds(600);
+    graph.eventCount = 20;
+    graph.screenSequence = {"Level"};
+    graph.customEventCounts = {{"level_fail", after ? 1 : 6}};
+    graph.componentInteractions = {{"pay", "Level", after ? 6 : 2, 0}};
+    store->saveSessionGraph(graph);
+  }
+  QEVRecommendationOutcomeLog log;
+  log.record(recommendationFor(QEVRecommendationType::gameplay, "Easier levels",
+                               QEVRecommendationAction::adjustDifficulty(-0.2, {}, {})),
+             QEVRecommendationOutcome::applied, appliedAt);
+  log.record(recommendationFor(QEVRecommendationType::ui, "Highlight pay",
+                               QEVRecommendationAction::highlightComponent("pay", {})),
+             QEVRecommendationOutcome::applied, appliedAt);
+  const QEVRecommendation help =
+      recommendationFor(QEVRecommendationType::ui, "Help with search",
+                        QEVRecommendationAction::showHelp("search", {}, {}));
+  for (int day : {3, 2}) {
+    log.record(help, QEVRecommendationOutcome::shown, now.addingSeconds(-day * 86'400.0));
+    log.record(help, QEVRecommendationOutcome::dismissed, now.addingSeconds(-day * 86'400.0));
+  }
+
+  struct Row {
+    std::string title;
+    std::vector<std::string> shown;
+  };
+  const struct {
+    const char* name;
+    std::optional<std::string> log;
+    std::vector<std::string> says;
+    std::vector<Row> rows;
+  } cases[] = {
+      {"none", std::nullopt, {"No outcomes are recorded in this store."}, {}},
+      {"recorded",
+       log.toJSON(),
+       {},
+       {{"Easier levels",
+         {"effect-improved", "failuresAndRetries", "6.00 over 4 sessions before, 1.00 over 4 after",
+          "<td>yes</td>"}},
+        {"Highlight pay",
+         {"effect-worse", "the host should undo it", "repeatedInteractions",
+          "1.00 over 4 sessions before, 5.00 over 4 after", "<td>no</td>"}},
+        {"Help with search",
+         {"<td class=\"num\">2</td><td class=\"num\">0</td><td class=\"num\">2</td>", "not applied",
+          "<td>yes</td>"}}}},
+      {"damaged",
+       R"({"format":"qevr-outcomes/1","histories":[{"key":)",
+       {"The outcome log could not be read:"},
+       {}},
+      {"past its limit",
+       std::string(kQEVMemoryMaxOutcomeLogBytes + 1, ' '),
+       {"The outcome log could not be read:", "too large"},
+       {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove(memory / QEVFileMemoryStore::kOutcomeLogFile);
+    if (c.log) writeOutcomeLog(memory, *c.log);
+    const auto before = listing(base / "outcomes");
+    const fs::path page = base / (std::string("outcomes-") + c.name + ".html");
+    const ToolRun run = runTool({"report", "--data-dir", (base / "outcomes").string(), "-o",
+                                 page.string(), "--layout", "builtin"},
+                                scratch);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(listing(base / "outcomes"), before);
+    const std::string section = outcomesSection(slurp(page));
+    ASSERT_NE(section, "");
+    EXPECT_NE(section.find(kCaveat), std::string::npos);
+    for (const std::string& text : c.says)
+      EXPECT_NE(section.find(text), std::string::npos) << text << "\n" << section;
+    EXPECT_EQ(occurrences(section, "<tr>") + occurrences(section, "<tr class"),
+              c.rows.empty() ? 0u : c.rows.size() + 1);
+    for (const Row& row : c.rows) {
+      const std::string found = outcomeRow(section, row.title);
+      ASSERT_NE(found, "") << row.title << "\n" << section;
+      for (const std::string& text : row.shown)
+        EXPECT_NE(found.find(text), std::string::npos) << text << "\n" << found;
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include <QEVMemory/QEVFileMemoryStore.h>
 #include <QEVMemory/QEVLZFSECompressionEngine.h>
 #include <QEVRPlatform/FileSystem.h>
+#include <QEVRecommendations/QEVRecommendationOutcomes.h>
 
 #include <gtest/gtest.h>
 
@@ -138,6 +139,21 @@ inline fs::path copyOfStore(const fs::path& memoryRoot, const fs::path& copy,
 inline std::shared_ptr<QEVFileMemoryStore> openStore(const fs::path& memoryRoot) {
   return std::make_shared<QEVFileMemoryStore>(memoryRoot, qevr::FileSystem::defaultFileSystem(),
                                               std::make_shared<QEVLZFSECompressionEngine>());
+}
+
+// A recommendation as a generation would give it, for recording outcomes.
+inline QEVRecommendation recommendationFor(QEVRecommendationType type, std::string title,
+                                           QEVRecommendationAction action) {
+  return QEVRecommendation(QEVRUUID::random(), type, std::move(title), "summary", 0.6,
+                           QEVRecommendationPriority::medium, "reason", {}, std::move(action),
+                           QEVRDate{}, std::nullopt);
+}
+
+// Puts `bytes` where the store keeps its outcome log.
+inline void writeOutcomeLog(const fs::path& memoryRoot, const std::string& bytes) {
+  std::ofstream(memoryRoot / QEVFileMemoryStore::kOutcomeLogFile,
+                std::ios::binary | std::ios::trunc)
+      << bytes;
 }
 
 // A usage or store error: status 2, nothing on standard output, and one line

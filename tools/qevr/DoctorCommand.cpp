@@ -6,6 +6,7 @@
 #include <QEVMemory/QEVMemoryOptions.h>
 #include <QEVRPlatform/Date.h>
 #include <QEVRPlatform/FileSystem.h>
+#include <QEVRecommendations/QEVRecommendationOutcomes.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -37,10 +38,12 @@ struct Findings {
     }
     return found;
   }
-  // The pruner reads chunks and session graphs, never the user graph.
+  // The pruner reads chunks and session graphs; of the user graph and the
+  // outcome log it needs no more than their sizes.
   bool pruningCanRun() const {
     for (const StoreEntryCheck& entry : entries) {
-      if (entry.failure && entry.kind != Kind::userGraph) return false;
+      if (entry.failure && entry.kind != Kind::userGraph && entry.kind != Kind::outcomeLog)
+        return false;
     }
     return true;
   }
@@ -66,7 +69,9 @@ void printReport(std::ostream& out, const fs::path& root, const Findings& findin
                pastAge = 0;
   std::optional<QEVRDate> oldest;
   const char* userGraph = "absent";
+  const StoreEntryCheck* outcomeLog = nullptr;
   for (const StoreEntryCheck& entry : findings.entries) {
+    if (entry.kind == Kind::outcomeLog) outcomeLog = &entry;
     const bool isChunk = entry.kind == Kind::eventChunk;
     const bool isSession = entry.kind == Kind::sessionGraph;
     chunks += isChunk;
@@ -96,6 +101,18 @@ void printReport(std::ostream& out, const fs::path& root, const Findings& findin
     out << "undated session graphs " << undated << " (pruning removes them first)\n";
   }
   out << "user graph " << userGraph << "\n";
+  out << "outcome log ";
+  if (!outcomeLog) {
+    out << "absent";
+  } else {
+    out << (outcomeLog->failure ? "damaged, " : "present, ") << outcomeLog->byteCount
+        << " bytes of at most " << kQEVMemoryMaxOutcomeLogBytes;
+    if (outcomeLog->historyCount) {
+      out << ", " << *outcomeLog->historyCount << " histories of at most "
+          << QEVRecommendationOutcomeLog::kMaxEntries;
+    }
+  }
+  out << "\n";
   out << "disk usage " << findings.diskUsage << " bytes of at most "
       << static_cast<std::uint64_t>(limits.maxDiskUsageMB) * kBytesPerMB << " ("
       << limits.maxDiskUsageMB << " MB)\n";

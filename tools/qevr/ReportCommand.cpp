@@ -10,6 +10,7 @@
 #include <QEVRPlatform/FileSystem.h>
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRecommendations/QEVFixedRecommendationSources.h>
+#include <QEVRecommendations/QEVRecommendationOutcomes.h>
 #include <QEVRecommendations/QEVRecommendationPolicy.h>
 #include <QEVRecommendations/QEVRecommendationSources.h>
 #include <QEVRecommendations/QEVRecommendationsGenerator.h>
@@ -233,6 +234,29 @@ void fillLayout(ReportModel& model, const std::string& wanted) {
   model.layoutName = "builtin layered layout";
 }
 
+// The outcome log with what the library would say of each history now. A
+// log that cannot be read or decoded is noted on the page, not fatal: the
+// library itself treats it as empty.
+ReportOutcomes outcomesOf(ReadOnlyMemoryStore& store, const std::vector<QEVSessionGraph>& graphs,
+                          QEVRDate now) {
+  ReportOutcomes result;
+  try {
+    const std::optional<std::string> bytes = store.loadOutcomeLog();
+    if (!bytes) return result;
+    result.histories = QEVRecommendationOutcomeLog::fromJSON(*bytes).histories();
+  } catch (const QEVRCancellationError&) {
+    throw;
+  } catch (const std::exception& e) {
+    result.failure = oneLine(e.what());
+    return result;
+  }
+  for (QEVRecommendationOutcomeHistory& history : result.histories) {
+    history.effect = measureRecommendationEffect(history, graphs);
+    history.isHeldBack = isHeldBackByOutcomes(history, now);
+  }
+  return result;
+}
+
 bool isInside(const fs::path& file, const fs::path& directory) {
   std::error_code error;
   const fs::path a = fs::weakly_canonical(file, error);
@@ -289,7 +313,11 @@ int runReportCommand(const std::vector<std::string>& args, std::ostream& out, st
     model.domainLabel = parsed.domain ? experienceDomainLabel(*parsed.domain) : "any";
     model.snapshot = intelligenceSnapshot(*store);
     model.diskUsageBytes = store->estimatedDiskUsageBytes();
-    const auto sessions = sessionsOf(store->loadSessionGraphs(), store->loadEventChunks());
+    // Effects are measured on the stored session graphs only, as the
+    // library measures them, not on sessions rebuilt from events.
+    std::vector<QEVSessionGraph> graphs = store->loadSessionGraphs();
+    model.outcomes = outcomesOf(*store, graphs, model.generatedAt);
+    const auto sessions = sessionsOf(std::move(graphs), store->loadEventChunks());
 
     const QEVIntelligenceAnalyzers analyzers(
         std::make_shared<QEVFixedIntelligenceSnapshotProvider>(model.snapshot));

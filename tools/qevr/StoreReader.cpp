@@ -6,6 +6,7 @@
 #include <QEVRPlatform/JsonFiles.h>
 #include <QEVRPlatform/Tasks.h>
 #include <QEVRPlatform/Text.h>
+#include <QEVRecommendations/QEVRecommendationOutcomes.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -42,16 +43,20 @@ std::vector<fs::path> storedFilesIn(qevr::FileSystem& files, const fs::path& dir
   return paths;
 }
 
+// Files are read up to `limit` bytes, the most the memory module reads of
+// them; a larger one fails as it fails there.
 template <typename Decode>
-auto readAndDecode(qevr::FileSystem& files, const fs::path& file, Decode decode) {
-  const std::vector<std::uint8_t> bytes = files.readFile(file, kQEVMemoryMaxFileBytes);
+auto readAndDecode(qevr::FileSystem& files, const fs::path& file, Decode decode,
+                   std::uint64_t limit = kQEVMemoryMaxFileBytes) {
+  const std::vector<std::uint8_t> bytes = files.readFile(file, limit);
   return decode(qevr::text::asText(bytes));
 }
 
 template <typename Decode>
-auto decodeFile(qevr::FileSystem& files, const fs::path& file, Decode decode) {
+auto decodeFile(qevr::FileSystem& files, const fs::path& file, Decode decode,
+                std::uint64_t limit = kQEVMemoryMaxFileBytes) {
   try {
-    return readAndDecode(files, file, decode);
+    return readAndDecode(files, file, decode, limit);
   } catch (const QEVRCancellationError&) {
     throw;
   } catch (const std::exception& e) {
@@ -128,6 +133,17 @@ std::optional<QEVUserGraph> ReadOnlyMemoryStore::loadUserGraph(std::stop_token s
                     [](std::string_view text) { return QEVUserGraph::fromJSON(text); });
 }
 
+std::optional<std::string> ReadOnlyMemoryStore::loadOutcomeLog(std::stop_token stop) {
+  qevr::checkCancellation(stop);
+  const fs::path file = root / QEVFileMemoryStore::kOutcomeLogFile;
+  if (!files->exists(file)) return std::nullopt;
+  try {
+    return std::string(qevr::text::asText(files->readFile(file, kQEVMemoryMaxOutcomeLogBytes)));
+  } catch (const std::exception& e) {
+    throw StoreReadError(file.string() + ": " + failureText(e, file));
+  }
+}
+
 std::uint64_t ReadOnlyMemoryStore::estimatedDiskUsageBytes(std::stop_token stop) {
   qevr::checkCancellation(stop);
   std::uint64_t total = 0;
@@ -144,25 +160,31 @@ std::vector<StoreEntryCheck> ReadOnlyMemoryStore::checkEntries(std::stop_token s
   using Kind = StoreEntryCheck::Kind;
   std::vector<StoreEntryCheck> checks;
   // Decodes one file into its check; the decoder gives the pruner's date.
-  auto check = [&](const fs::path& file, Kind kind, auto decode) {
+  auto check = [&](const fs::path& file, Kind kind, auto decode,
+                   std::uint64_t limit = kQEVMemoryMaxFileBytes) -> StoreEntryCheck& {
     qevr::checkCancellation(stop);
-    StoreEntryCheck entry{file.lexically_relative(root), kind, files->fileSize(file).value_or(0),
-                          std::nullopt, std::nullopt};
+    StoreEntryCheck entry{file.lexically_relative(root),
+                          kind,
+                          files->fileSize(file).value_or(0),
+                          std::nullopt,
+                          std::nullopt,
+                          std::nullopt};
     try {
-      entry.prunerDate = readAndDecode(*files, file, decode);
+      entry.prunerDate = readAndDecode(*files, file, decode, limit);
     } catch (const QEVRCancellationError&) {
       throw;
     } catch (const std::exception& e) {
       entry.failure = failureText(e, file);
     }
-    checks.push_back(std::move(entry));
+    return checks.emplace_back(std::move(entry));
   };
   // A directory the pruner cannot list stops it as a damaged file does.
   auto filesIn = [&](const char* name) -> std::vector<fs::path> {
     try {
       return storedFilesIn(*files, root / name);
     } catch (const std::exception& e) {
-      checks.push_back({name, Kind::directory, 0, failureText(e, root / name), std::nullopt});
+      checks.push_back(
+          {name, Kind::directory, 0, failureText(e, root / name), std::nullopt, std::nullopt});
       return {};
     }
   };
@@ -183,6 +205,20 @@ std::vector<StoreEntryCheck> ReadOnlyMemoryStore::checkEntries(std::stop_token s
       return std::nullopt;
     });
   }
+  // Read as the recommendations layer reads it: within its own limit, and
+  // decoded as a whole log.
+  const fs::path outcomes = root / QEVFileMemoryStore::kOutcomeLogFile;
+  if (files->exists(outcomes)) {
+    std::size_t histories = 0;
+    StoreEntryCheck& entry = check(
+        outcomes, Kind::outcomeLog,
+        [&histories](std::string_view text) -> std::optional<QEVRDate> {
+          histories = QEVRecommendationOutcomeLog::fromJSON(text).histories().size();
+          return std::nullopt;
+        },
+        kQEVMemoryMaxOutcomeLogBytes);
+    if (!entry.failure) entry.historyCount = histories;
+  }
   return checks;
 }
 
@@ -193,6 +229,9 @@ void ReadOnlyMemoryStore::saveSessionGraph(const QEVSessionGraph&, std::stop_tok
   refuseWrite();
 }
 void ReadOnlyMemoryStore::saveUserGraph(const QEVUserGraph&, std::stop_token) {
+  refuseWrite();
+}
+void ReadOnlyMemoryStore::saveOutcomeLog(std::string_view, std::stop_token) {
   refuseWrite();
 }
 void ReadOnlyMemoryStore::clearAll(std::stop_token) {

@@ -279,6 +279,83 @@ void recommendations(std::ostringstream& page, const ReportModel& model) {
   page << "</ol>\n";
 }
 
+// A figure's mean; shares as percentages.
+std::string figureText(QEVRecommendationSignal signal, double value) {
+  return signal == QEVRecommendationSignal::featureUse ? percent(value) : fixed(value, 2);
+}
+
+const char* signalText(QEVRecommendationSignal signal) {
+  switch (signal) {
+    case QEVRecommendationSignal::repeatedInteractions:
+      return "repeated interactions per session";
+    case QEVRecommendationSignal::failuresAndRetries:
+      return "failures and retries per session";
+    case QEVRecommendationSignal::featureUse:
+      return "sessions using the feature";
+    case QEVRecommendationSignal::destinationSteps:
+      return "screens before the destination";
+  }
+  return "";
+}
+
+void effectCell(std::ostringstream& page, const QEVRecommendationOutcomeHistory& history) {
+  if (!history.firstAppliedAt) {
+    page << "<span class=\"muted\">not applied</span>";
+    return;
+  }
+  if (!history.effect) {
+    page << "<span class=\"muted\">applied " << escapeHtml(dateText(history.firstAppliedAt))
+         << "; this action has no figure to measure</span>";
+    return;
+  }
+  const QEVRecommendationEffectMeasurement& m = *history.effect;
+  page << "<span class=\"badge effect-" << rawValueOf(m.effect) << "\">" << rawValueOf(m.effect)
+       << "</span>";
+  if (m.effect == QEVRecommendationEffect::worse) {
+    page << " <b class=\"undo\">worse since applied: the host should undo it</b>";
+  }
+  page << "<br>" << rawValueOf(m.signal) << " (" << signalText(m.signal)
+       << "): " << figureText(m.signal, m.before) << " over " << m.sessionsBefore
+       << " sessions before, " << figureText(m.signal, m.after) << " over " << m.sessionsAfter
+       << " after";
+  if (m.reachedBefore && m.reachedAfter) {
+    page << "; reached in " << percent(*m.reachedBefore) << " of sessions before, "
+         << percent(*m.reachedAfter) << " after";
+  }
+  page << "<br><span class=\"note\">applied " << escapeHtml(dateText(history.firstAppliedAt))
+       << " UTC</span>";
+}
+
+void outcomes(std::ostringstream& page, const ReportOutcomes& log) {
+  page << "<p class=\"note\">What the host did with each recommendation. An effect compares "
+          "this user's sessions before the advice was first applied with those after: it is an "
+          "observed change in these sessions, not a proof that the recommendation caused it, "
+          "since anything else that changed in between shows up too.</p>\n";
+  if (log.failure) {
+    page << "<p class=\"cut\">The outcome log could not be read: " << escapeHtml(*log.failure)
+         << "</p>\n";
+    return;
+  }
+  if (log.histories.empty()) {
+    page << "<p class=\"muted\">No outcomes are recorded in this store.</p>\n";
+    return;
+  }
+  page << "<table class=\"outcomes\"><thead><tr><th>Recommendation</th><th>Shown</th>"
+          "<th>Applied</th><th>Dismissed</th><th>Held back</th><th>Effect</th></tr></thead>"
+          "<tbody>\n";
+  for (const QEVRecommendationOutcomeHistory& h : log.histories) {
+    const bool worse = h.effect && h.effect->effect == QEVRecommendationEffect::worse;
+    page << "<tr" << (worse ? " class=\"worse\"" : "") << "><td>" << escapeHtml(h.title)
+         << " <span class=\"badge\">" << rawValueOf(h.type) << "</span><br><code>"
+         << escapeHtml(h.key) << "</code></td><td class=\"num\">" << h.shownCount
+         << "</td><td class=\"num\">" << h.appliedCount << "</td><td class=\"num\">"
+         << h.dismissedCount << "</td><td>" << (h.isHeldBack ? "yes" : "no") << "</td><td>";
+    effectCell(page, h);
+    page << "</td></tr>\n";
+  }
+  page << "</tbody></table>\n";
+}
+
 // The data the page's script needs, as script-safe JSON.
 std::string scriptData(const ReportModel& model) {
   std::string json = "{\"nodes\":[";
@@ -323,7 +400,10 @@ code{font-size:12px;background:#f3f4f6;padding:1px 4px;border-radius:3px;word-br
 .grid{display:grid;grid-template-columns:repeat(auto-fit,minmax(250px,1fr));gap:0 16px}
 .grid>section{margin:8px 0}section ul{margin:2px 0 6px;padding-left:20px}section h3{margin-top:8px}
 ol.recommendations{list-style:none;padding:0;grid-template-columns:repeat(auto-fit,minmax(520px,1fr))}
-.hotspots td,.hotspots th{padding:4px 10px 4px 0;text-align:left;vertical-align:top}#report-errors:empty{display:none}
+.hotspots td,.hotspots th,.outcomes td,.outcomes th{padding:4px 10px 4px 0;text-align:left;vertical-align:top}
+.outcomes{border-collapse:collapse;width:100%}.outcomes tbody tr{border-top:1px solid #e4e8ee}
+.outcomes tr.worse{background:#fff1ee}.undo{color:#b02a10}.effect-improved{background:#2f9e6a;color:#fff}
+.effect-worse{background:#d24a2a;color:#fff}#report-errors:empty{display:none}
 #report-errors{color:#b00;background:#fee;padding:8px}
 )";
 
@@ -440,7 +520,8 @@ std::string renderReportPage(const ReportModel& model) {
        << "<a href=\"#components\">Components</a><a href=\"#behaviour\">Behaviour</a><a "
           "href=\"#intent\">Intent</a>"
        << "<a href=\"#frustration\">Frustration</a><a href=\"#skill\">Skill</a>"
-       << "<a href=\"#recommendations\">Recommendations</a></nav></header>\n<main>\n";
+       << "<a href=\"#recommendations\">Recommendations</a><a href=\"#outcomes\">Outcomes</a>"
+       << "</nav></header>\n<main>\n";
 
   page << "<section id=\"overview\"><h2>Overview</h2><div class=\"cards\">"
        << "<div><b>" << snapshot.totalSessions << "</b>sessions</div>"
@@ -530,6 +611,10 @@ std::string renderReportPage(const ReportModel& model) {
 
   page << "<section id=\"recommendations\"><h2>Recommendations</h2>\n";
   recommendations(page, model);
+  page << "</section>\n";
+
+  page << "<section id=\"outcomes\"><h2>Outcomes</h2>\n";
+  outcomes(page, model.outcomes);
   page << "</section>\n</main>\n";
 
   page << "<script type=\"application/json\" id=\"report-data\">" << scriptData(model)

@@ -8,6 +8,7 @@
 #include <QEVIntelligence/QEVIntelligenceModels.h>
 #include <QEVMemory/QEVMemoryIntelligenceSnapshot.h>
 #include <QEVRecommendations/QEVRecommendation.h>
+#include <QEVRecommendations/QEVRecommendationOutcomes.h>
 
 #include <cstdint>
 #include <optional>
@@ -51,6 +52,15 @@ struct ReportRecommendation {
   std::vector<std::string> sources;
 };
 
+// The outcome log as the report read it. Each history carries its effect
+// (measured over the store's session graphs) and whether outcome learning
+// holds it back at the report's time.
+struct ReportOutcomes {
+  // Why the log could not be read or decoded, in one line.
+  std::optional<std::string> failure;
+  std::vector<QEVRecommendationOutcomeHistory> histories;  // as recorded
+};
+
 struct ReportModel {
   std::string storePath;
   QEVRDate generatedAt;
@@ -79,6 +89,7 @@ struct ReportModel {
   std::optional<QEVFrustrationAnalysis> frustration;
   std::optional<QEVSkillAnalysis> skill;
   std::vector<ReportRecommendation> recommendations;  // as ranked
+  ReportOutcomes outcomes;
 };
 
 // The section ids a recommendation links to: the analysis its type comes
