@@ -76,4 +76,4 @@ class QEVR_API QEVMemoryStore {
 
 // The largest outcome log a store keeps or loads: a bigger one is refused
 // (std::length_error to save, EFBIG to load) rather than written or read.
-inline constexpr std::uint64_t kQEVMemoryMaxOutcomeLogBytes = 1024 * 1024;
+inline constexpr std::uint64_t kQEVMemoryMaxOutcomeLogBytes = std::uint64_t{1024} * 1024;
