@@ -25,6 +25,19 @@ QEVRecommendationOutcomeLog loadLog(std::stop_token stop, bool* damaged = nullpt
   }
 }
 
+// `history` with its effect, measured on the session graphs, which are read
+// once, at the first history that needs them.
+QEVRecommendationOutcomeHistory measured(QEVRecommendationOutcomeHistory history,
+                                         std::optional<std::vector<QEVSessionGraph>>& graphs,
+                                         QEVRDate now, const std::stop_token& stop) {
+  if (history.firstAppliedAt) {
+    if (!graphs) graphs = QEVR::Memory::sessionGraphs(stop);
+    history.effect = measureRecommendationEffect(history, *graphs);
+  }
+  history.isHeldBack = isHeldBackByOutcomes(history, now);
+  return history;
+}
+
 }  // namespace
 
 QEVRecommendationOutcomeStore& QEVRecommendationOutcomeStore::shared() {
@@ -67,16 +80,12 @@ bool QEVRecommendationOutcomeStore::record(const QEVRecommendation& recommendati
 
 std::vector<QEVRecommendationOutcomeHistory> QEVRecommendationOutcomeStore::histories(
     std::stop_token stop) {
-  std::vector<QEVRecommendationOutcomeHistory> result = loadLog(stop).histories();
+  std::vector<QEVRecommendationOutcomeHistory> result;
   std::optional<std::vector<QEVSessionGraph>> graphs;
   const QEVRDate now = qevr::now();
-  for (QEVRecommendationOutcomeHistory& history : result) {
-    if (history.firstAppliedAt) {
-      if (!graphs) graphs = QEVR::Memory::sessionGraphs(stop);
-      history.effect = measureRecommendationEffect(history, *graphs);
-    }
-    history.isHeldBack = isHeldBackByOutcomes(history, now);
-  }
+  const QEVRecommendationOutcomeLog log = loadLog(stop);
+  for (const QEVRecommendationOutcomeHistory& history : log.histories())
+    result.push_back(measured(history, graphs, now, stop));
   return result;
 }
 
@@ -91,13 +100,7 @@ std::vector<QEVRecommendation> QEVRecommendationOutcomeStore::holdBack(
     std::erase_if(generated, [&](const QEVRecommendation& recommendation) {
       const QEVRecommendationOutcomeHistory* found =
           log.find(recommendationOutcomeKey(recommendation));
-      if (!found) return false;
-      QEVRecommendationOutcomeHistory history = *found;
-      if (history.firstAppliedAt) {
-        if (!graphs) graphs = QEVR::Memory::sessionGraphs(stop);
-        history.effect = measureRecommendationEffect(history, *graphs);
-      }
-      return isHeldBackByOutcomes(history, now);
+      return found && measured(*found, graphs, now, stop).isHeldBack;
     });
   } catch (const QEVRCancellationError&) {
     throw;

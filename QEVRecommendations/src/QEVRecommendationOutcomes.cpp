@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <numeric>
 #include <unordered_set>
 
 using qevr::json::Decoder;
@@ -227,23 +228,19 @@ void QEVRecommendationOutcomeLog::trim(QEVRDate now) {
   std::erase_if(
       entries, [&](const QEVRecommendationOutcomeHistory& h) { return h.lastRecordedAt < cutoff; });
   if (entries.size() <= kMaxEntries) return;
-  std::vector<QEVRDate> dates;
-  for (const auto& h : entries)
-    dates.push_back(h.lastRecordedAt);
-  std::nth_element(dates.begin(), dates.begin() + static_cast<std::ptrdiff_t>(kMaxEntries - 1),
-                   dates.end(), std::greater<>());
-  const QEVRDate keepFrom = dates[kMaxEntries - 1];
-  // Ties at the line go by first-seen order, the newer first-seen kept.
-  std::size_t keepAtLine =
-      kMaxEntries - static_cast<std::size_t>(std::count_if(
-                        dates.begin(), dates.end(), [&](QEVRDate d) { return d > keepFrom; }));
+  // The most recently recorded stay, in first-seen order; of equal dates
+  // the later seen.
+  std::vector<std::size_t> order(entries.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    return entries[a].lastRecordedAt > entries[b].lastRecordedAt ||
+           (entries[a].lastRecordedAt == entries[b].lastRecordedAt && a > b);
+  });
+  order.resize(kMaxEntries);
+  std::sort(order.begin(), order.end());
   std::vector<QEVRecommendationOutcomeHistory> kept;
-  for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
-    if (it->lastRecordedAt > keepFrom || (it->lastRecordedAt == keepFrom && keepAtLine-- > 0)) {
-      kept.push_back(std::move(*it));
-    }
-  }
-  std::reverse(kept.begin(), kept.end());
+  for (std::size_t index : order)
+    kept.push_back(std::move(entries[index]));
   entries = std::move(kept);
 }
 
