@@ -145,59 +145,9 @@ QEVRecommendationOutcomeHistory applied(A action, T type = T::gameplay) {
   return history;
 }
 
-TEST(QEVRecommendationOutcomesTest, EffectsCompareTheSessionsAroundTheApplication) {
-  const A lower = A::adjustDifficulty(-1, std::nullopt, std::nullopt);
-  const A help = A::showHelp("Cart", std::nullopt, std::nullopt);
-  struct Case {
-    const char* name;
-    A action;
-    std::vector<QEVSessionGraph> graphs;
-    std::optional<E> effect;
-    double before, after;
-  };
-  const Case cases[] = {
-      {"fewer failures", lower, sessions({6, 7, 5, 6}, {2, 1, 2}), E::improved, 6, 5.0 / 3},
-      {"more failures", lower, sessions({2, 1, 2, 2}, {6, 7, 5}), E::worse, 1.75, 6},
-      {"noise", lower, sessions({6, 2, 9, 4}, {3, 8, 5}), E::unchanged, 5.25, 16.0 / 3},
-      {"two after", lower, sessions({6, 7, 5, 6}, {0, 0}), E::tooEarly, 6, 0},
-      {"tiny figures", lower, sessions({0, 0, 1, 0}, {0, 0, 0}), E::unchanged, 0.25, 0},
-      {"repeated taps", help, sessions({9, 8, 10}, {1, 2, 1}, true), E::improved, 8, 1.0 / 3},
-      {"hiding has no figure", A::hideComponent("cart", std::nullopt), sessions({1}, {1}),
-       std::nullopt, 0, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto measured = measureRecommendationEffect(applied(c.action), c.graphs);
-    ASSERT_EQ(measured.has_value(), c.effect.has_value());
-    if (!measured) continue;
-    EXPECT_EQ(measured->effect, *c.effect);
-    EXPECT_DOUBLE_EQ(measured->before, c.before);
-    EXPECT_DOUBLE_EQ(measured->after, c.after);
-  }
-  // Not applied: nothing to measure.
-  QEVRecommendationOutcomeHistory shownOnly = applied(lower);
-  shownOnly.firstAppliedAt.reset();
-  EXPECT_FALSE(measureRecommendationEffect(shownOnly, sessions({1, 1, 1}, {1, 1, 1})));
-}
-
-TEST(QEVRecommendationOutcomesTest, SessionsAcrossTheApplicationOrUndatedAreLeftOut) {
-  std::vector<QEVSessionGraph> graphs = sessions({6, 6, 6}, {1, 1, 1});
-  QEVSessionGraph across = session(49.9, 50);
-  across.endedAt = kGeneratedAt.addingSeconds(50.1 * kDay);
-  QEVSessionGraph undated = session(0, 50);
-  undated.startedAt.reset();
-  undated.endedAt.reset();
-  graphs.push_back(across);
-  graphs.push_back(undated);
-  const auto measured = measureRecommendationEffect(
-      applied(A::adjustDifficulty(-1, std::nullopt, std::nullopt)), graphs);
-  ASSERT_TRUE(measured);
-  EXPECT_EQ(measured->sessionsBefore, 3);
-  EXPECT_EQ(measured->sessionsAfter, 3);
-  EXPECT_EQ(measured->effect, E::improved);
-}
-
-TEST(QEVRecommendationOutcomesTest, FeatureUseAndShortcutsUseTheirOwnFigures) {
+// Four sessions without the feature and three screens before "Inbox", then
+// four with it and straight to "Inbox".
+std::vector<QEVSessionGraph> featureAndShortcutSessions() {
   std::vector<QEVSessionGraph> graphs;
   for (int i = 0; i < 8; ++i) {
     const bool after = i >= 4;
@@ -207,22 +157,66 @@ TEST(QEVRecommendationOutcomesTest, FeatureUseAndShortcutsUseTheirOwnFigures) {
                              : std::vector<std::string>{"Home", "A", "B", "C", "Inbox"};
     graphs.push_back(g);
   }
-  const auto feature = measureRecommendationEffect(
-      applied(A::suggestFeature("Challenge Mode", std::nullopt, std::nullopt), T::feature), graphs);
-  ASSERT_TRUE(feature);
-  EXPECT_EQ(feature->signal, QEVRecommendationSignal::featureUse);
-  EXPECT_EQ(feature->effect, E::improved);
-  EXPECT_DOUBLE_EQ(feature->after, 1.0);
+  return graphs;
+}
 
-  const auto shortcut = measureRecommendationEffect(
-      applied(A::suggestShortcut(std::nullopt, std::nullopt, "Home", "inbox", "s"), T::navigation),
-      graphs);
-  ASSERT_TRUE(shortcut);
-  EXPECT_EQ(shortcut->signal, QEVRecommendationSignal::destinationSteps);
-  EXPECT_EQ(shortcut->effect, E::improved);
-  EXPECT_DOUBLE_EQ(shortcut->before, 4);
-  EXPECT_DOUBLE_EQ(shortcut->after, 1);
-  EXPECT_EQ(shortcut->reachedAfter, 1.0);
+// Three sessions each side, plus one across the application and one
+// without dates, both full of failures.
+std::vector<QEVSessionGraph> withStrays() {
+  std::vector<QEVSessionGraph> graphs = sessions({6, 6, 6}, {1, 1, 1});
+  QEVSessionGraph across = session(49.9, 50);
+  across.endedAt = kGeneratedAt.addingSeconds(50.1 * kDay);
+  QEVSessionGraph undated = session(0, 50);
+  undated.startedAt.reset();
+  undated.endedAt.reset();
+  graphs.push_back(across);
+  graphs.push_back(undated);
+  return graphs;
+}
+
+TEST(QEVRecommendationOutcomesTest, EffectsCompareTheSessionsAroundTheApplication) {
+  using S = QEVRecommendationSignal;
+  const A lower = A::adjustDifficulty(-1, std::nullopt, std::nullopt);
+  const A help = A::showHelp("Cart", std::nullopt, std::nullopt);
+  struct Case {
+    const char* name;
+    A action;
+    std::vector<QEVSessionGraph> graphs;
+    std::optional<E> effect;
+    double before, after;
+    S signal = S::failuresAndRetries;
+  };
+  const Case cases[] = {
+      {"fewer failures", lower, sessions({6, 7, 5, 6}, {2, 1, 2}), E::improved, 6, 5.0 / 3},
+      {"more failures", lower, sessions({2, 1, 2, 2}, {6, 7, 5}), E::worse, 1.75, 6},
+      {"noise", lower, sessions({6, 2, 9, 4}, {3, 8, 5}), E::unchanged, 5.25, 16.0 / 3},
+      {"two after", lower, sessions({6, 7, 5, 6}, {0, 0}), E::tooEarly, 6, 0},
+      {"tiny figures", lower, sessions({0, 0, 1, 0}, {0, 0, 0}), E::unchanged, 0.25, 0},
+      {"across the application or undated: left out", lower, withStrays(), E::improved, 6, 1},
+      {"repeated taps", help, sessions({9, 8, 10}, {1, 2, 1}, true), E::improved, 8, 1.0 / 3,
+       S::repeatedInteractions},
+      {"feature use", A::suggestFeature("Challenge Mode", std::nullopt, std::nullopt),
+       featureAndShortcutSessions(), E::improved, 0, 1, S::featureUse},
+      {"steps to the destination",
+       A::suggestShortcut(std::nullopt, std::nullopt, "Home", "inbox", "s"),
+       featureAndShortcutSessions(), E::improved, 4, 1, S::destinationSteps},
+      {"hiding has no figure", A::hideComponent("cart", std::nullopt), sessions({1}, {1}),
+       std::nullopt, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto measured = measureRecommendationEffect(applied(c.action), c.graphs);
+    ASSERT_EQ(measured.has_value(), c.effect.has_value());
+    if (!measured) continue;
+    EXPECT_EQ(measured->effect, *c.effect);
+    EXPECT_EQ(measured->signal, c.signal);
+    EXPECT_DOUBLE_EQ(measured->before, c.before);
+    EXPECT_DOUBLE_EQ(measured->after, c.after);
+  }
+  // Not applied: nothing to measure.
+  QEVRecommendationOutcomeHistory shownOnly = applied(lower);
+  shownOnly.firstAppliedAt.reset();
+  EXPECT_FALSE(measureRecommendationEffect(shownOnly, sessions({1, 1, 1}, {1, 1, 1})));
 }
 
 TEST(QEVRecommendationOutcomesTest, HoldingBack) {
