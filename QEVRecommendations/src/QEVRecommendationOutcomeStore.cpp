@@ -84,6 +84,7 @@ std::vector<QEVRecommendationOutcomeHistory> QEVRecommendationOutcomeStore::hist
   std::optional<std::vector<QEVSessionGraph>> graphs;
   const QEVRDate now = qevr::now();
   const QEVRecommendationOutcomeLog log = loadLog(stop);
+  result.reserve(log.histories().size());
   for (const QEVRecommendationOutcomeHistory& history : log.histories())
     result.push_back(measured(history, graphs, now, stop));
   return result;

@@ -239,6 +239,7 @@ void QEVRecommendationOutcomeLog::trim(QEVRDate now) {
   order.resize(kMaxEntries);
   std::sort(order.begin(), order.end());
   std::vector<QEVRecommendationOutcomeHistory> kept;
+  kept.reserve(order.size());
   for (std::size_t index : order)
     kept.push_back(std::move(entries[index]));
   entries = std::move(kept);
