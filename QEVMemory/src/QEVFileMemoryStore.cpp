@@ -2,6 +2,8 @@
 
 #include "QEVMemoryPruner.h"
 
+#include <QEVMemory/QEVLZFSECompressionEngine.h>
+
 #include <QEVRPlatform/Executor.h>
 #include <QEVRPlatform/Json.h>
 #include <QEVRPlatform/JsonFiles.h>
@@ -38,6 +40,11 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
 
 fs::path fileNameFor(const QEVRUUID& id) {
   return id.uuidString() + ".json";
+}
+
+// A date as reading it back from a record's JSON gives it.
+QEVRDate asStored(QEVRDate date) {
+  return qevr::parseISO8601(qevr::formatISO8601(date)).value_or(date);
 }
 
 // Stands in for a missing engine: chunks are then written as plain JSON,
@@ -172,6 +179,14 @@ void QEVFileMemoryStore::writeEventChunk(const QEVMemoryEventChunk& chunk) {
     envelope.payload.assign(raw.begin(), raw.end());
   }
   writeJSON(files, target, envelope.toJSON());
+  // The pruner reads chunks with the standard LZFSE engine; what another
+  // engine wrote, it has to try for itself.
+  if (envelope.compressionType == QEVCompressionType::none ||
+      dynamic_cast<const QEVLZFSECompressionEngine*>(engine.get())) {
+    QEVMemoryPruner::noteWritten(root, files, QEVMemoryPruner::PruningCandidate::Kind::event,
+                                 target.filename().string(),
+                                 asStored(chunk.closedAt.value_or(chunk.createdAt)));
+  }
 }
 
 std::vector<QEVMemoryEventChunk> QEVFileMemoryStore::loadEventChunks(std::stop_token stop) {
@@ -195,6 +210,10 @@ void QEVFileMemoryStore::saveSessionGraph(const QEVSessionGraph& graph, std::sto
     const fs::path target = root / kSessionsDirectory / fileNameFor(*graph.sessionId);
     files.createDirectories(target.parent_path());
     writeJSON(files, target, graph.toJSON());
+    const std::optional<QEVRDate> date = graph.endedAt ? graph.endedAt : graph.startedAt;
+    QEVMemoryPruner::noteWritten(root, files, QEVMemoryPruner::PruningCandidate::Kind::session,
+                                 target.filename().string(),
+                                 date ? asStored(*date) : QEVMemoryPruner::kUndatedSessionDate);
   });
 }
 

@@ -19,6 +19,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -43,9 +44,6 @@ const char* directoryOf(Kind kind) {
 
 constexpr double kSecondsPerDay = 86'400;
 constexpr std::uint64_t kBytesPerMB = 1'048'576;
-// 0001-01-01T00:00:00Z: the date of a session graph that knows neither its
-// start nor its end, so that such a graph is the first to go.
-constexpr QEVRDate kDistantPast{-63'114'076'800.0};
 
 std::int64_t atLeastZero(std::int64_t value) {
   return std::max<std::int64_t>(value, 0);
@@ -179,6 +177,15 @@ class DateReader {
 constexpr std::uint64_t kReleaseAfterReadingBytes = 1'048'576;
 constexpr std::chrono::seconds kReleaseAtLeastEvery{10};
 
+// A file the store wrote, with the identity it had just after and the
+// date decoding it would give; see noteWritten.
+struct WrittenFile {
+  Kind kind;
+  std::string name;
+  qevr::FileIdentity identity;
+  QEVRDate date;
+};
+
 }  // namespace
 
 // Held for a whole run: runs take turns over the index, so that what one
@@ -197,6 +204,10 @@ class QEVMemoryPruner::Index {
   bool datesFileRead QEVR_GUARDED_BY(lock) = false;
   bool datesFileWritten QEVR_GUARDED_BY(lock) = false;
   std::size_t learntSinceWritten QEVR_GUARDED_BY(lock) = 0;
+
+  // Its own lock, so that a writer never waits for a run.
+  qevr::Mutex notesLock;  // guards `notes`
+  std::vector<WrittenFile> notes QEVR_GUARDED_BY(notesLock);
 };
 
 namespace {
@@ -313,6 +324,39 @@ void applyKeptDates(qevr::FileSystem& files, const fs::path& datesFile, KnownDir
   }
 }
 
+// Gives the files that have no date yet the one noted for their name, when
+// their identity is still the noted one, up to the limit of remembered
+// dates. Returns how many it gave.
+std::size_t applyNotes(std::vector<WrittenFile>& notes, KnownDirectory& events,
+                       KnownDirectory& sessions) {
+  if (notes.empty()) return 0;
+  const auto byName = [](const WrittenFile& a, const WrittenFile& b) {
+    return std::tie(a.kind, a.name) < std::tie(b.kind, b.name);
+  };
+  // Stable, so that the last note of a name is its newest write.
+  std::stable_sort(notes.begin(), notes.end(), byName);
+  std::size_t remembered = rememberedIn(events) + rememberedIn(sessions);
+  std::size_t given = 0;
+  for (KnownDirectory* known : {&events, &sessions}) {
+    const Kind kind = known == &events ? Kind::event : Kind::session;
+    for (KnownFile& file : known->files) {
+      if (remembered >= QEVMemoryPruner::kMaxRememberedDates) return given;
+      if (file.date || !file.identity) continue;
+      const auto after = std::upper_bound(notes.begin(), notes.end(), std::tie(kind, file.name),
+                                          [](const auto& key, const WrittenFile& note) {
+                                            return key < std::tie(note.kind, note.name);
+                                          });
+      if (after == notes.begin()) continue;
+      const WrittenFile& note = *(after - 1);
+      if (note.kind != kind || note.name != file.name || note.identity != *file.identity) continue;
+      file.date = note.date;
+      ++remembered;
+      ++given;
+    }
+  }
+  return given;
+}
+
 }  // namespace
 
 namespace {
@@ -341,7 +385,7 @@ std::vector<Candidate> listCandidates(qevr::FileSystem& files, const fs::path& r
     qevr::checkCancellation(stop);
     const QEVRDate date = dates.dateOf(sessionsDirectory, file, [](std::string_view text) {
       const QEVSessionGraph graph = QEVSessionGraph::fromJSON(text);
-      return graph.endedAt.value_or(graph.startedAt.value_or(kDistantPast));
+      return graph.endedAt.value_or(graph.startedAt.value_or(QEVMemoryPruner::kUndatedSessionDate));
     });
     all.push_back({file.name, Kind::session, date, byteCountOf(files, sessionsDirectory, file)});
   }
@@ -418,18 +462,55 @@ fs::path QEVMemoryPruner::datesFileFor(const fs::path& rootDirectory) {
   return dates;
 }
 
+namespace {
+
+// Only the last store's index is kept: a process has one store, and tests
+// that go through many roots should not keep a watch open on each.
+struct SharedIndexSlot {
+  qevr::Mutex lock;  // guards `last`
+  std::shared_ptr<QEVMemoryPruner::Index> last QEVR_GUARDED_BY(lock);
+};
+
+SharedIndexSlot& sharedIndexSlot() {
+  static SharedIndexSlot slot;
+  return slot;
+}
+
+}  // namespace
+
 std::shared_ptr<QEVMemoryPruner::Index> QEVMemoryPruner::sharedIndex(
     const fs::path& rootDirectory, qevr::FileSystem& fileSystem,
     std::optional<fs::path> datesFile) {
-  // Only the last store's index is kept: a process has one store, and tests
-  // that go through many roots should not keep a watch open on each.
-  static qevr::Mutex lock;  // guards `last`
-  static std::shared_ptr<Index> last;
-  qevr::MutexLock guard(lock);
-  if (!last || last->root != rootDirectory || &last->files != &fileSystem) {
-    last = makeIndex(rootDirectory, fileSystem, std::move(datesFile));
+  SharedIndexSlot& slot = sharedIndexSlot();
+  qevr::MutexLock guard(slot.lock);
+  if (!slot.last || slot.last->root != rootDirectory || &slot.last->files != &fileSystem) {
+    slot.last = makeIndex(rootDirectory, fileSystem, std::move(datesFile));
   }
-  return last;
+  return slot.last;
+}
+
+void QEVMemoryPruner::noteWritten(const fs::path& rootDirectory, qevr::FileSystem& fileSystem,
+                                  PruningCandidate::Kind kind, std::string name,
+                                  QEVRDate date) noexcept {
+  try {
+    std::shared_ptr<Index> index;
+    {
+      SharedIndexSlot& slot = sharedIndexSlot();
+      qevr::MutexLock guard(slot.lock);
+      index = slot.last;
+    }
+    if (!index || &index->files != &fileSystem || index->root != rootDirectory) return;
+    // What a run could not read, it must still fail on: a file over the
+    // limit is left to be read.
+    const std::optional<qevr::FileIdentity> identity =
+        fileSystem.fileIdentity(rootDirectory / directoryOf(kind) / name);
+    if (!identity || !identity->isRegularFile || identity->size > kQEVMemoryMaxFileBytes) return;
+    qevr::MutexLock guard(index->notesLock);
+    if (index->notes.size() >= kMaxPendingNotes) return;
+    index->notes.push_back({kind, std::move(name), *identity, date});
+  } catch (...) {
+    // Without the note, the next run reads the file.
+  }
 }
 
 QEVMemoryPruner::QEVMemoryPruner(fs::path rootDirectory, qevr::FileSystem& fileSystem,
@@ -464,12 +545,20 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         qevr::checkCancellation(stop);
         const QEVRDate now = qevr::now();
         qevr::MutexLock guard(index->lock);
+        // Taken before the listing: every note names a file that was in
+        // place when it was made, so the listing sees it.
+        std::vector<WrittenFile> notes;
+        {
+          qevr::MutexLock notesGuard(index->notesLock);
+          notes.swap(index->notes);
+        }
         refresh(files, root / "events", index->events);
         refresh(files, root / "sessions", index->sessions);
         if (index->datesFile && !index->datesFileRead) {
           index->datesFileRead = true;
           applyKeptDates(files, *index->datesFile, index->events, index->sessions);
         }
+        const std::size_t noted = applyNotes(notes, index->events, index->sessions);
         const std::size_t rememberedBefore =
             rememberedIn(index->events) + rememberedIn(index->sessions);
         DateReader dates(files, rememberedBefore);
@@ -478,9 +567,9 @@ QEVMemoryPruningSummary QEVMemoryPruner::prune(const QEVMemoryOptions& options,
         std::vector<Candidate> all =
             listCandidates(files, root, index->events, index->sessions, dates, stop);
         readBytes = dates.readBytes();
-        if (index->datesFile && readBytes > 0) {
-          index->learntSinceWritten +=
-              rememberedIn(index->events) + rememberedIn(index->sessions) - rememberedBefore;
+        if (index->datesFile && (readBytes > 0 || noted > 0)) {
+          index->learntSinceWritten += noted + rememberedIn(index->events) +
+                                       rememberedIn(index->sessions) - rememberedBefore;
           if (!index->datesFileWritten || index->learntSinceWritten >= kSaveDatesAfterLearning) {
             try {
               files.writeFileAtomically(*index->datesFile,

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <memory>
 #include <stop_token>
+#include <string>
 #include <vector>
 
 struct QEVMemoryPruningSummary {
@@ -74,6 +75,23 @@ class QEVMemoryPruner {
   static std::filesystem::path datesFileFor(const std::filesystem::path& rootDirectory);
 
   static constexpr std::size_t kSaveDatesAfterLearning = 64;
+
+  // Tells the shared index of the store at `rootDirectory` on `files`, if
+  // there is one, the date of a file the store has just written there
+  // (its name within events/ or sessions/), as decoding it would give. The
+  // next run takes it instead of reading the file, when the file it finds
+  // under that name still has the identity it has now. A cost saving only:
+  // a note that is lost or that no longer matches leaves the file to be
+  // read. Never waits for a run; never throws.
+  static void noteWritten(const std::filesystem::path& rootDirectory, qevr::FileSystem& files,
+                          PruningCandidate::Kind kind, std::string name, QEVRDate date) noexcept;
+
+  // 0001-01-01T00:00:00Z: the date of a session graph that knows neither
+  // its start nor its end, so that such a graph is the first to go.
+  static constexpr QEVRDate kUndatedSessionDate{-63'114'076'800.0};
+
+  // Notes waiting for a run are capped; later ones are dropped.
+  static constexpr std::size_t kMaxPendingNotes = 4'096;
 
   // `files` and `executor` must outlive the pruner. Without an `index`, the
   // pruner starts one of its own; one from sharedIndex must be for the same

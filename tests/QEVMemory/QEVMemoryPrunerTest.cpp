@@ -120,26 +120,28 @@ class QEVMemoryPrunerTest : public ::testing::Test {
   void TearDown() override { qevr::setClock(nullptr); }
 
   // Writes a real file of the item's kind through the store, replacing any
-  // file of the same id.
+  // file of the same id; through `files` while `noting`, so that the shared
+  // index of (root, files), when there is one, hears of the write.
   fs::path add(const Item& item, const QEVRUUID& id = QEVRUUID::random()) {
     const auto ago = [](double seconds) { return kNow.addingSeconds(-seconds); };
+    const fs::path file =
+        root / (item.kind == Kind::event ? "events" : "sessions") / (id.uuidString() + ".json");
+    files.sizes[file.filename()] = item.size;
+    QEVFileMemoryStore& writer = noting ? notingStore : store;
     if (item.kind == Kind::event) {
       const QEVRDate created = ago(item.startAge.value_or(item.endAge.value_or(0) + 3600));
       QEVMemoryEvent event{
           QEVRUUID::random(), QEVMemoryEventType::screenView, created, {}, "Home", {}, {}, 1};
       std::optional<QEVRDate> closed;
       if (item.endAge) closed = ago(*item.endAge);
-      store.saveEventChunk({id, {}, created, closed, {event}, 1, 1});
+      writer.saveEventChunk({id, {}, created, closed, {event}, 1, 1});
     } else {
       QEVSessionGraph graph;
       graph.sessionId = id;
       if (item.startAge) graph.startedAt = ago(*item.startAge);
       if (item.endAge) graph.endedAt = ago(*item.endAge);
-      store.saveSessionGraph(graph);
+      writer.saveSessionGraph(graph);
     }
-    const fs::path file =
-        root / (item.kind == Kind::event ? "events" : "sessions") / (id.uuidString() + ".json");
-    files.sizes[file.filename()] = item.size;
     return file;
   }
 
@@ -152,6 +154,8 @@ class QEVMemoryPrunerTest : public ::testing::Test {
   TemporaryDirectory temporary;
   fs::path root = temporary.path;
   QEVFileMemoryStore store{root, real, std::make_shared<QEVLZFSECompressionEngine>()};
+  QEVFileMemoryStore notingStore{root, files, std::make_shared<QEVLZFSECompressionEngine>()};
+  bool noting = false;
   QEVMemoryPruner pruner{root, files};
 };
 
@@ -204,6 +208,10 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
           {chunk("old", 2 * kDay, {}, half), session("new", kDay, {}, half)}, {"old"}, 1),
       row("disk: equal dates take chunks before sessions", options(1, 30, 100),
           {session("session", kDay, {}, 600'000), chunk("chunk", kDay, {}, 600'000)}, {"chunk"}),
+      row("disk: dates count as stored, in whole seconds, so these two tie", options(1, 30, 100),
+          {session("olderInMemory", kDay + 0.7, {}, 600'000),
+           chunk("newerInMemory", kDay + 0.3, {}, 600'000)},
+          {"newerInMemory"}),
       row("disk: budget 0 stops once nothing is left", options(0, 30, 100),
           {chunk("emptyOld", 3 * kDay, {}, 0), session("full", 2 * kDay, {}, 100),
            chunk("emptyNew", kDay, {}, 0)},
@@ -219,13 +227,22 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
   };
   // Cold: a new pruner. Warm: one that has already run over these very
   // files with limits that take nothing, and so reads none of them again;
-  // where directories can be watched, it lists none of them either.
+  // where directories can be watched, it lists none of them either. Noted:
+  // a new pruner over the shared index, which the store told of every
+  // file it wrote, and so reads none.
+  enum class Start { cold, warm, noted };
   for (const bool watchable : {true, false})
-    for (const bool warm : {false, true}) {
+    for (const Start start : {Start::cold, Start::warm, Start::noted}) {
       files.watchable = watchable;
+      const bool warm = start == Start::warm;
+      noting = start == Start::noted;
       for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.name) + (warm ? " (warm" : " (cold") +
+        SCOPED_TRACE(std::string(c.name) +
+                     (warm     ? " (warm"
+                      : noting ? " (noted"
+                               : " (cold") +
                      (watchable ? ", watched)" : ", listed)"));
+        const auto index = noting ? QEVMemoryPruner::sharedIndex(root, files) : nullptr;
         std::map<std::string, fs::path> paths;
         QEVMemoryPruningSummary expected;
         for (const Item& item : c.items) {
@@ -252,7 +269,8 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
           files.sizes.erase(outcomeLog.filename());
         }
 
-        const QEVMemoryPruner fresh(root, files);
+        const QEVMemoryPruner fresh(root, files, qevr::defaultExecutor(), index);
+        files.reads = 0;
         if (warm) {
           const QEVMemoryOptions keepAll =
               options(std::numeric_limits<std::int64_t>::max(), 1'000'000, 1'000'000);
@@ -262,10 +280,13 @@ TEST_F(QEVMemoryPrunerTest, PassesDeleteExactlyTheExpectedFiles) {
           files.listings = 0;
         }
         EXPECT_EQ(fresh.prune(c.options), expected);
-        if (warm) {
-          EXPECT_EQ(files.reads, 0);
-          EXPECT_EQ(files.listings, watchable ? 0 : 2);
-        }
+        // A note never stands for a file too big to read: that one is read.
+        const auto oversized = std::count_if(c.items.begin(), c.items.end(), [](const Item& i) {
+          return i.size > kQEVMemoryMaxFileBytes;
+        });
+        if (warm) EXPECT_EQ(files.reads, 0);
+        if (noting) EXPECT_EQ(files.reads, oversized);
+        if (warm) EXPECT_EQ(files.listings, watchable ? 0 : 2);
         for (const auto& [name, path] : paths)
           EXPECT_EQ(real.exists(path), !c.deleted.contains(name)) << name;
         for (const fs::path& path : bystanders)
@@ -319,23 +340,29 @@ TEST_F(QEVMemoryPrunerTest, ADamagedFileFailsEveryRunBeforeAnyDeletion) {
       {Kind::session, undatable, true},
       {Kind::session, "", true},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.contents + (c.knownGood ? " (known good)" : ""));
-    const fs::path old = add(chunk("old", 100 * kDay));
-    const fs::path damaged = add({"damaged", c.kind, kDay});
-    if (c.knownGood) {
-      ASSERT_EQ(pruner.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
+  // Also when the store told the shared index of the whole file it wrote.
+  for (const bool noted : {false, true})
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.contents + (c.knownGood ? " (known good)" : "") + (noted ? " (noted)" : ""));
+      noting = noted;
+      const QEVMemoryPruner shared(root, files, qevr::defaultExecutor(),
+                                   QEVMemoryPruner::sharedIndex(root, files));
+      const QEVMemoryPruner& run = noted ? shared : pruner;
+      const fs::path old = add(chunk("old", 100 * kDay));
+      const fs::path damaged = add({"damaged", c.kind, kDay});
+      if (c.knownGood) {
+        ASSERT_EQ(run.prune(options(25, 1'000'000, 100)), QEVMemoryPruningSummary{});
+      }
+      sink->clear();
+      real.writeFileAtomically(damaged, bytesOf(c.contents));
+      for (int attempt = 0; attempt < 2; ++attempt)
+        EXPECT_ANY_THROW(run.prune(options(0, 0, 0)));
+      EXPECT_TRUE(real.exists(old) && real.exists(damaged));
+      EXPECT_TRUE(lines().empty());
+      real.removeItem(damaged);
+      EXPECT_EQ(run.prune(QEVMemoryOptions()).deletedEventChunks, 1);
+      real.removeItem(root);
     }
-    sink->clear();
-    real.writeFileAtomically(damaged, bytesOf(c.contents));
-    for (int run = 0; run < 2; ++run)
-      EXPECT_ANY_THROW(pruner.prune(options(0, 0, 0)));
-    EXPECT_TRUE(real.exists(old) && real.exists(damaged));
-    EXPECT_TRUE(lines().empty());
-    real.removeItem(damaged);
-    EXPECT_EQ(pruner.prune(QEVMemoryOptions()).deletedEventChunks, 1);
-    real.removeItem(root);
-  }
 }
 
 TEST_F(QEVMemoryPrunerTest, RemovalFailureEndsTheRunAndVanishedFilesAreSkipped) {
