@@ -23,25 +23,24 @@ constexpr std::array<std::uint8_t, 256> kDecodeTable = makeDecodeTable();
 }  // namespace
 
 std::string base64Encode(std::span<const std::uint8_t> bytes) {
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
+  std::string out((bytes.size() + 2) / 3 * 4, '=');
+  char* to = out.data();
   std::size_t i = 0;
-  for (; i + 3 <= bytes.size(); i += 3) {
+  for (; i + 3 <= bytes.size(); i += 3, to += 4) {
     const std::uint32_t group =
         std::uint32_t{bytes[i]} << 16 | std::uint32_t{bytes[i + 1]} << 8 | bytes[i + 2];
-    out.push_back(kAlphabet[group >> 18]);
-    out.push_back(kAlphabet[group >> 12 & 0x3F]);
-    out.push_back(kAlphabet[group >> 6 & 0x3F]);
-    out.push_back(kAlphabet[group & 0x3F]);
+    to[0] = kAlphabet[group >> 18];
+    to[1] = kAlphabet[group >> 12 & 0x3F];
+    to[2] = kAlphabet[group >> 6 & 0x3F];
+    to[3] = kAlphabet[group & 0x3F];
   }
   const std::size_t rest = bytes.size() - i;
-  if (rest > 0) {
+  if (rest > 0) {  // the padding is in place already
     std::uint32_t group = std::uint32_t{bytes[i]} << 16;
     if (rest == 2) group |= std::uint32_t{bytes[i + 1]} << 8;
-    out.push_back(kAlphabet[group >> 18]);
-    out.push_back(kAlphabet[group >> 12 & 0x3F]);
-    out.push_back(rest == 2 ? kAlphabet[group >> 6 & 0x3F] : '=');
-    out.push_back('=');
+    to[0] = kAlphabet[group >> 18];
+    to[1] = kAlphabet[group >> 12 & 0x3F];
+    if (rest == 2) to[2] = kAlphabet[group >> 6 & 0x3F];
   }
   return out;
 }

@@ -3,6 +3,7 @@
 
 #include "JsonNumber.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <stdexcept>
@@ -39,12 +40,24 @@ constexpr const char* escapeFor(unsigned char c) {
   }
 }
 
+// The bytes that go out as they are, without a look at what follows.
+constexpr std::array<bool, 256> kPlain = [] {
+  std::array<bool, 256> plain{};
+  for (unsigned c = 0x20; c < 0x80; ++c)
+    plain[c] = escapeFor(static_cast<unsigned char>(c)) == nullptr;
+  return plain;
+}();
+
 void appendEscaped(std::string& out, std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
   out.push_back('"');
   std::size_t runStart = 0;
   std::size_t i = 0;
   while (i < text.size()) {
+    // Most text is plain ASCII: skip over it in one go.
+    while (kPlain[static_cast<unsigned char>(text[i])])
+      if (++i == text.size()) break;
+    if (i == text.size()) break;
     const auto c = static_cast<unsigned char>(text[i]);
     if (c >= 0x80) {
       // Copy well-formed sequences as they are; the rest become U+FFFD.
@@ -60,10 +73,6 @@ void appendEscaped(std::string& out, std::string_view text) {
       continue;
     }
     const char* escape = escapeFor(c);
-    if (escape == nullptr && c >= 0x20) {
-      ++i;
-      continue;
-    }
     out.append(text.substr(runStart, i - runStart));
     if (escape != nullptr) {
       out.append(escape);

@@ -48,14 +48,14 @@ QEVRUUID QEVRUUID::random() {
 
 std::string QEVRUUID::uuidString() const {
   static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string text;
-  text.reserve(36);
+  char text[36];
+  std::size_t at = 0;
   for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text.push_back('-');
-    text.push_back(kHex[bytes[i] >> 4]);
-    text.push_back(kHex[bytes[i] & 0x0F]);
+    if (i == 4 || i == 6 || i == 8 || i == 10) text[at++] = '-';
+    text[at++] = kHex[bytes[i] >> 4];
+    text[at++] = kHex[bytes[i] & 0x0F];
   }
-  return text;
+  return std::string(text, sizeof text);
 }
 
 std::optional<QEVRUUID> QEVRUUID::parse(std::string_view text) {
