@@ -365,13 +365,13 @@ std::size_t LzfseStreamEncoder::run() {
 // Walks the input, emitting matches and literal runs into blocks. False
 // once the output no longer fits.
 bool LzfseStreamEncoder::findMatches() {
-  detail::HashBucket* const buckets = st.table.buckets();
-  std::uint32_t bias = st.table.begin();
   // A table of about a quarter as many buckets as input bytes (4 entries
   // each) finds as many matches as the full one: smaller inputs touch fewer
   // cache lines.
   const unsigned hashBits =
       std::clamp(static_cast<unsigned>(std::bit_width(n)) - 2, 10u, detail::MatchTable::kHashBits);
+  detail::HashBucket* const buckets = st.table.buckets(hashBits);
+  std::uint32_t bias = st.table.begin();
   Match pending;
   bool hasPending = false;
   std::size_t p = 0;
@@ -536,13 +536,15 @@ std::size_t maxEncodedSize(std::size_t inputBytes) {
   return rawStreamSize(inputBytes);
 }
 
-Encoder::Encoder() : state(std::make_unique<EncoderState>()) {}
+// Default-initialised: the block buffers are written before they are read,
+// and a page of them that a small input never reaches is never touched.
+Encoder::Encoder() : state(std::make_unique_for_overwrite<EncoderState>()) {}
 Encoder::~Encoder() = default;
 Encoder::Encoder(Encoder&&) noexcept = default;
 Encoder& Encoder::operator=(Encoder&&) noexcept = default;
 
 std::size_t Encoder::encodeBuffer(std::span<const std::uint8_t> src, std::span<std::uint8_t> dst) {
-  if (!state) state = std::make_unique<EncoderState>();  // after a move
+  if (!state) state = std::make_unique_for_overwrite<EncoderState>();  // after a move
   const std::size_t n = src.size();
   const std::size_t raw = rawStreamSize(n);
   if (n < kMinCompressedInput) return writeRawStream(src, dst);

@@ -169,12 +169,12 @@ Candidate extendLzvnMatch(const std::uint8_t* s, std::size_t n, std::size_t p, s
 
 std::size_t encodeLzvnPayload(const std::uint8_t* s, std::size_t n, std::uint8_t* out,
                               std::size_t capacity, MatchTable& table) {
-  HashBucket* const buckets = table.buckets();
-  std::uint32_t bias = table.begin();
   // About twice as many buckets as input bytes: as good as the full table
   // on inputs this small, and far fewer cache lines touched.
   const unsigned hashBits =
       std::clamp(static_cast<unsigned>(std::bit_width(n)) + 1, 8u, MatchTable::kHashBits);
+  HashBucket* const buckets = table.buckets(hashBits);
+  std::uint32_t bias = table.begin();
   const std::uint32_t mask = (std::uint32_t{1} << hashBits) - 1;
   LzvnWriter writer(s, out, capacity);
   std::size_t litStart = 0;

@@ -52,15 +52,24 @@ class MatchTable {
   static constexpr unsigned kHashBits = 14;
   static constexpr std::size_t kBuckets = std::size_t{1} << kHashBits;
 
-  HashBucket* buckets() {
-    if (!table) table = std::make_unique<HashBucket[]>(kBuckets);  // zeroed: never valid
+  // The table, of which an input hashing to `bits` bits uses the first
+  // 2^bits buckets. Buckets are zeroed (never valid) when first used, so
+  // that a host compressing small chunks never touches the pages of the
+  // rest.
+  HashBucket* buckets(unsigned bits) {
+    if (!table) table = std::make_unique_for_overwrite<HashBucket[]>(kBuckets);
+    const std::size_t used = std::size_t{1} << std::min(bits, kHashBits);
+    if (used > zeroed) {
+      std::fill(table.get() + zeroed, table.get() + used, HashBucket{});
+      zeroed = used;
+    }
     return table.get();
   }
 
   // Starts an input; returns its bias.
   std::uint32_t begin() {
     if (nextBase > kRestartAbove) {
-      std::fill(buckets(), buckets() + kBuckets, HashBucket{});
+      std::fill(table.get(), table.get() + zeroed, HashBucket{});
       nextBase = 1;
     }
     return nextBase;
@@ -75,8 +84,8 @@ class MatchTable {
   // Returns the amount to subtract from the bias.
   std::uint32_t rebase(std::uint32_t cur) {
     const std::uint32_t delta = cur - (kMaxD + 64);
-    HashBucket* b = buckets();
-    for (std::size_t i = 0; i < kBuckets; ++i) {
+    HashBucket* b = table.get();
+    for (std::size_t i = 0; i < zeroed; ++i) {
       for (std::uint64_t& e : b[i].entry) {
         const std::uint32_t pos = entryPos(e);
         e = makeEntry(pos > delta ? pos - delta : 0, entryValue(e));
@@ -91,6 +100,7 @@ class MatchTable {
  private:
   static constexpr std::uint32_t kRestartAbove = 0x80000000u;
   std::unique_ptr<HashBucket[]> table;
+  std::size_t zeroed = 0;  // buckets [0, zeroed) hold entries or zeros
   std::uint32_t nextBase = 1;
 };
 
