@@ -325,21 +325,29 @@ constexpr time_t kAbandonedAfterSeconds = 3600;
 }  // namespace
 
 std::size_t FileSystem::removeAbandonedTemporaries(const fs::path& directory) {
-  std::vector<fs::path> children;
+  // Only the temporaries' names are kept: a store's directory holds
+  // thousands of files, and a path for each would cost megabytes at start.
+  std::vector<std::pair<fs::path, pid_t>> temporaries;
+  DIR* listing = ::opendir(directory.c_str());
+  if (listing == nullptr) return 0;
   try {
-    children = listDirectory(directory);
-  } catch (const std::exception&) {
+    while (const dirent* entry = ::readdir(listing)) {
+      if (const std::optional<pid_t> writer = temporaryWriter(entry->d_name)) {
+        temporaries.emplace_back(directory / entry->d_name, *writer);
+      }
+    }
+  } catch (...) {
+    ::closedir(listing);
     return 0;
   }
+  ::closedir(listing);
   const time_t now = ::time(nullptr);
   std::size_t removed = 0;
-  for (const fs::path& child : children) {
-    const std::optional<pid_t> writer = temporaryWriter(child.filename().native());
-    if (!writer) continue;
+  for (const auto& [child, writer] : temporaries) {
     struct stat st {};
     if (::lstat(child.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     const bool stale = now - st.st_mtime > kAbandonedAfterSeconds;
-    const bool live = *writer == ::getpid() || processIsRunning(*writer);
+    const bool live = writer == ::getpid() || processIsRunning(writer);
     if (live && !stale) continue;
     if (::unlink(child.c_str()) == 0) ++removed;
   }
