@@ -79,6 +79,19 @@ probe_medians() {
   done
 }
 
+# second_launch NAME LIBDIR: the probe's figures on a full store's second
+# launch. The first launch of a copied store reads every file once; an app's
+# later starts do not.
+second_launch() {
+  local lines=() again
+  for _ in 1 2 3; do
+    again="$(fresh run full)"
+    LD_LIBRARY_PATH="$2" "$probe" "$again" 1000 >/dev/null
+    lines+=("$(LD_LIBRARY_PATH="$2" "$probe" "$again" 1000)")
+  done
+  probe_medians "$1" second.1000 "${lines[@]}"
+}
+
 # measure NAME BUILD: sets figures[NAME.*]
 declare -A figures
 measure() {
@@ -111,16 +124,7 @@ measure() {
       probe_medians "$name" "$store.$events" "${lines[@]}"
     done
   done
-  # A full store's second launch: the first launch of a copied store reads
-  # every file once, an app's later starts do not.
-  local lines=()
-  for _ in 1 2 3; do
-    local again
-    again="$(fresh run full)"
-    LD_LIBRARY_PATH="$lib" "$probe" "$again" 1000 >/dev/null
-    lines+=("$(LD_LIBRARY_PATH="$lib" "$probe" "$again" 1000)")
-  done
-  probe_medians "$name" second.1000 "${lines[@]}"
+  second_launch "$name" "$lib"
   local stripped="$work/libqevr.so"
   cp "$lib/libqevr.so" "$stripped" && strip --strip-all "$stripped"
   figures[$name.size]="$(stat -c %s "$stripped")"
@@ -170,13 +174,7 @@ if [ -f build/minsize/QEVR/libqevr.so ]; then
   cp build/minsize/QEVR/libqevr.so "$work/min.so" && strip --strip-all "$work/min.so"
   echo "libqevr.so stripped, minsize build: $(stat -c %s "$work/min.so") bytes"
   # The library a phone ships: its code pages are most of what release adds.
-  lines=()
-  for _ in 1 2 3; do
-    again="$(fresh run full)"
-    LD_LIBRARY_PATH=build/minsize/QEVR "$probe" "$again" 1000 >/dev/null
-    lines+=("$(LD_LIBRARY_PATH=build/minsize/QEVR "$probe" "$again" 1000)")
-  done
-  probe_medians min second.1000 "${lines[@]}"
+  second_launch min build/minsize/QEVR
   echo "RSS added / peak kB, start + 1,000 events, second launch, minsize library:" \
        "${figures[min.rss_added_kb.second.1000]} / ${figures[min.peak_added_kb.second.1000]}"
 fi

@@ -195,6 +195,10 @@ class QEVMemoryPruner::Index {
   Index(fs::path rootDirectory, qevr::FileSystem& fileSystem, std::optional<fs::path> keptDatesFile)
       : root(std::move(rootDirectory)), files(fileSystem), datesFile(std::move(keptDatesFile)) {}
 
+  bool isFor(const fs::path& rootDirectory, const qevr::FileSystem& fileSystem) const {
+    return &files == &fileSystem && root == rootDirectory;
+  }
+
   const fs::path root;
   qevr::FileSystem& files;
   const std::optional<fs::path> datesFile;
@@ -483,7 +487,7 @@ std::shared_ptr<QEVMemoryPruner::Index> QEVMemoryPruner::sharedIndex(
     std::optional<fs::path> datesFile) {
   SharedIndexSlot& slot = sharedIndexSlot();
   qevr::MutexLock guard(slot.lock);
-  if (!slot.last || slot.last->root != rootDirectory || &slot.last->files != &fileSystem) {
+  if (!slot.last || !slot.last->isFor(rootDirectory, fileSystem)) {
     slot.last = makeIndex(rootDirectory, fileSystem, std::move(datesFile));
   }
   return slot.last;
@@ -499,7 +503,7 @@ void QEVMemoryPruner::noteWritten(const fs::path& rootDirectory, qevr::FileSyste
       qevr::MutexLock guard(slot.lock);
       index = slot.last;
     }
-    if (!index || &index->files != &fileSystem || index->root != rootDirectory) return;
+    if (!index || !index->isFor(rootDirectory, fileSystem)) return;
     // What a run could not read, it must still fail on: a file over the
     // limit is left to be read.
     const std::optional<qevr::FileIdentity> identity =
